@@ -1,0 +1,209 @@
+#pragma once
+
+// The Bayeux vocabulary: every message as a class, the advice records and the
+// batch container. Plain values: a message is owned by one thread at a time while
+// it travels as std::unique_ptr; a fanned-out PublishRequest is shared as
+// std::shared_ptr<const PublishRequest> and never changed after that.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "korvane/frame/data_buffer.h"
+#include "korvane/frame/message.h"
+#include "korvane/frame/reactive_streams.h"
+
+namespace korvane::bayeux {
+
+class BayeuxServiceProvider;
+
+using BayeuxMessage = ServiceMessage<BayeuxServiceProvider>;
+using MessageStream = reactive_streams::PublisherAPI<std::unique_ptr<Message>>;
+
+// The four fields that all Bayeux messages share. Empty strings mean absent.
+class BayeuxBase {
+public:
+    explicit BayeuxBase(std::string channel = std::string());
+    BayeuxBase(const BayeuxBase&) = default;
+    BayeuxBase& operator=(const BayeuxBase&) = default;
+    virtual ~BayeuxBase();
+
+    std::string channel;
+    std::string id;
+    std::string clientId;
+    // The context of the session that sent the message; null on a message fresh from the wire.
+    std::shared_ptr<Context> context;
+};
+
+// The fields every response carries behind its bases.
+class BayeuxResponse : public BayeuxBase {
+public:
+    using BayeuxBase::BayeuxBase;
+    ~BayeuxResponse() override;
+
+    std::string error;
+    bool successful = false;
+};
+
+class Advice {
+public:
+    enum Reconnect : std::int32_t { Retry = 0, Handshake = 1, None = 2 };
+
+    Reconnect reconnect = None;
+    std::int64_t timeout = -1;   // milliseconds; negative is unset and not written
+    std::int64_t interval = -1;  // milliseconds; negative is unset and not written
+    bool multipleClients = false;
+    std::vector<std::string> hosts;
+};
+
+class BayeuxAdvice : public Advice {
+public:
+    // Advice per connection type, keyed by the connection-type name.
+    std::unordered_map<std::string, Advice> transportAdvice;
+};
+
+// Declares the dispatch of one concrete message class to BayeuxServiceProvider.
+#define KORVANE_BAYEUX_DISPATCH                                                                       \
+    Future<std::unique_ptr<Message>> dispatchTo(std::shared_ptr<BayeuxServiceProvider>&& service,     \
+                                                std::unique_ptr<Message>&& self, Address&& address,   \
+                                                std::shared_ptr<Context>&& context) override
+
+class HandshakeRequest : public BayeuxBase, public BayeuxMessage {
+public:
+    HandshakeRequest();
+    KORVANE_BAYEUX_DISPATCH;
+
+    std::string version;
+    std::string minimumVersion;
+    std::vector<std::string> supportedConnectionTypes;
+};
+
+class HandshakeResponse : public BayeuxResponse, public BayeuxMessage {
+public:
+    HandshakeResponse();
+    KORVANE_BAYEUX_DISPATCH;
+
+    std::string version;
+    std::string minimumVersion;
+    std::vector<std::string> supportedConnectionTypes;
+    std::shared_ptr<BayeuxAdvice> advice;
+};
+
+// Kept so that a /meta/connect can be serialised; the reader never produces it.
+class ConnectRequest : public BayeuxBase, public BayeuxMessage {
+public:
+    ConnectRequest();
+    KORVANE_BAYEUX_DISPATCH;
+
+    std::string connectionType;
+    std::shared_ptr<BayeuxAdvice> advice;
+};
+
+class ConnectResponse : public BayeuxResponse, public BayeuxMessage {
+public:
+    ConnectResponse();
+    KORVANE_BAYEUX_DISPATCH;
+
+    std::shared_ptr<BayeuxAdvice> advice;
+};
+
+// The real /meta/connect request. The two flags never reach the wire: the
+// transport sets them to say how the session is to answer.
+class ConnectStreamRequest : public BayeuxBase, public BayeuxMessage {
+public:
+    ConnectStreamRequest();
+    KORVANE_BAYEUX_DISPATCH;
+
+    std::string connectionType;
+    std::shared_ptr<BayeuxAdvice> advice;
+    bool bufferResponses = false;
+    bool holdResponses = false;
+};
+
+class ConnectStreamResponse : public BayeuxResponse, public BayeuxMessage {
+public:
+    ConnectStreamResponse();
+    KORVANE_BAYEUX_DISPATCH;
+
+    std::shared_ptr<BayeuxAdvice> advice;
+    // The live end of the connect: its messages, closed by a ConnectResponse. Null when failed.
+    std::shared_ptr<MessageStream> stream;
+};
+
+class DisconnectRequest : public BayeuxBase, public BayeuxMessage {
+public:
+    DisconnectRequest();
+    KORVANE_BAYEUX_DISPATCH;
+};
+
+class DisconnectResponse : public BayeuxResponse, public BayeuxMessage {
+public:
+    DisconnectResponse();
+    KORVANE_BAYEUX_DISPATCH;
+};
+
+class SubscribeRequest : public BayeuxBase, public BayeuxMessage {
+public:
+    SubscribeRequest(const std::string& subscription, const std::string& clientId);
+    KORVANE_BAYEUX_DISPATCH;
+
+    std::string subscription;
+};
+
+class SubscribeResponse : public BayeuxResponse, public BayeuxMessage {
+public:
+    SubscribeResponse();
+    KORVANE_BAYEUX_DISPATCH;
+
+    std::string subscription;
+    std::shared_ptr<BayeuxAdvice> advice;
+};
+
+class UnsubscribeRequest : public BayeuxBase, public BayeuxMessage {
+public:
+    UnsubscribeRequest(const std::string& subscription, const std::string& clientId);
+    KORVANE_BAYEUX_DISPATCH;
+
+    std::string subscription;
+};
+
+class UnsubscribeResponse : public BayeuxResponse, public BayeuxMessage {
+public:
+    UnsubscribeResponse();
+    KORVANE_BAYEUX_DISPATCH;
+
+    std::string subscription;
+    std::shared_ptr<BayeuxAdvice> advice;
+};
+
+class PublishRequest : public BayeuxBase, public BayeuxMessage {
+public:
+    explicit PublishRequest(const std::string& channel);
+    // Shares `data` with the original: the bytes are never changed once published.
+    PublishRequest(const PublishRequest& other);
+    KORVANE_BAYEUX_DISPATCH;
+
+    // The message's data value as raw JSON text, never parsed.
+    std::shared_ptr<common::DataBuffer> data;
+};
+
+class PublishResponse : public BayeuxResponse, public BayeuxMessage {
+public:
+    explicit PublishResponse(const std::string& channel);
+    KORVANE_BAYEUX_DISPATCH;
+};
+
+#undef KORVANE_BAYEUX_DISPATCH
+
+// The messages of one JSON array of two or more objects.
+class BayeuxContainer : public Message {
+public:
+    BayeuxContainer();
+    ~BayeuxContainer() override;
+
+    std::vector<std::unique_ptr<Message>> messages;
+};
+
+}  // namespace korvane::bayeux

@@ -1,0 +1,87 @@
+#pragma once
+
+// HTTP value types exchanged between the host's HTTP layer and the services.
+// Plain values: a request or response is owned by one thread at a time.
+
+#include <memory>
+#include <string>
+#include <unordered_map>
+
+#include "korvane/frame/data_buffer.h"
+#include "korvane/frame/message.h"
+#include "korvane/frame/reactive_streams.h"
+#include "korvane/frame/service.h"
+
+namespace korvane::http {
+
+class HttpServiceProvider;
+
+using Headers = std::unordered_multimap<std::string, std::string>;
+using BodyPublisher = reactive_streams::PublisherAPI<common::DataBuffer>;
+
+// An incoming request. `method` is lower case ("post", "get"); header names are lower case.
+class HttpRequest : public ServiceMessage<HttpServiceProvider> {
+public:
+    HttpRequest(std::string method, std::string target, Headers headers, std::shared_ptr<BodyPublisher> body);
+    ~HttpRequest() override;
+
+    Future<std::unique_ptr<Message>> dispatchTo(std::shared_ptr<HttpServiceProvider>&& service,
+                                                std::unique_ptr<Message>&& self, Address&& address,
+                                                std::shared_ptr<Context>&& context) override;
+
+    std::string method;
+    std::string target;  // path and query, as the request line gives them
+    Headers headers;
+    std::shared_ptr<BodyPublisher> body;
+};
+
+// An outgoing request, handed to the host's HTTP client service.
+class HttpClientRequest : public HttpRequest {
+public:
+    HttpClientRequest(const std::string& target, const std::string& method, std::shared_ptr<BodyPublisher> body);
+    ~HttpClientRequest() override;
+};
+
+class HttpResponse : public Message {
+public:
+    HttpResponse(unsigned short status, Headers&& headers, Headers&& trailers, std::shared_ptr<BodyPublisher> body);
+    ~HttpResponse() override;
+
+    unsigned short status;
+    Headers headers;
+    Headers trailers;
+    std::shared_ptr<BodyPublisher> body;
+};
+
+class WebSocketFrame {
+public:
+    WebSocketFrame(common::DataBuffer&& data, unsigned char firstByte) : data(std::move(data)), firstByte(firstByte) {}
+
+    common::DataBuffer data;
+    unsigned char firstByte;  // 129: final fragment, text frame
+};
+
+// An open WebSocket: the frames from the peer, and the subscriber that takes frames to it.
+class WebSocket : public Message {
+public:
+    WebSocket(std::shared_ptr<reactive_streams::PublisherAPI<WebSocketFrame>> inbound,
+              std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound);
+    ~WebSocket() override;
+
+    std::shared_ptr<reactive_streams::PublisherAPI<WebSocketFrame>> inbound;
+    std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound;
+};
+
+class HttpServiceProvider : public ServiceProviderAPI<HttpServiceProvider> {
+public:
+    HttpServiceProvider();
+    ~HttpServiceProvider() override;
+
+    virtual Future<std::unique_ptr<Message>> handle(std::unique_ptr<HttpRequest>&& request, Address&& address,
+                                                    std::shared_ptr<Context>&& context) = 0;
+};
+
+// An already resolved future holding a response with `status` and `text` as its body.
+Future<std::unique_ptr<Message>> makeReadyHttpResponse(unsigned short status, const std::string& text);
+
+}  // namespace korvane::http

@@ -1,0 +1,80 @@
+#pragma once
+
+// Diagnostic logging on the Boost.Log core. Every source file that logs owns one
+// static logger with its channel name. A level is a single bit: 4 very frequent,
+// 8 tracing, 16 session life, 256 warnings, 512 refusals and failures. The enabled
+// mask defaults to 256|512 and is settable globally and per channel.
+//
+//   KORVANE_LOG(logger, 8) << "deliver " << channel;
+//
+// A disabled statement costs one bit test and evaluates nothing of its message.
+// Threading: loggers may be used from any thread; record opening is serialised by
+// the logger's own read-write lock.
+
+#include <atomic>
+#include <memory>
+#include <ostream>
+#include <string>
+
+namespace korvane::common {
+
+constexpr unsigned defaultLogLevels = 256 | 512;
+
+template <class CharT>
+class basic_diagnostic_logger {
+public:
+    explicit basic_diagnostic_logger(const char* channel);
+    ~basic_diagnostic_logger();
+    basic_diagnostic_logger(const basic_diagnostic_logger&) = delete;
+    basic_diagnostic_logger& operator=(const basic_diagnostic_logger&) = delete;
+
+    bool isEnabled(unsigned level) const noexcept { return (mask.load(std::memory_order_relaxed) & level) != 0; }
+    void setLevels(unsigned levels) noexcept { mask.store(levels, std::memory_order_relaxed); }
+    unsigned levels() const noexcept { return mask.load(std::memory_order_relaxed); }
+    const std::string& channel() const noexcept { return channelName; }
+
+    struct Impl;
+    Impl& impl() noexcept { return *state; }
+
+private:
+    std::string channelName;
+    std::atomic<unsigned> mask;
+    std::unique_ptr<Impl> state;
+};
+
+using diagnostic_logger = basic_diagnostic_logger<char>;
+
+// One log statement: opens a record if the level is enabled and the core takes it,
+// and pushes it unless the statement was interrupted by unwinding.
+class LogStatement {
+public:
+    LogStatement(diagnostic_logger& logger, unsigned level);
+    ~LogStatement();
+    LogStatement(const LogStatement&) = delete;
+    LogStatement& operator=(const LogStatement&) = delete;
+
+    explicit operator bool() const noexcept { return record != nullptr; }
+    std::ostream& stream();
+    void push();
+
+private:
+    struct Record;
+    std::unique_ptr<Record> record;
+    int uncaughtAtStart;
+};
+
+// Sets the mask of every logger, present and future, clearing per-channel settings.
+void setLogLevels(unsigned levels);
+// Sets the mask of one channel, present and future.
+void setLogLevels(const std::string& channel, unsigned levels);
+// Adds a sink on standard error writing time, channel, level and text. Idempotent.
+void installStderrLogSink();
+
+}  // namespace korvane::common
+
+#define KORVANE_LOG(logger, level)                                                                    \
+    if (!(logger).isEnabled(level)) {                                                                 \
+    } else                                                                                            \
+        for (::korvane::common::LogStatement korvane_log_statement_((logger), (level)); korvane_log_statement_; \
+             korvane_log_statement_.push())                                                           \
+        korvane_log_statement_.stream()

@@ -1,0 +1,33 @@
+#pragma once
+
+// The polymorphic root of everything that travels between services, always owned
+// through std::unique_ptr<Message>. A ServiceMessage<T> belongs to service type T:
+// its dispatchTo downcasts the owning pointer to the concrete class and calls the
+// matching T::handle overload (double dispatch, see ServiceProviderAPI).
+
+#include <memory>
+
+#include "korvane/frame/future.h"
+
+namespace korvane {
+
+class Address;
+class Context;
+
+class Message {
+public:
+    Message();
+    Message(const Message&) = default;
+    Message& operator=(const Message&) = default;
+    virtual ~Message();
+};
+
+template <class T>
+class ServiceMessage : public Message {
+public:
+    // `self` owns this very message; the implementation moves it into T::handle.
+    virtual Future<std::unique_ptr<Message>> dispatchTo(std::shared_ptr<T>&& service, std::unique_ptr<Message>&& self,
+                                                        Address&& address, std::shared_ptr<Context>&& context) = 0;
+};
+
+}  // namespace korvane

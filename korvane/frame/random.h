@@ -1,0 +1,12 @@
+#pragma once
+
+#include <string>
+
+namespace korvane::common {
+
+// A random text of `length` characters from A-Z a-z 0-9, drawn from the operating
+// system's cryptographically secure source: client ids are bearer tokens.
+// Thread-safe.
+std::string randomString(unsigned char length);
+
+}  // namespace korvane::common

@@ -1,0 +1,51 @@
+#include "korvane/frame/service.h"
+
+namespace korvane {
+
+Message::Message() = default;
+Message::~Message() = default;
+
+namespace common {
+
+Lifecycle::Lifecycle() = default;
+Lifecycle::~Lifecycle() = default;
+void Lifecycle::onStart() {}
+void Lifecycle::onStop() {}
+
+void Lifecycle::start() {
+    running.store(true);
+    onStart();
+}
+
+void Lifecycle::stop() {
+    running.store(false);
+    onStop();
+}
+
+ContextState::ContextState() = default;
+ContextState::~ContextState() = default;
+
+bool ContextState::has(const std::string& key) const {
+    std::lock_guard<std::mutex> guard(mutex);
+    return properties.count(key) != 0;
+}
+
+boost::any ContextState::get(const std::string& key) const {
+    std::lock_guard<std::mutex> guard(mutex);
+    auto found = properties.find(key);
+    return found == properties.end() ? boost::any() : found->second;
+}
+
+void ContextState::set(const std::string& key, boost::any value) {
+    std::lock_guard<std::mutex> guard(mutex);
+    properties[key] = std::move(value);
+}
+
+}  // namespace common
+
+Context::Context() = default;
+Context::~Context() = default;
+ServiceProvider::ServiceProvider() = default;
+ServiceProvider::~ServiceProvider() = default;
+
+}  // namespace korvane

@@ -1,0 +1,51 @@
+#include "korvane/frame/timers.h"
+
+#include <mutex>
+#include <stdexcept>
+
+namespace korvane::common {
+
+namespace {
+
+std::mutex backendMutex;
+std::shared_ptr<TimerBackend> installedBackend;
+
+}  // namespace
+
+Timer::Timer() = default;
+Timer::~Timer() = default;
+TimerBackend::TimerBackend() = default;
+TimerBackend::~TimerBackend() = default;
+
+std::shared_ptr<TimerBackend> installTimerBackend(std::shared_ptr<TimerBackend> backend) {
+    std::lock_guard<std::mutex> guard(backendMutex);
+    installedBackend.swap(backend);
+    return backend;
+}
+
+std::shared_ptr<TimerBackend> timerBackend() {
+    std::lock_guard<std::mutex> guard(backendMutex);
+    if (!installedBackend) {
+        throw std::runtime_error("No clock and timer backend is installed: the host must install one before use.");
+    }
+    return installedBackend;
+}
+
+long long getCurrentTick() { return timerBackend()->currentTick(); }
+
+TimerHandle delay(TimerCallback callback, long long ticks) {
+    return timerBackend()->schedule(std::move(callback), std::chrono::milliseconds(ticks * tickMilliseconds),
+                                    std::chrono::milliseconds(0));
+}
+
+TimerHandle periodic(TimerCallback callback, long long ticks) {
+    auto period = std::chrono::milliseconds(ticks * tickMilliseconds);
+    return timerBackend()->schedule(std::move(callback), period, period);
+}
+
+TimerHandle shortMsDelay(TimerCallback callback, unsigned char milliseconds) {
+    return timerBackend()->schedule(std::move(callback), std::chrono::milliseconds(milliseconds),
+                                    std::chrono::milliseconds(0));
+}
+
+}  // namespace korvane::common

@@ -1,0 +1,58 @@
+#pragma once
+
+// Clock and timers. The library has no thread of its own: these functions go to a
+// clock-and-timer backend that the host installs (the host's threaded one, or
+// ManualTimerBackend in tests). Using them with no backend installed throws
+// std::runtime_error.
+//
+// A timer handle is a shared pointer to an opaque object; releasing the last
+// reference cancels the timer. Once that release returns the callback will not
+// start; if the callback is running on another thread the release waits for it;
+// a release from inside the callback itself neither waits nor deadlocks.
+// Callbacks run on the backend's timer thread, never under a lock of the caller.
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace korvane::common {
+
+// Milliseconds in one tick, the time unit of getCurrentTick, delay and periodic.
+constexpr long long tickMilliseconds = 100;
+
+class Timer {
+public:
+    Timer();
+    virtual ~Timer();
+    Timer(const Timer&) = delete;
+    Timer& operator=(const Timer&) = delete;
+};
+
+using TimerHandle = std::shared_ptr<Timer>;
+// The argument is the current tick.
+using TimerCallback = std::function<void(long long)>;
+
+class TimerBackend {
+public:
+    TimerBackend();
+    virtual ~TimerBackend();
+
+    // Monotonic time in ticks.
+    virtual long long currentTick() = 0;
+    // Runs `callback` after `firstDelay`, and then every `period` unless `period` is zero.
+    virtual TimerHandle schedule(TimerCallback callback, std::chrono::milliseconds firstDelay,
+                                 std::chrono::milliseconds period) = 0;
+};
+
+// Installs the process-wide backend; null uninstalls. Returns the previous one.
+std::shared_ptr<TimerBackend> installTimerBackend(std::shared_ptr<TimerBackend> backend);
+// The installed backend; throws std::runtime_error when there is none.
+std::shared_ptr<TimerBackend> timerBackend();
+
+long long getCurrentTick();
+TimerHandle delay(TimerCallback callback, long long ticks);
+TimerHandle periodic(TimerCallback callback, long long ticks);
+TimerHandle shortMsDelay(TimerCallback callback, unsigned char milliseconds);
+
+}  // namespace korvane::common

@@ -1,0 +1,13 @@
+#pragma once
+
+#include <string>
+#include <typeinfo>
+
+namespace korvane::common {
+
+// The run-time type name as type_info gives it (mangled), a leading '*' dropped.
+std::string mangledTypeName(const std::type_info& type);
+// The demangled, human-readable type name.
+std::string demangledTypeName(const std::type_info& type);
+
+}  // namespace korvane::common

@@ -1,0 +1,253 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <exception>
+#include <limits>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <type_traits>
+#include <utility>
+
+#include "korvane/frame/future.h"
+#include "korvane/frame/reactive_streams.h"
+#include "korvane/frame/transform_processor.h"
+
+namespace korvane::reactive_streams {
+
+// A publisher fed from outside through publish(), finish() and setError(). Values
+// that meet no demand wait in a FIFO cache (bounded by maxCached, oldest dropped
+// first) until the subscriber requests them. Must be owned by a std::shared_ptr:
+// its subscription holds it weakly.
+//
+// Locking: one mutex guards every field. Calls to the subscriber and to
+// `onFinished` are made with the mutex released. The `delivering` flag keeps one
+// thread at a time in the drain loop: items published on other threads meanwhile
+// wait in the cache for that loop, so each thread's items arrive in order and the
+// end of the stream comes after the last item. `donePromise` is resolved with the
+// mutex held, so its continuations must not call back into this publisher.
+template <class T, class F>
+class CachedValuePublisher : public PublisherAPI<T>, public std::enable_shared_from_this<CachedValuePublisher<T, F>> {
+public:
+    enum class Status : std::int32_t { Active = 0, Finishing = 1, Completed = 2, Cancelled = 3, Failed = 4 };
+
+    explicit CachedValuePublisher(F finished) : onFinished(std::move(finished)) {}
+
+    CachedValuePublisher(const CachedValuePublisher&) = delete;
+    CachedValuePublisher& operator=(const CachedValuePublisher&) = delete;
+
+    // An unfinished stream ends as completed; undelivered cached values are dropped.
+    // Nobody else can reach the publisher any more, so no lock is taken.
+    ~CachedValuePublisher() override {
+        if (status == Status::Active || status == Status::Finishing) {
+            status = Status::Completed;
+            donePromise.setValue(true);
+            if (subscriber) {
+                subscriber->onComplete();
+            }
+            doNotifyFinished();
+        }
+        subscriber.reset();
+        subscription.reset();
+    }
+
+    // Hands the value straight to a subscriber with demand when nothing waits before
+    // it; otherwise caches it and drains what demand allows.
+    void publish(T&& value) {
+        std::unique_lock<std::mutex> lock(mutex);
+        if (status > Status::Finishing) {
+            return;
+        }
+        if (subscriber && demand != 0 && cache.empty() && !delivering) {
+            --demand;
+            std::shared_ptr<SubscriberAPI<T>> target = subscriber;
+            lock.unlock();
+            target->onNext(std::move(value));
+            return;
+        }
+        while (!cache.empty() && cache.size() >= maxCached) {
+            cache.pop_front();
+        }
+        cache.push_back(std::move(value));
+        doDeliver(lock);
+    }
+
+    // Completes the stream once the cache has drained.
+    void finish() {
+        std::unique_lock<std::mutex> lock(mutex);
+        if (status != Status::Active) {
+            return;
+        }
+        status = Status::Finishing;
+        doDeliver(lock);
+    }
+
+    // Fails the stream. The done future still yields false, not the error.
+    void setError(std::exception_ptr failure) {
+        std::unique_lock<std::mutex> lock(mutex);
+        if (status != Status::Active) {
+            return;
+        }
+        status = Status::Failed;
+        donePromise.setValue(false);
+        std::shared_ptr<SubscriberAPI<T>> target = subscriber;
+        if (!target) {
+            error = failure;
+        }
+        lock.unlock();
+        if (target) {
+            target->onError(failure);
+        }
+        doNotifyFinished();
+    }
+
+    void subscribe(std::shared_ptr<SubscriberAPI<T>> newSubscriber) override {
+        std::unique_lock<std::mutex> lock(mutex);
+        if (subscriber) {
+            throw std::invalid_argument("Only one subscription allowed.");
+        }
+        subscription = std::make_shared<CachedValueSubscription>(this, this->shared_from_this());
+        subscriber = newSubscriber;
+        std::weak_ptr<Subscription> handle(subscription);
+        lock.unlock();
+        newSubscriber->onSubscribe(handle);
+        lock.lock();
+        if (status == Status::Failed) {
+            std::exception_ptr failure = error;
+            lock.unlock();
+            newSubscriber->onError(failure);
+        } else if (status == Status::Completed) {
+            lock.unlock();
+            newSubscriber->onComplete();
+        } else {
+            doDeliver(lock);
+        }
+    }
+
+    Future<bool> getFuture() override {
+        std::lock_guard<std::mutex> guard(mutex);
+        return donePromise.getFuture();
+    }
+
+    // The most values the cache keeps; all ones (the default) means no limit.
+    void setMaxCached(std::uint64_t limit) {
+        std::lock_guard<std::mutex> guard(mutex);
+        maxCached = limit;
+    }
+
+private:
+    // Does nothing once the publisher is gone: `owner` is used only while `self` locks.
+    class CachedValueSubscription : public Subscription {
+    public:
+        CachedValueSubscription(CachedValuePublisher* publisher, std::weak_ptr<CachedValuePublisher> self)
+            : owner(publisher), alive(std::move(self)) {}
+
+        void request(unsigned long n) override {
+            std::shared_ptr<CachedValuePublisher> held = alive.lock();
+            if (!held) {
+                return;
+            }
+            std::unique_lock<std::mutex> lock(owner->mutex);
+            owner->demand = addDemand(owner->demand, n);
+            owner->doDeliver(lock);
+        }
+
+        // Cached entries stay until the publisher is destroyed.
+        void cancel() override {
+            std::shared_ptr<CachedValuePublisher> held = alive.lock();
+            if (!held) {
+                return;
+            }
+            std::unique_lock<std::mutex> lock(owner->mutex);
+            if (owner->status != Status::Active && owner->status != Status::Finishing) {
+                return;
+            }
+            owner->status = Status::Cancelled;
+            owner->donePromise.setValue(false);
+            lock.unlock();
+            owner->doNotifyFinished();
+        }
+
+    private:
+        CachedValuePublisher* owner;
+        std::weak_ptr<CachedValuePublisher> alive;
+    };
+
+    // Entered with the lock held. Only one thread at a time runs the drain; a call
+    // that finds it running (another thread, or onNext calling back in) leaves its
+    // items to that drain. An exception from the subscriber passes on with the lock
+    // taken again and the flag cleared.
+    void doDeliver(std::unique_lock<std::mutex>& lock) {
+        if (delivering) {
+            return;
+        }
+        delivering = true;
+        try {
+            doDrain(lock);
+        } catch (...) {
+            if (!lock.owns_lock()) {
+                lock.lock();
+            }
+            delivering = false;
+            throw;
+        }
+        delivering = false;
+    }
+
+    // Entered with the lock held and `delivering` set; returns with the lock held.
+    void doDrain(std::unique_lock<std::mutex>& lock) {
+        while (status <= Status::Finishing && subscriber && demand != 0 && !cache.empty()) {
+            --demand;
+            T value = std::move(cache.front());
+            cache.pop_front();
+            std::shared_ptr<SubscriberAPI<T>> target = subscriber;
+            lock.unlock();
+            target->onNext(std::move(value));
+            lock.lock();
+        }
+        if (status == Status::Finishing && cache.empty()) {
+            doFinishing(lock);
+        }
+    }
+
+    // Entered with the lock held; returns with it held.
+    void doFinishing(std::unique_lock<std::mutex>& lock) {
+        if (status >= Status::Completed) {
+            return;
+        }
+        status = Status::Completed;
+        donePromise.setValue(true);
+        std::shared_ptr<SubscriberAPI<T>> target = subscriber;
+        lock.unlock();
+        if (target) {
+            target->onComplete();
+        }
+        doNotifyFinished();
+        lock.lock();
+    }
+
+    // Called with no lock held. An empty callback is allowed and means "nobody to tell".
+    void doNotifyFinished() {
+        if constexpr (std::is_constructible_v<bool, F&>) {
+            if (!static_cast<bool>(onFinished)) {
+                return;
+            }
+        }
+        onFinished();
+    }
+
+    std::mutex mutex;
+    std::uint64_t maxCached = std::numeric_limits<std::uint64_t>::max();
+    std::deque<T> cache;
+    F onFinished;
+    Promise<bool> donePromise;
+    std::exception_ptr error;
+    std::shared_ptr<SubscriberAPI<T>> subscriber;
+    std::shared_ptr<CachedValueSubscription> subscription;
+    std::uint64_t demand = 0;
+    Status status = Status::Active;
+    bool delivering = false;
+};
+
+}  // namespace korvane::reactive_streams

@@ -1,0 +1,225 @@
+#include "korvane/frame/timer_queue.h"
+
+#include <limits>
+#include <thread>
+#include <utility>
+
+namespace korvane::common {
+
+namespace {
+
+constexpr std::size_t notInHeap = std::numeric_limits<std::size_t>::max();
+
+long long tickOf(TimerQueue::Duration now) { return now / std::chrono::milliseconds(tickMilliseconds); }
+
+}  // namespace
+
+// All fields are guarded by the queue's mutex, except `callback`, which the thread
+// running it reads without the mutex: while `running` is set nobody else touches it.
+struct TimerQueue::Entry {
+    TimerCallback callback;
+    Duration due{};
+    Duration period{};
+    std::uint64_t sequence = 0;
+    std::size_t heapIndex = notInHeap;
+    bool running = false;
+    bool cancelled = false;
+    std::thread::id runner;
+};
+
+namespace {
+
+// The handle given out by arm(): the last reference going away cancels the timer.
+class QueuedTimer final : public Timer {
+public:
+    QueuedTimer(std::weak_ptr<TimerQueue> queue, std::shared_ptr<TimerQueue::Entry> entry)
+        : queue_(std::move(queue)), entry_(std::move(entry)) {}
+
+    ~QueuedTimer() override {
+        if (auto queue = queue_.lock()) {
+            queue->cancel(entry_);
+        }
+    }
+
+private:
+    std::weak_ptr<TimerQueue> queue_;
+    std::shared_ptr<TimerQueue::Entry> entry_;
+};
+
+}  // namespace
+
+TimerQueue::TimerQueue() = default;
+
+TimerQueue::~TimerQueue() {
+    // Callbacks may own handles (even their own); destroying them here breaks such
+    // cycles. Those handles find the queue gone and do nothing.
+    std::vector<TimerCallback> retired;
+    retired.reserve(heap_.size());
+    for (auto& entry : heap_) {
+        entry->heapIndex = notInHeap;
+        retired.push_back(std::move(entry->callback));
+    }
+    heap_.clear();
+}
+
+TimerHandle TimerQueue::arm(TimerCallback callback, Duration due, Duration period, bool* becameEarliest) {
+    auto entry = std::make_shared<Entry>();
+    entry->callback = std::move(callback);
+    entry->due = due;
+    entry->period = period;
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        entry->sequence = nextSequence_++;
+        doPush(entry);
+        if (becameEarliest != nullptr) {
+            *becameEarliest = entry->heapIndex == 0;
+        }
+    }
+    return std::make_shared<QueuedTimer>(weak_from_this(), std::move(entry));
+}
+
+std::size_t TimerQueue::runDue(Duration now) {
+    std::size_t ran = 0;
+    while (auto entry = doTakeDue(now)) {
+        // The entry is finished even when the callback throws; the exception then
+        // goes to whoever drives the queue.
+        struct FinishGuard {
+            TimerQueue& queue;
+            const std::shared_ptr<Entry>& entry;
+            Duration now;
+            ~FinishGuard() { queue.doFinishRun(entry, now); }
+        } finish{*this, entry, now};
+        ++ran;
+        entry->callback(tickOf(now));
+    }
+    return ran;
+}
+
+std::optional<TimerQueue::Duration> TimerQueue::nextDue() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    if (heap_.empty()) {
+        return std::nullopt;
+    }
+    return heap_.front()->due;
+}
+
+std::size_t TimerQueue::armedCount() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return heap_.size();
+}
+
+void TimerQueue::cancel(const std::shared_ptr<Entry>& entry) {
+    TimerCallback retired;
+    std::unique_lock<std::mutex> lock(mutex_);
+    entry->cancelled = true;
+    if (entry->heapIndex != notInHeap) {
+        doRemoveAt(entry->heapIndex);
+    }
+    if (entry->running && entry->runner == std::this_thread::get_id()) {
+        // Released from inside its own callback: the run retires it on return.
+        return;
+    }
+    finished_.wait(lock, [&entry] { return !entry->running; });
+    retired = std::move(entry->callback);
+    lock.unlock();
+}
+
+std::shared_ptr<TimerQueue::Entry> TimerQueue::doTakeDue(Duration now) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    if (heap_.empty() || heap_.front()->due > now) {
+        return nullptr;
+    }
+    std::shared_ptr<Entry> entry = heap_.front();
+    doRemoveAt(0);
+    entry->running = true;
+    entry->runner = std::this_thread::get_id();
+    return entry;
+}
+
+void TimerQueue::doFinishRun(const std::shared_ptr<Entry>& entry, Duration now) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (!entry->cancelled && entry->period > Duration::zero()) {
+        Duration next = entry->due + entry->period;
+        entry->due = next > now ? next : now + entry->period;
+        entry->sequence = nextSequence_++;
+        doPush(entry);
+        doMarkFinished(entry, lock);
+        return;
+    }
+    // The callback is destroyed before the run counts as finished, so that a release
+    // waiting on another thread returns only once the callback's captures are gone.
+    TimerCallback retired = std::move(entry->callback);
+    lock.unlock();
+    retired = nullptr;
+    lock.lock();
+    doMarkFinished(entry, lock);
+}
+
+void TimerQueue::doMarkFinished(const std::shared_ptr<Entry>& entry, std::unique_lock<std::mutex>& lock) {
+    entry->running = false;
+    lock.unlock();
+    finished_.notify_all();
+}
+
+void TimerQueue::doPush(const std::shared_ptr<Entry>& entry) {
+    entry->heapIndex = heap_.size();
+    heap_.push_back(entry);
+    doSiftUp(entry->heapIndex);
+}
+
+void TimerQueue::doRemoveAt(std::size_t index) {
+    std::size_t last = heap_.size() - 1;
+    if (index != last) {
+        doSwap(index, last);
+    }
+    heap_.back()->heapIndex = notInHeap;
+    heap_.pop_back();
+    if (index < heap_.size()) {
+        doSiftDown(index);
+        doSiftUp(index);
+    }
+}
+
+void TimerQueue::doSiftUp(std::size_t index) {
+    while (index > 0) {
+        std::size_t parent = (index - 1) / 2;
+        if (!doEarlier(index, parent)) {
+            return;
+        }
+        doSwap(index, parent);
+        index = parent;
+    }
+}
+
+void TimerQueue::doSiftDown(std::size_t index) {
+    for (;;) {
+        std::size_t earliest = index;
+        std::size_t left = 2 * index + 1;
+        std::size_t right = left + 1;
+        if (left < heap_.size() && doEarlier(left, earliest)) {
+            earliest = left;
+        }
+        if (right < heap_.size() && doEarlier(right, earliest)) {
+            earliest = right;
+        }
+        if (earliest == index) {
+            return;
+        }
+        doSwap(index, earliest);
+        index = earliest;
+    }
+}
+
+void TimerQueue::doSwap(std::size_t left, std::size_t right) {
+    std::swap(heap_[left], heap_[right]);
+    heap_[left]->heapIndex = left;
+    heap_[right]->heapIndex = right;
+}
+
+bool TimerQueue::doEarlier(std::size_t left, std::size_t right) const {
+    const Entry& a = *heap_[left];
+    const Entry& b = *heap_[right];
+    return a.due != b.due ? a.due < b.due : a.sequence < b.sequence;
+}
+
+}  // namespace korvane::common

@@ -1,0 +1,88 @@
+#pragma once
+
+// The armed timers of one backend, ordered by due time, and the running of those
+// that are due. Both backends (the manual test clock and the host's timer thread)
+// keep their timers here and differ only in how time moves.
+//
+// Time is a monotonic duration since the backend's origin; the tick handed to a
+// callback is that time divided by the tick length.
+//
+// Threading: one mutex guards the heap and every entry's state. arm(), nextDue(),
+// armedCount() and the release of a handle may be called from any thread. runDue()
+// is meant for one thread at a time (the backend's timer thread, or the test's
+// thread); callbacks run on it with the mutex released. A handle released while its
+// callback runs on another thread waits on `finished` for the callback to return;
+// released on the thread that runs the callback, it marks the timer cancelled and
+// returns at once. A callback's std::function, whose captures may own further
+// handles, is always destroyed with the mutex released.
+
+#include "korvane/frame/timers.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+namespace korvane::common {
+
+class TimerQueue : public std::enable_shared_from_this<TimerQueue> {
+public:
+    using Duration = std::chrono::nanoseconds;
+    struct Entry;
+
+    TimerQueue();
+    ~TimerQueue();
+    TimerQueue(const TimerQueue&) = delete;
+    TimerQueue& operator=(const TimerQueue&) = delete;
+
+    // Arms `callback` to run at `due`, then every `period` unless it is zero. The
+    // queue must be held by a std::shared_ptr: the handle refers to it weakly, so a
+    // handle may outlive its queue. `becameEarliest` is set when the new timer is
+    // now the first due, which is when a sleeping timer thread must wake up.
+    TimerHandle arm(TimerCallback callback, Duration due, Duration period, bool* becameEarliest = nullptr);
+
+    // Runs, on the calling thread and in due order, every timer due at or before
+    // `now`, each with the tick of `now`. A periodic timer is re-armed one period
+    // after its due time, or one period after `now` if it has fallen that far
+    // behind. Returns how many callbacks ran.
+    std::size_t runDue(Duration now);
+
+    // Due time of the first armed timer, or nothing when none is armed.
+    std::optional<Duration> nextDue() const;
+    // Timers waiting to run: a running one-shot timer has left the queue, a
+    // periodic one comes back when its callback returns.
+    std::size_t armedCount() const;
+
+    // Releases a timer; called by the handle's destructor.
+    void cancel(const std::shared_ptr<Entry>& entry);
+
+private:
+    // Takes the first timer if it is due at `now`, marking it as running on this thread.
+    std::shared_ptr<Entry> doTakeDue(Duration now);
+    // After the callback: re-arms a live periodic timer, or retires the entry and
+    // destroys its callback with the mutex released.
+    void doFinishRun(const std::shared_ptr<Entry>& entry, Duration now);
+    // Marks the entry as no longer running and wakes releases waiting for it.
+    void doMarkFinished(const std::shared_ptr<Entry>& entry, std::unique_lock<std::mutex>& lock);
+
+    // Heap operations; entered with `mutex_` held.
+    void doPush(const std::shared_ptr<Entry>& entry);
+    void doRemoveAt(std::size_t index);
+    void doSiftUp(std::size_t index);
+    void doSiftDown(std::size_t index);
+    void doSwap(std::size_t left, std::size_t right);
+    bool doEarlier(std::size_t left, std::size_t right) const;
+
+    mutable std::mutex mutex_;
+    // Signalled whenever a callback returns, for releases waiting on it.
+    std::condition_variable finished_;
+    // A binary min-heap on (due, sequence); each entry knows its own index.
+    std::vector<std::shared_ptr<Entry>> heap_;
+    std::uint64_t nextSequence_ = 0;
+};
+
+}  // namespace korvane::common

@@ -1,0 +1,376 @@
+#include "korvane/service/bayeux_service_provider.h"
+
+#include <cstdlib>
+#include <exception>
+#include <utility>
+
+#include <boost/any.hpp>
+
+#include "korvane/frame/logger.h"
+#include "korvane/routing/bayeux_queue.h"
+#include "korvane/session/long_poll_session.h"
+
+namespace korvane::bayeux {
+
+namespace {
+
+common::diagnostic_logger logger("korvane::bayeux::service");
+
+constexpr const char* noSuchClientText = "No such clientId.";
+// Ticks between two sweeps (10 seconds).
+constexpr long long sweepPeriodTicks = 100;
+
+bool readForceIdClear() {
+    const char* value = std::getenv("TORVEX_KORVANE_BAYEUX_FORCE_ID_CLEAR");
+    return value != nullptr && std::string(value) == "true";
+}
+
+// The host session id that the context carries, or empty. A value of another type
+// than std::string throws boost::bad_any_cast.
+std::string hostSessionIdOf(const std::shared_ptr<Context>& context) {
+    if (!context || !context->has("sessionId")) {
+        return std::string();
+    }
+    return boost::any_cast<std::string>(context->get("sessionId"));
+}
+
+std::shared_ptr<BayeuxAdvice> handshakeAdvice() {
+    auto advice = std::make_shared<BayeuxAdvice>();
+    advice->reconnect = Advice::Handshake;
+    return advice;
+}
+
+template <class Response>
+std::unique_ptr<Response> respondTo(const BayeuxBase& request, std::unique_ptr<Response> response) {
+    response->id = request.id;
+    response->clientId = request.clientId;
+    return response;
+}
+
+template <class Response>
+Future<std::unique_ptr<Message>> resolved(std::unique_ptr<Response>&& response) {
+    return makeReadyFuture<std::unique_ptr<Message>>(std::unique_ptr<Message>(std::move(response)));
+}
+
+void logUnknownClient(const std::string& clientId) {
+    KORVANE_LOG(logger, 512) << "No session with id: " << clientId;
+}
+
+}  // namespace
+
+BayeuxServiceProviderImpl::ClientAttachment::~ClientAttachment() = default;
+
+BayeuxServiceProviderImpl::BayeuxServiceProviderImpl(std::shared_ptr<BayeuxServer> server)
+    : version("1.0"),
+      minimumVersion("1.0"),
+      supportedConnectionTypes{"long-polling", "websocket"},
+      clientTimeoutTicks(1200),
+      connectTimeoutTicks(600),
+      server(std::move(server)),
+      activeConnectLimits{{"long-polling", 4}, {"short-polling", 0}, {"websocket", 20}},
+      idClearPrefixes{"/torvex/Venthra", "/torvex/client/"},
+      forceIdClear(readForceIdClear()) {
+    std::unique_lock<std::mutex> lock(mutex);
+    startSweeping(lock);
+}
+
+BayeuxServiceProviderImpl::~BayeuxServiceProviderImpl() {
+    ClientMap remaining;
+    common::TimerHandle runningSweep;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        remaining.swap(clients);
+        runningSweep = std::move(sweeper);
+    }
+    // Sessions die first, outside the lock; then the release of the sweeper waits
+    // for a sweep that may be running on the timer thread, before any member goes.
+    remaining.clear();
+    runningSweep.reset();
+}
+
+// ---- registry ----
+
+std::shared_ptr<LongPollSession> BayeuxServiceProviderImpl::createSession(const std::string& sessionId,
+                                                                          std::shared_ptr<Context>& context) {
+    auto session = std::make_shared<LongPollSession>(server, context);
+    server->addSession(std::weak_ptr<BayeuxSession>(session));
+    std::string clientId = session->getId();
+
+    std::unique_lock<std::mutex> lock(mutex);
+    ClientInfo& info = clients[clientId];
+    info.sessionId = sessionId;
+    info.session = session;
+    info.tick = common::getCurrentTick();
+    startSweeping(lock);
+    KORVANE_LOG(logger, 16) << "New session with id: " << clientId;
+    return session;
+}
+
+std::shared_ptr<LongPollSession> BayeuxServiceProviderImpl::getSession(const std::string& clientId,
+                                                                       const std::string& connectionType) {
+    std::lock_guard<std::mutex> lock(mutex);
+    auto found = clients.find(clientId);
+    if (found == clients.end()) {
+        return nullptr;
+    }
+    ClientInfo& info = found->second;
+    info.tick = common::getCurrentTick();
+    if (!connectionType.empty()) {
+        info.connectionType = connectionType;
+    }
+    KORVANE_LOG(logger, 4) << "Tick updated for client: " << clientId << " to " << info.tick;
+    return info.session;
+}
+
+bool BayeuxServiceProviderImpl::deleteSession(const std::string& clientId) {
+    std::shared_ptr<LongPollSession> session;
+    common::TimerHandle endedSweep;
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        auto found = clients.find(clientId);
+        if (found == clients.end()) {
+            return false;
+        }
+        session = std::move(found->second.session);
+        clients.erase(found);
+        endedSweep = takeSweeperIfIdle(lock);
+    }
+    // `session` and `endedSweep` are released on return, after the lock.
+    return true;
+}
+
+// ---- sweep and limits ----
+
+void BayeuxServiceProviderImpl::startSweeping(std::unique_lock<std::mutex>& /*lock*/) {
+    if (sweeper) {
+        return;
+    }
+    sweeper = common::periodic([this](long long tick) { sweepClients(tick); }, sweepPeriodTicks);
+}
+
+common::TimerHandle BayeuxServiceProviderImpl::takeSweeperIfIdle(std::unique_lock<std::mutex>& /*lock*/) {
+    if (!clients.empty()) {
+        return nullptr;
+    }
+    return std::move(sweeper);
+}
+
+void BayeuxServiceProviderImpl::sweepClients(long long tick) {
+    std::vector<ClientInfo> expired;
+    common::TimerHandle endedSweep;
+    std::unique_lock<std::mutex> lock(mutex);
+    for (auto it = clients.begin(); it != clients.end();) {
+        if (clientTimeoutTicks + it->second.tick > tick) {
+            ++it;
+            continue;
+        }
+        KORVANE_LOG(logger, 16) << "Client timed out: " << it->first;
+        expired.push_back(std::move(it->second));
+        it = clients.erase(it);
+    }
+    endedSweep = takeSweeperIfIdle(lock);
+    // Nothing of the provider is touched after this unlock: a destructor running on
+    // another thread may find the sweeper already gone and proceed. The expired
+    // sessions and, possibly, this sweep's own handle are released with the locals.
+    lock.unlock();
+}
+
+std::size_t BayeuxServiceProviderImpl::getActiveConnectCountForSessionId(const std::string& sessionId,
+                                                                         const std::string& connectionType) {
+    std::lock_guard<std::mutex> lock(mutex);
+    std::size_t count = 0;
+    for (const auto& entry : clients) {
+        const ClientInfo& info = entry.second;
+        if (info.sessionId == sessionId && info.connectionType == connectionType &&
+            info.session->hasActiveConnect()) {
+            ++count;
+        }
+    }
+    return count;
+}
+
+std::size_t BayeuxServiceProviderImpl::getActiveConnectCountLimit(const std::string& connectionType) const {
+    // The table is never written after construction, so concurrent look-ups need no
+    // lock, and a connection type made up by a client cannot grow it.
+    auto found = activeConnectLimits.find(connectionType);
+    return found == activeConnectLimits.end() ? 0 : found->second;
+}
+
+void BayeuxServiceProviderImpl::flush() {
+    std::lock_guard<std::mutex> lock(mutex);
+    KORVANE_LOG(logger, 8) << "Manually flushing pending connections";
+    for (const auto& entry : clients) {
+        entry.second.session->flush();
+    }
+}
+
+// ---- requests ----
+
+Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_ptr<HandshakeRequest>&& request,
+                                                                   Address&& /*address*/,
+                                                                   std::shared_ptr<Context>&& context) {
+    std::string sessionId = hostSessionIdOf(context);
+    std::shared_ptr<LongPollSession> session = createSession(sessionId, context);
+
+    auto response = std::make_unique<HandshakeResponse>();
+    response->id = request->id;
+    response->version = version;
+    response->minimumVersion = minimumVersion;
+    response->supportedConnectionTypes = supportedConnectionTypes;
+    response->clientId = session->getId();
+    response->successful = true;
+    return resolved(std::move(response));
+}
+
+Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_ptr<ConnectRequest>&& request,
+                                                                   Address&& /*address*/,
+                                                                   std::shared_ptr<Context>&& /*context*/) {
+    auto response = respondTo(*request, std::make_unique<ConnectResponse>());
+    response->error = "ConnectRequest isn't supported anymore.";
+    response->successful = false;
+    return resolved(std::move(response));
+}
+
+long long BayeuxServiceProviderImpl::connectHoldTicks(const ConnectStreamRequest& request) const {
+    if (request.advice && request.advice->timeout >= 0) {
+        return request.advice->timeout / common::tickMilliseconds;
+    }
+    return connectTimeoutTicks;
+}
+
+// Null when the client is unknown. Throws whatever the session or the context throws.
+std::shared_ptr<MessageStream> BayeuxServiceProviderImpl::openConnectStream(const std::string& clientId,
+                                                                            const ConnectStreamRequest& request,
+                                                                            const std::shared_ptr<Context>& context) {
+    const std::string connectionType = request.connectionType.empty() ? "long-polling" : request.connectionType;
+    std::shared_ptr<LongPollSession> session = getSession(clientId, connectionType);
+    if (!session) {
+        return nullptr;
+    }
+    const std::string sessionId = hostSessionIdOf(context);
+    if (getActiveConnectCountForSessionId(sessionId, connectionType) < getActiveConnectCountLimit(connectionType)) {
+        KORVANE_LOG(logger, 8) << "Connecting with stream response (long poll): " << clientId << ", " << sessionId;
+        return session->connectStream(request.id, connectHoldTicks(request), request.bufferResponses,
+                                      request.holdResponses);
+    }
+    KORVANE_LOG(logger, 8) << "Connecting with stream response (short poll): " << clientId << ", " << sessionId;
+    return session->korvaneShortPoll(request.id);
+}
+
+Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_ptr<ConnectStreamRequest>&& request,
+                                                                   Address&& /*address*/,
+                                                                   std::shared_ptr<Context>&& context) {
+    auto response = respondTo(*request, std::make_unique<ConnectStreamResponse>());
+    try {
+        response->stream = openConnectStream(request->clientId, *request, context);
+        if (response->stream) {
+            response->successful = true;
+            return resolved(std::move(response));
+        }
+        logUnknownClient(request->clientId);
+        response->error = noSuchClientText;
+    } catch (...) {
+        // The exception's own text is deliberately not passed on to the client.
+        response->error = "Error while processing connect request";
+    }
+    response->successful = false;
+    response->advice = handshakeAdvice();
+    return resolved(std::move(response));
+}
+
+Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_ptr<DisconnectRequest>&& request,
+                                                                   Address&& /*address*/,
+                                                                   std::shared_ptr<Context>&& /*context*/) {
+    auto response = respondTo(*request, std::make_unique<DisconnectResponse>());
+    if (deleteSession(request->clientId)) {
+        KORVANE_LOG(logger, 16) << "Disconnect session with id: " << request->clientId;
+        response->successful = true;
+    } else {
+        logUnknownClient(request->clientId);
+        response->successful = false;
+        response->error = noSuchClientText;
+    }
+    return resolved(std::move(response));
+}
+
+Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_ptr<SubscribeRequest>&& request,
+                                                                   Address&& /*address*/,
+                                                                   std::shared_ptr<Context>&& /*context*/) {
+    auto response = respondTo(*request, std::make_unique<SubscribeResponse>());
+    response->subscription = request->subscription;
+    std::shared_ptr<LongPollSession> session = getSession(request->clientId, std::string());
+    if (!session) {
+        logUnknownClient(request->clientId);
+        response->successful = false;
+        response->error = noSuchClientText;
+        return resolved(std::move(response));
+    }
+    KORVANE_LOG(logger, 16) << "Subscribe session with id: " << request->clientId
+                            << " to pattern: " << request->subscription;
+    response->successful = session->subscribe(request->subscription);
+    return resolved(std::move(response));
+}
+
+Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_ptr<UnsubscribeRequest>&& request,
+                                                                   Address&& /*address*/,
+                                                                   std::shared_ptr<Context>&& /*context*/) {
+    auto response = respondTo(*request, std::make_unique<UnsubscribeResponse>());
+    response->subscription = request->subscription;
+    std::shared_ptr<LongPollSession> session = getSession(request->clientId, std::string());
+    if (!session) {
+        logUnknownClient(request->clientId);
+        response->successful = false;
+        response->error = noSuchClientText;
+        return resolved(std::move(response));
+    }
+    response->successful = session->unsubscribe(request->subscription);
+    if (!response->successful) {
+        response->error = "No such subscription.";
+    }
+    return resolved(std::move(response));
+}
+
+void BayeuxServiceProviderImpl::clearPublishedId(PublishRequest& request) const {
+    for (const std::string& prefix : idClearPrefixes) {
+        if (request.channel.compare(0, prefix.size(), prefix) == 0 || forceIdClear) {
+            request.id.clear();
+            return;
+        }
+    }
+}
+
+Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_ptr<PublishRequest>&& request,
+                                                                   Address&& /*address*/,
+                                                                   std::shared_ptr<Context>&& /*context*/) {
+    // The response keeps the client's id, whatever the clearing below does.
+    auto response = respondTo(*request, std::make_unique<PublishResponse>(request->channel));
+    clearPublishedId(*request);
+
+    std::shared_ptr<LongPollSession> session = getSession(request->clientId, std::string());
+    if (!session) {
+        logUnknownClient(request->clientId);
+        response->successful = false;
+        response->error = noSuchClientText;
+        return resolved(std::move(response));
+    }
+
+    std::string failure = "Unknown error";
+    response->successful = false;
+    try {
+        response->successful = session->publish(std::move(request));
+    } catch (const std::exception& error) {
+        failure = error.what();
+    } catch (...) {
+        // Not a standard exception: there is no text to report, "Unknown error" stands.
+    }
+    if (response->successful) {
+        return resolved(std::move(response));
+    }
+    // The request may be gone by now; the response holds the same client id and channel.
+    KORVANE_LOG(logger, 512) << "Session with id: " << response->clientId
+                             << " unable to publish on channel: " << response->channel << ", " << failure;
+    response->error = "Unable to publish. " + failure;
+    return resolved(std::move(response));
+}
+
+}  // namespace korvane::bayeux

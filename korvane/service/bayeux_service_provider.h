@@ -1,0 +1,122 @@
+#pragma once
+
+// The protocol service: every Bayeux request of every transport arrives here. It
+// owns the registry of remote clients (which clientIds exist, when each was last
+// heard of, over which connection type, for which host session), answers every
+// meta request and publish with an already resolved future, drops clients that
+// stop calling by a periodic sweep, and turns connects beyond a host session's
+// limit into short polls.
+//
+// Threading and locks: handle overloads run on any host thread, concurrently, also
+// for the same client; the sweep runs on the timer thread. `mutex` guards
+// `clients`, `sweeper` and every ClientInfo, and is held only for the map work and
+// for starting the sweep. Calls into a session are made with `mutex` released,
+// except in getActiveConnectCountForSessionId and flush, where `mutex` is the outer
+// lock and the session's own the inner one (sessions never call back into the
+// provider). Sessions and the sweeper handle are always let go of after `mutex` is
+// released. The sweep callback holds the provider by plain pointer: the destructor
+// releases the sweeper, which waits for a sweep running on another thread, before
+// any member is destroyed. The provider must be owned by a std::shared_ptr.
+
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "korvane/codec/bayeux_service.h"
+#include "korvane/codec/routing_interfaces.h"
+#include "korvane/frame/timers.h"
+
+namespace korvane::bayeux {
+
+class LongPollSession;
+
+class BayeuxServiceProviderImpl : public BayeuxServiceProvider {
+public:
+    // Starts the sweep and reads TORVEX_KORVANE_BAYEUX_FORCE_ID_CLEAR.
+    explicit BayeuxServiceProviderImpl(std::shared_ptr<BayeuxServer> server);
+    ~BayeuxServiceProviderImpl() override;
+    BayeuxServiceProviderImpl(const BayeuxServiceProviderImpl&) = delete;
+    BayeuxServiceProviderImpl& operator=(const BayeuxServiceProviderImpl&) = delete;
+
+    Future<std::unique_ptr<Message>> handle(std::unique_ptr<HandshakeRequest>&& request, Address&& address,
+                                            std::shared_ptr<Context>&& context) override;
+    Future<std::unique_ptr<Message>> handle(std::unique_ptr<ConnectRequest>&& request, Address&& address,
+                                            std::shared_ptr<Context>&& context) override;
+    Future<std::unique_ptr<Message>> handle(std::unique_ptr<ConnectStreamRequest>&& request, Address&& address,
+                                            std::shared_ptr<Context>&& context) override;
+    Future<std::unique_ptr<Message>> handle(std::unique_ptr<DisconnectRequest>&& request, Address&& address,
+                                            std::shared_ptr<Context>&& context) override;
+    Future<std::unique_ptr<Message>> handle(std::unique_ptr<SubscribeRequest>&& request, Address&& address,
+                                            std::shared_ptr<Context>&& context) override;
+    Future<std::unique_ptr<Message>> handle(std::unique_ptr<UnsubscribeRequest>&& request, Address&& address,
+                                            std::shared_ptr<Context>&& context) override;
+    Future<std::unique_ptr<Message>> handle(std::unique_ptr<PublishRequest>&& request, Address&& address,
+                                            std::shared_ptr<Context>&& context) override;
+
+    // Makes a session, registers it with the routing core and the registry, and
+    // (re)starts the sweep.
+    std::shared_ptr<LongPollSession> createSession(const std::string& sessionId, std::shared_ptr<Context>& context);
+    // The client's session, or null if unknown. Counts as contact; a non-empty
+    // connection type replaces the stored one.
+    std::shared_ptr<LongPollSession> getSession(const std::string& clientId, const std::string& connectionType);
+    // True if the client existed. The last removal ends the sweep.
+    bool deleteSession(const std::string& clientId);
+
+    // One sweep at `tick`: drops every client not heard of for clientTimeoutTicks.
+    void sweepClients(long long tick);
+    // Active connects of the clients of one host session over one connection type.
+    std::size_t getActiveConnectCountForSessionId(const std::string& sessionId, const std::string& connectionType);
+    // 0 for a connection type that has no limit of its own.
+    std::size_t getActiveConnectCountLimit(const std::string& connectionType) const;
+    // Marks every open connect for answering; each is answered by its session's
+    // next message or connect.
+    void flush();
+
+private:
+    // A per-client extension slot; no operation fills it. Destroyed with its record.
+    class ClientAttachment {
+    public:
+        virtual ~ClientAttachment();
+    };
+
+    struct ClientInfo {
+        std::string sessionId;
+        std::string connectionType;
+        long long tick = 0;
+        std::shared_ptr<LongPollSession> session;
+        std::unique_ptr<ClientAttachment> attachment;
+    };
+
+    using ClientMap = std::unordered_map<std::string, ClientInfo>;
+
+    // Entered with `mutex` held (the lock is the proof); arms the sweep unless it runs.
+    void startSweeping(std::unique_lock<std::mutex>& lock);
+    // Entered with `mutex` held: hands the sweeper over to the caller once no client
+    // is left, so that the caller drops it with the lock released.
+    common::TimerHandle takeSweeperIfIdle(std::unique_lock<std::mutex>& lock);
+    // Drops the request's id where the channel, or forceIdClear, asks for it.
+    void clearPublishedId(PublishRequest& request) const;
+    // The hold time of a long-poll connect, in ticks.
+    long long connectHoldTicks(const ConnectStreamRequest& request) const;
+    std::shared_ptr<MessageStream> openConnectStream(const std::string& clientId,
+                                                     const ConnectStreamRequest& request,
+                                                     const std::shared_ptr<Context>& context);
+
+    std::mutex mutex;
+    const std::string version;
+    const std::string minimumVersion;
+    const std::vector<std::string> supportedConnectionTypes;
+    const long long clientTimeoutTicks;
+    const long long connectTimeoutTicks;
+    common::TimerHandle sweeper;
+    const std::shared_ptr<BayeuxServer> server;
+    ClientMap clients;
+    const std::unordered_map<std::string, std::size_t> activeConnectLimits;
+    const std::vector<std::string> idClearPrefixes;
+    const bool forceIdClear;
+};
+
+}  // namespace korvane::bayeux

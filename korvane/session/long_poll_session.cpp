@@ -1,0 +1,436 @@
+#include "korvane/session/long_poll_session.h"
+
+#include <exception>
+#include <iostream>
+#include <string_view>
+#include <thread>
+#include <utility>
+
+#include "korvane/frame/logger.h"
+#include "korvane/frame/random.h"
+#include "korvane/routing/bayeux_queue.h"
+
+namespace korvane::bayeux {
+
+namespace {
+
+common::diagnostic_logger logger("korvane::bayeux::longPollSession");
+
+constexpr std::size_t deliverLogDataLimit = 500;
+constexpr unsigned char bufferPeriodMilliseconds = 5;
+constexpr std::int64_t shortPollIntervalMilliseconds = 200;
+
+std::string_view dataText(const PublishRequest& request) {
+    return request.data ? request.data->view() : std::string_view();
+}
+
+// A remote client's pattern: "/..." not ending in "/", with a wildcard only at the very end
+// ("*" or "**").
+bool isValidPattern(const std::string& pattern) {
+    if (pattern.size() < 2 || pattern.front() != '/' || pattern.back() == '/') {
+        return false;
+    }
+    const std::size_t star = pattern.find('*');
+    const std::size_t last = pattern.size() - 1;
+    return star == std::string::npos || star == last || (star == last - 1 && pattern[last] == '*');
+}
+
+// Calls `send` once for every hold of every pattern in the tree below `node`, whose path is `path`.
+template <class Send>
+void forEachHeldPattern(const Channel& node, const std::string& path, Send& send) {
+    for (unsigned i = 0; i < node.exactCount; ++i) {
+        send(path);
+    }
+    for (unsigned i = 0; i < node.singleWildcardCount; ++i) {
+        send(path + "/*");
+    }
+    for (unsigned i = 0; i < node.deepWildcardCount; ++i) {
+        send(path + "/**");
+    }
+    for (const auto& child : node.children) {
+        forEachHeldPattern(*child.second, path + "/" + child.first, send);
+    }
+}
+
+}  // namespace
+
+std::atomic<unsigned long> LongPollSession::publisherCounter{0};
+
+LongPollSession::LongPollSession(std::shared_ptr<BayeuxServer> server, std::shared_ptr<Context> context)
+    : id(common::randomString(16)), server(std::move(server)), context(std::move(context)) {
+    KORVANE_LOG(logger, 8) << "Create: " << id;
+}
+
+LongPollSession::~LongPollSession() {
+    KORVANE_LOG(logger, 8) << "destroy: " << id;
+    common::TimerHandle connect;
+    common::TimerHandle buffer;
+    std::unique_lock<std::mutex> lock(mutex);
+    takeTimers(connect, buffer);
+    // With `open` clear neither batching rule holds: an open connect is answered now.
+    open = false;
+    sendResponse = true;
+    doNotifyQueue(lock);
+    lock.unlock();
+    notifyUnsubscribeAll();
+}
+
+std::shared_ptr<Context> LongPollSession::getContext() const { return context; }
+
+std::string LongPollSession::getId() const { return id; }
+
+void LongPollSession::deliver(const std::vector<std::string>& segments,
+                              const std::shared_ptr<const PublishRequest>& message) {
+    std::unique_lock<std::mutex> lock(mutex);
+    if (!channels.channelMatches(segments)) {
+        return;
+    }
+    KORVANE_LOG(logger, 8) << "deliver: " << id << ", " << message->channel << ", "
+                           << dataText(*message).substr(0, deliverLogDataLimit) << ", " << bufferResponses;
+    // The session's own copy; the shared original stays untouched for the other sessions.
+    auto copy = std::make_unique<PublishRequest>(*message);
+    copy->clientId.clear();
+    if (!copy->id.empty()) {
+        KORVANE_LOG(logger, 256) << "Delivering message with set id. JS client will ignore it: '" << copy->channel
+                                 << "'";
+    }
+    pendingMessages.push_back(std::move(copy));
+    if (bufferResponses) {
+        setBufferTimeout(lock);
+    }
+    doNotifyQueue(lock);
+}
+
+void LongPollSession::deliver(const std::shared_ptr<const SubscribeRequest>&) {}
+
+void LongPollSession::deliver(const std::shared_ptr<const UnsubscribeRequest>&) {}
+
+bool LongPollSession::publish(std::unique_ptr<PublishRequest>&& request) {
+    KORVANE_LOG(logger, 8) << "publish: " << id << ", " << request->channel << ", " << dataText(*request);
+    request->clientId = id;
+    request->context = context;
+    return server->deliver(std::move(request));
+}
+
+bool LongPollSession::subscribe(const std::string& pattern) {
+    KORVANE_LOG(logger, 8) << "Subscribe: " << id << ", " << pattern;
+    if (!isValidPattern(pattern)) {
+        return false;
+    }
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        channels.pushPattern(pattern);
+    }
+    auto notice = std::make_unique<SubscribeRequest>(pattern, id);
+    notice->context = context;
+    server->deliver(std::move(notice));
+    return true;
+}
+
+bool LongPollSession::unsubscribe(const std::string& pattern) {
+    KORVANE_LOG(logger, 8) << "Unsubscribe: " << id << ", " << pattern;
+    if (!isValidPattern(pattern)) {
+        return false;
+    }
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        if (!channels.popPattern(pattern)) {
+            return false;
+        }
+    }
+    auto notice = std::make_unique<UnsubscribeRequest>(pattern, id);
+    notice->context = context;
+    server->deliver(std::move(notice));
+    return true;
+}
+
+std::shared_ptr<BayeuxQueue> LongPollSession::connectStream(const std::string& messageId, long long timeoutTicks,
+                                                            bool bufferResponses, bool holdResponses) {
+    // Made before the lock is taken, so that the queue's mutex is never taken under the session's.
+    TempPublisher publisher = makeTempPublisher(id + "_" + messageId);
+    // The replaced queue may go with its last reference: that happens after the lock is released.
+    std::shared_ptr<BayeuxQueue> previousQueue;
+    std::unique_lock<std::mutex> lock(mutex);
+    doAnswerOpenConnect(lock);
+    KORVANE_LOG(logger, 8) << "Connect stream: " << id << ", " << messageId << ", " << bufferResponses << ", "
+                           << timeoutTicks << ", " << pendingMessages.size();
+    this->bufferResponses = bufferResponses;
+    this->holdResponses = holdResponses;
+    connectMessageId = messageId;
+    previousQueue = std::move(connectQueue);
+    connectQueue = saveTempPublisher(lock, std::move(publisher));
+    activeConnect = true;
+    if (timeoutTicks != 0 && (pendingMessages.empty() || !bufferResponses)) {
+        setConnectTimeout(lock, timeoutTicks);
+    } else {
+        doCompleteQueue(lock);
+        doNotifyQueue(lock);
+    }
+    return connectQueue;
+}
+
+std::shared_ptr<BayeuxQueue> LongPollSession::korvaneShortPoll(const std::string& messageId) {
+    std::unique_lock<std::mutex> lock(mutex);
+    KORVANE_LOG(logger, 8) << "Connect short poll: " << id << ", " << messageId;
+    doCompleteQueue(lock);
+    doNotifyQueue(lock);
+    const std::string name = id + "_" + connectMessageId;
+    std::deque<std::unique_ptr<Message>> taken;
+    taken.swap(pendingMessages);
+    lock.unlock();
+    // The queue is fresh and reachable by no other thread, so it is filled with the lock released: no queue
+    // mutex is ever taken under the session's.
+    TempPublisher publisher = makeTempPublisher(name);
+    for (auto& message : taken) {
+        publisher.queue->setValue(std::move(message));
+    }
+    auto response = std::make_unique<ConnectResponse>();
+    response->id = messageId;
+    response->clientId = id;
+    response->successful = true;
+    response->advice = std::make_shared<BayeuxAdvice>();
+    response->advice->reconnect = Advice::Retry;
+    response->advice->interval = shortPollIntervalMilliseconds;
+    publisher.queue->setValue(std::unique_ptr<Message>(std::move(response)));
+    publisher.queue->doneWhenEmpty();
+    lock.lock();
+    return saveTempPublisher(lock, std::move(publisher));
+}
+
+bool LongPollSession::hasActiveConnect() {
+    std::lock_guard<std::mutex> guard(mutex);
+    return activeConnect;
+}
+
+void LongPollSession::flush() {
+    std::unique_lock<std::mutex> lock(mutex);
+    doCompleteQueue(lock);
+}
+
+LongPollSession::TempPublisher LongPollSession::makeTempPublisher(const std::string& name) {
+    TempPublisher publisher{std::make_shared<BayeuxQueue>(name), publisherCounter.fetch_add(1)};
+    std::weak_ptr<LongPollSession> weakSelf(shared_from_this());
+    const unsigned long key = publisher.key;
+    // Runs when the queue ends, under the queue's mutex: queue mutex before session mutex.
+    publisher.queue->getFuture().then([weakSelf, key](Future<bool>&&) {
+        if (auto self = weakSelf.lock()) {
+            std::lock_guard<std::mutex> guard(self->mutex);
+            self->tempPublishers.erase(key);
+        }
+        return true;
+    });
+    return publisher;
+}
+
+std::shared_ptr<BayeuxQueue> LongPollSession::saveTempPublisher(std::unique_lock<std::mutex>&,
+                                                                TempPublisher&& publisher) {
+    tempPublishers[publisher.key] = publisher.queue;
+    return std::move(publisher.queue);
+}
+
+void LongPollSession::doCompleteQueue(std::unique_lock<std::mutex>& lock) {
+    bufferTimeoutSet = false;
+    common::TimerHandle connect;
+    common::TimerHandle buffer;
+    takeTimers(connect, buffer);
+    doSendConnectResponse(lock);
+    lock.unlock();
+    connect.reset();
+    buffer.reset();
+    lock.lock();
+}
+
+void LongPollSession::doSendConnectResponse(std::unique_lock<std::mutex>&) {
+    if (activeConnect) {
+        sendResponse = true;
+    }
+}
+
+void LongPollSession::doNotifyQueue(std::unique_lock<std::mutex>& lock) {
+    if (!activeConnect || (pendingMessages.empty() && !sendResponse)) {
+        return;
+    }
+    if (bufferTimeoutSet && open) {
+        // A batch is being collected; the buffer timeout comes back here.
+        return;
+    }
+    KORVANE_LOG(logger, 8) << "processQueue " << id << ", " << activeConnect << ", " << notifying;
+    if (notifying && open) {
+        // Another thread is draining; rather than wait for it, let the buffer timeout bring the work back.
+        setBufferTimeout(lock);
+        return;
+    }
+    try {
+        notifying = true;
+        std::shared_ptr<BayeuxQueue> queue = connectQueue;
+        drainingThread = std::this_thread::get_id();
+        doDrainPending(lock, queue);
+        if (!sendResponse) {
+            KORVANE_LOG(logger, 8) << "Not sending connect response (yet)";
+            doFinishDrain();
+            return;
+        }
+        doEndConnect(lock, std::move(queue));
+    } catch (const std::exception& error) {
+        if (!lock.owns_lock()) {
+            lock.lock();
+        }
+        doFinishDrain();
+        std::cout << "Error in bayeux session: " << error.what() << "\n";
+    } catch (...) {
+        if (!lock.owns_lock()) {
+            lock.lock();
+        }
+        doFinishDrain();
+        std::cout << "Unknown error in bayeux session" << "\n";
+    }
+}
+
+void LongPollSession::doFinishDrain() {
+    notifying = false;
+    drainEnded.notify_all();
+}
+
+void LongPollSession::doAnswerOpenConnect(std::unique_lock<std::mutex>& lock) {
+    doCompleteQueue(lock);
+    doNotifyQueue(lock);
+    // Two things can keep the open connect from being answered right here, and the connect about to replace
+    // it would then leave it unanswered for good: a drain on another thread that has the lock open (it
+    // answers the connect when done, so wait for it), and a message whose arrival armed the buffer timeout
+    // while doCompleteQueue had the lock open (complete again). A drain on this very thread, a subscriber
+    // calling back, is not waited for.
+    const std::thread::id self = std::this_thread::get_id();
+    while (activeConnect) {
+        if (notifying && drainingThread != self) {
+            drainEnded.wait(lock);
+        } else if (!notifying && bufferTimeoutSet) {
+            doCompleteQueue(lock);
+            doNotifyQueue(lock);
+        } else {
+            return;
+        }
+    }
+}
+
+void LongPollSession::doDrainPending(std::unique_lock<std::mutex>& lock, const std::shared_ptr<BayeuxQueue>& queue) {
+    // Messages that arrive while the lock is open join the back of the deque and go out in this same loop.
+    while (!pendingMessages.empty()) {
+        std::unique_ptr<Message> message = std::move(pendingMessages.front());
+        pendingMessages.pop_front();
+        lock.unlock();
+        queue->setValue(std::move(message));
+        lock.lock();
+    }
+}
+
+void LongPollSession::doEndConnect(std::unique_lock<std::mutex>& lock, std::shared_ptr<BayeuxQueue> queue) {
+    sendResponse = false;
+    activeConnect = false;
+    common::TimerHandle connect;
+    common::TimerHandle buffer;
+    takeTimers(connect, buffer);
+    auto response = std::make_unique<ConnectResponse>();
+    response->id = connectMessageId;
+    response->clientId = id;
+    response->successful = true;
+    lock.unlock();
+    connect.reset();
+    buffer.reset();
+    // The response is always the last message of the stream; the queue ends once the transport has taken it.
+    queue->setValue(std::unique_ptr<Message>(std::move(response)));
+    queue->doneWhenEmpty();
+    // A newer connect may have replaced this queue meanwhile: this may be its last reference.
+    queue.reset();
+    lock.lock();
+    KORVANE_LOG(logger, 8) << "Connect response: " << id << ", " << connectMessageId;
+    doFinishDrain();
+}
+
+void LongPollSession::setConnectTimeout(std::unique_lock<std::mutex>& lock, long long ticks) {
+    KORVANE_LOG(logger, 8) << "Set connect timeout: " << id << ", " << ticks << ", " << common::getCurrentTick();
+    bufferTimeoutSet = false;
+    common::TimerHandle connect;
+    common::TimerHandle buffer;
+    takeTimers(connect, buffer);
+    lock.unlock();
+    connect.reset();
+    buffer.reset();
+    lock.lock();
+    std::weak_ptr<LongPollSession> weakSelf(shared_from_this());
+    replaceTimer(lock, connectTimer, common::delay(
+                                         [weakSelf](long long tick) {
+                                             if (auto self = weakSelf.lock()) {
+                                                 self->doConnectTimeout(tick);
+                                             }
+                                         },
+                                         ticks));
+}
+
+void LongPollSession::setBufferTimeout(std::unique_lock<std::mutex>& lock) {
+    KORVANE_LOG(logger, 8) << "Set buffer timeout: " << id << ", " << common::getCurrentTick() << ", "
+                           << bufferTimeoutSet << ", " << activeConnect;
+    if (bufferTimeoutSet || !activeConnect) {
+        return;
+    }
+    // Set before the lock opens below, so that no second caller arms the timer in that gap.
+    bufferTimeoutSet = true;
+    // The connect timeout goes for good: from now on the buffer timeout alone ends this connect.
+    common::TimerHandle connect;
+    common::TimerHandle buffer;
+    takeTimers(connect, buffer);
+    lock.unlock();
+    connect.reset();
+    buffer.reset();
+    lock.lock();
+    std::weak_ptr<LongPollSession> weakSelf(shared_from_this());
+    replaceTimer(lock, bufferTimer, common::shortMsDelay(
+                                        [weakSelf](long long tick) {
+                                            if (auto self = weakSelf.lock()) {
+                                                self->doBufferTimeout(tick);
+                                            }
+                                        },
+                                        bufferPeriodMilliseconds));
+}
+
+void LongPollSession::doConnectTimeout(long long tick) {
+    std::unique_lock<std::mutex> lock(mutex);
+    KORVANE_LOG(logger, 8) << "doConnectTimeout: " << id << ", " << tick;
+    doCompleteQueue(lock);
+    doNotifyQueue(lock);
+}
+
+void LongPollSession::doBufferTimeout(long long tick) {
+    KORVANE_LOG(logger, 8) << "doBufferTimeout: " << id << ", " << tick;
+    std::unique_lock<std::mutex> lock(mutex);
+    doCompleteQueue(lock);
+    doNotifyQueue(lock);
+}
+
+void LongPollSession::takeTimers(common::TimerHandle& connect, common::TimerHandle& buffer) {
+    connect = std::move(connectTimer);
+    buffer = std::move(bufferTimer);
+    connectTimer.reset();
+    bufferTimer.reset();
+}
+
+void LongPollSession::replaceTimer(std::unique_lock<std::mutex>& lock, common::TimerHandle& field,
+                                   common::TimerHandle&& handle) {
+    common::TimerHandle previous = std::exchange(field, std::move(handle));
+    if (previous) {
+        // Another thread armed this timer while the lock was open; its handle, too, goes with the lock released.
+        lock.unlock();
+        previous.reset();
+        lock.lock();
+    }
+}
+
+void LongPollSession::notifyUnsubscribeAll() {
+    auto send = [this](const std::string& pattern) {
+        auto notice = std::make_unique<UnsubscribeRequest>(pattern, id);
+        notice->context = context;
+        server->deliver(std::move(notice));
+    };
+    forEachHeldPattern(channels, std::string(), send);
+}
+
+}  // namespace korvane::bayeux

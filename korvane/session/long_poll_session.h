@@ -1,0 +1,128 @@
+#pragma once
+
+// The server's side of one remote Bayeux client, for whatever transport it uses.
+// Messages for the client wait in `pendingMessages` while no connect is open; each
+// connect opens one BayeuxQueue through which that connect's messages, and finally
+// its ConnectResponse, flow to the transport.
+//
+// Threading and locks: every operation may be called from any thread (transport
+// threads, the publisher's thread through deliver, the timer thread). `mutex` guards
+// every mutable field. Lock order is queue mutex before session mutex, because a
+// queue that ends runs a continuation that takes `mutex`; so the session never calls
+// into a queue or the routing core with `mutex` held; a connect's queue is made and
+// filled only while no other thread can reach it. Timer handles are dropped
+// with `mutex` released. `notifying` keeps one thread at a time in the drain loop;
+// only connectStream waits for a drain on another thread to end (on `drainEnded`,
+// with `mutex` released), so that the connect it replaces is answered first.
+// Internal operations taking a std::unique_lock are entered with it held and may
+// release and retake it. The session must be owned by a std::shared_ptr.
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "korvane/codec/channel.h"
+#include "korvane/codec/messages.h"
+#include "korvane/codec/routing_interfaces.h"
+#include "korvane/frame/timers.h"
+
+namespace korvane::bayeux {
+
+class BayeuxQueue;
+
+class LongPollSession : public BayeuxSession, public std::enable_shared_from_this<LongPollSession> {
+public:
+    LongPollSession(std::shared_ptr<BayeuxServer> server, std::shared_ptr<Context> context);
+    ~LongPollSession() override;
+    LongPollSession(const LongPollSession&) = delete;
+    LongPollSession& operator=(const LongPollSession&) = delete;
+
+    std::shared_ptr<Context> getContext() const override;
+    std::string getId() const override;
+    void deliver(const std::vector<std::string>& segments,
+                 const std::shared_ptr<const PublishRequest>& message) override;
+    void deliver(const std::shared_ptr<const SubscribeRequest>& message) override;
+    void deliver(const std::shared_ptr<const UnsubscribeRequest>& message) override;
+
+    // This client publishes: stamps clientId and context, then hands the request to the routing core.
+    // False when the routing core refuses it; the request then stays with the caller.
+    bool publish(std::unique_ptr<PublishRequest>&& request);
+    // False, with nothing changed and nothing sent, for a malformed pattern.
+    bool subscribe(const std::string& pattern);
+    // False for a malformed pattern or one that is not held.
+    bool unsubscribe(const std::string& pattern);
+
+    // Opens a connect held for up to `timeoutTicks`; an open connect is answered first.
+    // The returned queue may already hold the whole answer.
+    std::shared_ptr<BayeuxQueue> connectStream(const std::string& messageId, long long timeoutTicks,
+                                               bool bufferResponses, bool holdResponses);
+    // A connect answered at once with what is pending, ending with retry advice; leaves no open connect.
+    std::shared_ptr<BayeuxQueue> korvaneShortPoll(const std::string& messageId);
+    bool hasActiveConnect();
+    // Marks an open connect for answering; it is answered by the next message or connect.
+    void flush();
+
+private:
+    // The queue of one connect, with the continuation that takes it out of tempPublishers when it ends.
+    // Made with no lock held: attaching the continuation takes the queue's mutex.
+    struct TempPublisher {
+        std::shared_ptr<BayeuxQueue> queue;
+        unsigned long key;
+    };
+    TempPublisher makeTempPublisher(const std::string& name);
+    // Keeps the queue alive in tempPublishers until it ends.
+    std::shared_ptr<BayeuxQueue> saveTempPublisher(std::unique_lock<std::mutex>& lock, TempPublisher&& publisher);
+    void doCompleteQueue(std::unique_lock<std::mutex>& lock);
+    void doSendConnectResponse(std::unique_lock<std::mutex>& lock);
+    void doNotifyQueue(std::unique_lock<std::mutex>& lock);
+    void doDrainPending(std::unique_lock<std::mutex>& lock, const std::shared_ptr<BayeuxQueue>& queue);
+    // Answers the connect of `queue`; the reference is dropped with the lock released.
+    void doEndConnect(std::unique_lock<std::mutex>& lock, std::shared_ptr<BayeuxQueue> queue);
+    // Clears `notifying` and wakes connects waiting for the drain to end.
+    void doFinishDrain();
+    // Answers a connect that is still open, if need be after the drain running on another thread.
+    void doAnswerOpenConnect(std::unique_lock<std::mutex>& lock);
+
+    void setConnectTimeout(std::unique_lock<std::mutex>& lock, long long ticks);
+    void setBufferTimeout(std::unique_lock<std::mutex>& lock);
+    void doConnectTimeout(long long tick);
+    void doBufferTimeout(long long tick);
+    // Empties both timer fields; the caller drops the returned handles with the lock released.
+    void takeTimers(common::TimerHandle& connect, common::TimerHandle& buffer);
+    // Stores a freshly armed handle; one that another thread stored meanwhile is dropped unlocked.
+    void replaceTimer(std::unique_lock<std::mutex>& lock, common::TimerHandle& field, common::TimerHandle&& handle);
+    void notifyUnsubscribeAll();
+
+    const std::string id;
+    std::mutex mutex;
+    std::string connectMessageId;
+    bool bufferResponses = true;
+    bool holdResponses = false;
+    std::deque<std::unique_ptr<Message>> pendingMessages;
+    std::shared_ptr<BayeuxQueue> connectQueue;
+    std::unordered_map<unsigned long, std::shared_ptr<BayeuxQueue>> tempPublishers;
+    Channel channels;
+    common::TimerHandle connectTimer;
+    common::TimerHandle bufferTimer;
+    const std::shared_ptr<BayeuxServer> server;
+    const std::shared_ptr<Context> context;
+    bool activeConnect = false;
+    bool open = true;
+    bool sendResponse = false;
+    bool bufferTimeoutSet = false;
+    bool notifying = false;
+    // The thread that set `notifying`, and the wake-up for connects waiting on its drain.
+    std::thread::id drainingThread;
+    std::condition_variable drainEnded;
+
+    // Key source for tempPublishers, shared by every session of the process.
+    static std::atomic<unsigned long> publisherCounter;
+};
+
+}  // namespace korvane::bayeux

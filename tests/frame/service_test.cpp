@@ -1,0 +1,344 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <boost/log/core.hpp>
+#include <boost/log/expressions.hpp>
+#include <boost/log/sinks/sync_frontend.hpp>
+#include <boost/log/sinks/text_ostream_backend.hpp>
+#include <boost/smart_ptr/make_shared_object.hpp>
+
+#include "korvane/frame/data_buffer.h"
+#include "korvane/frame/http.h"
+#include "korvane/frame/logger.h"
+#include "korvane/frame/random.h"
+#include "korvane/frame/reducing_subscriber.h"
+#include "korvane/frame/service.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+// An impossible allocation must fail with a null pointer, as it does without the
+// sanitizer, so that the buffer's "Out of memory!" path can be exercised.
+extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+#endif
+
+namespace korvane {
+namespace {
+
+std::string errorText(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+    return "(no exception)";
+}
+
+// Lives in an anonymous namespace on purpose: its run-time type name then starts
+// with '*', which the dispatch error must drop.
+class StrayMessage : public Message {};
+
+// Answers every request with a ready response and remembers what it was given.
+class RecordingHttpService : public http::HttpServiceProvider {
+public:
+    Future<std::unique_ptr<Message>> handle(std::unique_ptr<http::HttpRequest>&& request, Address&& address,
+                                            std::shared_ptr<Context>&& context) override {
+        if (request->method == "delete") {
+            throw std::logic_error("handler failed");
+        }
+        handled = request.get();
+        handledAddress = address;
+        handledContext = context;
+        kept = std::move(request);
+        return http::makeReadyHttpResponse(202, "accepted");
+    }
+
+    const http::HttpRequest* handled = nullptr;
+    Address handledAddress;
+    std::shared_ptr<Context> handledContext;
+    std::unique_ptr<http::HttpRequest> kept;
+};
+
+// Routes every message through a function the test sets.
+class TestContext : public Context {
+public:
+    Future<std::unique_ptr<Message>> handle(std::unique_ptr<Message>&& message, Address&& address) override {
+        return route(std::move(message), std::move(address));
+    }
+    using Context::handle;
+
+    std::function<Future<std::unique_ptr<Message>>(std::unique_ptr<Message>&&, Address&&)> route;
+};
+
+std::unique_ptr<http::HttpRequest> makeRequest(const std::string& method) {
+    return std::make_unique<http::HttpRequest>(method, "/cometd", http::Headers{{"host", "example"}}, nullptr);
+}
+
+std::string bodyText(const std::shared_ptr<http::BodyPublisher>& body) {
+    using common::DataBuffer;
+    return reactive_streams::reduce<DataBuffer, DataBuffer>(
+               body,
+               [](DataBuffer&& chunk, DataBuffer&& sum) {
+                   sum.append(chunk);
+                   return std::move(sum);
+               },
+               DataBuffer())
+        .get()
+        .str();
+}
+
+template <class T>
+std::unique_ptr<T> downcast(std::unique_ptr<Message> message) {
+    auto* typed = dynamic_cast<T*>(message.get());
+    EXPECT_NE(typed, nullptr);
+    message.release();
+    return std::unique_ptr<T>(typed);
+}
+
+TEST(ServiceDispatch, StoppedServiceRefusesEveryMessage) {
+    auto service = std::make_shared<RecordingHttpService>();
+    auto context = std::make_shared<TestContext>();
+    std::vector<std::unique_ptr<Message>> messages;
+    messages.push_back(makeRequest("post"));
+    messages.push_back(std::make_unique<StrayMessage>());
+    for (std::unique_ptr<Message>& message : messages) {
+        Future<std::unique_ptr<Message>> reply = service->deliver(std::move(message), Address("http"), context);
+        EXPECT_THROW(
+            {
+                try {
+                    reply.get();
+                } catch (const std::runtime_error& error) {
+                    EXPECT_STREQ(error.what(), "Service exists but is not running.");
+                    throw;
+                }
+            },
+            std::runtime_error);
+    }
+    EXPECT_EQ(service->handled, nullptr);
+}
+
+TEST(ServiceDispatch, RunningServiceRefusesAForeignMessageWithBothTypeNames) {
+    auto service = std::make_shared<RecordingHttpService>();
+    service->start();
+    Future<std::unique_ptr<Message>> reply =
+        service->deliver(std::make_unique<StrayMessage>(), Address("http"), std::make_shared<TestContext>());
+    EXPECT_THROW(
+        {
+            try {
+                reply.get();
+            } catch (const std::invalid_argument& error) {
+                EXPECT_STREQ(error.what(),
+                             "Incorrect message type. Expected: N7korvane14ServiceMessageINS_4http19HttpServiceProvider"
+                             "EEE but found N7korvane12_GLOBAL__N_112StrayMessageE");
+                throw;
+            }
+        },
+        std::invalid_argument);
+}
+
+TEST(ServiceDispatch, RequestReachesHandleWithItsAddressAndContext) {
+    auto service = std::make_shared<RecordingHttpService>();
+    service->start();
+    auto context = std::make_shared<TestContext>();
+    auto request = makeRequest("post");
+    const http::HttpRequest* sent = request.get();
+
+    Future<std::unique_ptr<Message>> reply = service->deliver(std::move(request), Address("bayeux"), context);
+    auto response = downcast<http::HttpResponse>(reply.get());
+
+    EXPECT_EQ(service->handled, sent);
+    EXPECT_EQ(service->handledAddress, Address("bayeux"));
+    EXPECT_EQ(service->handledContext, context);
+    EXPECT_EQ(response->status, 202);
+    EXPECT_EQ(errorText([&] { service->deliver(makeRequest("delete"), Address("bayeux"), context); }),
+              "handler failed");
+
+    RecordingHttpService unshared;
+    unshared.start();
+    EXPECT_THROW(unshared.deliver(makeRequest("post"), Address("bayeux"), context), std::bad_weak_ptr);
+}
+
+TEST(ServiceDispatch, ContextHandleCastsTheReply) {
+    auto context = std::make_shared<TestContext>();
+    std::vector<std::string> routedMethods;
+    context->route = [&routedMethods](std::unique_ptr<Message>&& message, Address&&) {
+        auto request = downcast<http::HttpRequest>(std::move(message));
+        routedMethods.push_back(request->method);
+        if (request->method == "fail") {
+            return makeErrorFuture<std::unique_ptr<Message>>(
+                std::make_exception_ptr(std::runtime_error("connection refused")));
+        }
+        if (request->method == "upgrade") {
+            std::unique_ptr<Message> socket = std::make_unique<http::WebSocket>(nullptr, nullptr);
+            return makeReadyFuture(std::move(socket));
+        }
+        return http::makeReadyHttpResponse(500, "no upgrade");
+    };
+    auto clientRequest = [](const std::string& method) {
+        return std::make_unique<http::HttpClientRequest>("/socket", method, nullptr);
+    };
+
+    auto socket = context->handle<http::WebSocket, http::HttpClientRequest>(clientRequest("upgrade"), Address("c"));
+    EXPECT_NE(socket.get(), nullptr);
+
+    auto wrongType = context->handle<http::WebSocket, http::HttpClientRequest>(clientRequest("get"), Address("c"));
+    EXPECT_EQ(errorText([&] { wrongType.get(); }),
+              "Unable to cast response message type: korvane::http::HttpResponse to korvane::http::WebSocket");
+
+    auto failed = context->handle<http::WebSocket, http::HttpClientRequest>(clientRequest("fail"), Address("c"));
+    EXPECT_EQ(errorText([&] { failed.get(); }), "connection refused");
+
+    auto identity = context->handle<Message, http::HttpRequest>(makeRequest("post"), Address("c"));
+    EXPECT_NE(dynamic_cast<http::HttpResponse*>(identity.get().get()), nullptr);
+    EXPECT_EQ(routedMethods, (std::vector<std::string>{"upgrade", "get", "fail", "post"}));
+}
+
+TEST(HttpValues, ReadyResponseCarriesStatusPlainTextAndBody) {
+    Future<std::unique_ptr<Message>> reply = http::makeReadyHttpResponse(400, "Unknown Bayeux Transport");
+    auto response = downcast<http::HttpResponse>(reply.get());
+    EXPECT_EQ(response->status, 400);
+    EXPECT_EQ(response->headers, (http::Headers{{"Content-Type", "text/plain;charset=UTF-8"}}));
+    EXPECT_TRUE(response->trailers.empty());
+    EXPECT_EQ(bodyText(response->body), "Unknown Bayeux Transport");
+
+    http::HttpClientRequest client("/target", "get", nullptr);
+    EXPECT_EQ(client.target, "/target");
+    EXPECT_EQ(client.method, "get");
+}
+
+// Captures the records of one channel as "level text" lines.
+class ChannelCapture {
+public:
+    explicit ChannelCapture(const std::string& channel)
+        : text(boost::make_shared<std::ostringstream>()),
+          sink(boost::make_shared<Sink>(boost::make_shared<boost::log::sinks::text_ostream_backend>())) {
+        namespace expr = boost::log::expressions;
+        sink->locked_backend()->add_stream(text);
+        sink->set_filter(expr::attr<std::string>("Channel") == channel);
+        sink->set_formatter(expr::stream << expr::attr<unsigned>("Severity") << " " << expr::smessage);
+        boost::log::core::get()->add_sink(sink);
+    }
+    ~ChannelCapture() { boost::log::core::get()->remove_sink(sink); }
+
+    std::string lines() {
+        sink->flush();
+        return text->str();
+    }
+
+private:
+    using Sink = boost::log::sinks::synchronous_sink<boost::log::sinks::text_ostream_backend>;
+    boost::shared_ptr<std::ostringstream> text;
+    boost::shared_ptr<Sink> sink;
+};
+
+TEST(DiagnosticLogger, DisabledStatementEvaluatesNothingOfItsMessage) {
+    common::diagnostic_logger logger("korvane::test::evaluation");
+    ChannelCapture capture("korvane::test::evaluation");
+    int evaluations = 0;
+    auto counted = [&evaluations] { return ++evaluations; };
+
+    KORVANE_LOG(logger, 8) << "tracing " << counted();
+    KORVANE_LOG(logger, 4) << "frequent " << counted();
+    EXPECT_EQ(evaluations, 0);
+
+    KORVANE_LOG(logger, 512) << "refused " << counted();
+    EXPECT_EQ(evaluations, 1);
+    EXPECT_EQ(capture.lines(), "512 refused 1\n");
+
+    auto throwing = []() -> int { throw std::runtime_error("while formatting"); };
+    EXPECT_THROW(KORVANE_LOG(logger, 256) << "interrupted " << throwing(), std::runtime_error);
+    EXPECT_EQ(capture.lines(), "512 refused 1\n");
+}
+
+TEST(DiagnosticLogger, ChannelAndGlobalMasks) {
+    common::diagnostic_logger first("korvane::test::first");
+    common::diagnostic_logger second("korvane::test::second");
+    EXPECT_EQ(first.levels(), common::defaultLogLevels);
+
+    common::setLogLevels("korvane::test::first", 8 | 16);
+    common::diagnostic_logger firstAgain("korvane::test::first");
+    EXPECT_TRUE(first.isEnabled(8));
+    EXPECT_FALSE(first.isEnabled(512));
+    EXPECT_EQ(firstAgain.levels(), 8u | 16u);
+    EXPECT_EQ(second.levels(), common::defaultLogLevels);
+
+    common::setLogLevels(4);
+    common::diagnostic_logger third("korvane::test::third");
+    for (const common::diagnostic_logger* logger : {&first, &firstAgain, &second, &third}) {
+        EXPECT_EQ(logger->levels(), 4u) << logger->channel();
+    }
+    common::setLogLevels(common::defaultLogLevels);
+    EXPECT_EQ(first.levels(), common::defaultLogLevels);
+}
+
+TEST(DataBuffer, GrowthFollowsDoublingOrNeed) {
+    common::DataBuffer buffer;
+    buffer.reserve(0);
+    EXPECT_EQ(buffer.data, nullptr);
+
+    struct Step {
+        std::uint64_t append;
+        std::uint64_t capacity;
+    };
+    for (const Step& step : {Step{10, 10}, Step{1, 20}, Step{30, 41}, Step{1, 82}, Step{0, 82}}) {
+        std::uint64_t before = buffer.size;
+        buffer.append(std::string(step.append, 'x'));
+        EXPECT_EQ(buffer.size, before + step.append);
+        EXPECT_EQ(buffer.capacity, step.capacity) << "after appending " << step.append;
+    }
+    EXPECT_EQ(buffer.view(), std::string(42, 'x'));
+}
+
+TEST(DataBuffer, MoveSelfAppendAndExhaustion) {
+    common::DataBuffer source("abc");
+    source.append(source);
+    source.append(common::DataBuffer());
+    EXPECT_EQ(source.str(), "abc");
+
+    common::DataBuffer target(std::move(source));
+    EXPECT_EQ(target.str(), "abc");
+    EXPECT_EQ(source.data, nullptr);
+    EXPECT_EQ(source.capacity, 0u);
+    EXPECT_EQ(source.size, 0u);
+
+    common::DataBuffer assigned("old contents");
+    assigned = std::move(target);
+    EXPECT_EQ(assigned.str(), "abc");
+    EXPECT_EQ(target.data, nullptr);
+
+    EXPECT_EQ(errorText([&] { assigned.reserve(std::numeric_limits<std::uint64_t>::max()); }), "Out of memory!");
+    EXPECT_EQ(assigned.str(), "abc");
+    common::DataBuffer empty;
+    EXPECT_EQ(errorText([&] { empty.reserve(std::numeric_limits<std::uint64_t>::max()); }), "Out of memory!");
+    EXPECT_EQ(empty.data, nullptr);
+}
+
+TEST(RandomString, LengthAlphabetAndDistinctValues) {
+    for (unsigned char length : {0, 1, 16, 255}) {
+        std::string text = common::randomString(length);
+        EXPECT_EQ(text.size(), length);
+        EXPECT_TRUE(std::all_of(text.begin(), text.end(), [](char c) {
+            return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
+        })) << text;
+    }
+    std::set<std::string> drawn;
+    std::set<char> used;
+    for (int i = 0; i < 1000; ++i) {
+        std::string id = common::randomString(16);
+        drawn.insert(id);
+        used.insert(id.begin(), id.end());
+    }
+    EXPECT_EQ(drawn.size(), 1000u);
+    EXPECT_EQ(used.size(), 62u);
+}
+
+}  // namespace
+}  // namespace korvane

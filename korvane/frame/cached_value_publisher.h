@@ -23,9 +23,10 @@ namespace korvane::reactive_streams {
 //
 // Locking: one mutex guards every field. Calls to the subscriber and to
 // `onFinished` are made with the mutex released. The `delivering` flag keeps one
-// thread at a time in the drain loop: items published on other threads meanwhile
-// wait in the cache for that loop, so each thread's items arrive in order and the
-// end of the stream comes after the last item. `donePromise` is resolved with the
+// thread at a time calling onNext, in the drain loop or in the direct hand-over:
+// items published on other threads meanwhile wait in the cache for that thread,
+// so onNext calls never overlap, each thread's items arrive in order and the end
+// of the stream comes after the last item. `donePromise` is resolved with the
 // mutex held, so its continuations must not call back into this publisher.
 template <class T, class F>
 class CachedValuePublisher : public PublisherAPI<T>, public std::enable_shared_from_this<CachedValuePublisher<T, F>> {
@@ -62,8 +63,20 @@ public:
         if (subscriber && demand != 0 && cache.empty() && !delivering) {
             --demand;
             std::shared_ptr<SubscriberAPI<T>> target = subscriber;
+            // Held through the call so that no other thread's item overtakes or overlaps this one.
+            delivering = true;
             lock.unlock();
-            target->onNext(std::move(value));
+            try {
+                target->onNext(std::move(value));
+            } catch (...) {
+                lock.lock();
+                delivering = false;
+                throw;
+            }
+            lock.lock();
+            delivering = false;
+            // What other threads cached meanwhile, and a finish() that came during the call.
+            doDeliver(lock);
             return;
         }
         while (!cache.empty() && cache.size() >= maxCached) {

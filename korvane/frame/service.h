@@ -113,7 +113,11 @@ public:
         }
         auto* typed = dynamic_cast<ServiceMessage<T>*>(message.get());
         if (typed == nullptr) {
-            std::string found = message ? common::mangledTypeName(typeid(*message)) : std::string("nullptr");
+            std::string found = "nullptr";
+            if (message) {
+                const Message& received = *message;
+                found = common::mangledTypeName(typeid(received));
+            }
             return makeErrorFuture<std::unique_ptr<Message>>(std::make_exception_ptr(
                 std::invalid_argument("Incorrect message type. Expected: " +
                                       common::mangledTypeName(typeid(ServiceMessage<T>)) + " but found " + found)));
@@ -136,8 +140,9 @@ Future<std::unique_ptr<Response>> Context::handle(std::unique_ptr<Request>&& req
             }
             auto* typed = dynamic_cast<Response*>(message.get());
             if (typed == nullptr) {
+                const Message& received = *message;
                 throw std::runtime_error("Unable to cast response message type: " +
-                                         common::demangledTypeName(typeid(*message)) + " to " +
+                                         common::demangledTypeName(typeid(received)) + " to " +
                                          common::demangledTypeName(typeid(Response)));
             }
             message.release();

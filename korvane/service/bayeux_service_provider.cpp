@@ -52,8 +52,11 @@ Future<std::unique_ptr<Message>> resolved(std::unique_ptr<Response>&& response) 
     return makeReadyFuture<std::unique_ptr<Message>>(std::unique_ptr<Message>(std::move(response)));
 }
 
-void logUnknownClient(const std::string& clientId) {
-    KORVANE_LOG(logger, 512) << "No session with id: " << clientId;
+// The answer to a request that names a client the registry does not know.
+void refuseUnknownClient(BayeuxResponse& response) {
+    KORVANE_LOG(logger, 512) << "No session with id: " << response.clientId;
+    response.successful = false;
+    response.error = noSuchClientText;
 }
 
 }  // namespace
@@ -267,8 +270,7 @@ Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_p
             response->successful = true;
             return resolved(std::move(response));
         }
-        logUnknownClient(request->clientId);
-        response->error = noSuchClientText;
+        refuseUnknownClient(*response);
     } catch (...) {
         // The exception's own text is deliberately not passed on to the client.
         response->error = "Error while processing connect request";
@@ -286,9 +288,7 @@ Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_p
         KORVANE_LOG(logger, 16) << "Disconnect session with id: " << request->clientId;
         response->successful = true;
     } else {
-        logUnknownClient(request->clientId);
-        response->successful = false;
-        response->error = noSuchClientText;
+        refuseUnknownClient(*response);
     }
     return resolved(std::move(response));
 }
@@ -300,9 +300,7 @@ Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_p
     response->subscription = request->subscription;
     std::shared_ptr<LongPollSession> session = getSession(request->clientId, std::string());
     if (!session) {
-        logUnknownClient(request->clientId);
-        response->successful = false;
-        response->error = noSuchClientText;
+        refuseUnknownClient(*response);
         return resolved(std::move(response));
     }
     KORVANE_LOG(logger, 16) << "Subscribe session with id: " << request->clientId
@@ -318,9 +316,7 @@ Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_p
     response->subscription = request->subscription;
     std::shared_ptr<LongPollSession> session = getSession(request->clientId, std::string());
     if (!session) {
-        logUnknownClient(request->clientId);
-        response->successful = false;
-        response->error = noSuchClientText;
+        refuseUnknownClient(*response);
         return resolved(std::move(response));
     }
     response->successful = session->unsubscribe(request->subscription);
@@ -348,9 +344,7 @@ Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_p
 
     std::shared_ptr<LongPollSession> session = getSession(request->clientId, std::string());
     if (!session) {
-        logUnknownClient(request->clientId);
-        response->successful = false;
-        response->error = noSuchClientText;
+        refuseUnknownClient(*response);
         return resolved(std::move(response));
     }
 

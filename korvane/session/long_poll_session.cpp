@@ -230,14 +230,8 @@ std::shared_ptr<BayeuxQueue> LongPollSession::saveTempPublisher(std::unique_lock
 
 void LongPollSession::doCompleteQueue(std::unique_lock<std::mutex>& lock) {
     bufferTimeoutSet = false;
-    common::TimerHandle connect;
-    common::TimerHandle buffer;
-    takeTimers(connect, buffer);
     doSendConnectResponse(lock);
-    lock.unlock();
-    connect.reset();
-    buffer.reset();
-    lock.lock();
+    dropTimers(lock);
 }
 
 void LongPollSession::doSendConnectResponse(std::unique_lock<std::mutex>&) {
@@ -349,21 +343,8 @@ void LongPollSession::doEndConnect(std::unique_lock<std::mutex>& lock, std::shar
 void LongPollSession::setConnectTimeout(std::unique_lock<std::mutex>& lock, long long ticks) {
     KORVANE_LOG(logger, 8) << "Set connect timeout: " << id << ", " << ticks << ", " << common::getCurrentTick();
     bufferTimeoutSet = false;
-    common::TimerHandle connect;
-    common::TimerHandle buffer;
-    takeTimers(connect, buffer);
-    lock.unlock();
-    connect.reset();
-    buffer.reset();
-    lock.lock();
-    std::weak_ptr<LongPollSession> weakSelf(shared_from_this());
-    replaceTimer(lock, connectTimer, common::delay(
-                                         [weakSelf](long long tick) {
-                                             if (auto self = weakSelf.lock()) {
-                                                 self->doConnectTimeout(tick);
-                                             }
-                                         },
-                                         ticks));
+    dropTimers(lock);
+    replaceTimer(lock, connectTimer, common::delay(callbackTo(&LongPollSession::doConnectTimeout), ticks));
 }
 
 void LongPollSession::setBufferTimeout(std::unique_lock<std::mutex>& lock) {
@@ -375,21 +356,9 @@ void LongPollSession::setBufferTimeout(std::unique_lock<std::mutex>& lock) {
     // Set before the lock opens below, so that no second caller arms the timer in that gap.
     bufferTimeoutSet = true;
     // The connect timeout goes for good: from now on the buffer timeout alone ends this connect.
-    common::TimerHandle connect;
-    common::TimerHandle buffer;
-    takeTimers(connect, buffer);
-    lock.unlock();
-    connect.reset();
-    buffer.reset();
-    lock.lock();
-    std::weak_ptr<LongPollSession> weakSelf(shared_from_this());
-    replaceTimer(lock, bufferTimer, common::shortMsDelay(
-                                        [weakSelf](long long tick) {
-                                            if (auto self = weakSelf.lock()) {
-                                                self->doBufferTimeout(tick);
-                                            }
-                                        },
-                                        bufferPeriodMilliseconds));
+    dropTimers(lock);
+    replaceTimer(lock, bufferTimer,
+                 common::shortMsDelay(callbackTo(&LongPollSession::doBufferTimeout), bufferPeriodMilliseconds));
 }
 
 void LongPollSession::doConnectTimeout(long long tick) {
@@ -411,6 +380,26 @@ void LongPollSession::takeTimers(common::TimerHandle& connect, common::TimerHand
     buffer = std::move(bufferTimer);
     connectTimer.reset();
     bufferTimer.reset();
+}
+
+void LongPollSession::dropTimers(std::unique_lock<std::mutex>& lock) {
+    common::TimerHandle connect;
+    common::TimerHandle buffer;
+    takeTimers(connect, buffer);
+    lock.unlock();
+    connect.reset();
+    buffer.reset();
+    lock.lock();
+}
+
+common::TimerCallback LongPollSession::callbackTo(void (LongPollSession::*fire)(long long)) {
+    // Holds the session weakly: a timer never keeps a session alive.
+    std::weak_ptr<LongPollSession> weakSelf(shared_from_this());
+    return [weakSelf, fire](long long tick) {
+        if (auto self = weakSelf.lock()) {
+            ((*self).*fire)(tick);
+        }
+    };
 }
 
 void LongPollSession::replaceTimer(std::unique_lock<std::mutex>& lock, common::TimerHandle& field,

@@ -95,6 +95,10 @@ private:
     void doBufferTimeout(long long tick);
     // Empties both timer fields; the caller drops the returned handles with the lock released.
     void takeTimers(common::TimerHandle& connect, common::TimerHandle& buffer);
+    // Cancels both timers: takes them out of their fields and drops them with the lock released.
+    void dropTimers(std::unique_lock<std::mutex>& lock);
+    // A timer callback that runs `fire` on this session if it is still alive.
+    common::TimerCallback callbackTo(void (LongPollSession::*fire)(long long));
     // Stores a freshly armed handle; one that another thread stored meanwhile is dropped unlocked.
     void replaceTimer(std::unique_lock<std::mutex>& lock, common::TimerHandle& field, common::TimerHandle&& handle);
     void notifyUnsubscribeAll();

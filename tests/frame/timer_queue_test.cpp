@@ -5,8 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
+#include <future>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -21,111 +20,83 @@ namespace korvane::common {
 namespace {
 
 using std::chrono::milliseconds;
+using Ticks = std::vector<long long>;
+using Names = std::vector<std::string>;
 
 class ManualTimerTest : public ::testing::Test {
 protected:
     void SetUp() override { installTimerBackend(backend); }
     void TearDown() override { installTimerBackend(nullptr); }
 
+    TimerHandle once(TimerCallback callback, long long ms) {
+        return backend->schedule(std::move(callback), milliseconds(ms), milliseconds(0));
+    }
+    // Arms a timer that appends `name` to `ran`, `ms` from now.
+    TimerHandle named(Names& ran, const std::string& name, long long ms) {
+        return once([&ran, name](long long) { ran.push_back(name); }, ms);
+    }
+
     std::shared_ptr<ManualTimerBackend> backend = std::make_shared<ManualTimerBackend>();
 };
 
-// A one-shot gate between two threads.
-class Latch {
-public:
-    void open() {
-        {
-            std::lock_guard<std::mutex> guard(mutex_);
-            open_ = true;
-        }
-        condition_.notify_all();
-    }
-    void wait() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        condition_.wait(lock, [this] { return open_; });
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable condition_;
-    bool open_ = false;
-};
-
 TEST_F(ManualTimerTest, RunsTimersInDueOrderWithTheTickOfTheirDueTime) {
-    struct Case {
-        std::string name;
-        milliseconds delay;
-    };
     // Equal due times run in the order they were armed.
-    const std::vector<Case> cases = {{"c", milliseconds(250)}, {"a", milliseconds(5)},  {"d", milliseconds(250)},
-                                     {"b", milliseconds(99)},  {"e", milliseconds(1000)}, {"late", milliseconds(1001)}};
-    std::vector<std::pair<std::string, long long>> ran;
+    const std::vector<std::pair<std::string, long long>> armed = {{"c", 250}, {"a", 5},    {"d", 250},
+                                                                  {"b", 99},  {"e", 1000}, {"late", 1001}};
+    Names ran;
     std::vector<TimerHandle> handles;
-    for (const auto& entry : cases) {
-        handles.push_back(backend->schedule([&ran, name = entry.name](long long tick) { ran.emplace_back(name, tick); },
-                                            entry.delay, milliseconds(0)));
+    for (const auto& [name, delayMs] : armed) {
+        handles.push_back(once([&ran, name = name](long long tick) { ran.push_back(name + std::to_string(tick)); },
+                               delayMs));
     }
     backend->advance(milliseconds(1000));
-
-    const std::vector<std::pair<std::string, long long>> expected = {{"a", 0}, {"b", 0}, {"c", 2}, {"d", 2}, {"e", 10}};
-    EXPECT_EQ(ran, expected);
+    EXPECT_EQ(ran, (Names{"a0", "b0", "c2", "d2", "e10"}));
     EXPECT_EQ(backend->now(), milliseconds(1000));
     EXPECT_EQ(backend->currentTick(), 10);
-    EXPECT_EQ(backend->armedCount(), 1u);
+    EXPECT_EQ(backend->armedCount(), 1u) << "the late one still waits";
 }
 
-TEST_F(ManualTimerTest, CallbackSeesTheClockAtItsOwnDueTime) {
-    std::vector<long long> seen;
-    auto handle = delay([&seen](long long tick) { seen.push_back(getCurrentTick()); seen.push_back(tick); }, 3);
+TEST_F(ManualTimerTest, DelayPeriodicAndShortDelayFireOnTheirDueTimeOnly) {
+    Ticks seen;
+    auto delayed = delay([&seen](long long tick) { seen.insert(seen.end(), {getCurrentTick(), tick}); }, 3);
     backend->advanceTicks(2);
     EXPECT_TRUE(seen.empty());
     backend->advanceTicks(5);
-    EXPECT_EQ(seen, (std::vector<long long>{3, 3}));
+    EXPECT_EQ(seen, (Ticks{3, 3})) << "the callback sees the clock at its own due time";
     EXPECT_EQ(getCurrentTick(), 7);
-}
 
-TEST_F(ManualTimerTest, PeriodicTimerRearmsEveryPeriodAcrossATwoMinuteWindow) {
-    std::vector<long long> ticks;
-    auto handle = periodic([&ticks](long long tick) { ticks.push_back(tick); }, 100);
+    Ticks beats;  // armed at tick 7, every 100 ticks across a two-minute window
+    auto every = periodic([&beats](long long tick) { beats.push_back(tick); }, 100);
     backend->advance(milliseconds(120000));
-    std::vector<long long> expected;
-    for (long long tick = 100; tick <= 1200; tick += 100) {
-        expected.push_back(tick);
-    }
-    EXPECT_EQ(ticks, expected);
+    EXPECT_EQ(beats, (Ticks{107, 207, 307, 407, 507, 607, 707, 807, 907, 1007, 1107, 1207}));
     EXPECT_EQ(backend->armedCount(), 1u);
-}
+    every = nullptr;
 
-TEST_F(ManualTimerTest, ShortDelayFiresOnItsMillisecondAndNotBefore) {
     int fired = 0;
-    auto handle = shortMsDelay([&fired](long long) { ++fired; }, 5);
-    backend->advance(milliseconds(4));
-    EXPECT_EQ(fired, 0);
-    backend->advance(milliseconds(1));
-    EXPECT_EQ(fired, 1);
-    backend->advance(milliseconds(100));
-    EXPECT_EQ(fired, 1);
+    auto shortDelay = shortMsDelay([&fired](long long) { ++fired; }, 5);
+    for (const auto& [step, firedAfter] : std::vector<std::pair<long long, int>>{{4, 0}, {1, 1}, {100, 1}}) {
+        backend->advance(milliseconds(step));
+        EXPECT_EQ(fired, firedAfter) << "after " << step << " ms more";
+    }
     EXPECT_EQ(backend->armedCount(), 0u);
 }
 
 TEST_F(ManualTimerTest, TimersArmedByACallbackFireWithinTheSameAdvance) {
-    std::vector<std::string> ran;
+    Names ran;
     TimerHandle inner;
     TimerHandle beyond;
-    auto outer = backend->schedule(
+    auto outer = once(
         [&](long long) {
             ran.push_back("outer");
-            inner = backend->schedule([&ran](long long) { ran.push_back("inner"); }, milliseconds(30), milliseconds(0));
-            beyond = backend->schedule([&ran](long long) { ran.push_back("beyond"); }, milliseconds(80),
-                                       milliseconds(0));
-            backend->schedule([&ran](long long) { ran.push_back("dropped at once"); }, milliseconds(0),
-                              milliseconds(0));
+            inner = named(ran, "inner", 30);
+            beyond = named(ran, "beyond", 80);
+            named(ran, "dropped at once", 0);
         },
-        milliseconds(10), milliseconds(0));
+        10);
     backend->advance(milliseconds(50));
-    EXPECT_EQ(ran, (std::vector<std::string>{"outer", "inner"}));
+    EXPECT_EQ(ran, (Names{"outer", "inner"}));
     backend->advance(milliseconds(40));
-    EXPECT_EQ(ran, (std::vector<std::string>{"outer", "inner", "beyond"}));
+    EXPECT_EQ(ran, (Names{"outer", "inner", "beyond"}));
 }
 
 TEST_F(ManualTimerTest, ReleasedTimersNeverRunAndLeaveTheQueue) {
@@ -141,63 +112,59 @@ TEST_F(ManualTimerTest, ReleasedTimersNeverRunAndLeaveTheQueue) {
     EXPECT_EQ(fired, 1);
     kept = nullptr;  // after it ran: nothing to cancel, nothing to break
     EXPECT_EQ(backend->armedCount(), 0u);
-}
 
-TEST_F(ManualTimerTest, ManyTimersWithRandomReleasesRunSortedAndOnlyWhenKept) {
+    // Many timers at random due times, released at random places in the queue.
     std::mt19937 random(42);
-    std::uniform_int_distribution<int> delays(0, 5000);
-    std::vector<std::pair<int, int>> ran;  // (due in ms, index)
+    Names ran;
     std::vector<TimerHandle> handles;
-    std::vector<bool> kept;
+    std::vector<long long> dues;
     for (int index = 0; index < 2000; ++index) {
-        int due = delays(random);
-        handles.push_back(backend->schedule([&ran, due, index](long long) { ran.emplace_back(due, index); },
-                                            milliseconds(due), milliseconds(0)));
-        kept.push_back(true);
+        dues.push_back(random() % 5001);
+        handles.push_back(named(ran, std::to_string(index), dues.back()));
     }
-    for (int index = 0; index < 2000; index += 1 + static_cast<int>(random() % 3)) {
+    for (std::size_t index = 0; index < handles.size(); index += 1 + random() % 3) {
         handles[index] = nullptr;
-        kept[index] = false;
     }
-    const auto keptCount = static_cast<std::size_t>(std::count(kept.begin(), kept.end(), true));
-    EXPECT_EQ(backend->armedCount(), keptCount);
+    std::vector<std::pair<long long, std::string>> expected;  // (due, name) of the kept ones
+    for (std::size_t index = 0; index < handles.size(); ++index) {
+        if (handles[index]) {
+            expected.emplace_back(dues[index], std::to_string(index));
+        }
+    }
+    EXPECT_EQ(backend->armedCount(), expected.size());
     backend->advance(milliseconds(5000));
-    ASSERT_EQ(ran.size(), keptCount);
-    EXPECT_TRUE(std::is_sorted(ran.begin(), ran.end()));
-    for (const auto& entry : ran) {
-        EXPECT_TRUE(kept[entry.second]) << "released timer " << entry.second << " ran";
+    // Stable: equal due times keep the order they were armed in.
+    std::stable_sort(expected.begin(), expected.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    Names expectedNames;
+    for (const auto& entry : expected) {
+        expectedNames.push_back(entry.second);
     }
+    EXPECT_EQ(ran, expectedNames);
 }
-
-// A job that owns its own handle, like a sweep that ends itself when idle.
-struct SelfEndingJob {
-    TimerHandle handle;
-    int runs = 0;
-    int stopAfter = 0;
-};
 
 TEST_F(ManualTimerTest, TimerReleasesItsOwnLastHandleFromInsideItsCallback) {
     for (bool isPeriodic : {false, true}) {
         SCOPED_TRACE(isPeriodic ? "periodic" : "once");
-        auto job = std::make_shared<SelfEndingJob>();
-        job->stopAfter = isPeriodic ? 3 : 1;
+        TimerHandle handle;  // owned by the job itself, like a sweep that ends itself when idle
+        int runs = 0;
+        const int stopAfter = isPeriodic ? 3 : 1;
         auto captured = std::make_shared<int>(7);
         std::weak_ptr<int> capturedWatch = captured;
-        auto callback = [raw = job.get(), captured = std::move(captured)](long long) {
-            if (++raw->runs == raw->stopAfter) {
-                raw->handle = nullptr;
+        auto callback = [&, captured = std::move(captured)](long long) {
+            if (++runs == stopAfter) {
+                handle = nullptr;
             }
         };
-        job->handle = isPeriodic ? periodic(std::move(callback), 2) : delay(std::move(callback), 2);
+        handle = isPeriodic ? periodic(std::move(callback), 2) : delay(std::move(callback), 2);
         backend->advanceTicks(20);
-        EXPECT_EQ(job->runs, job->stopAfter);
-        EXPECT_EQ(job->handle, nullptr);
+        EXPECT_EQ(runs, stopAfter);
+        EXPECT_EQ(handle, nullptr);
         EXPECT_TRUE(capturedWatch.expired()) << "the callback's captures outlived its timer";
         EXPECT_EQ(backend->armedCount(), 0u);
     }
 }
 
-TEST_F(ManualTimerTest, CallbackThatOwnsItsOwnHandleIsFreedWithTheBackend) {
+TEST_F(ManualTimerTest, CallbackOwningItsHandleIsFreedWithTheBackendAndHandlesOutliveIt) {
     auto captured = std::make_shared<int>(1);
     std::weak_ptr<int> capturedWatch = captured;
     auto holder = std::make_shared<TimerHandle>();
@@ -205,16 +172,11 @@ TEST_F(ManualTimerTest, CallbackThatOwnsItsOwnHandleIsFreedWithTheBackend) {
     holder.reset();
     captured.reset();
     EXPECT_FALSE(capturedWatch.expired());
+    auto outliving = delay([](long long) {}, 5);
     installTimerBackend(nullptr);
     backend.reset();
     EXPECT_TRUE(capturedWatch.expired());
-}
-
-TEST_F(ManualTimerTest, HandleOutlivesItsBackend) {
-    auto handle = delay([](long long) {}, 5);
-    installTimerBackend(nullptr);
-    backend.reset();
-    EXPECT_NO_THROW(handle.reset());
+    EXPECT_NO_THROW(outliving.reset());
 }
 
 TEST_F(ManualTimerTest, CallbackExceptionReachesTheAdvancingTestAndRetiresTheTimer) {
@@ -230,17 +192,17 @@ TEST_F(ManualTimerTest, CallbackExceptionReachesTheAdvancingTestAndRetiresTheTim
 }
 
 TEST_F(ManualTimerTest, SetTickMovesTheClockAndRunsNothingUntilTheNextAdvance) {
-    std::vector<long long> ticks;
-    auto once = delay([&ticks](long long tick) { ticks.push_back(tick); }, 10);
+    Ticks ticks;
+    auto delayed = delay([&ticks](long long tick) { ticks.push_back(tick); }, 10);
     auto every = periodic([&ticks](long long tick) { ticks.push_back(-tick); }, 4);
     backend->setTick(50);
     EXPECT_EQ(getCurrentTick(), 50);
     EXPECT_TRUE(ticks.empty());
     backend->advance(milliseconds(0));
     // Overdue timers run at once, and a periodic one that fell behind skips the missed beats.
-    EXPECT_EQ(ticks, (std::vector<long long>{-50, 50}));
+    EXPECT_EQ(ticks, (Ticks{-50, 50}));
     backend->advanceTicks(4);
-    EXPECT_EQ(ticks, (std::vector<long long>{-50, 50, -54}));
+    EXPECT_EQ(ticks, (Ticks{-50, 50, -54}));
     EXPECT_THROW(backend->advance(milliseconds(-1)), std::invalid_argument);
     EXPECT_EQ(ManualTimerBackend(7).currentTick(), 7);
 }
@@ -256,34 +218,34 @@ TEST(TimerBackendInstallation, EveryTimerFunctionThrowsWithoutABackend) {
 
 TEST(TimerQueueConcurrency, ReleaseWaitsForTheCallbackRunningOnAnotherThread) {
     auto queue = std::make_shared<TimerQueue>();
-    Latch entered;
-    Latch releasing;
-    Latch proceed;
+    std::promise<void> entered, releasing, proceed;
+    std::future<void> hasEntered = entered.get_future(), isReleasing = releasing.get_future();
+    std::future<void> mayProceed = proceed.get_future();
     std::atomic<bool> releaseReturned{false};
     std::atomic<bool> releaseReturnedDuringCallback{false};
     auto captured = std::make_shared<int>(3);
     std::weak_ptr<int> capturedWatch = captured;
     auto handle = queue->arm(
         [&, captured = std::move(captured)](long long) {
-            entered.open();
-            proceed.wait();
+            entered.set_value();
+            mayProceed.wait();
             releaseReturnedDuringCallback = releaseReturned.load();
         },
         TimerQueue::Duration(0), TimerQueue::Duration(0));
 
     std::thread runner([&queue] { queue->runDue(TimerQueue::Duration(0)); });
-    entered.wait();
+    hasEntered.wait();
     bool capturesGoneAtRelease = false;
     std::thread releaser([&] {
-        releasing.open();
+        releasing.set_value();
         handle = nullptr;
         releaseReturned = true;
         capturesGoneAtRelease = capturedWatch.expired();
     });
-    releasing.wait();
+    isReleasing.wait();
     // Gives a release that fails to wait the time to return early, where the callback sees it.
     std::this_thread::sleep_for(milliseconds(20));
-    proceed.open();
+    proceed.set_value();
     releaser.join();
     runner.join();
     EXPECT_FALSE(releaseReturnedDuringCallback);

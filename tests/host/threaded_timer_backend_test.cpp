@@ -3,201 +3,126 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <memory>
-#include <mutex>
 #include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
 
 namespace korvane::host {
 namespace {
 
-using std::chrono::milliseconds;
+using namespace std::chrono_literals;
 
-// Collects what the timer thread reports and lets the test wait for a count of
-// reports. The generous wait is a guard against a hang, never a timing check.
-class Recorder {
-public:
-    void record(std::string event) {
-        {
-            std::lock_guard<std::mutex> guard(mutex_);
-            events_.push_back(std::move(event));
-        }
-        condition_.notify_all();
+// Runs a started backend and collects what its timer thread reports. The generous wait guards against a hang,
+// it is never a timing check.
+struct ThreadedTimerBackendConcurrency : ::testing::Test {
+    void SetUp() override { backend.start(); }
+
+    void note(std::string event) {
+        std::lock_guard<std::mutex> guard(mutex);
+        events.push_back(std::move(event));
+        reported.notify_all();
     }
-    bool waitFor(std::size_t count) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return condition_.wait_for(lock, std::chrono::seconds(10), [&] { return events_.size() >= count; });
+    // What was noted once there are `count` reports, or when the wait gave up.
+    std::vector<std::string> waitFor(std::size_t count) {
+        std::unique_lock<std::mutex> lock(mutex);
+        reported.wait_for(lock, 10s, [&] { return events.size() >= count; });
+        return events;
     }
-    std::vector<std::string> events() {
-        std::lock_guard<std::mutex> guard(mutex_);
-        return events_;
+    common::TimerHandle at(std::chrono::milliseconds delay, std::string event) {
+        return backend.schedule([this, event](long long) { note(event); }, delay, 0ms);
+    }
+    // What was noted once `before` reports are in and the timer thread has then run everything due within
+    // `window`.
+    std::vector<std::string> drain(std::chrono::milliseconds window, std::size_t before = 0) {
+        const std::size_t seen = waitFor(before).size();
+        auto marker = at(window, "drained");
+        return waitFor(seen + 1);
     }
 
-private:
-    std::mutex mutex_;
-    std::condition_variable condition_;
-    std::vector<std::string> events_;
+    std::mutex mutex;
+    std::condition_variable reported;
+    std::vector<std::string> events;
+    ThreadedTimerBackend backend;
 };
 
-class ThreadedTimerBackendConcurrency : public ::testing::Test {
-protected:
-    void SetUp() override { backend->start(); }
+TEST_F(ThreadedTimerBackendConcurrency, RunsTimersInDueOrderPastAThrowingOneRefusesStopFromACallbackAndRestarts) {
+    // The thread first sleeps towards the hour-long timer: each earlier one has to wake it.
+    auto far = at(1h, "far");
+    auto late = at(30ms, "30ms");
+    auto refused = backend.schedule(
+        [this](long long) {
+            EXPECT_THROW(backend.stop(), std::logic_error);
+            note("refused");
+            throw std::runtime_error("broken callback");  // the timer thread outlives a throwing callback
+        },
+        0ms, 0ms);
+    const long long tickBefore = backend.currentTick();
+    auto early = backend.schedule(
+        [&](long long tick) { note(tick >= tickBefore && tick <= backend.currentTick() ? "10ms" : "wrong tick"); },
+        10ms, 0ms);
+    auto middle = at(20ms, "20ms");
+    EXPECT_EQ(waitFor(4), (std::vector<std::string>{"refused", "10ms", "20ms", "30ms"}));
 
-    // Waits until the timer thread has run everything due within `window` from now.
-    void drain(milliseconds window) {
-        Recorder done;
-        auto marker = backend->schedule([&done](long long) { done.record("drained"); }, window, milliseconds(0));
-        ASSERT_TRUE(done.waitFor(1));
-    }
-
-    std::shared_ptr<ThreadedTimerBackend> backend = std::make_shared<ThreadedTimerBackend>();
-};
-
-TEST_F(ThreadedTimerBackendConcurrency, RunsTimersInDueOrderWithTheCurrentTick) {
-    Recorder recorder;
-    std::atomic<long long> tickArgument{-1};
-    const long long tickBefore = backend->currentTick();
-    auto late = backend->schedule([&](long long) { recorder.record("30ms"); }, milliseconds(30), milliseconds(0));
-    auto early = backend->schedule([&](long long tick) { tickArgument = tick; recorder.record("10ms"); },
-                                   milliseconds(10), milliseconds(0));
-    auto middle = backend->schedule([&](long long) { recorder.record("20ms"); }, milliseconds(20), milliseconds(0));
-    ASSERT_TRUE(recorder.waitFor(3));
-    EXPECT_EQ(recorder.events(), (std::vector<std::string>{"10ms", "20ms", "30ms"}));
-    EXPECT_GE(tickArgument.load(), tickBefore);
-    EXPECT_LE(tickArgument.load(), backend->currentTick());
-}
-
-TEST_F(ThreadedTimerBackendConcurrency, EarlierTimerWakesTheSleepingThread) {
-    Recorder recorder;
-    auto far = backend->schedule([&](long long) { recorder.record("far"); }, std::chrono::hours(1), milliseconds(0));
-    auto soon = backend->schedule([&](long long) { recorder.record("soon"); }, milliseconds(5), milliseconds(0));
-    ASSERT_TRUE(recorder.waitFor(1));
-    EXPECT_EQ(recorder.events(), (std::vector<std::string>{"soon"}));
+    backend.stop();
+    EXPECT_FALSE(backend.isRunning());
+    auto waiting = at(0ms, "after restart");
+    backend.start();
+    EXPECT_EQ(waitFor(5), (std::vector<std::string>{"refused", "10ms", "20ms", "30ms", "after restart"}));
 }
 
 TEST_F(ThreadedTimerBackendConcurrency, PeriodicJobReleasesItsOwnLastHandleUnderItsOwnLock) {
-    // Like a sweep that ends itself when idle: the job drops its handle while it
-    // holds the mutex that also guards the handle's arming.
-    struct Job {
-        std::mutex mutex;
-        common::TimerHandle handle;
-        int runs = 0;
-    };
-    auto job = std::make_shared<Job>();
-    Recorder recorder;
-    {
-        std::lock_guard<std::mutex> guard(job->mutex);
-        job->handle = backend->schedule(
-            [raw = job.get(), &recorder](long long) {
-                std::lock_guard<std::mutex> guard(raw->mutex);
-                if (++raw->runs == 3) {
-                    raw->handle = nullptr;
-                    recorder.record("ended");
-                }
-            },
-            milliseconds(1), milliseconds(1));
-    }
-    ASSERT_TRUE(recorder.waitFor(1));
-    drain(milliseconds(10));
-    std::lock_guard<std::mutex> guard(job->mutex);
-    EXPECT_EQ(job->runs, 3);
-    EXPECT_EQ(job->handle, nullptr);
+    // Like a sweep that ends itself when idle: the job drops its handle while it holds the mutex that also
+    // guards the handle's arming.
+    std::mutex jobMutex;
+    common::TimerHandle jobHandle;
+    int runs = 0;
+    std::unique_lock<std::mutex> arming(jobMutex);
+    jobHandle = backend.schedule(
+        [&](long long) {
+            std::lock_guard<std::mutex> guard(jobMutex);
+            if (++runs == 3) {
+                jobHandle = nullptr;
+            }
+            note("run " + std::to_string(runs));
+        },
+        1ms, 1ms);
+    arming.unlock();
+    EXPECT_EQ(drain(10ms, 3), (std::vector<std::string>{"run 1", "run 2", "run 3", "drained"}));
 }
 
 TEST_F(ThreadedTimerBackendConcurrency, ReleaseWaitsForTheRunningCallback) {
-    Recorder entered;
-    std::mutex gateMutex;
-    std::condition_variable gateCondition;
-    bool gateOpen = false;
-    std::atomic<bool> releaseReturned{false};
-    std::atomic<bool> releaseReturnedDuringCallback{false};
-    auto handle = backend->schedule(
-        [&](long long) {
-            entered.record("entered");
-            std::unique_lock<std::mutex> lock(gateMutex);
-            gateCondition.wait(lock, [&] { return gateOpen; });
-            releaseReturnedDuringCallback = releaseReturned.load();
+    auto handle = backend.schedule(
+        [this](long long) {
+            note("entered");
+            waitFor(2);  // until the test opens the gate
+            note("finished");
         },
-        milliseconds(0), milliseconds(0));
-    ASSERT_TRUE(entered.waitFor(1));
-    std::thread releaser([&] {
-        handle = nullptr;
-        releaseReturned = true;
-    });
-    // Gives a release that fails to wait the time to return early, where the callback sees it.
-    std::this_thread::sleep_for(milliseconds(20));
-    {
-        std::lock_guard<std::mutex> guard(gateMutex);
-        gateOpen = true;
-    }
-    gateCondition.notify_all();
+        0ms, 0ms);
+    ASSERT_EQ(waitFor(1).size(), 1u);
+    std::thread releaser([&] { handle = nullptr; note("released"); });
+    // Gives a release that fails to wait the time to return early, before the gate opens.
+    std::this_thread::sleep_for(20ms);
+    note("gate opened");
     releaser.join();
-    EXPECT_FALSE(releaseReturnedDuringCallback);
-}
-
-TEST_F(ThreadedTimerBackendConcurrency, StopFromACallbackIsRefusedAndRestartRunsWaitingTimers) {
-    Recorder recorder;
-    auto refused = backend->schedule(
-        [&](long long) {
-            try {
-                backend->stop();
-                recorder.record("stopped");
-            } catch (const std::logic_error&) {
-                recorder.record("refused");
-            }
-        },
-        milliseconds(0), milliseconds(0));
-    ASSERT_TRUE(recorder.waitFor(1));
-    backend->stop();
-    EXPECT_FALSE(backend->isRunning());
-    auto waiting = backend->schedule([&](long long) { recorder.record("after restart"); }, milliseconds(0),
-                                     milliseconds(0));
-    backend->start();
-    ASSERT_TRUE(recorder.waitFor(2));
-    EXPECT_EQ(recorder.events(), (std::vector<std::string>{"refused", "after restart"}));
-}
-
-TEST_F(ThreadedTimerBackendConcurrency, ThrowingCallbackDoesNotEndTheTimerThread) {
-    Recorder recorder;
-    auto failing = backend->schedule([](long long) { throw std::runtime_error("broken callback"); }, milliseconds(0),
-                                     milliseconds(0));
-    auto following = backend->schedule([&](long long) { recorder.record("still running"); }, milliseconds(1),
-                                       milliseconds(0));
-    EXPECT_TRUE(recorder.waitFor(1));
+    EXPECT_EQ(waitFor(4), (std::vector<std::string>{"entered", "gate opened", "finished", "released"}));
 }
 
 TEST_F(ThreadedTimerBackendConcurrency, NoCallbackStartsAfterItsReleaseReturnedOnAnyThread) {
-    std::atomic<int> ranAfterRelease{0};
-    std::atomic<int> ran{0};
-    std::vector<std::thread> threads;
-    for (int thread = 0; thread < 4; ++thread) {
-        threads.emplace_back([&, thread] {
-            for (int round = 0; round < 300; ++round) {
-                auto released = std::make_shared<std::atomic<bool>>(false);
-                auto handle = backend->schedule(
-                    [&, released](long long) {
-                        ++ran;
-                        if (released->load()) {
-                            ++ranAfterRelease;
-                        }
-                    },
-                    milliseconds(round % 3), milliseconds(thread % 2));
-                if (round % 5 == 0) {
-                    std::this_thread::sleep_for(std::chrono::microseconds(500));
-                }
-                handle = nullptr;
-                released->store(true);
-            }
-        });
-    }
+    std::atomic<int> ran{0}, ranAfterRelease{0};
+    auto armAndRelease = [&](int thread) {
+        for (int round = 0; round < 300; ++round) {
+            auto released = std::make_shared<std::atomic<bool>>(false);
+            auto handle = backend.schedule([&, released](long long) { ++ran; ranAfterRelease += *released ? 1 : 0; },
+                                           std::chrono::milliseconds(round % 3), std::chrono::milliseconds(thread % 2));
+            std::this_thread::sleep_for(round % 5 == 0 ? 500us : 0us);
+            handle = nullptr;
+            released->store(true);
+        }
+    };
+    std::thread threads[] = {std::thread(armAndRelease, 0), std::thread(armAndRelease, 1),
+                             std::thread(armAndRelease, 2), std::thread(armAndRelease, 3)};
     for (auto& thread : threads) {
         thread.join();
     }
-    drain(milliseconds(5));
+    EXPECT_EQ(drain(5ms), std::vector<std::string>{"drained"});
     EXPECT_EQ(ranAfterRelease.load(), 0);
     EXPECT_GT(ran.load(), 0) << "no callback raced with its release";
 }

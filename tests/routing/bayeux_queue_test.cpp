@@ -4,9 +4,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <functional>
 #include <limits>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -19,463 +21,342 @@ namespace korvane::bayeux {
 namespace {
 
 using reactive_streams::Subscription;
+using Events = std::vector<std::string>;
+constexpr unsigned long unlimited = std::numeric_limits<unsigned long>::max();
 
-std::unique_ptr<Message> message(const std::string& channel) {
-    return std::make_unique<PublishRequest>(channel);
+std::unique_ptr<Message> message(const std::string& channel, std::shared_ptr<common::DataBuffer> data = nullptr) {
+    auto request = std::make_unique<PublishRequest>(channel);
+    request->data = std::move(data);
+    return request;
 }
 
-std::string describe(const std::exception_ptr& error) {
-    try {
-        std::rethrow_exception(error);
-    } catch (const std::exception& caught) {
-        return caught.what();
-    }
-}
-
-// Records every event as text; hooks let a test act from inside a callback.
-// Single-threaded tests only.
+// Records every event as text in a log that several subscribers may share; a nested or
+// overlapping onNext shows up as "overlap". `mutex` guards the log only, so that
+// onComplete may race with onNext; `onEvent` runs after each record, without it, so
+// that a test can act from inside a callback.
 class RecordingSubscriber : public BayeuxQueue::Subscriber {
 public:
-    explicit RecordingSubscriber(unsigned long requestOnSubscribe = 0) : initialRequest(requestOnSubscribe) {}
+    explicit RecordingSubscriber(Events& sharedLog, unsigned long requestOnSubscribe = 0)
+        : log(sharedLog), initialRequest(requestOnSubscribe) {}
 
     void onSubscribe(std::weak_ptr<Subscription> handed) override {
         subscription = handed;
-        events.push_back("subscribe");
+        record("subscribe");
         if (initialRequest != 0) {
             request(initialRequest);
         }
     }
     void onNext(std::unique_ptr<Message>&& value) override {
-        ++depth;
-        maxDepth = std::max(maxDepth, depth);
-        events.push_back("next " + dynamic_cast<PublishRequest&>(*value).channel);
-        if (onNextHook) {
-            onNextHook(value);
+        struct Leave {
+            std::atomic<bool>& inside;
+            ~Leave() { inside = false; }
+        } leave{inside};
+        if (inside.exchange(true)) {
+            record("overlap");
         }
-        --depth;
+        ++received;
+        record("next " + dynamic_cast<PublishRequest&>(*value).channel);
     }
-    void onError(std::exception_ptr error) override { events.push_back("error " + describe(error)); }
-    void onComplete() override {
-        events.push_back("complete");
-        if (onCompleteHook) {
-            onCompleteHook();
+    void onError(std::exception_ptr error) override {
+        try {
+            std::rethrow_exception(error);
+        } catch (const std::exception& caught) {
+            record(std::string("error ") + caught.what());
         }
     }
+    void onComplete() override { record("complete"); }
     Future<bool> getFuture() override { return makeReadyFuture(true); }
 
+    void record(const std::string& event) {
+        std::unique_lock<std::mutex> hold(mutex);
+        log.push_back(event);
+        hold.unlock();
+        if (onEvent) {
+            onEvent(event);
+        }
+    }
     void request(unsigned long n) { subscription.lock()->request(n); }
     void cancel() { subscription.lock()->cancel(); }
 
-    unsigned long initialRequest;
+    Events& log;
+    const unsigned long initialRequest;
     std::weak_ptr<Subscription> subscription;
-    std::vector<std::string> events;
-    std::function<void(std::unique_ptr<Message>&)> onNextHook;
-    std::function<void()> onCompleteHook;
-    int depth = 0;
-    int maxDepth = 0;
+    std::mutex mutex;
+    std::function<void(const std::string&)> onEvent;
+    std::atomic<bool> inside{false};
+    std::atomic<int> received{0};
 };
-
-using Events = std::vector<std::string>;
 
 class BayeuxQueueTest : public testing::Test {
 protected:
+    std::shared_ptr<RecordingSubscriber> makeSubscriber(unsigned long requestOnSubscribe = 0) {
+        return std::make_shared<RecordingSubscriber>(log, requestOnSubscribe);
+    }
+    void push(std::initializer_list<const char*> channels) {
+        for (const char* channel : channels) {
+            queue->setValue(message(channel));
+        }
+    }
+    // The queue's end shows up in the log, at the moment it happens, as "end true" or "end false".
+    void watchEnd() {
+        end = queue->getFuture().then([this](Future<bool>&& result) {
+            log.push_back(result.get() ? "end true" : "end false");
+            return true;
+        });
+    }
+
+    Events log;  // first in, last out: the queue's destructor still records into it
     std::shared_ptr<BayeuxQueue> queue = std::make_shared<BayeuxQueue>("test");
-    std::shared_ptr<RecordingSubscriber> subscriber = std::make_shared<RecordingSubscriber>();
+    std::shared_ptr<RecordingSubscriber> subscriber = makeSubscriber();
+    Future<bool> end;
 };
 
-TEST_F(BayeuxQueueTest, DeliversInPushOrderWithinDemand) {
-    queue->setValue(message("/1"));
-    queue->setValue(message("/2"));
-    queue->setValue(message("/3"));
+TEST_F(BayeuxQueueTest, DeliversInPushOrderWithinDemandThatSaturates) {
+    push({"/1", "/2", "/3"});
     queue->subscribe(subscriber);
-    EXPECT_EQ(subscriber->events, Events{"subscribe"}) << "queued messages wait for a request";
+    EXPECT_EQ(log, Events{"subscribe"}) << "queued messages wait for a request";
     EXPECT_EQ(queue->bufferSize(), 3u);
-
     subscriber->request(2);
-    EXPECT_EQ(subscriber->events, (Events{"subscribe", "next /1", "next /2"}));
+    EXPECT_EQ(log, (Events{"subscribe", "next /1", "next /2"}));
     subscriber->request(0);
-    EXPECT_EQ(subscriber->events.size(), 3u) << "zero adds nothing";
+    EXPECT_EQ(log.size(), 3u) << "zero adds nothing";
     subscriber->request(5);
-    queue->setValue(message("/4"));
-    EXPECT_EQ(subscriber->events, (Events{"subscribe", "next /1", "next /2", "next /3", "next /4"}));
+    push({"/4"});
+    EXPECT_EQ(log, (Events{"subscribe", "next /1", "next /2", "next /3", "next /4"}));
     EXPECT_EQ(queue->bufferSize(), 0u);
-}
-
-TEST_F(BayeuxQueueTest, DemandSaturatesInsteadOfWrapping) {
-    queue->subscribe(subscriber);
-    subscriber->request(std::numeric_limits<unsigned long>::max());
-    subscriber->request(std::numeric_limits<unsigned long>::max());
-    subscriber->request(1);
-    for (int i = 0; i < 3; ++i) {
-        queue->setValue(message("/m"));
+    for (const unsigned long n : {unlimited, unlimited, 1ul}) {
+        subscriber->request(n);
     }
-    EXPECT_EQ(subscriber->events.size(), 4u);
+    push({"/5", "/6", "/7", "/8", "/9"});
+    EXPECT_EQ(log.size(), 10u) << "demand saturates instead of wrapping, overflowing to zero or being ignored";
 }
 
-TEST_F(BayeuxQueueTest, RequestFromOnNextDoesNotRecurse) {
-    for (int i = 0; i < 5; ++i) {
-        queue->setValue(message("/" + std::to_string(i)));
+TEST_F(BayeuxQueueTest, RequestOrCancelFromOnNextTakesEffectWithoutRecursion) {
+    push({"/0", "/1", "/2", "/3", "/4"});
+    const auto requester = makeSubscriber();
+    requester->onEvent = [&requester](const std::string&) { requester->request(1); };
+    queue->subscribe(requester);
+    EXPECT_EQ(log, (Events{"subscribe", "next /0", "next /1", "next /2", "next /3", "next /4"}));
+
+    requester->cancel();
+    push({"/5", "/6"});
+    queue->subscribe(subscriber);
+    subscriber->onEvent = [this](const std::string&) { subscriber->cancel(); };
+    subscriber->request(2);
+    EXPECT_EQ(log.back(), "next /5");
+    EXPECT_EQ(queue->bufferSize(), 1u);
+}
+
+TEST_F(BayeuxQueueTest, AnEndedQueueIgnoresEverythingAfter) {
+    for (const bool failing : {false, true}) {
+        log.clear();
+        queue = std::make_shared<BayeuxQueue>("ended");
+        subscriber = makeSubscriber();
+        Future<bool> end = queue->getFuture();
+        queue->subscribe(subscriber);
+        push({"/dropped"});
+        failing ? queue->setError(std::make_exception_ptr(std::runtime_error("broken"))) : queue->done();
+        EXPECT_EQ(log, (Events{"subscribe", failing ? "error broken" : "complete"}));
+        EXPECT_EQ(end.get(), !failing);
+
+        auto late = message("/late");
+        queue->setValue(std::move(late));
+        EXPECT_NE(late, nullptr) << "an ended queue leaves the message with its caller";
+        queue->setError(std::make_exception_ptr(std::runtime_error("late")));
+        queue->doneWhenEmpty();
+        queue->done();
+        subscriber->request(10);
+        EXPECT_EQ(log.size(), 2u);
+        EXPECT_THROW(queue->getFuture(), std::runtime_error);
+        EXPECT_THROW(queue->subscribe(makeSubscriber(10)), std::invalid_argument) << "the queue keeps its subscriber";
     }
-    subscriber->initialRequest = 1;
-    subscriber->onNextHook = [this](std::unique_ptr<Message>&) { subscriber->request(1); };
-    queue->subscribe(subscriber);
-    EXPECT_EQ(subscriber->events, (Events{"subscribe", "next /0", "next /1", "next /2", "next /3", "next /4"}));
-    EXPECT_EQ(subscriber->maxDepth, 1);
-}
-
-TEST_F(BayeuxQueueTest, DoneEndsAtOnceAndDropsWhatIsQueued) {
-    Future<bool> end = queue->getFuture();
-    queue->subscribe(subscriber);
-    queue->setValue(message("/kept"));
-    queue->done();
-    EXPECT_EQ(subscriber->events, (Events{"subscribe", "complete"}));
-    EXPECT_TRUE(end.get());
-
-    auto late = message("/late");
-    queue->setValue(std::move(late));
-    EXPECT_NE(late, nullptr) << "an ended queue leaves the message with its caller";
-    queue->setError(std::make_exception_ptr(std::runtime_error("late")));
-    queue->doneWhenEmpty();
-    queue->done();
-    subscriber->request(10);
-    EXPECT_EQ(subscriber->events, (Events{"subscribe", "complete"}));
-    EXPECT_THROW(queue->getFuture(), std::runtime_error);
-
-    auto next = std::make_shared<RecordingSubscriber>(10);
-    EXPECT_THROW(queue->subscribe(next), std::invalid_argument) << "a done queue keeps its subscriber";
+    BayeuxQueue unowned("unowned");
+    EXPECT_THROW(unowned.subscribe(makeSubscriber(10)), std::bad_weak_ptr);
+    EXPECT_EQ(log.size(), 2u);
 }
 
 TEST_F(BayeuxQueueTest, DoneWhenEmptyEndsAfterTheLastMessage) {
-    Future<bool> end = queue->getFuture();
-    bool ended = false;
-    Future<bool> observed = end.then([&ended](Future<bool>&& result) { return ended = result.get(); });
+    watchEnd();
     queue->subscribe(subscriber);
-    queue->setValue(message("/1"));
+    push({"/1"});
     queue->doneWhenEmpty();
-    queue->setValue(message("/2"));
+    push({"/2"});
     queue->setError(std::make_exception_ptr(std::runtime_error("ignored")));
-    EXPECT_EQ(subscriber->events, Events{"subscribe"}) << "without demand the queue stays open";
-    EXPECT_FALSE(ended);
-
+    EXPECT_EQ(log, Events{"subscribe"}) << "without demand the queue stays open";
     subscriber->request(2);
-    EXPECT_EQ(subscriber->events, (Events{"subscribe", "next /1", "next /2", "complete"}));
-    EXPECT_TRUE(ended);
-}
+    EXPECT_EQ(log, (Events{"subscribe", "next /1", "next /2", "complete", "end true"}));
 
-TEST_F(BayeuxQueueTest, DoneWhenEmptyOnEmptyQueueEndsWithoutDemandOrSubscriber) {
-    queue->subscribe(subscriber);
+    queue = std::make_shared<BayeuxQueue>("empty");
+    log.clear();
+    queue->subscribe(makeSubscriber());
     queue->doneWhenEmpty();
-    EXPECT_EQ(subscriber->events, (Events{"subscribe", "complete"}));
-
-    auto unsubscribed = std::make_shared<BayeuxQueue>("unsubscribed");
-    Future<bool> end = unsubscribed->getFuture();
-    unsubscribed->doneWhenEmpty();
-    EXPECT_TRUE(end.get());
-    auto late = std::make_shared<RecordingSubscriber>(1);
-    unsubscribed->subscribe(late);
-    EXPECT_EQ(late->events, (Events{"subscribe", "complete"}));
+    EXPECT_EQ(log, (Events{"subscribe", "complete"})) << "an empty queue ends at once, without demand";
 }
 
-TEST_F(BayeuxQueueTest, ErrorGoesToTheSubscriberAndTheFutureCarriesFalse) {
-    Future<bool> end = queue->getFuture();
-    queue->subscribe(subscriber);
-    queue->setValue(message("/waiting"));
-    queue->setError(std::make_exception_ptr(std::runtime_error("broken")));
-    EXPECT_EQ(subscriber->events, (Events{"subscribe", "error broken"}));
-    EXPECT_FALSE(end.get());
-    queue->done();
-    subscriber->request(1);
-    EXPECT_EQ(subscriber->events.size(), 2u);
+TEST_F(BayeuxQueueTest, AnEndWithoutSubscriberReachesEveryLaterOne) {
+    for (const bool failing : {false, true}) {
+        log.clear();
+        queue = std::make_shared<BayeuxQueue>("unsubscribed");
+        watchEnd();
+        failing ? queue->setError(std::make_exception_ptr(std::runtime_error("early"))) : queue->doneWhenEmpty();
+        queue->subscribe(makeSubscriber(1));
+        queue->subscribe(makeSubscriber(1));
+        const char* const told = failing ? "error early" : "complete";
+        EXPECT_EQ(log, (Events{failing ? "end false" : "end true", "subscribe", told, "subscribe", told}));
+    }
 }
 
-TEST_F(BayeuxQueueTest, StoredErrorReachesEveryLaterSubscriber) {
-    Future<bool> end = queue->getFuture();
-    queue->setError(std::make_exception_ptr(std::runtime_error("early")));
-    EXPECT_FALSE(end.get());
-    auto second = std::make_shared<RecordingSubscriber>();
+TEST_F(BayeuxQueueTest, OneSubscriberAtATimeAndCancelKeepsMessagesForTheNext) {
+    watchEnd();
     queue->subscribe(subscriber);
-    queue->subscribe(second);
-    EXPECT_EQ(subscriber->events, (Events{"subscribe", "error early"}));
-    EXPECT_EQ(second->events, (Events{"subscribe", "error early"}));
-}
-
-TEST_F(BayeuxQueueTest, OnlyOneSubscriberAtATime) {
-    queue->subscribe(subscriber);
-    auto intruder = std::make_shared<RecordingSubscriber>(1);
     try {
-        queue->subscribe(intruder);
+        queue->subscribe(makeSubscriber(1));
         FAIL() << "a second subscriber was accepted";
     } catch (const std::invalid_argument& refused) {
         EXPECT_STREQ(refused.what(), "Only one subscription allowed.");
     }
-    EXPECT_TRUE(intruder->events.empty());
-    subscriber->request(1);
-    queue->setValue(message("/1"));
-    EXPECT_EQ(subscriber->events, (Events{"subscribe", "next /1"}));
-}
-
-TEST_F(BayeuxQueueTest, CancelKeepsMessagesForTheNextSubscriber) {
-    Future<bool> end = queue->getFuture();
-    bool ended = false;
-    Future<bool> observed = end.then([&ended](Future<bool>&&) { return ended = true; });
-    queue->subscribe(subscriber);
     subscriber->request(3);
-    queue->setValue(message("/1"));
+    push({"/1"});
     subscriber->cancel();
     EXPECT_TRUE(subscriber->subscription.expired()) << "the subscription dies with the cancel";
-    queue->setValue(message("/2"));
-    queue->setValue(message("/3"));
+    push({"/2", "/3"});
     EXPECT_EQ(queue->bufferSize(), 2u);
-    EXPECT_FALSE(ended);
-
-    auto successor = std::make_shared<RecordingSubscriber>();
+    const auto successor = makeSubscriber();
     queue->subscribe(successor);
-    EXPECT_EQ(successor->events, Events{"subscribe"}) << "a new subscriber starts with no demand";
+    EXPECT_EQ(log, (Events{"subscribe", "next /1", "subscribe"})) << "a new subscriber starts with no demand";
     successor->request(5);
     queue->done();
-    EXPECT_EQ(subscriber->events, (Events{"subscribe", "next /1"}));
-    EXPECT_EQ(successor->events, (Events{"subscribe", "next /2", "next /3", "complete"}));
-    EXPECT_TRUE(ended);
-}
-
-TEST_F(BayeuxQueueTest, CancelFromOnNextStopsTheDrain) {
-    queue->setValue(message("/1"));
-    queue->setValue(message("/2"));
-    subscriber->initialRequest = 2;
-    subscriber->onNextHook = [this](std::unique_ptr<Message>&) { subscriber->cancel(); };
-    queue->subscribe(subscriber);
-    EXPECT_EQ(subscriber->events, (Events{"subscribe", "next /1"}));
-    EXPECT_EQ(queue->bufferSize(), 1u);
+    EXPECT_EQ(log, (Events{"subscribe", "next /1", "subscribe", "next /2", "next /3", "complete", "end true"}));
 }
 
 TEST_F(BayeuxQueueTest, ThrowingSubscriberLosesOnlyTheMessageInFlight) {
     queue->subscribe(subscriber);
     subscriber->request(2);
-    subscriber->onNextHook = [](std::unique_ptr<Message>&) { throw std::runtime_error("subscriber failed"); };
-    EXPECT_NO_THROW(queue->setValue(message("/lost")));
-    subscriber->onNextHook = nullptr;
-    queue->setValue(message("/2"));
-    queue->setValue(message("/3"));
-    EXPECT_EQ(subscriber->events, (Events{"subscribe", "next /lost", "next /2"})) << "the lost message spent its demand";
+    subscriber->onEvent = [](const std::string&) { throw std::runtime_error("subscriber failed"); };
+    EXPECT_NO_THROW(push({"/lost"}));
+    subscriber->onEvent = nullptr;
+    push({"/2", "/3"});
+    EXPECT_EQ(log, (Events{"subscribe", "next /lost", "next /2"})) << "the lost message spent its demand";
     EXPECT_EQ(queue->bufferSize(), 1u);
     queue->doneWhenEmpty();
     subscriber->request(1);
-    EXPECT_EQ(subscriber->events.back(), "complete");
+    EXPECT_EQ(log.back(), "complete");
 }
 
-TEST_F(BayeuxQueueTest, MessageLeftInOnNextIsDestroyedByTheQueue) {
-    auto observed = std::make_shared<int>(0);
-    class Tracked : public PublishRequest {
-    public:
-        explicit Tracked(std::shared_ptr<int> witness) : PublishRequest("/tracked"), held(std::move(witness)) {}
-        std::shared_ptr<int> held;
-    };
+TEST_F(BayeuxQueueTest, DestructionCompletesAnOpenQueueAndFreesEveryMessage) {
+    const auto delivered = std::make_shared<common::DataBuffer>();
+    const auto undelivered = std::make_shared<common::DataBuffer>();
+    watchEnd();
     queue->subscribe(subscriber);
     subscriber->request(1);
-    queue->setValue(std::make_unique<Tracked>(observed));
-    EXPECT_EQ(observed.use_count(), 1);
-}
-
-TEST_F(BayeuxQueueTest, DestructionCompletesAnOpenQueue) {
-    Future<bool> end = queue->getFuture();
-    queue->subscribe(subscriber);
-    queue->setValue(message("/undelivered"));
+    queue->setValue(message("/delivered", delivered));
+    EXPECT_EQ(delivered.use_count(), 1) << "what onNext leaves in the message is destroyed by the queue";
+    queue->setValue(message("/undelivered", undelivered));
     queue.reset();
-    EXPECT_EQ(subscriber->events, (Events{"subscribe", "complete"}));
-    EXPECT_TRUE(end.get());
+    EXPECT_EQ(log, (Events{"subscribe", "next /delivered", "complete", "end true"}));
     EXPECT_TRUE(subscriber->subscription.expired());
+    EXPECT_EQ(undelivered.use_count(), 1);
 }
 
 TEST_F(BayeuxQueueTest, SubscriptionWithoutItsQueueRefusesLoudly) {
     common::installStderrLogSink();
     queue->subscribe(subscriber);
     const std::shared_ptr<Subscription> kept = subscriber->subscription.lock();
-    queue.reset();
-    const struct {
-        std::function<void()> call;
-        const char* text;
-    } cases[] = {
-        {[&] { kept->request(1); }, "No publisher, can not request!"},
-        {[&] { kept->cancel(); }, "No publisher, can not cancel!"},
-    };
-    for (const auto& c : cases) {
+    const auto expectRefused = [](const std::function<void()>& call, const char* text) {
         testing::internal::CaptureStderr();
         try {
-            c.call();
-            ADD_FAILURE() << "no exception for " << c.text;
+            call();
+            ADD_FAILURE() << "no exception for " << text;
         } catch (const std::runtime_error& refused) {
-            EXPECT_STREQ(refused.what(), c.text);
+            EXPECT_STREQ(refused.what(), text);
         }
         const std::string trace = testing::internal::GetCapturedStderr();
         EXPECT_NE(trace.find("Cancelled with no publisher"), std::string::npos) << trace;
         EXPECT_NE(trace.find("korvane_routing_tests"), std::string::npos) << "a stack trace goes to standard error";
         EXPECT_EQ(trace.back(), '\n');
-    }
-}
-
-TEST_F(BayeuxQueueTest, RequestFromOnCompleteDuringDestructionIsContained) {
-    queue->subscribe(subscriber);
-    const std::shared_ptr<Subscription> kept = subscriber->subscription.lock();
-    bool refused = false;
-    subscriber->onCompleteHook = [&] {
-        testing::internal::CaptureStderr();
-        try {
-            kept->request(1);
-        } catch (const std::runtime_error&) {
-            refused = true;
-        }
-        testing::internal::GetCapturedStderr();
     };
+    const auto request = [&] { kept->request(1); };
+    subscriber->onEvent = [&](const std::string&) { expectRefused(request, "No publisher, can not request!"); };
     queue.reset();
-    EXPECT_TRUE(refused);
+    EXPECT_EQ(log, (Events{"subscribe", "complete"}));
+    expectRefused(request, "No publisher, can not request!");
+    expectRefused([&] { kept->cancel(); }, "No publisher, can not cancel!");
 }
 
-TEST(BayeuxQueueLog, TracesTheLifeOfAQueueUnderItsId) {
-    common::setLogLevels("korvane::bayeux::queue", 8 | 512);
-    common::installStderrLogSink();
-    testing::internal::CaptureStderr();
-    auto queue = std::make_shared<BayeuxQueue>("logged");
-    const std::string id = "logged_" + std::to_string(reinterpret_cast<unsigned long>(queue.get()));
-    auto subscriber = std::make_shared<RecordingSubscriber>(1);
-    queue->subscribe(subscriber);
-    queue->setValue(message("/1"));
-    queue->doneWhenEmpty();
-    queue->setError(std::make_exception_ptr(std::runtime_error("late")));
-    queue.reset();
-    const std::string log = testing::internal::GetCapturedStderr();
-    common::setLogLevels("korvane::bayeux::queue", common::defaultLogLevels);
-
-    for (const std::string& line :
-         {"Bayeux queue constructor: " + id, "deliver: " + id + ", 0, 1, 0", "setValue: " + id + " ",
-          "deliver: " + id + ", 0, 1, 1", "onNext: " + id + ", ", "doneWhenEmpty: " + id,
-          "deliver: " + id + ", 1, 0, 0", "doDone: " + id, "setError: " + id, "Bayeux queue destructor: " + id}) {
-        EXPECT_NE(log.find(line), std::string::npos) << line << "\n" << log;
+// Starts `count` threads that each push `each` messages "/<thread>/<sequence>".
+std::vector<std::thread> startProducers(const std::shared_ptr<BayeuxQueue>& queue, int count, int each) {
+    std::vector<std::thread> producers;
+    for (int p = 0; p < count; ++p) {
+        producers.emplace_back([queue, p, each] {
+            for (int i = 0; i < each; ++i) {
+                queue->setValue(message("/" + std::to_string(p) + "/" + std::to_string(i)));
+            }
+        });
     }
+    return producers;
 }
 
-TEST(BayeuxQueueOwnership, SubscribeNeedsSharedOwnership) {
-    BayeuxQueue unowned("unowned");
-    auto subscriber = std::make_shared<RecordingSubscriber>();
-    EXPECT_THROW(unowned.subscribe(subscriber), std::bad_weak_ptr);
-    EXPECT_TRUE(subscriber->events.empty());
-}
-
-// A message that names its producer and its place in that producer's sequence.
-class NumberedMessage : public Message {
-public:
-    NumberedMessage(int producerIndex, int sequenceNumber) : producer(producerIndex), sequence(sequenceNumber) {}
-    int producer;
-    int sequence;
-};
-
-// Checks ordering and overlap on whatever thread the queue calls it from.
-class CheckingSubscriber : public BayeuxQueue::Subscriber {
-public:
-    explicit CheckingSubscriber(int producers) : nextSequence(producers, 0) {}
-
-    void onSubscribe(std::weak_ptr<Subscription> handed) override { subscription = handed.lock(); }
-    void onNext(std::unique_ptr<Message>&& value) override {
-        if (inside.exchange(true)) {
-            overlapped = true;
+// How many messages of each producer arrived; fails unless they came in push order.
+std::vector<int> countInPushOrder(const Events& events, int producers) {
+    std::vector<int> next(producers, 0);
+    for (const std::string& event : events) {
+        int producer = 0;
+        int sequence = 0;
+        if (std::sscanf(event.c_str(), "next /%d/%d", &producer, &sequence) == 2) {
+            EXPECT_EQ(sequence, next[producer]++) << "producer " << producer;
         }
-        const auto& numbered = static_cast<const NumberedMessage&>(*value);
-        if (numbered.sequence != nextSequence[numbered.producer]) {
-            outOfOrder = true;
-        }
-        nextSequence[numbered.producer] = numbered.sequence + 1;
-        inside = false;
-        received.fetch_add(1);
     }
-    void onError(std::exception_ptr) override { failed = true; }
-    void onComplete() override { completed = true; }
-    Future<bool> getFuture() override { return makeReadyFuture(true); }
-
-    std::shared_ptr<Subscription> subscription;
-    std::vector<int> nextSequence;  // touched only inside onNext, which never overlaps
-    std::atomic<bool> inside{false};
-    std::atomic<bool> overlapped{false};
-    std::atomic<bool> outOfOrder{false};
-    std::atomic<bool> failed{false};
-    std::atomic<bool> completed{false};
-    std::atomic<int> received{0};
-};
+    return next;
+}
 
 TEST(BayeuxQueueConcurrency, ProducersAndARequesterOnSeparateThreads) {
     constexpr int producerCount = 4;
     constexpr int messagesEach = 20000;
-    constexpr int total = producerCount * messagesEach;
     constexpr int batch = 16;
-    auto queue = std::make_shared<BayeuxQueue>("concurrency");
+    const auto queue = std::make_shared<BayeuxQueue>("concurrency");
     Future<bool> end = queue->getFuture();
-    auto subscriber = std::make_shared<CheckingSubscriber>(producerCount);
+    Events log;
+    const auto subscriber = std::make_shared<RecordingSubscriber>(log);
     queue->subscribe(subscriber);
-
-    std::thread requester([&subscriber] {
-        long requested = 0;
-        while (subscriber->received.load() < total) {
+    const std::shared_ptr<Subscription> subscription = subscriber->subscription.lock();
+    std::thread requester([&subscriber, &subscription] {
+        for (long requested = 0; subscriber->received.load() < producerCount * messagesEach;) {
             if (requested - subscriber->received.load() < batch) {
                 requested += batch;
-                subscriber->subscription->request(batch);
+                subscription->request(batch);
             } else {
                 std::this_thread::yield();
             }
         }
     });
-    std::vector<std::thread> producers;
-    for (int p = 0; p < producerCount; ++p) {
-        producers.emplace_back([&queue, p] {
-            for (int i = 0; i < messagesEach; ++i) {
-                queue->setValue(std::make_unique<NumberedMessage>(p, i));
-            }
-        });
-    }
-    for (std::thread& producer : producers) {
+    for (std::thread& producer : startProducers(queue, producerCount, messagesEach)) {
         producer.join();
     }
     requester.join();
     queue->doneWhenEmpty();
-
-    EXPECT_EQ(subscriber->received.load(), total);
-    EXPECT_FALSE(subscriber->overlapped.load());
-    EXPECT_FALSE(subscriber->outOfOrder.load());
-    EXPECT_EQ(subscriber->nextSequence, std::vector<int>(producerCount, messagesEach));
-    EXPECT_TRUE(subscriber->completed.load());
-    EXPECT_FALSE(subscriber->failed.load());
+    EXPECT_EQ(countInPushOrder(log, producerCount), std::vector<int>(producerCount, messagesEach));
+    EXPECT_EQ(std::count(log.begin(), log.end(), "overlap"), 0);
+    EXPECT_EQ(log.back(), "complete");
     EXPECT_TRUE(end.get());
 }
 
 TEST(BayeuxQueueConcurrency, EndingRacesWithProducersAndEndsOnce) {
     constexpr int producerCount = 3;
-    constexpr int rounds = 200;
-    for (int round = 0; round < rounds; ++round) {
-        auto queue = std::make_shared<BayeuxQueue>("race");
+    for (int round = 0; round < 200; ++round) {
+        const auto queue = std::make_shared<BayeuxQueue>("race");
         Future<bool> end = queue->getFuture();
-        auto subscriber = std::make_shared<CheckingSubscriber>(producerCount);
-        queue->subscribe(subscriber);
-        subscriber->subscription->request(std::numeric_limits<unsigned long>::max());
-        std::vector<std::thread> threads;
-        for (int p = 0; p < producerCount; ++p) {
-            threads.emplace_back([&queue, p] {
-                for (int i = 0; i < 50; ++i) {
-                    queue->setValue(std::make_unique<NumberedMessage>(p, i));
-                }
-            });
-        }
-        threads.emplace_back([&queue, round] {
-            if (round % 2 == 0) {
-                queue->doneWhenEmpty();
-            } else {
-                queue->done();
-            }
-        });
+        Events log;
+        queue->subscribe(std::make_shared<RecordingSubscriber>(log, unlimited));
+        std::vector<std::thread> threads = startProducers(queue, producerCount, 50);
+        threads.emplace_back([&queue, round] { round % 2 == 0 ? queue->doneWhenEmpty() : queue->done(); });
         for (std::thread& thread : threads) {
             thread.join();
         }
         queue->done();
         ASSERT_TRUE(end.get());
-        ASSERT_TRUE(subscriber->completed.load());
-        ASSERT_FALSE(subscriber->overlapped.load());
-        ASSERT_FALSE(subscriber->outOfOrder.load());
+        ASSERT_EQ(std::count(log.begin(), log.end(), "complete"), 1);
+        ASSERT_EQ(std::count(log.begin(), log.end(), "overlap"), 0);
+        countInPushOrder(log, producerCount);
     }
 }
 

@@ -1,40 +1,14 @@
 #include "korvane/session/local_session.h"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
-#include <memory>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "korvane/routing/bayeux_server.h"
 #include "session/session_test_support.h"
 
-namespace korvane::bayeux {
+namespace korvane::bayeux::testing {
 namespace {
 
-using testing::LocalRecorder;
-using testing::NoticeSpy;
-using testing::makePublish;
-
-using LocalStream = std::shared_ptr<reactive_streams::PublisherAPI<std::shared_ptr<const PublishRequest>>>;
-
-std::shared_ptr<LocalRecorder> watch(const LocalStream& stream, unsigned long demand = ~0ul) {
-    auto recorder = std::make_shared<LocalRecorder>(demand);
-    stream->subscribe(recorder);
-    return recorder;
-}
-
-std::vector<std::string> texts(LocalRecorder& recorder) {
-    std::vector<std::string> result;
-    recorder.inspect([&result](const std::vector<std::shared_ptr<const PublishRequest>>& items) {
-        for (const auto& item : items) {
-            result.push_back(item->data->str());
-        }
-    });
-    return result;
-}
+using LocalPublisher = std::shared_ptr<reactive_streams::PublisherAPI<std::shared_ptr<const PublishRequest>>>;
 
 class LocalBayeuxSessionTest : public ::testing::Test {
 protected:
@@ -52,42 +26,40 @@ protected:
 };
 
 TEST_F(LocalBayeuxSessionTest, EachSubscriptionGetsAMatchingMessageOnceAndAllShareIt) {
-    auto both = session->subscribe(std::vector<std::string>{"/a/*", "/a/b", "/a/**"});
-    auto first = session->subscribe("/a/b");
-    auto second = session->subscribe("/a/b");
-    auto never = session->subscribe(std::vector<std::string>{});
-    auto bothSeen = watch(both);
-    auto firstSeen = watch(first);
-    auto secondSeen = watch(second);
-    auto neverSeen = watch(never);
+    LocalPublisher both = session->subscribe(std::vector<std::string>{"/a/*", "/a/b", "/a/**"}),
+                first = session->subscribe("/a/b"), second = session->subscribe("/a/b"),
+                never = session->subscribe(std::vector<std::string>{});
+    auto bothSeen = watch(both), firstSeen = watch(first), secondSeen = watch(second), neverSeen = watch(never);
     publish("/a/b", "m1");
     publish("/a/c", "m2");
-    EXPECT_EQ(texts(*bothSeen), (std::vector<std::string>{"m1", "m2"}));
-    EXPECT_EQ(texts(*firstSeen), (std::vector<std::string>{"m1"}));
-    EXPECT_EQ(texts(*secondSeen), (std::vector<std::string>{"m1"}));
+    EXPECT_EQ(bothSeen->seen(), (Texts{"m1", "m2"}));
+    EXPECT_EQ(firstSeen->seen(), Texts{"m1"});
+    EXPECT_EQ(secondSeen->seen(), Texts{"m1"});
     EXPECT_EQ(neverSeen->size(), 0u);
-    const PublishRequest* a = nullptr;
-    const PublishRequest* b = nullptr;
-    firstSeen->inspect([&a](const auto& items) { a = items[0].get(); });
-    secondSeen->inspect([&b](const auto& items) { b = items[0].get(); });
-    EXPECT_EQ(a, b) << "receivers share the one published object";
+    EXPECT_EQ(firstSeen->at<PublishRequest>(0), secondSeen->at<PublishRequest>(0))
+        << "receivers share the one published object";
 }
 
-TEST_F(LocalBayeuxSessionTest, ValuesWaitInOrderUntilTheSubscriberAsks) {
-    auto stream = session->subscribe("/a");
-    auto recorder = watch(stream, 0);
+TEST_F(LocalBayeuxSessionTest, ValuesWaitInOrderUntilAskedAndDestructionCompletesStreamsAfterThem) {
+    LocalPublisher eager = session->subscribe("/a"), lazy = session->subscribe("/a");
+    auto eagerSeen = watch(eager), lazySeen = watch(lazy, 0);
     publish("/a", "m1");
     publish("/a", "m2");
     publish("/a", "m3");
-    EXPECT_EQ(recorder->size(), 0u);
-    recorder->request(2);
-    EXPECT_EQ(texts(*recorder), (std::vector<std::string>{"m1", "m2"}));
-    recorder->request(1);
-    EXPECT_EQ(texts(*recorder), (std::vector<std::string>{"m1", "m2", "m3"}));
+    EXPECT_EQ(lazySeen->size(), 0u);
+    lazySeen->request(2);
+    EXPECT_EQ(lazySeen->seen(), (Texts{"m1", "m2"}));
+    session.reset();
+    EXPECT_EQ(eagerSeen->completionCount(), 1);
+    EXPECT_EQ(lazySeen->completionCount(), 0) << "a cached value still waits for demand";
+    lazySeen->request(1);
+    EXPECT_EQ(lazySeen->seen(), (Texts{"m1", "m2", "m3"}));
+    EXPECT_EQ(lazySeen->completionCount(), 1);
+    publish("/a", "after");
 }
 
 TEST_F(LocalBayeuxSessionTest, ReleasedSubscriptionIsPrunedOnlyByAMatchingDeliver) {
-    auto kept = session->subscribe("/b");
+    LocalPublisher kept = session->subscribe("/b");
     auto keptSeen = watch(kept);
     session->subscribe("/a");  // released at once
     EXPECT_EQ(session->subscriptionCount(), 2u);
@@ -96,11 +68,11 @@ TEST_F(LocalBayeuxSessionTest, ReleasedSubscriptionIsPrunedOnlyByAMatchingDelive
     publish("/a", "m2");
     EXPECT_EQ(session->subscriptionCount(), 1u);
     publish("/b", "m3");
-    EXPECT_EQ(texts(*keptSeen), (std::vector<std::string>{"m1", "m3"}));
+    EXPECT_EQ(keptSeen->seen(), (Texts{"m1", "m3"}));
 }
 
-TEST_F(LocalBayeuxSessionTest, PublishStampsTheSessionAndIsNotDeliveredBackToIt) {
-    auto stream = session->subscribe("/a");
+TEST_F(LocalBayeuxSessionTest, PublishStampsTheSessionAndIsNotDeliveredBackToItAndNoticesDoNothing) {
+    LocalPublisher stream = session->subscribe("/a");
     auto own = watch(stream);
     EXPECT_TRUE(session->publish(makePublish("/a", "owned", "forged")));
     auto shared = std::shared_ptr<const PublishRequest>(makePublish("/a", "shared", "forged"));
@@ -110,59 +82,38 @@ TEST_F(LocalBayeuxSessionTest, PublishStampsTheSessionAndIsNotDeliveredBackToIt)
     EXPECT_EQ(spy->publishes[1]->clientId, session->getId());
     EXPECT_EQ(spy->publishes[1].get(), shared.get());
     EXPECT_EQ(own->size(), 0u);
-
     auto refused = makePublish("/a/*", "bad");
     EXPECT_FALSE(session->publish(std::move(refused)));
     EXPECT_NE(refused, nullptr);
     EXPECT_FALSE(session->publish(std::shared_ptr<const PublishRequest>(makePublish("/", "bad"))));
     EXPECT_EQ(spy->publishes.size(), 2u);
-}
 
-TEST_F(LocalBayeuxSessionTest, NoticesHaveNoEffectAndSubscribingTellsNobody) {
-    auto stream = session->subscribe("/a");
-    auto recorder = watch(stream);
     session->deliver(std::make_shared<const SubscribeRequest>("/a", "other"));
     session->deliver(std::make_shared<const UnsubscribeRequest>("/a", "other"));
     session->flush();
-    EXPECT_TRUE(spy->subscribed.empty());
+    EXPECT_TRUE(spy->subscribed.empty()) << "subscribing tells nobody";
     publish("/a", "m1");
-    EXPECT_EQ(texts(*recorder), (std::vector<std::string>{"m1"}));
-}
-
-TEST_F(LocalBayeuxSessionTest, DestructionCompletesAttachedStreamsAfterTheirCachedValues) {
-    auto eager = session->subscribe("/a");
-    auto eagerSeen = watch(eager);
-    auto lazy = session->subscribe("/a");
-    auto lazySeen = watch(lazy, 0);
-    publish("/a", "m1");
-    session.reset();
-    EXPECT_EQ(eagerSeen->completionCount(), 1);
-    EXPECT_EQ(lazySeen->completionCount(), 0);
-    lazySeen->request(1);
-    EXPECT_EQ(texts(*lazySeen), (std::vector<std::string>{"m1"}));
-    EXPECT_EQ(lazySeen->completionCount(), 1);
-    publish("/a", "after");
+    EXPECT_EQ(own->seen(), Texts{"m1"});
 }
 
 // Deliveries on several threads walk the subscriptions while another thread releases
 // publishers (so the walks prune the same entries) and adds new ones.
 TEST(LocalBayeuxSessionConcurrency, ConcurrentDeliveriesSurviveEachOthersPruning) {
     constexpr int rounds = 300;
-    constexpr int kept = 20;
+    constexpr std::size_t kept = 20;
     auto server = std::make_shared<BayeuxServerImpl>();
     auto session = std::make_shared<LocalBayeuxSession>(server, nullptr);
     const std::vector<std::string> segments{"a"};
-
-    std::vector<LocalStream> keptStreams;
-    std::vector<std::shared_ptr<LocalRecorder>> keptSeen;
-    for (int i = 0; i < kept; ++i) {
+    std::vector<LocalPublisher> keptStreams;
+    std::vector<decltype(watch(keptStreams[0]))> keptSeen;
+    for (std::size_t i = 0; i < kept; ++i) {
         keptStreams.push_back(session->subscribe("/a"));
         keptSeen.push_back(watch(keptStreams.back()));
     }
     std::atomic<bool> stop{false};
     std::thread churn([&] {
         while (!stop.load()) {
-            std::vector<LocalStream> transient;
+            std::vector<LocalPublisher> transient;
             for (int i = 0; i < 10; ++i) {
                 transient.push_back(session->subscribe(std::vector<std::string>{"/a", "/*"}));
             }
@@ -173,8 +124,7 @@ TEST(LocalBayeuxSessionConcurrency, ConcurrentDeliveriesSurviveEachOthersPruning
     for (int t = 0; t < 3; ++t) {
         deliverers.emplace_back([&] {
             for (int i = 0; i < rounds; ++i) {
-                auto message = std::shared_ptr<const PublishRequest>(makePublish("/a", "m"));
-                session->deliver(segments, message);
+                session->deliver(segments, std::shared_ptr<const PublishRequest>(makePublish("/a", "m")));
             }
         });
     }
@@ -183,13 +133,12 @@ TEST(LocalBayeuxSessionConcurrency, ConcurrentDeliveriesSurviveEachOthersPruning
     }
     stop = true;
     churn.join();
-
     for (const auto& recorder : keptSeen) {
         EXPECT_EQ(recorder->size(), 3u * rounds);
     }
     session->deliver(segments, std::shared_ptr<const PublishRequest>(makePublish("/a", "last")));
-    EXPECT_EQ(session->subscriptionCount(), static_cast<std::size_t>(kept));
+    EXPECT_EQ(session->subscriptionCount(), kept);
 }
 
 }  // namespace
-}  // namespace korvane::bayeux
+}  // namespace korvane::bayeux::testing

@@ -1,24 +1,25 @@
 #pragma once
 
-// Helpers shared by the session tests: a subscriber that records what a transport
-// would see, a session that records the notices the routing core passes on, and
-// message builders. All are safe to use from several threads.
+// Helpers shared by the session and protocol-service tests: a subscriber that records what a
+// transport or local consumer sees, a session that records what the routing core passes on,
+// a message builder and a manual clock. All but the clock are safe to use from several threads.
 
-#include <cstdint>
-#include <limits>
-#include <memory>
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <functional>
 #include <mutex>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "korvane/codec/messages.h"
 #include "korvane/codec/routing_interfaces.h"
-#include "korvane/frame/data_buffer.h"
-#include "korvane/frame/future.h"
-#include "korvane/frame/reactive_streams.h"
+#include "korvane/frame/manual_timer_backend.h"
+#include "korvane/routing/bayeux_queue.h"
+#include "korvane/routing/bayeux_server.h"
 
 namespace korvane::bayeux::testing {
+
+using namespace std::chrono_literals;
+using Texts = std::vector<std::string>;
 
 inline std::unique_ptr<PublishRequest> makePublish(const std::string& channel, const std::string& data,
                                                    const std::string& clientId = "publisher") {
@@ -28,68 +29,87 @@ inline std::unique_ptr<PublishRequest> makePublish(const std::string& channel, c
     return request;
 }
 
-// Subscribes with a demand of `initialDemand` (unlimited by default) and keeps every item and event.
+// Advice as "<reconnect>/<interval>/<timeout>", or "none".
+inline std::string describe(const std::shared_ptr<BayeuxAdvice>& advice) {
+    return advice ? std::to_string(advice->reconnect) + "/" + std::to_string(advice->interval) + "/" +
+                        std::to_string(advice->timeout)
+                  : "none";
+}
+
+// One stream item as text: its data for a message; "response:<id>" for a connect response,
+// followed by " failed" if it failed and by its advice if it has any.
+inline std::string describe(const Message& message) {
+    if (auto response = dynamic_cast<const ConnectResponse*>(&message)) {
+        return "response:" + response->id + (response->successful ? "" : " failed") +
+               (response->advice ? " advice:" + describe(response->advice) : "");
+    }
+    auto publish = dynamic_cast<const PublishRequest*>(&message);
+    return publish ? publish->data->str() : "?";
+}
+
+// Installs a manual clock for its own lifetime.
+struct ManualClock {
+    explicit ManualClock(long long startTick = 0)
+        : backend(std::make_shared<common::ManualTimerBackend>(startTick)),
+          previous(common::installTimerBackend(backend)) {}
+    ~ManualClock() { common::installTimerBackend(previous); }
+    common::ManualTimerBackend* operator->() const { return backend.get(); }
+
+    const std::shared_ptr<common::ManualTimerBackend> backend;
+    const std::shared_ptr<common::TimerBackend> previous;
+};
+
+// Subscribes with a demand of `initialDemand` and keeps every item and event.
 template <class T>
 class Recorder : public reactive_streams::SubscriberAPI<T> {
 public:
-    explicit Recorder(unsigned long initialDemand = std::numeric_limits<unsigned long>::max())
-        : initialDemand(initialDemand) {}
+    explicit Recorder(unsigned long initialDemand) : initialDemand(initialDemand) {}
 
     void onSubscribe(std::weak_ptr<reactive_streams::Subscription> subscription) override {
-        {
-            std::lock_guard<std::mutex> guard(mutex);
-            upstream = subscription;
-        }
+        lock(), upstream = subscription;
         if (initialDemand != 0) {
             request(initialDemand);
         }
     }
-    void onNext(T&& value) override {
-        std::lock_guard<std::mutex> guard(mutex);
-        items.push_back(std::move(value));
-    }
-    void onError(std::exception_ptr) override {
-        std::lock_guard<std::mutex> guard(mutex);
-        ++errors;
-    }
-    void onComplete() override {
-        std::lock_guard<std::mutex> guard(mutex);
-        ++completions;
-    }
+    void onNext(T&& value) override { lock(), items.push_back(std::move(value)); }
+    void onError(std::exception_ptr) override { lock(), ++errors, ended.notify_all(); }
+    void onComplete() override { lock(), ++completions, ended.notify_all(); }
     Future<bool> getFuture() override { return makeReadyFuture(true); }
 
     void request(unsigned long n) {
-        std::shared_ptr<reactive_streams::Subscription> source;
-        {
-            std::lock_guard<std::mutex> guard(mutex);
-            source = upstream.lock();
-        }
-        if (source) {
+        if (auto source = (lock(), upstream.lock())) {
             source->request(n);
         }
     }
-    std::size_t size() {
-        std::lock_guard<std::mutex> guard(mutex);
-        return items.size();
+    std::size_t size() { return lock(), items.size(); }
+    int completionCount() { return lock(), completions; }
+    // A connect still held: nothing carried, not ended.
+    bool isHeld() { return lock(), items.empty() && completions == 0 && errors == 0; }
+    bool waitCompleted(std::chrono::milliseconds limit) {
+        std::unique_lock<std::mutex> guard(mutex);
+        return ended.wait_for(guard, limit, [this] { return completions > 0; });
     }
-    int completionCount() {
-        std::lock_guard<std::mutex> guard(mutex);
-        return completions;
+    // Every item described, in arrival order.
+    Texts seen() {
+        auto guard = lock();
+        Texts texts;
+        for (const auto& item : items) {
+            texts.push_back(describe(*item));
+        }
+        return texts;
     }
-    // Moves the items out; call once the producers have stopped.
-    std::vector<T> take() {
-        std::lock_guard<std::mutex> guard(mutex);
-        return std::move(items);
-    }
-    // Gives access to the items under the recorder's lock.
-    template <class Visit>
-    void inspect(Visit&& visit) {
-        std::lock_guard<std::mutex> guard(mutex);
-        visit(items);
+    // The item at `index` as `U`, or null if missing or of another type; it lives as long as the recorder.
+    template <class U>
+    const U* at(std::size_t index) {
+        return lock(), index < items.size() ? dynamic_cast<const U*>(&*items[index]) : nullptr;
     }
 
 private:
+    // The guard holds `mutex` to the end of the full expression: `lock(), expr` runs expr under it.
+    std::unique_lock<std::mutex> lock() { return std::unique_lock<std::mutex>(mutex); }
+
     std::mutex mutex;
+    std::condition_variable ended;
     const unsigned long initialDemand;
     std::weak_ptr<reactive_streams::Subscription> upstream;
     std::vector<T> items;
@@ -98,33 +118,48 @@ private:
 };
 
 using StreamRecorder = Recorder<std::unique_ptr<Message>>;
-using LocalRecorder = Recorder<std::shared_ptr<const PublishRequest>>;
 
-// Records the subscribe and unsubscribe notices that reach it, and every publish.
+template <class Item>  // only named in decltype: the item type of a stream
+Item itemOf(const reactive_streams::PublisherAPI<Item>*);
+
+// Subscribes a new recorder with a demand of `demand` (unlimited by default).
+template <class Publisher>
+auto watch(const std::shared_ptr<Publisher>& publisher, unsigned long demand = ~0ul) {
+    auto recorder = std::make_shared<Recorder<decltype(itemOf(publisher.get()))>>(demand);
+    publisher->subscribe(recorder);
+    return recorder;
+}
+
+// Records the subscribe and unsubscribe notices that reach it, and every publish, after
+// running `onPublish` if there is one.
 class NoticeSpy : public BayeuxSession {
 public:
-    explicit NoticeSpy(std::string id = "spy") : id(std::move(id)) {}
-
+    explicit NoticeSpy(std::function<void()> onPublish = nullptr) : onPublish(std::move(onPublish)) {}
     std::shared_ptr<Context> getContext() const override { return nullptr; }
-    std::string getId() const override { return id; }
+    std::string getId() const override { return "spy"; }
     void deliver(const std::vector<std::string>&, const std::shared_ptr<const PublishRequest>& message) override {
-        std::lock_guard<std::mutex> guard(mutex);
-        publishes.push_back(message);
+        if (onPublish) {
+            onPublish();
+        }
+        record(publishes, message);
     }
     void deliver(const std::shared_ptr<const SubscribeRequest>& message) override {
-        std::lock_guard<std::mutex> guard(mutex);
-        subscribed.push_back(message->subscription);
+        record(subscribed, message->subscription);
     }
     void deliver(const std::shared_ptr<const UnsubscribeRequest>& message) override {
+        record(unsubscribed, message->subscription);
+    }
+    template <class V>
+    void record(std::vector<V>& list, const V& value) {
         std::lock_guard<std::mutex> guard(mutex);
-        unsubscribed.push_back(message->subscription);
+        list.push_back(value);
     }
 
+    const std::function<void()> onPublish;
     std::mutex mutex;
-    const std::string id;
     std::vector<std::shared_ptr<const PublishRequest>> publishes;
-    std::vector<std::string> subscribed;
-    std::vector<std::string> unsubscribed;
+    Texts subscribed;
+    Texts unsubscribed;
 };
 
 }  // namespace korvane::bayeux::testing

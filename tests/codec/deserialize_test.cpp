@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "korvane/frame/type_name.h"
+#include "support/test_helpers.h"
 
 namespace korvane::bayeux {
 namespace {
@@ -53,14 +54,7 @@ std::string adviceOf(const Advice& advice) {
     return text;
 }
 
-std::string repeated(const std::string& piece, std::size_t times) {
-    std::string text;
-    text.reserve(piece.size() * times);
-    while (times-- > 0) {
-        text += piece;
-    }
-    return text;
-}
+using korvane::test_support::repeated;
 
 TEST(Deserialize, ChannelChoosesTheClassOnEitherSide) {
     const std::pair<std::string, std::string> cases[] = {

@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
+#include "support/test_helpers.h"
 
 namespace korvane::bayeux::json {
 namespace {
@@ -141,14 +142,7 @@ TEST(JsonReader, ReadBooleanAndStringListAcceptOnlyTheirForms) {
                 });
 }
 
-std::string repeated(const std::string& piece, std::size_t times) {
-    std::string text;
-    text.reserve(piece.size() * times);
-    while (times-- > 0) {
-        text += piece;
-    }
-    return text;
-}
+using korvane::test_support::repeated;
 
 TEST(JsonReader, MillionLevelsOfNestingAreScannedWithoutNativeRecursion) {
     constexpr std::size_t levels = 1000000;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "korvane/frame/future.h"
+#include "support/test_helpers.h"
 
 namespace korvane {
 namespace {
@@ -23,16 +24,7 @@ const std::string thenRefused = "Future already has returned it's value or has a
 const std::string getRefused = "Future already returned it's value or has an associated continuation.";
 const std::string promiseDied = "Promise destroyed before it provided a value.";
 
-// The text of the E that `action` throws; any other exception type fails the test.
-template <class E = std::exception>
-std::string errorOf(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const E& error) {
-        return error.what();
-    }
-    return "(no exception)";
-}
+using korvane::test_support::errorOf;
 
 int identity(Future<int>&& f) { return f.get(); }
 

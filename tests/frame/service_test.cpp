@@ -24,6 +24,7 @@
 #include "korvane/frame/random.h"
 #include "korvane/frame/reducing_subscriber.h"
 #include "korvane/frame/service.h"
+#include "support/test_helpers.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 // An impossible allocation must fail with a null pointer, as it does without the
@@ -34,16 +35,7 @@ extern "C" const char* __asan_default_options() { return "allocator_may_return_n
 namespace korvane {
 namespace {
 
-// The text of the E that `action` throws; any other exception type fails the test.
-template <class E = std::exception>
-std::string errorOf(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const E& error) {
-        return error.what();
-    }
-    return "(no exception)";
-}
+using korvane::test_support::errorOf;
 
 // The text of the E that a failed reply carries; a call that throws instead fails the test.
 template <class E, class T>

@@ -21,6 +21,10 @@ public:
 
     virtual std::shared_ptr<Context> getContext() const = 0;
     virtual std::string getId() const = 0;
+    // Whether the session's id is `id`. The routing core asks this of every session
+    // on every publish to skip the sender; sessions override it to compare without
+    // copying their id.
+    virtual bool hasId(const std::string& id) const { return getId() == id; }
     // A published message, with its channel already split into segments.
     virtual void deliver(const std::vector<std::string>& segments,
                          const std::shared_ptr<const PublishRequest>& message) = 0;

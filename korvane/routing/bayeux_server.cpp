@@ -107,7 +107,7 @@ void BayeuxServerImpl::doForEachReceiver(const std::string& senderId, Visit&& vi
         const std::shared_ptr<SessionList> list = snapshot(*field);
         for (const std::weak_ptr<BayeuxSession>& entry : *list) {
             const std::shared_ptr<BayeuxSession> session = entry.lock();
-            if (session && session->getId() != senderId) {
+            if (session && !session->hasId(senderId)) {
                 visit(*session);
             }
         }

@@ -46,6 +46,9 @@ std::shared_ptr<Context> LocalBayeuxSession::getContext() const { return context
 
 std::string LocalBayeuxSession::getId() const { return id; }
 
+// `id` never changes after construction, so no lock is needed.
+bool LocalBayeuxSession::hasId(const std::string& other) const { return id == other; }
+
 bool LocalBayeuxSession::publish(std::unique_ptr<PublishRequest>&& message) {
     KORVANE_LOG(logger, 8) << "Bayeux session publish: " << id << ", " << message->channel << ", "
                            << dataText(*message);

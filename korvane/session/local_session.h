@@ -39,6 +39,7 @@ public:
 
     std::shared_ptr<Context> getContext() const override;
     std::string getId() const override;
+    bool hasId(const std::string& other) const override;
     void deliver(const std::vector<std::string>& segments,
                  const std::shared_ptr<const PublishRequest>& message) override;
     void deliver(const std::shared_ptr<const SubscribeRequest>& message) override;

@@ -79,6 +79,9 @@ std::shared_ptr<Context> LongPollSession::getContext() const { return context; }
 
 std::string LongPollSession::getId() const { return id; }
 
+// `id` never changes after construction, so no lock is needed.
+bool LongPollSession::hasId(const std::string& other) const { return id == other; }
+
 void LongPollSession::deliver(const std::vector<std::string>& segments,
                               const std::shared_ptr<const PublishRequest>& message) {
     std::unique_lock<std::mutex> lock(mutex);

@@ -3,6 +3,9 @@
 // The abstract protocol service: where every Bayeux request of every transport
 // arrives, by the typed dispatch of ServiceProviderAPI. Each handle overload
 // returns an already resolved future holding the response.
+//
+// Threading: the overloads are called from any host thread, concurrently, also
+// for the same client; an implementation must not rely on them being serialised.
 
 #include <memory>
 

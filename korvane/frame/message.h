@@ -4,6 +4,9 @@
 // through std::unique_ptr<Message>. A ServiceMessage<T> belongs to service type T:
 // its dispatchTo downcasts the owning pointer to the concrete class and calls the
 // matching T::handle overload (double dispatch, see ServiceProviderAPI).
+//
+// Threading: a message is a plain value with no lock; it belongs to whichever
+// thread holds its owning pointer.
 
 #include <memory>
 

@@ -5,6 +5,10 @@
 // belongs to the publisher side. Calling order on a subscriber: onSubscribe, any
 // number of onNext, then at most one of onComplete and onError. Each end exposes
 // how the stream ended as a Future<bool>.
+//
+// Threading: calls may come in on any thread. An implementation never calls
+// across a stream boundary with its own lock held, so a peer may call straight
+// back in on the same thread.
 
 #include <exception>
 #include <memory>

@@ -3,6 +3,8 @@
 #include <string>
 #include <typeinfo>
 
+// Both functions keep no state and may be called from any thread.
+
 namespace korvane::common {
 
 // The run-time type name as type_info gives it (mangled), a leading '*' dropped.

@@ -17,6 +17,7 @@
 #include "korvane/routing/bayeux_server.h"
 #include "korvane/session/local_session.h"
 #include "korvane/session/long_poll_session.h"
+#include "bench/bench_support.h"
 
 namespace {
 
@@ -33,25 +34,7 @@ std::unique_ptr<PublishRequest> makeMessage() {
     return message;
 }
 
-// Takes everything at once and keeps nothing.
-template <class T>
-class Sink : public reactive_streams::SubscriberAPI<T> {
-public:
-    void onSubscribe(std::weak_ptr<reactive_streams::Subscription> subscription) override {
-        if (auto source = subscription.lock()) {
-            source->request(std::numeric_limits<unsigned long>::max());
-        }
-    }
-    void onNext(T&& value) override {
-        ++count;
-        benchmark::DoNotOptimize(value);
-    }
-    void onError(std::exception_ptr) override {}
-    void onComplete() override {}
-    Future<bool> getFuture() override { return makeReadyFuture(true); }
-
-    unsigned long count = 0;
-};
+using bench::Sink;
 
 // Sessions that match the benchmark channel, one in `matchEvery`; the others hold an unrelated pattern.
 struct LongPollFleet {

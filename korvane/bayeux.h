@@ -35,3 +35,9 @@
 #include "korvane/session/long_poll_session.h"
 
 #include "korvane/service/bayeux_service_provider.h"
+
+#include "korvane/transport/connect_stream_serializer.h"
+#include "korvane/transport/http_provider.h"
+#include "korvane/transport/long_poll_provider.h"
+#include "korvane/transport/websocket_client_provider.h"
+#include "korvane/transport/websocket_provider.h"

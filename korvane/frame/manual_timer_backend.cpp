@@ -30,25 +30,25 @@ void ManualTimerBackend::advance(std::chrono::milliseconds duration) {
     if (duration < std::chrono::milliseconds::zero()) {
         throw std::invalid_argument("ManualTimerBackend cannot move time backwards.");
     }
-    std::lock_guard<std::mutex> guard(advanceMutex_);
     const Duration target = now() + duration;
     // Each step stops at the next due time, so callbacks see the clock at their own
     // due time and may arm timers that fall due later in the same window.
     for (std::optional<Duration> next = queue_->nextDue(); next && *next <= target; next = queue_->nextDue()) {
-        if (*next > now()) {
-            nowMilliseconds_.store(millisecondsOf(*next));
-        }
+        doMoveForwardTo(millisecondsOf(*next));
         queue_->runDue(now());
     }
-    nowMilliseconds_.store(millisecondsOf(target));
+    doMoveForwardTo(millisecondsOf(target));
+}
+
+void ManualTimerBackend::doMoveForwardTo(long long milliseconds) {
+    long long seen = nowMilliseconds_.load();
+    while (seen < milliseconds && !nowMilliseconds_.compare_exchange_weak(seen, milliseconds)) {
+    }
 }
 
 void ManualTimerBackend::advanceTicks(long long ticks) { advance(std::chrono::milliseconds(ticks * tickMilliseconds)); }
 
-void ManualTimerBackend::setTick(long long tick) {
-    std::lock_guard<std::mutex> guard(advanceMutex_);
-    nowMilliseconds_.store(tick * tickMilliseconds);
-}
+void ManualTimerBackend::setTick(long long tick) { nowMilliseconds_.store(tick * tickMilliseconds); }
 
 std::chrono::milliseconds ManualTimerBackend::now() const {
     return std::chrono::milliseconds(nowMilliseconds_.load());

@@ -4,11 +4,11 @@
 // and due timers run on the thread that moves it. A two-minute sweep is then a
 // single advance() call, with no sleeps and no timer thread.
 //
-// Threading: schedule(), currentTick(), now() and armedCount() may be called from
-// any thread, including from inside a callback. advance(), advanceTicks() and
-// setTick() are meant for the test's own thread; calls to them are serialized, and
-// callbacks run on the calling thread with no lock of the backend held, so a
-// callback may arm, release and inspect timers freely (but must not advance).
+// Threading: every operation may be called from any thread, including from inside
+// a callback. Due timers run on the thread that calls advance(), with no lock of the
+// backend held, so a callback may arm, release and inspect timers and may itself
+// move the clock: the nested advance runs what falls due in its own window, and the
+// outer one then goes on to its target. advance() never moves the clock backwards.
 
 #include "korvane/frame/timers.h"
 
@@ -16,7 +16,6 @@
 #include <chrono>
 #include <cstddef>
 #include <memory>
-#include <mutex>
 
 namespace korvane::common {
 
@@ -47,10 +46,11 @@ public:
     std::size_t armedCount() const;
 
 private:
+    // Moves the clock to `milliseconds` unless another advance already went further.
+    void doMoveForwardTo(long long milliseconds);
+
     std::shared_ptr<TimerQueue> queue_;
     std::atomic<long long> nowMilliseconds_;
-    // Serializes advance() and setTick().
-    std::mutex advanceMutex_;
 };
 
 }  // namespace korvane::common

@@ -1,12 +1,36 @@
 #include "korvane/host/service_registry.h"
 
+#include <algorithm>
 #include <mutex>
 #include <stdexcept>
+
+#include "korvane/codec/bayeux_service.h"
+#include "korvane/frame/http.h"
 
 namespace korvane::host {
 
 ServiceRegistry::ServiceRegistry() = default;
 ServiceRegistry::~ServiceRegistry() = default;
+
+ServiceRegistry::Kind ServiceRegistry::kindOfProvider(const ServiceProvider& provider) {
+    if (dynamic_cast<const http::HttpServiceProvider*>(&provider) != nullptr) {
+        return Kind::Http;
+    }
+    if (dynamic_cast<const bayeux::BayeuxServiceProvider*>(&provider) != nullptr) {
+        return Kind::Bayeux;
+    }
+    return Kind::Any;
+}
+
+ServiceRegistry::Kind ServiceRegistry::kindOfMessage(const Message* message) {
+    if (dynamic_cast<const ServiceMessage<http::HttpServiceProvider>*>(message) != nullptr) {
+        return Kind::Http;
+    }
+    if (dynamic_cast<const bayeux::BayeuxMessage*>(message) != nullptr) {
+        return Kind::Bayeux;
+    }
+    return Kind::Any;
+}
 
 void ServiceRegistry::add(const Address& address, std::shared_ptr<ServiceProvider> provider) {
     if (!address) {
@@ -15,12 +39,19 @@ void ServiceRegistry::add(const Address& address, std::shared_ptr<ServiceProvide
     if (!provider) {
         throw std::invalid_argument("Cannot register a null service at address: " + address.name());
     }
+    const Kind kind = kindOfProvider(*provider);
     std::unique_lock<std::shared_mutex> lock(mutex_);
-    if (byName_.count(address.name()) != 0) {
-        throw std::invalid_argument("A service is already registered at address: " + address.name());
+    std::vector<Entry>& entries = byName_[address.name()];
+    for (const Entry& entry : entries) {
+        if (entry.kind == kind) {
+            throw std::invalid_argument("A service of this kind is already registered at address: " +
+                                        address.name());
+        }
     }
-    byName_.emplace(address.name(), provider);
-    inOrder_.push_back(std::move(provider));
+    entries.push_back(Entry{kind, provider});
+    if (std::find(inOrder_.begin(), inOrder_.end(), provider) == inOrder_.end()) {
+        inOrder_.push_back(std::move(provider));
+    }
 }
 
 void ServiceRegistry::startAll() {
@@ -36,10 +67,22 @@ void ServiceRegistry::stopAll() {
     }
 }
 
-std::shared_ptr<ServiceProvider> ServiceRegistry::resolve(const Address& address) const {
+std::shared_ptr<ServiceProvider> ServiceRegistry::resolve(const Address& address, const Message* message) const {
+    const Kind wanted = kindOfMessage(message);
     std::shared_lock<std::shared_mutex> lock(mutex_);
     auto found = byName_.find(address.name());
-    return found == byName_.end() ? nullptr : found->second;
+    if (found == byName_.end() || found->second.empty()) {
+        return nullptr;
+    }
+    const std::vector<Entry>& entries = found->second;
+    for (Kind kind : {wanted, Kind::Any}) {
+        for (const Entry& entry : entries) {
+            if (entry.kind == kind) {
+                return entry.provider;
+            }
+        }
+    }
+    return entries.front().provider;
 }
 
 std::vector<std::shared_ptr<ServiceProvider>> ServiceRegistry::doSnapshot() const {

@@ -305,7 +305,13 @@ Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_p
     }
     KORVANE_LOG(logger, 16) << "Subscribe session with id: " << request->clientId
                             << " to pattern: " << request->subscription;
-    response->successful = session->subscribe(request->subscription);
+    try {
+        response->successful = session->subscribe(request->subscription);
+    } catch (const std::exception& error) {
+        // A pattern count that is full: refused like any other pattern the session turns down.
+        KORVANE_LOG(logger, 512) << "Session with id: " << request->clientId << " unable to subscribe to pattern: "
+                                 << request->subscription << ", " << error.what();
+    }
     return resolved(std::move(response));
 }
 

@@ -99,6 +99,24 @@ TEST_F(ManualTimerTest, TimersArmedByACallbackFireWithinTheSameAdvance) {
     EXPECT_EQ(ran, (Names{"outer", "inner", "beyond"}));
 }
 
+TEST_F(ManualTimerTest, CallbackMayMoveTheClockItselfWithoutDeadlock) {
+    Names ran;
+    TimerHandle passed = named(ran, "passed by the nested advance", 60);
+    TimerHandle later = named(ran, "after both", 300);
+    auto mover = once(
+        [&](long long) {
+            ran.push_back("mover");
+            backend->advance(milliseconds(100));
+            ran.push_back("nested advance returned at " + std::to_string(backend->now().count()));
+        },
+        10);
+    backend->advance(milliseconds(50));
+    EXPECT_EQ(ran, (Names{"mover", "passed by the nested advance", "nested advance returned at 110"}));
+    EXPECT_EQ(backend->now(), milliseconds(110)) << "the outer advance never moves the clock back";
+    backend->advance(milliseconds(200));
+    EXPECT_EQ(ran.back(), "after both");
+}
+
 TEST_F(ManualTimerTest, ReleasedTimersNeverRunAndLeaveTheQueue) {
     int fired = 0;
     auto kept = delay([&fired](long long) { fired += 1; }, 1);

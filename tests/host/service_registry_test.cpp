@@ -1,3 +1,4 @@
+#include "korvane/bayeux.h"
 #include "korvane/host/host.h"
 
 #include <gmock/gmock.h>
@@ -65,8 +66,8 @@ TEST_F(ServiceRegistryTest, RegistersStartsInOrderDeliversThroughTheContextAndSt
     EXPECT_THAT([&] { registry->add(Address("/null"), nullptr); },
                 refused("Cannot register a null service at address: /null"));
     EXPECT_THAT([&] { registry->add(Address("/first"), second); },
-                refused("A service is already registered at address: /first"));
-    EXPECT_EQ(registry->resolve(Address()), nullptr);
+                refused("A service of this kind is already registered at address: /first"));
+    EXPECT_EQ(registry->resolve(Address(), nullptr), nullptr);
     registry->startAll();
     add("stopped");
 
@@ -83,13 +84,40 @@ TEST_F(ServiceRegistryTest, RegistersStartsInOrderDeliversThroughTheContextAndSt
     EXPECT_EQ(send("hi", "/first"), "No service at address: /first");
 }
 
+TEST_F(ServiceRegistryTest, TransportSharesItsAddressWithTheProtocolServiceAndEachKindFindsItsOwn) {
+    auto clock = std::make_shared<common::ManualTimerBackend>();
+    auto previousClock = common::installTimerBackend(clock);
+    auto protocol = std::make_shared<bayeux::BayeuxServiceProviderImpl>(std::make_shared<bayeux::BayeuxServerImpl>());
+    const Address longPoll("/bayeux/long-poll");
+    registry->add(longPoll, std::make_shared<bayeux::BayeuxLongPollServiceProvider>());
+    registry->add(longPoll, protocol);
+    registry->add(Address("/bayeux/any"), protocol);
+    registry->add(Address("/bayeux/any"), add("echo-beside"));
+    registry->startAll();
+    EXPECT_THAT([&] { registry->add(longPoll, protocol); },
+                ::testing::ThrowsMessage<std::invalid_argument>(
+                    "A service of this kind is already registered at address: /bayeux/long-poll"));
+
+    // The HTTP request reaches the transport; the handshake it sends on to the same address, the protocol service.
+    auto body = std::make_shared<reactive_streams::OneShotPublisher<common::DataBuffer>>(
+        common::DataBuffer(std::string_view(R"({"channel":"/meta/handshake"})")));
+    auto reply = context->handle<http::HttpResponse>(
+        std::make_unique<http::HttpRequest>("post", "/bayeux", http::Headers(), body), Address(longPoll)).get();
+    auto text = reactive_streams::reduce<common::DataBuffer, std::string>(
+        reply->body, [](common::DataBuffer&& chunk, std::string&& all) { return all + chunk.str(); }, "");
+    EXPECT_THAT(text.get(), ::testing::HasSubstr(R"("channel":"/meta/handshake","clientId":")"));
+    EXPECT_EQ(send("hi", "/bayeux/any"), "echo-beside:hi@/bayeux/any") << "a message of no kind there goes by type";
+    registry->stopAll();
+    common::installTimerBackend(previousClock);
+}
+
 TEST_F(ServiceRegistryConcurrency, ResolvesAndDeliversWhileServicesAreAdded) {
     add("echo")->start();
     std::atomic<bool> adding{true};
     auto sendWhileAdding = [&] {
         do {
             EXPECT_EQ(send("x", "/echo"), "echo:x@/echo");
-            registry->resolve(Address("/late-0"));
+            registry->resolve(Address("/late-0"), nullptr);
         } while (adding);
     };
     std::thread senders[] = {std::thread(sendWhileAdding), std::thread(sendWhileAdding), std::thread(sendWhileAdding)};
@@ -100,7 +128,7 @@ TEST_F(ServiceRegistryConcurrency, ResolvesAndDeliversWhileServicesAreAdded) {
     for (auto& sender : senders) {
         sender.join();
     }
-    EXPECT_NE(registry->resolve(Address("/late-199")), nullptr);
+    EXPECT_NE(registry->resolve(Address("/late-199"), nullptr), nullptr);
 }
 
 }  // namespace

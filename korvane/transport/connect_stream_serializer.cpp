@@ -1,0 +1,55 @@
+#include "korvane/transport/connect_stream_serializer.h"
+
+#include <cstdio>
+#include <exception>
+#include <string>
+#include <typeinfo>
+#include <utility>
+
+#include "korvane/codec/messages.h"
+#include "korvane/codec/serialize.h"
+#include "korvane/frame/logger.h"
+
+namespace korvane::bayeux {
+
+namespace {
+
+common::diagnostic_logger logger("korvane::bayeux::http");
+
+constexpr std::size_t chunkLogLimit = 500;
+
+}  // namespace
+
+ConnectStreamSerializer::ConnectStreamSerializer()
+    : reactive_streams::TransformProcessor<std::unique_ptr<Message>, common::DataBuffer>(SerialFunc(this)) {
+    KORVANE_LOG(logger, 8) << "ConnectStreamSerializer constructor";
+}
+
+ConnectStreamSerializer::~ConnectStreamSerializer() { KORVANE_LOG(logger, 8) << "ConnectStreamSerializer destructor"; }
+
+// Runs under the base processor's lock. The comma goes behind every message but a
+// ConnectResponse, so the only thing that can close the array is the connect reply.
+common::DataBuffer ConnectStreamSerializer::doSerialize(std::unique_ptr<Message>&& message) {
+    common::DataBuffer chunk;
+    if (atArrayStart) {
+        atArrayStart = false;
+        chunk.push_back('[');
+    }
+    const bool closesArray = message && typeid(*message) == typeid(ConnectResponse);
+    try {
+        serializeBayeuxMessage(std::move(message), chunk);
+    } catch (const std::exception& error) {
+        // The stream goes on: the client sees a gap, the reason goes to standard output only.
+        std::puts(error.what());
+    }
+    if (closesArray) {
+        chunk.push_back(']');
+        atArrayStart = true;
+    } else {
+        chunk.push_back(',');
+    }
+    KORVANE_LOG(logger, 8) << "Long poll serialize: " << chunk.view().substr(0, chunkLogLimit);
+    return chunk;
+}
+
+}  // namespace korvane::bayeux

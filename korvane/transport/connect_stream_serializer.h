@@ -1,0 +1,48 @@
+#pragma once
+
+// Turns the messages of a long-poll connect's stream into the chunks of one HTTP
+// response body: one chunk per message, the JSON array's brackets and commas
+// written on the fly, the closing ConnectResponse ending the array.
+//
+// Threading: the base processor's mutex guards `atArrayStart`, since every
+// transform runs under it; the chunk is handed downstream with it released. The
+// serializer asks the stream for nothing by itself: demand comes only from whoever
+// subscribed to the body. Owned by a std::shared_ptr held by both the stream (as
+// its subscriber) and the HTTP response (as its body).
+
+#include <memory>
+
+#include "korvane/frame/data_buffer.h"
+#include "korvane/frame/message.h"
+#include "korvane/frame/transform_processor.h"
+
+namespace korvane::bayeux {
+
+class ConnectStreamSerializer
+    : public reactive_streams::TransformProcessor<std::unique_ptr<Message>, common::DataBuffer> {
+public:
+    ConnectStreamSerializer();
+    ~ConnectStreamSerializer() override;
+    ConnectStreamSerializer(const ConnectStreamSerializer&) = delete;
+    ConnectStreamSerializer& operator=(const ConnectStreamSerializer&) = delete;
+
+private:
+    // The transform handed to the base: a plain pointer back to its serializer, which
+    // owns the base and so outlives every call.
+    class SerialFunc {
+    public:
+        explicit SerialFunc(ConnectStreamSerializer* owner) : serializer(owner) {}
+        common::DataBuffer operator()(std::unique_ptr<Message>&& message) const {
+            return serializer->doSerialize(std::move(message));
+        }
+
+    private:
+        ConnectStreamSerializer* serializer;
+    };
+
+    common::DataBuffer doSerialize(std::unique_ptr<Message>&& message);
+
+    bool atArrayStart = true;
+};
+
+}  // namespace korvane::bayeux

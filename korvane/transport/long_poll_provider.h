@@ -1,0 +1,30 @@
+#pragma once
+
+// Bayeux over plain HTTP POST: the whole body is read, parsed, handed to the
+// protocol service through the request's context, and answered by one response
+// whose body is a JSON array of replies. A /meta/connect is answered at once with
+// a streaming body fed by the session's queue; everything else is answered when
+// the service has replied.
+//
+// Threading: no state and no lock. handle() returns before the body is read; the
+// work runs in a continuation on whichever thread completes the body, and blocks
+// there in Future::get while a batch or a single message waits for its reply (the
+// protocol service answers inline). The connect path holds no thread.
+
+#include <memory>
+
+#include "korvane/frame/http.h"
+
+namespace korvane::bayeux {
+
+class BayeuxLongPollServiceProvider : public http::HttpServiceProvider {
+public:
+    BayeuxLongPollServiceProvider();
+    ~BayeuxLongPollServiceProvider() override;
+
+    // `address` is the protocol service's: every message of the body is sent there.
+    Future<std::unique_ptr<Message>> handle(std::unique_ptr<http::HttpRequest>&& request, Address&& address,
+                                            std::shared_ptr<Context>&& context) override;
+};
+
+}  // namespace korvane::bayeux

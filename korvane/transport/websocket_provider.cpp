@@ -1,0 +1,187 @@
+#include "korvane/transport/websocket_provider.h"
+
+#include <exception>
+#include <utility>
+
+#include "korvane/codec/deserialize.h"
+#include "korvane/codec/messages.h"
+#include "korvane/codec/serialize.h"
+#include "korvane/frame/logger.h"
+
+namespace korvane::bayeux {
+
+namespace {
+
+common::diagnostic_logger logger("korvane::bayeux::websocket");
+
+constexpr std::int64_t defaultConnectTimeoutMilliseconds = 14000;
+constexpr unsigned char textFrame = 129;
+
+bool isUpgradeRequest(const Message* message) {
+    auto* request = dynamic_cast<const http::HttpRequest*>(message);
+    if (request == nullptr) {
+        return false;
+    }
+    auto upgrade = request->headers.find("upgrade");
+    return upgrade != request->headers.end() && upgrade->second == "websocket";
+}
+
+}  // namespace
+
+WebSocketConnection::WebSocketConnection(std::shared_ptr<Context> context, Address address)
+    : address(std::move(address)), context(std::move(context)) {}
+
+WebSocketConnection::~WebSocketConnection() = default;
+
+std::shared_ptr<reactive_streams::PublisherAPI<http::WebSocketFrame>> WebSocketConnection::getSocketPublisher() {
+    std::weak_ptr<WebSocketConnection> weakSelf = weak_from_this();
+    auto publisher = std::make_shared<FramePublisher>([weakSelf]() {
+        if (std::shared_ptr<WebSocketConnection> self = weakSelf.lock()) {
+            self->done(false);
+        }
+    });
+    std::lock_guard<std::mutex> guard(mutex);
+    framePublisher = publisher;
+    return publisher;
+}
+
+std::shared_ptr<reactive_streams::SubscriberAPI<http::WebSocketFrame>> WebSocketConnection::getSocketSubscriber() {
+    std::shared_ptr<WebSocketConnection> self = shared_from_this();
+    return std::make_shared<reactive_streams::CallbackSubscriber<http::WebSocketFrame>>(
+        [self](http::WebSocketFrame&& frame) { self->handleFrame(std::move(frame)); });
+}
+
+void WebSocketConnection::handleFrame(http::WebSocketFrame&& frame) {
+    try {
+        KORVANE_LOG(logger, 8) << "Websocket frame received: [" << frame.data.view() << "]";
+        if (frame.data.empty()) {
+            return;
+        }
+        std::unique_ptr<Message> message = deserializeBayeuxMessage(frame.data, true);
+        if (dynamic_cast<ConnectStreamRequest*>(message.get()) != nullptr) {
+            doHandleConnect(std::move(message));
+        } else if (auto* batch = dynamic_cast<BayeuxContainer*>(message.get())) {
+            // A connect inside a batch is a single message like the others; its stream is dropped.
+            for (std::unique_ptr<Message>& contained : batch->messages) {
+                doHandleSingle(std::move(contained));
+            }
+        } else {
+            doHandleSingle(std::move(message));
+        }
+    } catch (...) {
+        KORVANE_LOG(logger, 512) << "Error while processing frame: " << frame.data.view();
+        done(true);
+    }
+}
+
+void WebSocketConnection::doHandleSingle(std::unique_ptr<Message>&& message) {
+    sendMessage(doAskService(std::move(message)));
+}
+
+std::unique_ptr<Message> WebSocketConnection::doAskService(std::unique_ptr<Message>&& message) {
+    fillClientId(*message);
+    return context->handle(std::move(message), Address(address)).get();
+}
+
+void WebSocketConnection::doHandleConnect(std::unique_ptr<Message>&& message) {
+    auto& connect = static_cast<ConnectStreamRequest&>(*message);
+    connect.connectionType = "websocket";
+    connect.bufferResponses = true;
+    connect.holdResponses = false;
+    if (!connect.advice) {
+        connect.advice = std::make_shared<BayeuxAdvice>();
+    }
+    if (connect.advice->timeout < 0) {
+        connect.advice->timeout = defaultConnectTimeoutMilliseconds;
+    }
+    std::unique_ptr<Message> reply = doAskService(std::move(message));
+    auto* opened = dynamic_cast<ConnectStreamResponse*>(reply.get());
+    if (opened == nullptr || !opened->successful || !opened->stream) {
+        sendMessage(std::move(reply));
+        return;
+    }
+    // The reply itself is not written: the stream yields the connect's answer in its turn.
+    std::weak_ptr<WebSocketConnection> weakSelf = weak_from_this();
+    auto subscriber = std::make_shared<MessageSubscriber>([weakSelf](std::unique_ptr<Message>&& streamed) {
+        if (std::shared_ptr<WebSocketConnection> self = weakSelf.lock()) {
+            self->sendMessage(std::move(streamed));
+        }
+    });
+    std::shared_ptr<reactive_streams::PublisherAPI<std::unique_ptr<Message>>> stream = opened->stream;
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        messageSubscriber = subscriber;
+        connectStream = stream;
+    }
+    stream->subscribe(subscriber);
+}
+
+void WebSocketConnection::fillClientId(Message& message) {
+    auto* bayeux = dynamic_cast<BayeuxBase*>(&message);
+    if (bayeux != nullptr && bayeux->clientId.empty()) {
+        std::lock_guard<std::mutex> guard(mutex);
+        bayeux->clientId = clientId;
+    }
+}
+
+void WebSocketConnection::sendMessage(std::unique_ptr<Message>&& message) {
+    std::shared_ptr<FramePublisher> publisher;
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        publisher = framePublisher;
+    }
+    if (!publisher) {
+        return;
+    }
+    // A reply that carries a client id (the handshake's) teaches the connection its id.
+    auto* bayeux = dynamic_cast<BayeuxBase*>(message.get());
+    if (bayeux != nullptr && !bayeux->clientId.empty()) {
+        std::lock_guard<std::mutex> guard(mutex);
+        clientId = bayeux->clientId;
+    }
+    common::DataBuffer text;
+    text.push_back('[');
+    serializeBayeuxMessage(std::move(message), text);
+    text.push_back(']');
+    KORVANE_LOG(logger, 8) << "Websocket frame sent: " << text.view();
+    publisher->publish(http::WebSocketFrame(std::move(text), textFrame));
+}
+
+void WebSocketConnection::done(bool failed) {
+    KORVANE_LOG(logger, 512) << "WebSocketConnection done";
+    std::shared_ptr<FramePublisher> publisher;
+    std::shared_ptr<MessageSubscriber> subscriber;
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        publisher = std::move(framePublisher);
+        subscriber = std::move(messageSubscriber);
+        framePublisher = nullptr;
+        messageSubscriber = nullptr;
+        connectStream = nullptr;
+    }
+    if (subscriber) {
+        subscriber->cancel();
+    }
+    if (failed && publisher) {
+        publisher->setError(std::current_exception());
+    }
+}
+
+BayeuxWebSocketServiceProvider::BayeuxWebSocketServiceProvider() = default;
+BayeuxWebSocketServiceProvider::~BayeuxWebSocketServiceProvider() = default;
+
+Future<std::unique_ptr<Message>> BayeuxWebSocketServiceProvider::deliver(std::unique_ptr<Message>&& message,
+                                                                         Address&& address,
+                                                                         std::shared_ptr<Context>&& context) {
+    if (!isUpgradeRequest(message.get())) {
+        return http::makeReadyHttpResponse(500, "Bayeux protocol error.");
+    }
+    KORVANE_LOG(logger, 8) << "Websocket connection requested";
+    auto connection = std::make_shared<WebSocketConnection>(std::move(context), std::move(address));
+    auto publisher = connection->getSocketPublisher();
+    auto subscriber = connection->getSocketSubscriber();
+    std::unique_ptr<Message> socket = std::make_unique<http::WebSocket>(std::move(publisher), std::move(subscriber));
+    return makeReadyFuture(std::move(socket));
+}
+
+}  // namespace korvane::bayeux

@@ -1,0 +1,89 @@
+#pragma once
+
+// Bayeux over a WebSocket. The provider answers an upgrade at once with an
+// http::WebSocket built on the two ends of a WebSocketConnection: the connection
+// reads each inbound text frame as Bayeux, sends the messages through the request's
+// context to the protocol service, and writes each reply as its own frame holding a
+// one-element array. A /meta/connect stays subscribed to its stream, so that one
+// connect serves the socket for as long as the session holds it.
+//
+// Threading: `mutex` guards the connection's fields and is held only around field
+// access, never across a call into the service, a future or a stream. The host
+// delivers frames one at a time; each blocks its thread in Future::get until the
+// reply is sent (the protocol service answers inline), so replies go out in request
+// order. A connect's messages come on the queue's thread and may interleave with
+// replies; the frame publisher keeps delivery single-file. done() may run on a
+// frame thread or on the host's cancelling thread, and is safe to run twice.
+//
+// Ownership: the frame subscriber handed to the host holds the connection strongly
+// and is what keeps it alive; the frame publisher and the connect's subscriber
+// reach it weakly.
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+#include "korvane/frame/cached_value_publisher.h"
+#include "korvane/frame/callback_subscriber.h"
+#include "korvane/frame/http.h"
+#include "korvane/frame/service.h"
+
+namespace korvane::bayeux {
+
+class WebSocketConnection : public std::enable_shared_from_this<WebSocketConnection> {
+public:
+    using FramePublisher = reactive_streams::CachedValuePublisher<http::WebSocketFrame, std::function<void()>>;
+    using MessageSubscriber = reactive_streams::CallbackSubscriber<std::unique_ptr<Message>>;
+
+    // `address` is the protocol service's.
+    WebSocketConnection(std::shared_ptr<Context> context, Address address);
+    virtual ~WebSocketConnection();
+    WebSocketConnection(const WebSocketConnection&) = delete;
+    WebSocketConnection& operator=(const WebSocketConnection&) = delete;
+
+    // The frames towards the peer. Its end (the host cancelling) ends the connection.
+    std::shared_ptr<reactive_streams::PublisherAPI<http::WebSocketFrame>> getSocketPublisher();
+    // Takes the frames from the peer; holds this connection alive.
+    std::shared_ptr<reactive_streams::SubscriberAPI<http::WebSocketFrame>> getSocketSubscriber();
+
+    // Handles one inbound frame; a frame that cannot be handled fails the socket.
+    void handleFrame(http::WebSocketFrame&& frame);
+    // Writes one message as a frame holding a one-element array; dropped once done.
+    void sendMessage(std::unique_ptr<Message>&& message);
+    // Ends the connection: cancels the connect's stream and, if `failed`, fails the
+    // socket with the exception being handled.
+    void done(bool failed);
+
+private:
+    void doHandleConnect(std::unique_ptr<Message>&& connect);
+    // Sends one message to the service, waits for its reply and writes it.
+    void doHandleSingle(std::unique_ptr<Message>&& message);
+    std::unique_ptr<Message> doAskService(std::unique_ptr<Message>&& message);
+    // A message with no clientId gets the one the connection learned from a reply.
+    void fillClientId(Message& message);
+
+    std::mutex mutex;
+    std::unordered_map<std::string, std::string> attributes;
+    std::string clientId;
+    Address address;
+    std::shared_ptr<Context> context;
+    std::shared_ptr<reactive_streams::PublisherAPI<std::unique_ptr<Message>>> connectStream;
+    std::shared_ptr<MessageSubscriber> messageSubscriber;
+    std::shared_ptr<FramePublisher> framePublisher;
+};
+
+// Stateless; deliver may run on any thread for any number of upgrades at once.
+class BayeuxWebSocketServiceProvider : public ServiceProvider {
+public:
+    BayeuxWebSocketServiceProvider();
+    ~BayeuxWebSocketServiceProvider() override;
+
+    // Answers an upgrade request with an http::WebSocket, anything else with 500
+    // "Bayeux protocol error.". `address` is the protocol service's.
+    Future<std::unique_ptr<Message>> deliver(std::unique_ptr<Message>&& message, Address&& address,
+                                             std::shared_ptr<Context>&& context) override;
+};
+
+}  // namespace korvane::bayeux

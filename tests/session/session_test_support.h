@@ -101,8 +101,10 @@ public:
     // The item at `index` as `U`, or null if missing or of another type; it lives as long as the recorder.
     template <class U>
     const U* at(std::size_t index) {
-        return lock(), index < items.size() ? dynamic_cast<const U*>(&*items[index]) : nullptr;
+        return lock(), index < items.size() ? dynamic_cast<const U*>(items[index].get()) : nullptr;
     }
+    // Whether the item at `index` is there and null.
+    bool isNullAt(std::size_t index) { return lock(), index < items.size() && !items[index]; }
 
 private:
     // The guard holds `mutex` to the end of the full expression: `lock(), expr` runs expr under it.

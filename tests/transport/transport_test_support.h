@@ -31,18 +31,20 @@ using Services = std::map<std::string, std::shared_ptr<ServiceProvider>>;
 // Routes each message and hands itself along, as the host's context does: a Bayeux
 // message goes to the protocol service ("bayeux") whatever transport's address it was
 // sent to, anything else to the provider at its address. Unknown addresses give a
-// failed future.
+// failed future. Sessions keep their context and the services own the sessions, so the
+// context holds the services weakly, as the host's does.
 class RoutingContext : public Context, public std::enable_shared_from_this<RoutingContext> {
 public:
-    RoutingContext(std::shared_ptr<const Services> services, const std::string& sessionId)
+    RoutingContext(std::weak_ptr<const Services> services, const std::string& sessionId)
         : services(std::move(services)) {
         set("sessionId", boost::any(sessionId));
     }
     using Context::handle;
     Future<std::unique_ptr<Message>> handle(std::unique_ptr<Message>&& message, Address&& address) override {
         const bool bayeux = dynamic_cast<BayeuxMessage*>(message.get()) != nullptr;
-        auto found = services->find(bayeux ? "bayeux" : address.name());
-        if (found == services->end()) {
+        std::shared_ptr<const Services> known = services.lock();
+        auto found = known ? known->find(bayeux ? "bayeux" : address.name()) : Services::const_iterator();
+        if (!known || found == known->end()) {
             return makeErrorFuture<std::unique_ptr<Message>>(
                 std::make_exception_ptr(std::runtime_error("no service at " + address.name())));
         }
@@ -50,7 +52,7 @@ public:
     }
 
 private:
-    std::shared_ptr<const Services> services;
+    std::weak_ptr<const Services> services;
 };
 
 inline std::string textOf(const common::DataBuffer& buffer) { return buffer.str(); }

@@ -7,38 +7,71 @@
 
 namespace korvane::host {
 
-ThreadedTimerBackend::ThreadedTimerBackend() : queue_(std::make_shared<common::TimerQueue>()) {}
+struct ThreadedTimerBackend::TimerThreadState {
+    std::shared_ptr<common::TimerQueue> queue = std::make_shared<common::TimerQueue>();
+    std::mutex mutex;
+    std::condition_variable wake;
+    // Bumped when a timer becomes the first due, so that the sleeping thread re-reads
+    // the due time even if the bump came between its read and its wait.
+    std::uint64_t wakeups = 0;
+    bool stopRequested = false;
+};
 
-ThreadedTimerBackend::~ThreadedTimerBackend() { stop(); }
+ThreadedTimerBackend::ThreadedTimerBackend() : state_(std::make_shared<TimerThreadState>()) {}
+
+ThreadedTimerBackend::~ThreadedTimerBackend() {
+    std::lock_guard<std::mutex> threadGuard(threadMutex_);
+    if (!thread_.joinable()) {
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> guard(state_->mutex);
+        state_->stopRequested = true;
+    }
+    state_->wake.notify_all();
+    if (thread_.get_id() == std::this_thread::get_id()) {
+        // The last reference went with a callback on the timer thread: the thread holds
+        // its own share of the state and leaves once that callback has returned.
+        thread_.detach();
+    } else {
+        thread_.join();
+    }
+}
 
 void ThreadedTimerBackend::start() {
-    std::lock_guard<std::mutex> guard(mutex_);
+    std::lock_guard<std::mutex> threadGuard(threadMutex_);
     if (thread_.joinable()) {
         return;
     }
-    stopRequested_ = false;
-    thread_ = std::thread([this] { doRunTimerThread(); });
+    {
+        std::lock_guard<std::mutex> guard(state_->mutex);
+        state_->stopRequested = false;
+    }
+    thread_ = std::thread(&ThreadedTimerBackend::doRunTimerThread, state_);
 }
 
 void ThreadedTimerBackend::stop() {
     std::thread stopping;
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        std::lock_guard<std::mutex> threadGuard(threadMutex_);
         if (!thread_.joinable()) {
             return;
         }
         if (thread_.get_id() == std::this_thread::get_id()) {
             throw std::logic_error("ThreadedTimerBackend::stop called from its own timer thread.");
         }
-        stopRequested_ = true;
+        {
+            std::lock_guard<std::mutex> guard(state_->mutex);
+            state_->stopRequested = true;
+        }
         stopping = std::move(thread_);
     }
-    wake_.notify_all();
+    state_->wake.notify_all();
     stopping.join();
 }
 
 bool ThreadedTimerBackend::isRunning() const {
-    std::lock_guard<std::mutex> guard(mutex_);
+    std::lock_guard<std::mutex> threadGuard(threadMutex_);
     return thread_.joinable();
 }
 
@@ -50,7 +83,8 @@ common::TimerHandle ThreadedTimerBackend::schedule(common::TimerCallback callbac
                                                    std::chrono::milliseconds firstDelay,
                                                    std::chrono::milliseconds period) {
     bool becameEarliest = false;
-    common::TimerHandle handle = queue_->arm(std::move(callback), doNow() + firstDelay, period, &becameEarliest);
+    common::TimerHandle handle =
+        state_->queue->arm(std::move(callback), doNow() + firstDelay, period, &becameEarliest);
     if (becameEarliest) {
         doWakeTimerThread();
     }
@@ -61,32 +95,32 @@ ThreadedTimerBackend::Duration ThreadedTimerBackend::doNow() {
     return std::chrono::steady_clock::now().time_since_epoch();
 }
 
-void ThreadedTimerBackend::doRunTimerThread() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    while (!stopRequested_) {
-        const std::uint64_t seenWakeups = wakeups_;
-        const std::optional<Duration> next = queue_->nextDue();
+void ThreadedTimerBackend::doRunTimerThread(std::shared_ptr<TimerThreadState> state) {
+    std::unique_lock<std::mutex> lock(state->mutex);
+    while (!state->stopRequested) {
+        const std::uint64_t seenWakeups = state->wakeups;
+        const std::optional<Duration> next = state->queue->nextDue();
         const Duration now = doNow();
         if (next && *next <= now) {
             lock.unlock();
-            doRunDue(now);
+            doRunDue(*state->queue, now);
             lock.lock();
             continue;
         }
-        auto woken = [this, seenWakeups] { return stopRequested_ || wakeups_ != seenWakeups; };
+        auto woken = [&state, seenWakeups] { return state->stopRequested || state->wakeups != seenWakeups; };
         if (next) {
             const std::chrono::steady_clock::time_point due(
                 std::chrono::duration_cast<std::chrono::steady_clock::duration>(*next));
-            wake_.wait_until(lock, due, woken);
+            state->wake.wait_until(lock, due, woken);
         } else {
-            wake_.wait(lock, woken);
+            state->wake.wait(lock, woken);
         }
     }
 }
 
-void ThreadedTimerBackend::doRunDue(Duration now) {
+void ThreadedTimerBackend::doRunDue(common::TimerQueue& queue, Duration now) {
     try {
-        queue_->runDue(now);
+        queue.runDue(now);
     } catch (const std::exception& error) {
         std::cerr << "Timer callback failed: " << error.what() << std::endl;
     } catch (...) {
@@ -96,10 +130,10 @@ void ThreadedTimerBackend::doRunDue(Duration now) {
 
 void ThreadedTimerBackend::doWakeTimerThread() {
     {
-        std::lock_guard<std::mutex> guard(mutex_);
-        ++wakeups_;
+        std::lock_guard<std::mutex> guard(state_->mutex);
+        ++state_->wakeups;
     }
-    wake_.notify_one();
+    state_->wake.notify_one();
 }
 
 }  // namespace korvane::host

@@ -5,10 +5,15 @@
 //
 // Threading: schedule() and currentTick() may be called from any thread, including
 // from a callback. start() and stop() are for the host's own thread and must not be
-// called from a callback: stop() joins the timer thread. `mutex_` guards the thread
-// state and the wake-up counter; the queue has its own lock, always taken after
-// `mutex_` and never held while a callback runs. Timers armed while the service is
-// stopped run once it is started.
+// called from a callback: stop() joins the timer thread. The thread's state (the
+// queue, the lock, the wake-up counter and the stop flag) lives in a shared
+// TimerThreadState that the thread holds too, so that the backend may be destroyed
+// on its own timer thread (a callback that held the last reference): the destructor
+// then asks the thread to stop and detaches it, and the thread leaves once the
+// running callback returns. `state_->mutex` guards the stop flag and the wake-up
+// counter; the queue has its own lock, always taken after it and never held while
+// a callback runs. Timers armed while the service is stopped run once it is
+// started.
 
 #include <condition_variable>
 #include <cstdint>
@@ -24,7 +29,7 @@ namespace korvane::host {
 class ThreadedTimerBackend : public common::TimerBackend {
 public:
     ThreadedTimerBackend();
-    // Stops and joins the timer thread.
+    // Stops and joins the timer thread; on the timer thread itself, stops and detaches it.
     ~ThreadedTimerBackend() override;
 
     // Starts the timer thread; does nothing when it is running.
@@ -40,21 +45,19 @@ public:
 
 private:
     using Duration = common::TimerQueue::Duration;
+    struct TimerThreadState;
 
     static Duration doNow();
-    void doRunTimerThread();
+    // The body of the timer thread; it owns a share of `state` for its whole run.
+    static void doRunTimerThread(std::shared_ptr<TimerThreadState> state);
     // Runs what is due, reporting a callback's exception on the standard error stream
     // so that one failing callback does not end the timer thread.
-    void doRunDue(Duration now);
+    static void doRunDue(common::TimerQueue& queue, Duration now);
     void doWakeTimerThread();
 
-    std::shared_ptr<common::TimerQueue> queue_;
-    mutable std::mutex mutex_;
-    std::condition_variable wake_;
-    // Bumped when a timer becomes the first due, so that the sleeping thread re-reads
-    // the due time even if the bump came between its read and its wait.
-    std::uint64_t wakeups_ = 0;
-    bool stopRequested_ = false;
+    std::shared_ptr<TimerThreadState> state_;
+    // Guards `thread_` against concurrent start() and stop().
+    mutable std::mutex threadMutex_;
     std::thread thread_;
 };
 

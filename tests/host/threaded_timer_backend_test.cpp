@@ -127,5 +127,32 @@ TEST_F(ThreadedTimerBackendConcurrency, NoCallbackStartsAfterItsReleaseReturnedO
     EXPECT_GT(ran.load(), 0) << "no callback raced with its release";
 }
 
+TEST(ThreadedTimerBackendLifetimeConcurrency, LastReferenceDroppedByItsOwnCallbackEndsTheThreadQuietly) {
+    auto backend = std::make_shared<ThreadedTimerBackend>();
+    backend->start();
+    std::mutex mutex;
+    std::condition_variable done;
+    bool destroyed = false;
+    // The callback owns the only reference once the test lets go: dropping it destroys the
+    // backend on its own timer thread, which must neither join itself nor touch freed state.
+    auto owner = std::make_shared<std::shared_ptr<ThreadedTimerBackend>>(backend);
+    auto handle = backend->schedule(
+        [owner, &mutex, &done, &destroyed](long long) {
+            owner->reset();
+            std::lock_guard<std::mutex> guard(mutex);
+            destroyed = true;
+            done.notify_all();
+        },
+        5ms, 0ms);
+    backend.reset();
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        EXPECT_TRUE(done.wait_for(lock, 10s, [&] { return destroyed; }));
+    }
+    handle = nullptr;
+    // Lets the detached thread leave before the process checks for leaks.
+    std::this_thread::sleep_for(20ms);
+}
+
 }  // namespace
 }  // namespace korvane::host

@@ -1,0 +1,715 @@
+#include "korvane/host/http_connection.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <chrono>
+#include <deque>
+#include <exception>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <vector>
+
+#include <boost/asio/ssl.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
+#include <boost/beast/ssl.hpp>
+
+#include "korvane/frame/http.h"
+#include "korvane/frame/logger.h"
+#include "korvane/frame/one_shot_publisher.h"
+#include "korvane/host/browser_session.h"
+#include "korvane/host/host_context.h"
+#include "korvane/host/relay_subscriber.h"
+#include "korvane/host/server_state.h"
+#include "korvane/host/strand_link.h"
+#include "korvane/host/websocket_connection.h"
+
+namespace korvane::host {
+
+namespace {
+
+namespace beast = boost::beast;
+namespace bhttp = boost::beast::http;
+namespace net = boost::asio;
+using common::DataBuffer;
+
+common::diagnostic_logger logger("korvane::host::http");
+
+// A peer that does not take a response within this time is cut.
+constexpr std::chrono::seconds writeTimeout(30);
+// After a response that ends the connection, the peer's leftovers are read and
+// dropped for this long, so that closing does not reset the response away.
+constexpr std::chrono::seconds lingerTimeout(1);
+// How much a streaming response reads ahead of pipelined requests while it
+// watches for the peer going away.
+constexpr std::size_t watchReadBytes = 4096;
+
+using Request = UpgradeRequest;
+using FullResponse = bhttp::response<bhttp::string_body>;
+using StreamHead = bhttp::response<bhttp::empty_body>;
+using BodySignal = StreamSignal<DataBuffer>;
+
+template <class Stream>
+constexpr bool isTls = std::is_same_v<Stream, TlsStream>;
+
+std::string lowered(std::string_view text) {
+    std::string result(text);
+    std::transform(result.begin(), result.end(), result.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return result;
+}
+
+bool isBayeuxPath(std::string_view path, std::string_view bayeuxPath) {
+    return path.compare(0, bayeuxPath.size(), bayeuxPath) == 0 &&
+           (path.size() == bayeuxPath.size() || path[bayeuxPath.size()] == '/');
+}
+
+bool isUpgrade(const Request& request) {
+    return request.method() == bhttp::verb::get && beast::iequals(request[bhttp::field::upgrade], "websocket") &&
+           bhttp::token_list(request[bhttp::field::connection]).exists("upgrade");
+}
+
+// Header names that describe this connection's framing, which the server sets itself.
+bool isFramingHeader(std::string_view name) {
+    return beast::iequals(name, "content-length") || beast::iequals(name, "transfer-encoding") ||
+           beast::iequals(name, "connection");
+}
+
+std::string failureText(std::exception_ptr error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const std::exception& failure) {
+        return failure.what();
+    } catch (...) {
+        return "Unknown error";
+    }
+}
+
+// Subscribes to the body of an answer that nobody will send, and cancels at once,
+// so that a stream behind it learns that its reader has gone.
+void discardAnswer(const std::shared_ptr<Message>& answer) {
+    if (auto* response = dynamic_cast<http::HttpResponse*>(answer.get()); response && response->body) {
+        auto relay = std::make_shared<RelaySubscriber<DataBuffer>>(nullptr, true);
+        response->body->subscribe(relay);
+        relay->detach();
+    } else if (auto* socket = dynamic_cast<http::WebSocket*>(answer.get())) {
+        if (socket->inbound) {
+            auto relay = std::make_shared<RelaySubscriber<http::WebSocketFrame>>(nullptr, true);
+            socket->inbound->subscribe(relay);
+            relay->detach();
+        }
+        if (socket->outbound) {
+            socket->outbound->onComplete();
+        }
+    }
+}
+
+// One connection: reads a request, answers it, and only then reads the next, so
+// that pipelined requests are answered in order. A Bayeux request goes to the
+// service, whose answer (on any thread) comes back through `link_`; a streaming
+// body's signals come back the same way through `body_`.
+//
+// Threading: every member function but shutdown() and abandon() runs on the
+// connection's strand. shutdown() posts; abandon() runs on the stopping thread
+// once no I/O thread is left. Nothing here takes a lock.
+template <class Stream>
+class HttpConnection : public ConnectionTracker::Tracked, public std::enable_shared_from_this<HttpConnection<Stream>> {
+public:
+    using Executor = typename Stream::executor_type;
+
+    HttpConnection(Stream&& stream, std::shared_ptr<ServerState> state)
+        : stream_(std::move(stream)), executor_(stream_.get_executor()), state_(std::move(state)) {}
+
+    ~HttpConnection() override { state_->connections.remove(trackerId_); }
+
+    const Executor& executor() const { return executor_; }
+
+    void run() {
+        link_ = std::make_shared<StrandLink<HttpConnection>>(this->shared_from_this());
+        trackerId_ = state_->connections.add(this->weak_from_this());
+        if (trackerId_ == 0) {
+            doClose();
+            return;
+        }
+        if constexpr (isTls<Stream>) {
+            lowest().expires_after(options().headerTimeout);
+            stream_.async_handshake(net::ssl::stream_base::server,
+                                    [self = this->shared_from_this()](beast::error_code error) {
+                                        if (error) {
+                                            self->doClose();
+                                        } else {
+                                            self->doReadHeader();
+                                        }
+                                    });
+        } else {
+            doReadHeader();
+        }
+    }
+
+    void shutdown() override {
+        net::post(executor_, [self = this->shared_from_this()] { self->doClose(); });
+    }
+
+    void abandon() override { doClose(); }
+
+private:
+    const HttpServerOptions& options() const { return state_->options; }
+    beast::tcp_stream& lowest() { return beast::get_lowest_layer(stream_); }
+
+    // ---- reading ----------------------------------------------------------------
+
+    void doReadHeader() {
+        if (closed_) {
+            return;
+        }
+        freshSession_ = false;
+        corsOrigin_.clear();
+        parser_.emplace();
+        parser_->header_limit(static_cast<std::uint32_t>(std::min<std::size_t>(options().maxHeaderBytes, UINT32_MAX)));
+        parser_->body_limit(options().maxBodyBytes);
+        lowest().expires_after(options().headerTimeout);
+        bhttp::async_read_header(stream_, buffer_, *parser_,
+                                 [self = this->shared_from_this()](beast::error_code error, std::size_t) {
+                                     self->onHeader(error);
+                                 });
+    }
+
+    void onHeader(beast::error_code error) {
+        if (error) {
+            doReadFailed(error);
+            return;
+        }
+        if (parser_->is_done()) {
+            onRequest();
+            return;
+        }
+        lowest().expires_after(options().headerTimeout);
+        bhttp::async_read(stream_, buffer_, *parser_,
+                          [self = this->shared_from_this()](beast::error_code error, std::size_t) {
+                              if (error) {
+                                  self->doReadFailed(error);
+                              } else {
+                                  self->onRequest();
+                              }
+                          });
+    }
+
+    void doReadFailed(beast::error_code error) {
+        if (closed_) {
+            return;
+        }
+        keepAlive_ = false;
+        if (error == bhttp::error::header_limit) {
+            doSendText(bhttp::status::request_header_fields_too_large, "Request header too large");
+        } else if (error == bhttp::error::body_limit) {
+            doSendText(bhttp::status::payload_too_large, "Request body too large");
+        } else if (error.category() == bhttp::make_error_code(bhttp::error::bad_method).category() &&
+                   error != bhttp::error::end_of_stream && error != bhttp::error::partial_message) {
+            doSendText(bhttp::status::bad_request, "Malformed request");
+        } else {
+            doClose();
+        }
+    }
+
+    void onRequest() {
+        request_ = parser_->release();
+        parser_.reset();
+        keepAlive_ = request_.keep_alive();
+        doReadSession();
+        const std::string_view target = request_.target();
+        const std::string_view path = target.substr(0, target.find('?'));
+        if (isBayeuxPath(path, options().bayeuxPath)) {
+            doBayeux();
+        } else {
+            doStatic(path);
+        }
+    }
+
+    void doReadSession() {
+        sessionId_.clear();
+        auto cookies = request_.equal_range(bhttp::field::cookie);
+        for (auto field = cookies.first; field != cookies.second && sessionId_.empty(); ++field) {
+            sessionId_ = findBrowserSessionId(field->value(), options().cookieName);
+        }
+        if (sessionId_.empty()) {
+            sessionId_ = newBrowserSessionId();
+            freshSession_ = true;
+        }
+    }
+
+    // ---- the Bayeux path -----------------------------------------------------------
+
+    void doBayeux() {
+        const std::string_view origin = request_[bhttp::field::origin];
+        if (state_->origins.isListed(origin)) {
+            corsOrigin_ = std::string(origin);
+            if (request_.method() == bhttp::verb::options) {
+                doPreflight();
+                return;
+            }
+        }
+        upgrade_ = isUpgrade(request_);
+        if (upgrade_ && !state_->origins.allowsUpgrade(origin, request_[bhttp::field::host])) {
+            doSendText(bhttp::status::forbidden, "Origin not allowed");
+            return;
+        }
+        doDeliver();
+    }
+
+    void doPreflight() {
+        auto response = doMakeResponse(bhttp::status::no_content);
+        response->set(bhttp::field::access_control_allow_methods, "POST, GET, OPTIONS");
+        const std::string_view requested = request_[bhttp::field::access_control_request_headers];
+        response->set(bhttp::field::access_control_allow_headers, requested.empty() ? "Content-Type" : requested);
+        response->set(bhttp::field::access_control_max_age, "86400");
+        doWriteFull(std::move(response), false);
+    }
+
+    void doDeliver() {
+        http::Headers headers;
+        for (const auto& field : request_) {
+            headers.emplace(lowered(field.name_string()), std::string(field.value()));
+        }
+        auto body = std::make_shared<reactive_streams::OneShotPublisher<DataBuffer>>(DataBuffer(request_.body()));
+        auto message = std::make_unique<http::HttpRequest>(lowered(request_.method_string()),
+                                                           std::string(request_.target()), std::move(headers),
+                                                           std::move(body));
+        auto context = HostContext::create(state_->registry);
+        context->set("sessionId", boost::any(sessionId_));
+        Future<std::unique_ptr<Message>> answer =
+            context->handle(std::unique_ptr<Message>(std::move(message)), Address(options().bayeuxAddress));
+        // Runs on whichever thread resolves the answer.
+        answer.then([link = link_](Future<std::unique_ptr<Message>>&& resolved) {
+            std::shared_ptr<Message> message;
+            std::string failure;
+            try {
+                message = resolved.get();
+                if (!message) {
+                    failure = "The service gave no answer";
+                }
+            } catch (...) {
+                failure = failureText(std::current_exception());
+            }
+            if (!link->post([message, failure](HttpConnection& connection) { connection.onAnswer(message, failure); })) {
+                discardAnswer(message);
+            }
+            return true;
+        });
+    }
+
+    void onAnswer(const std::shared_ptr<Message>& answer, const std::string& failure) {
+        if (closed_) {
+            discardAnswer(answer);
+            return;
+        }
+        if (!failure.empty()) {
+            doSendText(bhttp::status::internal_server_error, failure);
+            return;
+        }
+        if (auto* socket = dynamic_cast<http::WebSocket*>(answer.get())) {
+            if (upgrade_ && socket->inbound && socket->outbound) {
+                doHandOver(*socket);
+            } else {
+                discardAnswer(answer);
+                doSendText(bhttp::status::internal_server_error, "A WebSocket cannot answer this request");
+            }
+            return;
+        }
+        if (auto* response = dynamic_cast<http::HttpResponse*>(answer.get())) {
+            doRespond(*response);
+            return;
+        }
+        doSendText(bhttp::status::internal_server_error, "The service gave an answer that is not HTTP");
+    }
+
+    void doHandOver(http::WebSocket& socket) {
+        // The stream now belongs to the WebSocket connection; this one ends with its handlers.
+        closed_ = true;
+        link_->cut();
+        std::string cookie =
+            freshSession_ ? browserSessionCookie(options().cookieName, sessionId_, isTls<Stream>) : std::string();
+        serveWebSocket<Stream>(std::move(stream_), std::move(request_), std::move(socket.inbound),
+                               std::move(socket.outbound), state_, std::move(cookie));
+    }
+
+    // ---- responses ---------------------------------------------------------------
+
+    void doRespond(http::HttpResponse& answer) {
+        if (!answer.body) {
+            auto response = doMakeResponse(static_cast<bhttp::status>(answer.status));
+            doCopyHeaders(answer.headers, *response);
+            doWriteFull(std::move(response), true);
+            return;
+        }
+        std::vector<BodySignal> collected;
+        try {
+            collected = doSubscribeBody(answer.body);
+        } catch (...) {
+            doEndBody();
+            doSendText(bhttp::status::internal_server_error, failureText(std::current_exception()));
+            return;
+        }
+        const bool endedAtOnce = !collected.empty() && collected.back().ended;
+        if (endedAtOnce && collected.back().error) {
+            doEndBody();
+            doSendText(bhttp::status::internal_server_error, failureText(collected.back().error));
+            return;
+        }
+        if (endedAtOnce) {
+            doEndBody();
+            auto response = doMakeResponse(static_cast<bhttp::status>(answer.status));
+            doCopyHeaders(answer.headers, *response);
+            for (const BodySignal& signal : collected) {
+                if (signal.item) {
+                    response->body().append(signal.item->view());
+                }
+            }
+            doWriteFull(std::move(response), true);
+            return;
+        }
+        doStartStreaming(answer, std::move(collected));
+    }
+
+    // Subscribes a relay to the body and asks for the first chunk; what came at once is returned.
+    std::vector<BodySignal> doSubscribeBody(const std::shared_ptr<http::BodyPublisher>& body) {
+        bodyPublisher_ = body;
+        body_ = std::make_shared<RelaySubscriber<DataBuffer>>(
+            [link = link_, relay = ++relayCount_](BodySignal&& signal) {
+                auto shared = std::make_shared<BodySignal>(std::move(signal));
+                link->post([relay, shared](HttpConnection& connection) {
+                    connection.onBodySignal(relay, std::move(*shared));
+                });
+            },
+            true);
+        body->subscribe(body_);
+        body_->request(1);
+        return body_->takeCollected();
+    }
+
+    void doStartStreaming(http::HttpResponse& answer, std::vector<BodySignal>&& collected) {
+        head_ = std::make_unique<StreamHead>(static_cast<bhttp::status>(answer.status), request_.version());
+        doCopyHeaders(answer.headers, *head_);
+        doDecorate(*head_);
+        head_->keep_alive(keepAlive_);
+        head_->chunked(true);
+        pendingBody_.assign(std::make_move_iterator(collected.begin()), std::make_move_iterator(collected.end()));
+        // The read side watches for the peer going away and never times out: a held
+        // response lasts as long as the service keeps it.
+        lowest().expires_never();
+        doWatch();
+        headSerializer_ = std::make_unique<bhttp::response_serializer<bhttp::empty_body>>(*head_);
+        writing_ = true;
+        lowest().expires_after(writeTimeout);
+        bhttp::async_write_header(stream_, *headSerializer_,
+                                  [self = this->shared_from_this()](beast::error_code error, std::size_t) {
+                                      self->onBodyWritten(error, false);
+                                  });
+    }
+
+    void onBodySignal(std::uint64_t relay, BodySignal&& signal) {
+        if (closed_ || relay != relayCount_ || !body_) {
+            return;
+        }
+        pendingBody_.push_back(std::move(signal));
+        doPumpBody();
+    }
+
+    // Writes the next waiting chunk, or the end of the body, unless a write is in flight.
+    void doPumpBody() {
+        while (!writing_ && !closed_ && !pendingBody_.empty()) {
+            BodySignal signal = std::move(pendingBody_.front());
+            pendingBody_.pop_front();
+            if (signal.item && signal.item->empty()) {
+                body_->request(1);
+                continue;
+            }
+            if (signal.error) {
+                // The head is out: the peer learns of the failure from a body that never ends.
+                KORVANE_LOG(logger, 512) << "Response body failed: " << failureText(signal.error);
+                doClose();
+                return;
+            }
+            writing_ = true;
+            lowest().expires_after(writeTimeout);
+            auto self = this->shared_from_this();
+            if (signal.item) {
+                chunk_ = std::move(*signal.item);
+                net::async_write(stream_, bhttp::make_chunk(net::const_buffer(chunk_.data, chunk_.size)),
+                                 [self](beast::error_code error, std::size_t) { self->onBodyWritten(error, true); });
+            } else {
+                net::async_write(stream_, bhttp::make_chunk_last(),
+                                 [self](beast::error_code error, std::size_t) { self->onLastChunkWritten(error); });
+            }
+            return;
+        }
+    }
+
+    void onBodyWritten(beast::error_code error, bool chunk) {
+        writing_ = false;
+        if (error) {
+            doClose();
+            return;
+        }
+        if (closed_) {
+            return;
+        }
+        if (chunk) {
+            body_->request(1);
+        }
+        doPumpBody();
+    }
+
+    void onLastChunkWritten(beast::error_code error) {
+        writing_ = false;
+        if (error) {
+            doClose();
+            return;
+        }
+        doEndBody();
+        head_.reset();
+        headSerializer_.reset();
+        doNextRequest();
+    }
+
+    // Drops the body's relay: cancels the stream unless it ended.
+    void doEndBody() {
+        if (body_) {
+            body_->detach();
+            body_.reset();
+        }
+        bodyPublisher_.reset();
+        pendingBody_.clear();
+    }
+
+    // Reads ahead while a response streams, to see the peer go away. Pipelined
+    // requests that come meanwhile wait in `buffer_`.
+    void doWatch() {
+        if (watching_ || closed_ || buffer_.size() >= options().maxHeaderBytes + options().maxBodyBytes) {
+            return;
+        }
+        watching_ = true;
+        stream_.async_read_some(buffer_.prepare(watchReadBytes),
+                                [self = this->shared_from_this()](beast::error_code error, std::size_t bytes) {
+                                    self->onWatch(error, bytes);
+                                });
+    }
+
+    void onWatch(beast::error_code error, std::size_t bytes) {
+        watching_ = false;
+        if (closed_) {
+            return;
+        }
+        buffer_.commit(bytes);
+        if (resumeAfterWatch_) {
+            resumeAfterWatch_ = false;
+            if (!error || error == net::error::operation_aborted) {
+                doReadHeader();
+            } else {
+                doClose();
+            }
+        } else if (error) {
+            doClose();
+        } else if (body_) {
+            doWatch();
+        }
+    }
+
+    void doNextRequest() {
+        if (!keepAlive_) {
+            // A watch read still waiting has taken what the peer sent: nothing is left to linger for.
+            if (watching_) {
+                doClose();
+            } else {
+                doLingerClose();
+            }
+        } else if (watching_) {
+            // The watch read still waits; once cancelled, its handler reads the next request.
+            resumeAfterWatch_ = true;
+            lowest().cancel();
+        } else {
+            doReadHeader();
+        }
+    }
+
+    std::unique_ptr<FullResponse> doMakeResponse(bhttp::status status) {
+        return std::make_unique<FullResponse>(status, request_.version() == 10 ? 10 : 11);
+    }
+
+    template <class Head>
+    static void doCopyHeaders(const http::Headers& headers, Head& head) {
+        for (const auto& [name, value] : headers) {
+            if (!isFramingHeader(name)) {
+                head.insert(name, value);
+            }
+        }
+    }
+
+    void doDecorate(bhttp::fields& fields) {
+        fields.set(bhttp::field::server, "korvane");
+        if (freshSession_) {
+            fields.insert(bhttp::field::set_cookie,
+                          browserSessionCookie(options().cookieName, sessionId_, isTls<Stream>));
+        }
+        if (!corsOrigin_.empty()) {
+            fields.set(bhttp::field::access_control_allow_origin, corsOrigin_);
+            fields.set(bhttp::field::access_control_allow_credentials, "true");
+            fields.set(bhttp::field::vary, "Origin");
+        }
+    }
+
+    void doSendText(bhttp::status status, std::string_view text) {
+        auto response = doMakeResponse(status);
+        response->set(bhttp::field::content_type, "text/plain; charset=utf-8");
+        response->body() = std::string(text);
+        doWriteFull(std::move(response), true);
+    }
+
+    // Writes a whole response; with `withPayload` its Content-Length is that of its body.
+    void doWriteFull(std::unique_ptr<FullResponse> response, bool withPayload) {
+        doDecorate(*response);
+        response->keep_alive(keepAlive_);
+        if (withPayload) {
+            response->prepare_payload();
+        }
+        full_ = std::move(response);
+        lowest().expires_after(writeTimeout);
+        bhttp::async_write(stream_, *full_, [self = this->shared_from_this()](beast::error_code error, std::size_t) {
+            self->full_.reset();
+            if (error) {
+                self->doClose();
+            } else {
+                self->doNextRequest();
+            }
+        });
+    }
+
+    // ---- static files ---------------------------------------------------------------
+
+    void doStatic(std::string_view path) {
+        const bool head = request_.method() == bhttp::verb::head;
+        if (!head && request_.method() != bhttp::verb::get) {
+            auto response = doMakeResponse(bhttp::status::method_not_allowed);
+            response->set(bhttp::field::allow, "GET, HEAD");
+            doWriteFull(std::move(response), true);
+            return;
+        }
+        std::optional<StaticFile> file = state_->staticFiles.find(path);
+        std::string content;
+        if (file && !head && !readWholeFile(file->path, content)) {
+            file.reset();
+        }
+        if (!file) {
+            doSendText(bhttp::status::not_found, "Not Found");
+            return;
+        }
+        const bool current = StaticFiles::isNotModified(*file, request_[bhttp::field::if_none_match],
+                                                        request_[bhttp::field::if_modified_since]);
+        auto response = doMakeResponse(current ? bhttp::status::not_modified : bhttp::status::ok);
+        response->set(bhttp::field::etag, file->etag);
+        response->set(bhttp::field::last_modified, file->lastModified);
+        response->set(bhttp::field::cache_control, "no-cache");
+        if (current) {
+            doWriteFull(std::move(response), false);
+            return;
+        }
+        response->set(bhttp::field::content_type, file->contentType);
+        if (head) {
+            response->content_length(file->size);
+            doWriteFull(std::move(response), false);
+        } else {
+            response->body() = std::move(content);
+            doWriteFull(std::move(response), true);
+        }
+    }
+
+    static bool readWholeFile(const std::filesystem::path& path, std::string& content) {
+        std::ifstream in(path, std::ios::binary);
+        if (!in) {
+            return false;
+        }
+        content.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+        return !in.bad();
+    }
+
+    // ---- ending ------------------------------------------------------------------
+
+    // Sends no more, drops what the peer still sends for a moment, then closes.
+    void doLingerClose() {
+        if (closed_) {
+            return;
+        }
+        beast::error_code ignored;
+        lowest().socket().shutdown(net::socket_base::shutdown_send, ignored);
+        lowest().expires_after(lingerTimeout);
+        doLinger();
+    }
+
+    void doLinger() {
+        lowest().async_read_some(net::buffer(scratch_),
+                                 [self = this->shared_from_this()](beast::error_code error, std::size_t) {
+                                     if (error) {
+                                         self->doClose();
+                                     } else {
+                                         self->doLinger();
+                                     }
+                                 });
+    }
+
+    void doClose() {
+        if (closed_) {
+            return;
+        }
+        closed_ = true;
+        doEndBody();
+        link_->cut();
+        lowest().close();
+    }
+
+    Stream stream_;
+    const Executor executor_;
+    const std::shared_ptr<ServerState> state_;
+    std::shared_ptr<StrandLink<HttpConnection>> link_;
+    std::uint64_t trackerId_ = 0;
+
+    beast::flat_buffer buffer_;
+    std::optional<bhttp::request_parser<bhttp::string_body>> parser_;
+    Request request_;
+    std::string sessionId_;
+    bool freshSession_ = false;
+    std::string corsOrigin_;
+    bool keepAlive_ = false;
+    bool upgrade_ = false;
+
+    std::unique_ptr<FullResponse> full_;
+    std::unique_ptr<StreamHead> head_;
+    std::unique_ptr<bhttp::response_serializer<bhttp::empty_body>> headSerializer_;
+    std::shared_ptr<http::BodyPublisher> bodyPublisher_;
+    std::shared_ptr<RelaySubscriber<DataBuffer>> body_;
+    // Numbers the bodies, so that a signal of an earlier one is not taken for the current one's.
+    std::uint64_t relayCount_ = 0;
+    std::deque<BodySignal> pendingBody_;
+    DataBuffer chunk_;
+    bool writing_ = false;
+    bool watching_ = false;
+    bool resumeAfterWatch_ = false;
+    bool closed_ = false;
+    std::array<char, 4096> scratch_{};
+};
+
+}  // namespace
+
+void serveHttpConnection(net::ip::tcp::socket&& socket, const std::shared_ptr<ServerState>& state) {
+    if (state->tls != nullptr) {
+        std::make_shared<HttpConnection<TlsStream>>(TlsStream(std::move(socket), *state->tls), state)->run();
+    } else {
+        std::make_shared<HttpConnection<PlainStream>>(PlainStream(std::move(socket)), state)->run();
+    }
+}
+
+}  // namespace korvane::host

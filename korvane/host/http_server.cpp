@@ -1,0 +1,303 @@
+#include "korvane/host/http_server.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <exception>
+#include <future>
+#include <optional>
+#include <stdexcept>
+#include <thread>
+
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ip/v6_only.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/ssl/context.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/strand.hpp>
+
+#include "korvane/frame/logger.h"
+#include "korvane/host/http_connection.h"
+#include "korvane/host/server_state.h"
+
+namespace korvane::host {
+
+namespace {
+
+namespace net = boost::asio;
+using tcp = net::ip::tcp;
+
+common::diagnostic_logger logger("korvane::host::http");
+
+// How long stop() waits for connections to end gracefully before it cuts them.
+constexpr std::chrono::seconds stopGrace(5);
+// The pause before accepting again after the listener failed (out of descriptors).
+constexpr std::chrono::milliseconds acceptRetryDelay(100);
+
+struct ListenAddress {
+    std::string host;  // empty for all interfaces
+    unsigned short port = 0;
+};
+
+ListenAddress parseListen(const std::string& listen) {
+    ListenAddress parsed;
+    std::string portText;
+    if (!listen.empty() && listen.front() == '[') {
+        const std::size_t close = listen.find("]:");
+        if (close == std::string::npos) {
+            throw std::runtime_error("Invalid listen address: " + listen);
+        }
+        parsed.host = listen.substr(1, close - 1);
+        portText = listen.substr(close + 2);
+    } else {
+        const std::size_t colon = listen.rfind(':');
+        if (colon == std::string::npos) {
+            throw std::runtime_error("Invalid listen address: " + listen);
+        }
+        parsed.host = listen.substr(0, colon);
+        portText = listen.substr(colon + 1);
+    }
+    char* end = nullptr;
+    const unsigned long port = std::strtoul(portText.c_str(), &end, 10);
+    if (portText.empty() || *end != '\0' || port > 65535) {
+        throw std::runtime_error("Invalid port in listen address: " + listen);
+    }
+    parsed.port = static_cast<unsigned short>(port);
+    return parsed;
+}
+
+}  // namespace
+
+// Threading: start() and stop() run on the owner's thread; the acceptor and its
+// retry timer live on `acceptStrand`, and `refusedSinceLog`/`lastRefusalLog` are
+// touched only there.
+struct HttpServer::Impl {
+    Impl(HttpServerOptions serverOptions, std::shared_ptr<ServiceRegistry> serviceRegistry)
+        : options(std::move(serverOptions)),
+          registry(std::move(serviceRegistry)),
+          io(static_cast<int>(threadCount())),
+          acceptStrand(net::make_strand(io)),
+          acceptor(acceptStrand),
+          retryTimer(acceptStrand) {}
+
+    unsigned threadCount() const {
+        const unsigned wanted = options.threads != 0 ? options.threads : std::thread::hardware_concurrency();
+        return wanted != 0 ? wanted : 1;
+    }
+
+    void loadTls() {
+        if (options.tlsCert.empty() && options.tlsKey.empty()) {
+            return;
+        }
+        if (options.tlsCert.empty() || options.tlsKey.empty()) {
+            throw std::runtime_error("TLS needs both a certificate and a key.");
+        }
+        tls = std::make_unique<net::ssl::context>(net::ssl::context::tls_server);
+        tls->set_options(net::ssl::context::default_workarounds | net::ssl::context::no_sslv2 |
+                         net::ssl::context::no_sslv3 | net::ssl::context::no_tlsv1 | net::ssl::context::no_tlsv1_1);
+        boost::system::error_code error;
+        tls->use_certificate_chain_file(options.tlsCert, error);
+        if (error) {
+            throw std::runtime_error("Cannot load the TLS certificate " + options.tlsCert + ": " + error.message());
+        }
+        tls->use_private_key_file(options.tlsKey, net::ssl::context::pem, error);
+        if (error) {
+            throw std::runtime_error("Cannot load the TLS key " + options.tlsKey + ": " + error.message());
+        }
+    }
+
+    void listen() {
+        const ListenAddress address = parseListen(options.listen);
+        boost::system::error_code error;
+        tcp::endpoint endpoint;
+        if (address.host.empty()) {
+            endpoint = tcp::endpoint(tcp::v6(), address.port);
+            if (!doBind(endpoint, true)) {
+                endpoint = tcp::endpoint(tcp::v4(), address.port);
+            }
+        } else {
+            net::ip::address ip = net::ip::make_address(address.host, error);
+            if (error) {
+                tcp::resolver resolver(io);
+                auto results = resolver.resolve(address.host, std::to_string(address.port), error);
+                if (error || results.empty()) {
+                    throw std::runtime_error("Cannot listen on " + options.listen + ": cannot resolve " +
+                                             address.host);
+                }
+                endpoint = results.begin()->endpoint();
+            } else {
+                endpoint = tcp::endpoint(ip, address.port);
+            }
+        }
+        if (!acceptor.is_open() && !doBind(endpoint, false)) {
+            throw std::runtime_error("Cannot listen on " + options.listen + ": " + bindError.message());
+        }
+        boundPort = acceptor.local_endpoint().port();
+        const std::string host = address.host.empty() ? "localhost" : address.host;
+        baseUrl = std::string(tls ? "https" : "http") + "://" +
+                  (host.find(':') != std::string::npos ? "[" + host + "]" : host) + ":" + std::to_string(boundPort) +
+                  "/";
+    }
+
+    // Opens, binds and listens; on failure the acceptor is closed and the error kept.
+    bool doBind(const tcp::endpoint& endpoint, bool dualStack) {
+        boost::system::error_code& error = bindError;
+        acceptor.open(endpoint.protocol(), error);
+        if (!error && dualStack) {
+            acceptor.set_option(net::ip::v6_only(false), error);
+        }
+        if (!error) {
+            acceptor.set_option(net::socket_base::reuse_address(true), error);
+        }
+        if (!error) {
+            acceptor.bind(endpoint, error);
+        }
+        if (!error) {
+            acceptor.listen(net::socket_base::max_listen_connections, error);
+        }
+        if (error) {
+            boost::system::error_code ignored;
+            acceptor.close(ignored);
+            return false;
+        }
+        return true;
+    }
+
+    void doAccept() {
+        acceptor.async_accept(net::make_strand(io), [this](boost::system::error_code error, tcp::socket socket) {
+            onAccepted(error, std::move(socket));
+        });
+    }
+
+    void onAccepted(boost::system::error_code error, tcp::socket socket) {
+        if (!acceptor.is_open()) {
+            return;
+        }
+        if (error) {
+            KORVANE_LOG(logger, 512) << "Accepting a connection failed: " << error.message();
+            retryTimer.expires_after(acceptRetryDelay);
+            retryTimer.async_wait([this](boost::system::error_code waited) {
+                if (!waited && acceptor.is_open()) {
+                    doAccept();
+                }
+            });
+            return;
+        }
+        if (state->connections.count() >= options.maxConnections) {
+            boost::system::error_code ignored;
+            socket.close(ignored);
+            doNoteRefusal();
+        } else {
+            serveHttpConnection(std::move(socket), state);
+        }
+        doAccept();
+    }
+
+    // Logs refused connections at most once a second, with how many there were.
+    void doNoteRefusal() {
+        ++refusedSinceLog;
+        const auto now = std::chrono::steady_clock::now();
+        if (now - lastRefusalLog < std::chrono::seconds(1)) {
+            return;
+        }
+        KORVANE_LOG(logger, 256) << "Refused " << refusedSinceLog << " connection(s): " << options.maxConnections
+                                 << " connections are open";
+        refusedSinceLog = 0;
+        lastRefusalLog = now;
+    }
+
+    void runIoThread() {
+        for (;;) {
+            try {
+                io.run();
+                return;
+            } catch (const std::exception& failure) {
+                KORVANE_LOG(logger, 512) << "An I/O handler failed: " << failure.what();
+            }
+        }
+    }
+
+    void closeAcceptor() {
+        std::promise<void> closed;
+        net::post(acceptStrand, [this, &closed] {
+            boost::system::error_code ignored;
+            acceptor.close(ignored);
+            retryTimer.cancel();
+            closed.set_value();
+        });
+        closed.get_future().wait();
+    }
+
+    const HttpServerOptions options;
+    const std::shared_ptr<ServiceRegistry> registry;
+    // Declared before the I/O context: TLS streams still held by its handlers use it.
+    std::unique_ptr<net::ssl::context> tls;
+    net::io_context io;
+    net::strand<net::io_context::executor_type> acceptStrand;
+    tcp::acceptor acceptor;
+    net::steady_timer retryTimer;
+    boost::system::error_code bindError;
+    std::shared_ptr<ServerState> state;
+    std::optional<net::executor_work_guard<net::io_context::executor_type>> work;
+    std::vector<std::thread> threads;
+    std::atomic<unsigned short> boundPort{0};
+    std::string baseUrl;
+    std::uint64_t refusedSinceLog = 0;
+    std::chrono::steady_clock::time_point lastRefusalLog{};
+    bool started = false;
+    bool stopped = false;
+};
+
+HttpServer::HttpServer(HttpServerOptions options, std::shared_ptr<ServiceRegistry> registry)
+    : impl_(std::make_unique<Impl>(std::move(options), std::move(registry))) {}
+
+HttpServer::~HttpServer() { stop(); }
+
+void HttpServer::start() {
+    Impl& impl = *impl_;
+    if (impl.started) {
+        throw std::runtime_error("The HTTP server was started before.");
+    }
+    impl.loadTls();
+    impl.listen();
+    impl.state = std::make_shared<ServerState>(impl.options, impl.registry, impl.tls.get());
+    impl.started = true;
+    impl.work.emplace(impl.io.get_executor());
+    net::post(impl.acceptStrand, [&impl] { impl.doAccept(); });
+    for (unsigned i = 0; i < impl.threadCount(); ++i) {
+        impl.threads.emplace_back([&impl] { impl.runIoThread(); });
+    }
+}
+
+unsigned short HttpServer::port() const { return impl_->boundPort.load(); }
+
+std::string HttpServer::url() const { return impl_->baseUrl; }
+
+void HttpServer::stop() {
+    Impl& impl = *impl_;
+    if (!impl.started || impl.stopped) {
+        return;
+    }
+    impl.stopped = true;
+    impl.closeAcceptor();
+    impl.state->connections.shutdownAll();
+    const bool allEnded = impl.state->connections.waitUntilEmpty(std::chrono::steady_clock::now() + stopGrace);
+    impl.work.reset();
+    if (!allEnded) {
+        KORVANE_LOG(logger, 256) << "Cutting " << impl.state->connections.count()
+                                 << " connection(s) that did not end in time";
+        impl.io.stop();
+    }
+    for (std::thread& thread : impl.threads) {
+        thread.join();
+    }
+    impl.threads.clear();
+    // No I/O thread is left: what still lives is cut here, and the handlers that
+    // remain run their ending paths on this thread.
+    impl.state->connections.abandonAll();
+    impl.io.restart();
+    impl.io.poll();
+}
+
+}  // namespace korvane::host

@@ -1,0 +1,83 @@
+#pragma once
+
+// The reference HTTP and WebSocket server of the host. Requests to the Bayeux path
+// (and below it) become http::HttpRequest messages, each with a fresh HostContext
+// that carries the browser's "sessionId", sent to `bayeuxAddress`; the answer goes
+// back as an HTTP response (Content-Length when its body was complete at once,
+// chunked when it streams) or, for an upgrade, as a WebSocket. Every other path is
+// served from the static folders.
+//
+// Threading: start(), stop() and the destructor are for the owner's thread and must
+// not run on one of the server's I/O threads. port() and url() may be called from
+// any thread once start() returned. The server runs a pool of I/O threads; each
+// connection runs on its own strand, and signals of the services' streams, which
+// come on any thread, are posted to that strand.
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "korvane/frame/service.h"
+#include "korvane/host/service_registry.h"
+
+namespace korvane::host {
+
+struct HttpServerOptions {
+    // host:port, [v6]:port, or :port for all interfaces; port 0 picks a free one.
+    std::string listen = "127.0.0.1:8080";
+    // Requests to this path or below it go to the Bayeux service; never served from disk.
+    std::string bayeuxPath = "/bayeux";
+    Address bayeuxAddress;
+    // I/O threads; 0 means one per hardware thread.
+    unsigned threads = 0;
+    // Folder served at "/"; empty serves no files there.
+    std::string staticRoot;
+    // Further folders, each under a URL prefix (e.g. "/vendor/cometd" -> node_modules/cometd).
+    std::vector<std::pair<std::string, std::string>> staticMounts;
+    std::size_t maxBodyBytes = 1 << 20;       // larger bodies are answered 413
+    std::size_t maxHeaderBytes = 8 << 10;     // larger headers are answered 431
+    std::size_t maxWsMessageBytes = 1 << 20;  // larger messages close the WebSocket with 1009
+    // Time to receive a request (its header, then its body); a slow sender is cut.
+    std::chrono::milliseconds headerTimeout = std::chrono::seconds(10);
+    // A WebSocket without traffic for this long is pinged, and closed if the ping goes unanswered.
+    std::chrono::milliseconds wsIdle = std::chrono::seconds(60);
+    bool wsDeflate = false;
+    // Connections beyond this are accepted and closed at once.
+    std::size_t maxConnections = 100000;
+    // Origins (exact "scheme://host[:port]") that get CORS answers and may open WebSockets.
+    std::vector<std::string> allowOrigins;
+    // Both set: HTTPS and WSS on the listener (PEM files).
+    std::string tlsCert;
+    std::string tlsKey;
+    std::string cookieName = "korvane-browser";
+};
+
+class HttpServer {
+public:
+    HttpServer(HttpServerOptions options, std::shared_ptr<ServiceRegistry> registry);
+    // Stops the server if it runs.
+    ~HttpServer();
+    HttpServer(const HttpServer&) = delete;
+    HttpServer& operator=(const HttpServer&) = delete;
+
+    // Binds and starts the I/O threads. Throws std::runtime_error when it cannot
+    // listen or load the TLS files, or when it was started before.
+    void start();
+    // The bound port.
+    unsigned short port() const;
+    // The server's base URL, e.g. "http://127.0.0.1:8080/".
+    std::string url() const;
+    // Stops accepting, closes held streaming responses, closes WebSockets with a close
+    // frame, and joins the I/O threads. Connections that do not end within a few
+    // seconds are cut. Does nothing when the server does not run.
+    void stop();
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace korvane::host

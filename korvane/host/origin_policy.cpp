@@ -1,0 +1,51 @@
+#include "korvane/host/origin_policy.h"
+
+#include <algorithm>
+#include <cctype>
+
+namespace korvane::host {
+
+namespace {
+
+std::string lowered(std::string_view text) {
+    std::string result(text);
+    std::transform(result.begin(), result.end(), result.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return result;
+}
+
+// "host[:port]" without a port that only repeats the scheme's default.
+std::string authority(std::string_view text, std::string_view scheme) {
+    std::string result = lowered(text);
+    const std::string defaultPort = scheme == "https" || scheme == "wss" ? ":443" : ":80";
+    if (result.size() > defaultPort.size() &&
+        result.compare(result.size() - defaultPort.size(), defaultPort.size(), defaultPort) == 0) {
+        result.resize(result.size() - defaultPort.size());
+    }
+    return result;
+}
+
+}  // namespace
+
+OriginPolicy::OriginPolicy(std::vector<std::string> allowedOrigins) : allowed_(std::move(allowedOrigins)) {}
+
+bool OriginPolicy::isListed(std::string_view origin) const {
+    return !origin.empty() && std::find(allowed_.begin(), allowed_.end(), origin) != allowed_.end();
+}
+
+bool OriginPolicy::allowsUpgrade(std::string_view origin, std::string_view host) const {
+    if (origin.empty() || isListed(origin)) {
+        return true;
+    }
+    const std::size_t schemeEnd = origin.find("://");
+    if (schemeEnd == std::string_view::npos || host.empty()) {
+        return false;
+    }
+    const std::string scheme = lowered(origin.substr(0, schemeEnd));
+    std::string_view originAuthority = origin.substr(schemeEnd + 3);
+    originAuthority = originAuthority.substr(0, originAuthority.find('/'));
+    // A Host header carries no scheme: its default port is the one of the origin's scheme.
+    return authority(originAuthority, scheme) == authority(host, scheme);
+}
+
+}  // namespace korvane::host

@@ -1,0 +1,328 @@
+#include "korvane/host/websocket_connection.h"
+
+#include <deque>
+#include <exception>
+#include <limits>
+#include <string_view>
+
+#include <boost/asio/ssl.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/ssl.hpp>
+#include <boost/beast/websocket.hpp>
+#include <boost/beast/websocket/ssl.hpp>
+
+#include "korvane/frame/logger.h"
+#include "korvane/host/relay_subscriber.h"
+#include "korvane/host/server_state.h"
+#include "korvane/host/strand_link.h"
+
+namespace korvane::host {
+
+namespace {
+
+namespace beast = boost::beast;
+namespace websocket = boost::beast::websocket;
+namespace net = boost::asio;
+using common::DataBuffer;
+using http::WebSocketFrame;
+
+common::diagnostic_logger logger("korvane::host::http");
+
+// Frames the service may have waiting for the socket: written back to back, each
+// completed write asking for one more.
+constexpr unsigned long writeWindow = 16;
+constexpr unsigned char textFrame = 129;
+constexpr unsigned char binaryFrame = 130;
+
+using FrameSignal = StreamSignal<WebSocketFrame>;
+
+// One accepted WebSocket. The service's frames (`inbound`) come through the relay
+// `writer_` and are written in order; the peer's messages are read whole, one at a
+// time and only within the demand the service asked for, and handed to `outbound`
+// on the strand. The first close (by the peer, the service, an error or stop())
+// ends both streams.
+//
+// Threading: every member function but shutdown() and abandon() runs on the
+// connection's strand; signals from the service's threads come through `link_`.
+// shutdown() posts; abandon() runs on the stopping thread once no I/O thread is
+// left. Nothing here takes a lock.
+template <class Stream>
+class WebSocketConnection : public ConnectionTracker::Tracked,
+                            public std::enable_shared_from_this<WebSocketConnection<Stream>> {
+public:
+    using Executor = typename Stream::executor_type;
+
+    WebSocketConnection(Stream&& stream, std::shared_ptr<ServerState> state,
+                        std::shared_ptr<reactive_streams::PublisherAPI<WebSocketFrame>> inbound,
+                        std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound)
+        : socket_(std::move(stream)),
+          executor_(socket_.get_executor()),
+          state_(std::move(state)),
+          inbound_(std::move(inbound)),
+          outbound_(std::move(outbound)) {}
+
+    ~WebSocketConnection() override { state_->connections.remove(trackerId_); }
+
+    const Executor& executor() const { return executor_; }
+
+    void run(UpgradeRequest&& upgrade, std::string setCookie) {
+        link_ = std::make_shared<StrandLink<WebSocketConnection>>(this->shared_from_this());
+        trackerId_ = state_->connections.add(this->weak_from_this());
+        if (trackerId_ == 0) {
+            doFinish();
+            return;
+        }
+        upgrade_ = std::move(upgrade);
+        const HttpServerOptions& options = state_->options;
+        // The WebSocket keeps its own time: handshakes, idle pings and their answers.
+        beast::get_lowest_layer(socket_).expires_never();
+        websocket::stream_base::timeout timeouts{};
+        timeouts.handshake_timeout = options.headerTimeout;
+        timeouts.idle_timeout = options.wsIdle;
+        timeouts.keep_alive_pings = true;
+        socket_.set_option(timeouts);
+        socket_.read_message_max(options.maxWsMessageBytes);
+        websocket::permessage_deflate deflate;
+        deflate.server_enable = options.wsDeflate;
+        socket_.set_option(deflate);
+        socket_.set_option(websocket::stream_base::decorator([cookie = std::move(setCookie)](websocket::response_type& response) {
+            response.set(beast::http::field::server, "korvane");
+            if (!cookie.empty()) {
+                response.insert(beast::http::field::set_cookie, cookie);
+            }
+        }));
+        socket_.async_accept(upgrade_, [self = this->shared_from_this()](beast::error_code error) {
+            self->onAccepted(error);
+        });
+    }
+
+    void shutdown() override {
+        net::post(executor_, [self = this->shared_from_this()] { self->doCloseSocket(websocket::close_code::going_away); });
+    }
+
+    void abandon() override { doFinish(); }
+
+private:
+    // The service's side of the peer's messages: demand and cancel come on any thread.
+    class ReadSubscription : public reactive_streams::Subscription {
+    public:
+        explicit ReadSubscription(std::shared_ptr<StrandLink<WebSocketConnection>> link) : link_(std::move(link)) {}
+
+        void request(unsigned long n) override {
+            link_->post([n](WebSocketConnection& connection) { connection.onReadDemand(n); });
+        }
+        void cancel() override {
+            link_->post([](WebSocketConnection& connection) {
+                connection.doCloseSocket(websocket::close_code::normal);
+            });
+        }
+
+    private:
+        std::shared_ptr<StrandLink<WebSocketConnection>> link_;
+    };
+
+    void onAccepted(beast::error_code error) {
+        upgrade_ = UpgradeRequest();
+        if (error || finished_) {
+            doFinish();
+            return;
+        }
+        writer_ = std::make_shared<RelaySubscriber<WebSocketFrame>>(
+            [link = link_](FrameSignal&& signal) {
+                auto shared = std::make_shared<FrameSignal>(std::move(signal));
+                link->post([shared](WebSocketConnection& connection) { connection.onWriterSignal(std::move(*shared)); });
+            },
+            false);
+        readSubscription_ = std::make_shared<ReadSubscription>(link_);
+        try {
+            inbound_->subscribe(writer_);
+            writer_->request(writeWindow);
+            outbound_->onSubscribe(readSubscription_);
+        } catch (const std::exception& failure) {
+            KORVANE_LOG(logger, 512) << "WebSocket streams failed to start: " << failure.what();
+            doCloseSocket(websocket::close_code::internal_error);
+        }
+    }
+
+    // ---- from the peer ---------------------------------------------------------------
+
+    void onReadDemand(unsigned long n) {
+        constexpr unsigned long unlimited = std::numeric_limits<unsigned long>::max();
+        readDemand_ = readDemand_ > unlimited - n ? unlimited : readDemand_ + n;
+        doRead();
+    }
+
+    void doRead() {
+        if (reading_ || finished_ || closeRequested_ || readDemand_ == 0) {
+            return;
+        }
+        reading_ = true;
+        socket_.async_read(readBuffer_, [self = this->shared_from_this()](beast::error_code error, std::size_t) {
+            self->onRead(error);
+        });
+    }
+
+    void onRead(beast::error_code error) {
+        reading_ = false;
+        if (finished_) {
+            return;
+        }
+        if (error) {
+            // The peer closed (Beast has answered its close frame), broke off, went
+            // quiet past the idle time, or sent a message over the limit (closed 1009).
+            doFinish();
+            return;
+        }
+        const auto data = readBuffer_.data();
+        DataBuffer message(std::string_view(static_cast<const char*>(data.data()), data.size()));
+        readBuffer_.consume(data.size());
+        if (readDemand_ != std::numeric_limits<unsigned long>::max()) {
+            --readDemand_;
+        }
+        try {
+            outbound_->onNext(WebSocketFrame(std::move(message), socket_.got_text() ? textFrame : binaryFrame));
+        } catch (const std::exception& failure) {
+            KORVANE_LOG(logger, 512) << "WebSocket message not taken: " << failure.what();
+            doCloseSocket(websocket::close_code::internal_error);
+            return;
+        }
+        doRead();
+    }
+
+    // ---- to the peer -------------------------------------------------------------------
+
+    void onWriterSignal(FrameSignal&& signal) {
+        if (finished_ || closeRequested_) {
+            return;
+        }
+        if (signal.item) {
+            writeQueue_.push_back(std::move(*signal.item));
+            doWrite();
+        } else {
+            doCloseSocket(signal.error ? websocket::close_code::internal_error : websocket::close_code::normal);
+        }
+    }
+
+    void doWrite() {
+        if (writing_ || closing_ || finished_) {
+            return;
+        }
+        if (writeQueue_.empty()) {
+            if (closeRequested_) {
+                doStartClose();
+            }
+            return;
+        }
+        writing_ = true;
+        const WebSocketFrame& frame = writeQueue_.front();
+        socket_.text((frame.firstByte & 0x0f) != (binaryFrame & 0x0f));
+        socket_.async_write(net::const_buffer(frame.data.data, frame.data.size),
+                            [self = this->shared_from_this()](beast::error_code error, std::size_t) {
+                                self->onWritten(error);
+                            });
+    }
+
+    void onWritten(beast::error_code error) {
+        writing_ = false;
+        writeQueue_.pop_front();
+        if (error) {
+            doFinish();
+            return;
+        }
+        if (!closeRequested_ && writer_) {
+            writer_->request(1);
+        }
+        doWrite();
+    }
+
+    // ---- ending ----------------------------------------------------------------------
+
+    // Takes no more frames from the service, writes those already queued, then sends
+    // the close frame.
+    void doCloseSocket(websocket::close_code code) {
+        if (closeRequested_ || finished_) {
+            return;
+        }
+        closeRequested_ = true;
+        closeCode_ = code;
+        if (writer_) {
+            writer_->detach();
+        }
+        if (!accepted()) {
+            doFinish();
+            return;
+        }
+        doWrite();
+    }
+
+    bool accepted() const { return writer_ != nullptr; }
+
+    void doStartClose() {
+        closing_ = true;
+        socket_.async_close(closeCode_, [self = this->shared_from_this()](beast::error_code) { self->doFinish(); });
+    }
+
+    // Ends both streams and releases the service's ends: the subscription on
+    // `inbound` is cancelled (unless it ended), `outbound` completes.
+    void doFinish() {
+        if (finished_) {
+            return;
+        }
+        finished_ = true;
+        if (writer_) {
+            writer_->detach();
+        }
+        writeQueue_.clear();
+        link_->cut();
+        std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound = std::move(outbound_);
+        inbound_.reset();
+        if (outbound) {
+            outbound->onComplete();
+        }
+        beast::get_lowest_layer(socket_).close();
+    }
+
+    websocket::stream<Stream> socket_;
+    const Executor executor_;
+    const std::shared_ptr<ServerState> state_;
+    std::shared_ptr<reactive_streams::PublisherAPI<WebSocketFrame>> inbound_;
+    std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound_;
+    std::shared_ptr<StrandLink<WebSocketConnection>> link_;
+    std::uint64_t trackerId_ = 0;
+    UpgradeRequest upgrade_;
+
+    std::shared_ptr<RelaySubscriber<WebSocketFrame>> writer_;
+    std::shared_ptr<ReadSubscription> readSubscription_;
+    beast::flat_buffer readBuffer_;
+    unsigned long readDemand_ = 0;
+    std::deque<WebSocketFrame> writeQueue_;
+    websocket::close_code closeCode_ = websocket::close_code::normal;
+    bool reading_ = false;
+    bool writing_ = false;
+    bool closeRequested_ = false;
+    bool closing_ = false;
+    bool finished_ = false;
+};
+
+}  // namespace
+
+template <class Stream>
+void serveWebSocket(Stream&& stream, UpgradeRequest&& upgrade,
+                    std::shared_ptr<reactive_streams::PublisherAPI<WebSocketFrame>> inbound,
+                    std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound,
+                    std::shared_ptr<ServerState> state, std::string setCookie) {
+    auto connection = std::make_shared<WebSocketConnection<Stream>>(std::move(stream), std::move(state),
+                                                                    std::move(inbound), std::move(outbound));
+    connection->run(std::move(upgrade), std::move(setCookie));
+}
+
+template void serveWebSocket<PlainStream>(PlainStream&&, UpgradeRequest&&,
+                                          std::shared_ptr<reactive_streams::PublisherAPI<WebSocketFrame>>,
+                                          std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>>,
+                                          std::shared_ptr<ServerState>, std::string);
+template void serveWebSocket<TlsStream>(TlsStream&&, UpgradeRequest&&,
+                                        std::shared_ptr<reactive_streams::PublisherAPI<WebSocketFrame>>,
+                                        std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>>,
+                                        std::shared_ptr<ServerState>, std::string);
+
+}  // namespace korvane::host

@@ -1,0 +1,34 @@
+#pragma once
+
+// One WebSocket of the host's server, taken over from an HTTP connection whose
+// upgrade the Bayeux service answered with an http::WebSocket. Internal to the
+// server: included only by its .cpp files.
+
+#include <memory>
+#include <string>
+
+#include <boost/beast/core/tcp_stream.hpp>
+#include <boost/beast/http/message.hpp>
+#include <boost/beast/http/string_body.hpp>
+#include <boost/beast/ssl/ssl_stream.hpp>
+
+#include "korvane/frame/http.h"
+
+namespace korvane::host {
+
+struct ServerState;
+
+using PlainStream = boost::beast::tcp_stream;
+using TlsStream = boost::beast::ssl_stream<boost::beast::tcp_stream>;
+using UpgradeRequest = boost::beast::http::request<boost::beast::http::string_body>;
+
+// Accepts `upgrade` on `stream` (Set-Cookie `setCookie` on the 101 unless empty),
+// then writes the frames of `inbound` to the peer and delivers the peer's messages
+// to `outbound`. Instantiated for PlainStream and TlsStream.
+template <class Stream>
+void serveWebSocket(Stream&& stream, UpgradeRequest&& upgrade,
+                    std::shared_ptr<reactive_streams::PublisherAPI<http::WebSocketFrame>> inbound,
+                    std::shared_ptr<reactive_streams::SubscriberAPI<http::WebSocketFrame>> outbound,
+                    std::shared_ptr<ServerState> state, std::string setCookie);
+
+}  // namespace korvane::host

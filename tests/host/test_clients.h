@@ -1,0 +1,84 @@
+#pragma once
+
+// Blocking HTTP and WebSocket clients for the server tests, over loopback, plain or
+// TLS (any certificate is accepted). Every wait is bounded: an operation that does
+// not complete within a few seconds throws. Beast stays inside test_clients.cpp.
+//
+// Threading: one client belongs to one thread.
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace korvane::host::test {
+
+using HeaderList = std::vector<std::pair<std::string, std::string>>;
+
+struct ClientResponse {
+    int status = 0;
+    std::multimap<std::string, std::string> headers;  // names in lower case
+    std::string body;
+    bool chunked = false;
+
+    // The first value of `name` (lower case), or empty.
+    std::string header(const std::string& name) const;
+};
+
+class HttpTestClient {
+public:
+    explicit HttpTestClient(unsigned short port, bool tls = false);
+    ~HttpTestClient();
+
+    // Sends bytes as they are.
+    void sendRaw(const std::string& bytes);
+    // Formats one HTTP/1.1 request with a Host header, and a Content-Length when there is a body.
+    static std::string format(const std::string& method, const std::string& target, const HeaderList& headers = {},
+                              const std::string& body = "");
+    // Sends a request and reads its whole response.
+    ClientResponse request(const std::string& method, const std::string& target, const HeaderList& headers = {},
+                           const std::string& body = "");
+    // Reads one whole response; `head` for the answer to a HEAD request.
+    ClientResponse read(bool head = false);
+    // Reads a response's header only; its body follows through readChunk().
+    ClientResponse readHeader();
+    // The next chunk of a chunked body, or nothing once the body ended.
+    std::optional<std::string> readChunk();
+    // Whether the server closed the connection within `wait` (without sending anything more).
+    bool closedByServer(std::chrono::milliseconds wait);
+    void close();
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+class WebSocketTestClient {
+public:
+    // Opens a WebSocket to `target`; throws when the server refuses the upgrade.
+    WebSocketTestClient(unsigned short port, const std::string& target, const HeaderList& headers = {},
+                        bool tls = false);
+    ~WebSocketTestClient();
+
+    // The server's answer to an upgrade that it refuses.
+    static ClientResponse refusedUpgrade(unsigned short port, const std::string& target, const HeaderList& headers);
+
+    // The response to the upgrade (101 with its headers).
+    const ClientResponse& handshake() const;
+    void write(const std::string& text);
+    // One message sent as several frames.
+    void writeFragments(const std::vector<std::string>& fragments);
+    // The next message; nothing when the server closed, with closeCode() telling why.
+    std::optional<std::string> read();
+    int closeCode() const;
+    void close();
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace korvane::host::test

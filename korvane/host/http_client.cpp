@@ -148,7 +148,7 @@ HeaderList upgradeHeaders(const http::Headers& headers) {
     return kept;
 }
 
-// Counts down to zero and lets one thread wait for it.
+// Counts down to zero and lets one thread wait for it. Threading: any thread; one mutex.
 class Countdown {
 public:
     explicit Countdown(std::size_t count) : remaining_(count) {}
@@ -181,7 +181,8 @@ public:
 };
 
 // Checks the peer's name against the certificate, and marks a mismatch as the
-// verification's error so that the failure text can tell it apart.
+// verification's error so that the failure text can tell it apart. Runs inside
+// the TLS handshake, on the connection's strand.
 class HostNameCheck {
 public:
     explicit HostNameCheck(const std::string& host) : check_(host) {}
@@ -278,7 +279,7 @@ private:
     enum class State { Connecting, Open, Closing, Finished };
 
     // The reader's handle on the inbound stream; outlives the connection only while
-    // a reader holds it locked, hence the weak pointer back.
+    // a reader holds it locked, hence the weak pointer back. Any thread: it posts.
     class ReadSubscription : public reactive_streams::Subscription {
     public:
         explicit ReadSubscription(std::weak_ptr<WebSocketConnection> connection)
@@ -298,7 +299,8 @@ private:
         std::weak_ptr<WebSocketConnection> connection_;
     };
 
-    // The answer's `inbound`: the messages read from the peer.
+    // The answer's `inbound`: the messages read from the peer. Any thread: it posts;
+    // only the one-subscriber check is made at once, on an atomic flag.
     class InboundPublisher : public reactive_streams::PublisherAPI<http::WebSocketFrame> {
     public:
         explicit InboundPublisher(std::shared_ptr<WebSocketConnection> connection)
@@ -318,7 +320,7 @@ private:
         std::shared_ptr<WebSocketConnection> connection_;
     };
 
-    // The answer's `outbound`: the frames to write to the peer.
+    // The answer's `outbound`: the frames to write to the peer. Any thread: it posts.
     class OutboundSubscriber : public FrameSubscriber {
     public:
         explicit OutboundSubscriber(std::shared_ptr<WebSocketConnection> connection)

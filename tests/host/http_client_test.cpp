@@ -40,7 +40,8 @@ using ::testing::StartsWith;
 // The generous deadline of every wait guards against a hang; it is never a timing check.
 constexpr auto kPatience = 10s;
 
-// What the echo server saw, for the tests to wait on.
+// What the echo server saw, for the tests to wait on. Written on the server's I/O
+// thread, read by the test's threads, all under `mutex`.
 struct ServerJournal {
     void note(const std::string& event) {
         std::lock_guard<std::mutex> guard(mutex);
@@ -79,6 +80,7 @@ Stream makeServerStream(tcp::socket&& socket, ssl::context* tls) {
 // One connection to the echo server. It echoes every message, and obeys a few
 // commands: "close" closes the WebSocket, "drop" drops the TCP connection, "burst N"
 // sends "burst 1" to "burst N". The target "/refuse" is answered 403, "/hang" never.
+// Runs on the server's one I/O thread only.
 template <class Stream>
 class EchoSession : public std::enable_shared_from_this<EchoSession<Stream>> {
 public:
@@ -225,7 +227,8 @@ private:
     std::thread thread_;
 };
 
-// Takes the frames the client reads, within the demand the test gives it.
+// Takes the frames the client reads, within the demand the test gives it. One
+// mutex guards everything; request and cancel are made with it released.
 class RecordingReader : public reactive_streams::SubscriberAPI<http::WebSocketFrame> {
 public:
     void onSubscribe(std::weak_ptr<reactive_streams::Subscription> subscription) override {
@@ -299,6 +302,8 @@ private:
 };
 
 // Hands the client the frames to write, each only once the client asked for one.
+// One mutex guards the demand and the subscriber; onNext, onComplete and onError
+// are called with it released.
 class FrameSource : public reactive_streams::PublisherAPI<http::WebSocketFrame> {
 public:
     void subscribe(std::shared_ptr<reactive_streams::SubscriberAPI<http::WebSocketFrame>> subscriber) override {

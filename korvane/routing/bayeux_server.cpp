@@ -18,16 +18,6 @@ bool isPublishable(const PublishRequest& request) {
            channel.find('*') == std::string::npos;
 }
 
-// The strong reference is dropped before the caller takes `mutex`, so a session
-// that dies here is never destroyed under the server's lock.
-void logAdd(const std::weak_ptr<BayeuxSession>& session) {
-    if (logger.isEnabled(8)) {
-        if (const std::shared_ptr<BayeuxSession> alive = session.lock()) {
-            KORVANE_LOG(logger, 8) << "addSession " << alive->getId();
-        }
-    }
-}
-
 using Member = SubscriptionIndex::Member;
 
 // Calls `visit` on the member's session, as often as it was added, unless it has died or sent the message.
@@ -42,7 +32,8 @@ void offerTo(const Member& member, const std::string& senderId, Visit& visit) {
 }
 
 // Offers the members of the matched chunks, each session once even where several of
-// its patterns matched. Only then are they sorted: within one bucket a session stands once.
+// its patterns matched. A session stands in a bucket at most once, so only members
+// drawn from several buckets need sorting out.
 template <class Visit>
 void offerMatched(const SubscriptionIndex::Snapshot& matched, const std::string& senderId, Visit& visit) {
     if (matched.buckets <= 1) {
@@ -102,10 +93,12 @@ void BayeuxServerImpl::addPrioritySession(std::weak_ptr<BayeuxSession> session) 
 }
 
 void BayeuxServerImpl::addTo(std::size_t tier, std::weak_ptr<BayeuxSession>&& session) {
-    logAdd(session);
     // Held until `mutex` is released: should it turn out to be the last reference, the session's
     // destructor, which calls forgetSession, runs after that.
     const std::shared_ptr<BayeuxSession> alive = session.lock();
+    if (alive) {
+        KORVANE_LOG(logger, 8) << "addSession " << alive->getId();
+    }
     const bool declares = alive && alive->declaresPatternsTo(*this);
     std::lock_guard<std::mutex> guard(mutex);
     if (!declares) {

@@ -76,7 +76,7 @@ TEST_F(BayeuxServerIndexTest, OffersExactlyWhatTheSessionsPatternsMatchOnceEachA
 }
 
 TEST_F(BayeuxServerIndexTest, AWithdrawnPatternStopsMatchingAtOnceAndADeadSessionLeavesNothingBehind) {
-    int live = 0;
+    std::atomic<int> live{0};
     const CountingAllocator<DeclaringSession> allocator(live);
     auto session = std::allocate_shared<DeclaringSession>(allocator, server, "s", &log);
     session->hold("/a/*").hold("/a/*").hold("/a//b");
@@ -237,7 +237,7 @@ TEST(BayeuxServerIndexConcurrency, OffersFollowDeclaresWithdrawsAddsAndDeaths) {
     };
     std::vector<Held> held;
     std::vector<std::vector<Stamps>> published(publisherCount, std::vector<Stamps>(publishesEach));
-    int liveDying = 0;
+    std::atomic<int> liveDying{0};
     std::atomic<bool> running{true};
 
     std::atomic<bool> flapperStarted{false};

@@ -86,7 +86,7 @@ TEST_F(BayeuxServerTest, ServesPrioritySessionsFirstAndSkipsTheSender) {
 }
 
 TEST_F(BayeuxServerTest, DeadSessionsArePrunedOnlyOnAddOrRemoveAndDuplicatesAreServedTwice) {
-    int live = 0;
+    std::atomic<int> live{0};
     const CountingAllocator<RecordingSession> allocator(live);
     auto dying = std::allocate_shared<RecordingSession>(allocator, "dying", &log);
     auto dyingPriority = std::allocate_shared<RecordingSession>(allocator, "dyingPriority", &log);

@@ -5,6 +5,7 @@
 // its patterns and records every publish that the index offers it, matching or not.
 // Both record under their own mutex and may be used from several threads.
 
+#include <atomic>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -83,11 +84,11 @@ public:
 };
 
 // Counts live allocations, so that a test can see when the last weak reference
-// to a dead session's control block is gone.
+// to a dead session's control block is gone, on whichever thread that happens.
 template <class T>
 struct CountingAllocator {
     using value_type = T;
-    explicit CountingAllocator(int& liveCount) : live(&liveCount) {}
+    explicit CountingAllocator(std::atomic<int>& liveCount) : live(&liveCount) {}
     template <class U>
     CountingAllocator(const CountingAllocator<U>& other) : live(other.live) {}
     T* allocate(std::size_t n) {
@@ -102,7 +103,7 @@ struct CountingAllocator {
     bool operator==(const CountingAllocator<U>& other) const { return live == other.live; }
     template <class U>
     bool operator!=(const CountingAllocator<U>& other) const { return live != other.live; }
-    int* live;
+    std::atomic<int>* live;
 };
 
 }  // namespace korvane::bayeux::testing

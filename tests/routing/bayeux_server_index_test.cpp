@@ -29,7 +29,7 @@ protected:
     std::shared_ptr<RecordingSession> host(const std::string& id) {
         return hosts.emplace_back(std::make_shared<RecordingSession>(id, &log));
     }
-    // The log of one publish, which starts it afresh.
+    // Publishes once and returns what the sessions logged for this publish alone.
     Log logOf(const std::string& channel, const std::string& clientId = "publisher") {
         log.clear();
         EXPECT_TRUE(server->deliver(publish(channel, clientId))) << channel;
@@ -46,7 +46,7 @@ TEST_F(BayeuxServerIndexTest, OffersExactlyWhatTheSessionsPatternsMatchOnceEachA
     const std::vector<std::string> patterns{"/a",     "/a/b",    "/a/*", "/a/**", "/*",  "/**", "/a/b/*",
                                             "/a/b/**", "/a//b/", "/a*",  "/*/b",  "/b/**", "a/c"};
     const std::vector<std::string> channels{"/a",       "/b",     "/c",     "/a/b", "/a/c",  "/b/b",
-                                            "/a/b/c",   "/b/c/d", "//a//b", "/a*b", "/a/b/c/d"};
+                                            "/a/b/c",   "/b/c/d", "//a//b", "/a%b", "/a/b/c/d"};
     std::vector<Channel> models(patterns.size());
     const auto everything = declaring("all");
     for (std::size_t i = 0; i < patterns.size(); ++i) {
@@ -55,12 +55,8 @@ TEST_F(BayeuxServerIndexTest, OffersExactlyWhatTheSessionsPatternsMatchOnceEachA
         declared.back()->hold(patterns[i]);
         everything->hold(patterns[i]).hold(patterns[i]);
     }
-    server->addSession(everything);
+    server->addSession(everything);  // declared before it was added, unlike the others
     for (const std::string& channel : channels) {
-        if (channel.find('*') != std::string::npos) {
-            EXPECT_FALSE(server->deliver(publish(channel))) << "no channel holds a wildcard";
-            continue;
-        }
         const Segments segments = splitChannel(channel);
         Log expected;
         for (std::size_t i = 0; i < patterns.size(); ++i) {

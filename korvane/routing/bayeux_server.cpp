@@ -207,6 +207,7 @@ std::shared_ptr<BayeuxServer> BayeuxServerImpl::getPtr() {
 void BayeuxServerImpl::doDeliver(const std::shared_ptr<const PublishRequest>& request) {
     // Split once; the index and every session match against the same vector.
     const std::vector<std::string> segments = splitChannel(request->channel);
+    const std::vector<std::string> paths = SubscriptionIndex::pathsOf(segments);
     auto visit = [&segments, &request](BayeuxSession& session) { session.deliver(segments, request); };
     // The ordinary tier is read only after the priority walk, so a session added to it
     // meanwhile is served by this publish.
@@ -216,7 +217,7 @@ void BayeuxServerImpl::doDeliver(const std::shared_ptr<const PublishRequest>& re
         {
             std::lock_guard<std::mutex> guard(mutex);
             list = tier.offeredEverything;
-            tier.byPattern.collect(segments, matched);
+            tier.byPattern.collect(paths, matched);
         }
         offerEach(*list, request->clientId, visit);
         offerMatched(matched, request->clientId, visit);

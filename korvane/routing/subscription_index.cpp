@@ -58,24 +58,34 @@ void SubscriptionIndex::remove(const std::string& key, const BayeuxSession* iden
     }
 }
 
-void SubscriptionIndex::collect(const std::vector<std::string>& segments, Snapshot& snapshot) const {
+std::vector<std::string> SubscriptionIndex::pathsOf(const std::vector<std::string>& segments) {
+    std::vector<std::string> paths(1);
+    paths.reserve(segments.size() + 1);
+    for (const std::string& segment : segments) {
+        std::string path = paths.back();
+        if (!path.empty()) {
+            path += '/';
+        }
+        path += segment;
+        paths.push_back(std::move(path));
+    }
+    return paths;
+}
+
+void SubscriptionIndex::collect(const std::vector<std::string>& paths, Snapshot& snapshot) const {
     if (exact.empty() && singleWildcard.empty() && deepWildcard.empty()) {
         return;
     }
-    // `path` grows by one segment per step: at `depth` it is the channel's first `depth` segments.
-    std::string path;
-    const std::size_t total = segments.size();
+    // paths[k] is the channel's first k segments: "/**" there matches while a segment is left,
+    // "/*" only with exactly one left, and the exact pattern only the whole channel.
+    const std::size_t total = paths.size() - 1;
     for (std::size_t depth = 0; depth < total; ++depth) {
-        collectFrom(deepWildcard, path, snapshot);
-        if (depth + 1 == total) {
-            collectFrom(singleWildcard, path, snapshot);
-        }
-        if (depth > 0) {
-            path += '/';
-        }
-        path += segments[depth];
+        collectFrom(deepWildcard, paths[depth], snapshot);
     }
-    collectFrom(exact, path, snapshot);
+    if (total > 0) {
+        collectFrom(singleWildcard, paths[total - 1], snapshot);
+    }
+    collectFrom(exact, paths[total], snapshot);
 }
 
 SubscriptionIndex::BucketMap& SubscriptionIndex::mapFor(const std::string& key, std::string& path) {

@@ -54,8 +54,11 @@ public:
     void put(const std::string& key, const Member& member);
     // Takes the session out of the bucket of `key`; nothing if it is not there.
     void remove(const std::string& key, const BayeuxSession* identity);
-    // Adds the chunks of every bucket whose pattern can match the channel of `segments`.
-    void collect(const std::vector<std::string>& segments, Snapshot& snapshot) const;
+    // The paths that a channel's lookups use: the first k segments joined, for k from 0 to
+    // all of them. Made once per publish, before any lock is taken.
+    static std::vector<std::string> pathsOf(const std::vector<std::string>& segments);
+    // Adds the chunks of every bucket whose pattern can match the channel of `paths` (from pathsOf).
+    void collect(const std::vector<std::string>& paths, Snapshot& snapshot) const;
 
 private:
     class Bucket {

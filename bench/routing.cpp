@@ -1,23 +1,34 @@
-// Throughput of the routing core: messages through one BayeuxQueue, and the
-// fan-out of one publish to many sessions.
+// Throughput of the routing core: messages through one BayeuxQueue, the fan-out of
+// one publish to many sessions, and what a publish to one room, a session's arrival
+// and departure and a subscribe cost among many long-poll sessions on other rooms.
 
 #include <benchmark/benchmark.h>
 
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "korvane/codec/channel.h"
 #include "korvane/codec/messages.h"
+#include "korvane/frame/manual_timer_backend.h"
 #include "korvane/routing/bayeux_queue.h"
 #include "korvane/routing/bayeux_server.h"
+#include "korvane/service/bayeux_service_provider.h"
+#include "korvane/session/long_poll_session.h"
 
 namespace {
 
 using korvane::Future;
 using korvane::Message;
+using korvane::Address;
+using korvane::Context;
 using korvane::bayeux::BayeuxQueue;
 using korvane::bayeux::BayeuxServerImpl;
+using korvane::bayeux::BayeuxServiceProviderImpl;
+using korvane::bayeux::LongPollSession;
+using korvane::bayeux::UnsubscribeResponse;
+using korvane::bayeux::SubscribeResponse;
 using korvane::bayeux::BayeuxSession;
 using korvane::bayeux::Channel;
 using korvane::bayeux::PublishRequest;
@@ -150,6 +161,127 @@ void BM_ServerFanOut(benchmark::State& state) {
     state.counters["matched"] = static_cast<double>(matched) / static_cast<double>(state.iterations());
 }
 BENCHMARK(BM_ServerFanOut)->Arg(1)->Arg(10)->Unit(benchmark::kMicrosecond);
+
+constexpr int roomSize = 100;
+
+// A request context that routes nowhere.
+class QuietContext : public Context {
+public:
+    korvane::Future<std::unique_ptr<Message>> handle(std::unique_ptr<Message>&&, Address&&) override {
+        return korvane::makeReadyFuture(std::unique_ptr<Message>());
+    }
+};
+
+// Long-poll clients made by the protocol service, `roomSize` of them on each room
+// "/room/<n>", none with a connect open. Built once per size and kept for every
+// benchmark of that size: building is what the benchmarks below measure one step of.
+struct RoomFleet {
+    explicit RoomFleet(int sessionCount) {
+        provider->start();
+        std::shared_ptr<Context> context = std::make_shared<QuietContext>();
+        sessions.reserve(sessionCount);
+        for (int i = 0; i < sessionCount; ++i) {
+            sessions.push_back(provider->createSession("browser", context));
+            sessions.back()->subscribe(roomOf(i));
+        }
+    }
+    static RoomFleet& ofSize(int sessionCount) {
+        static std::map<int, std::unique_ptr<RoomFleet>> fleets;
+        std::unique_ptr<RoomFleet>& fleet = fleets[sessionCount];
+        if (!fleet) {
+            // The protocol service's sweep needs a clock before the service is made.
+            korvane::common::installTimerBackend(std::make_shared<korvane::common::ManualTimerBackend>());
+            fleet = std::make_unique<RoomFleet>(sessionCount);
+        }
+        return *fleet;
+    }
+    static std::string roomOf(int sessionIndex) { return "/room/" + std::to_string(sessionIndex / roomSize); }
+    // Empties the pending lists of the first room's sessions, as their returning clients would.
+    void drainFirstRoom() {
+        for (int i = 0; i < roomSize; ++i) {
+            sessions[i]->korvaneShortPoll("drain")->subscribe(std::make_shared<DrainingSubscriber>());
+        }
+    }
+
+    // Takes a whole stream at once and keeps nothing.
+    class DrainingSubscriber : public BayeuxQueue::Subscriber {
+    public:
+        void onSubscribe(std::weak_ptr<korvane::reactive_streams::Subscription> handed) override {
+            handed.lock()->request(~0ul);
+        }
+        void onNext(std::unique_ptr<Message>&&) override {}
+        void onError(std::exception_ptr) override {}
+        void onComplete() override {}
+        Future<bool> getFuture() override { return korvane::makeReadyFuture(true); }
+    };
+
+    std::shared_ptr<BayeuxServerImpl> server = std::make_shared<BayeuxServerImpl>();
+    std::shared_ptr<BayeuxServiceProviderImpl> provider = std::make_shared<BayeuxServiceProviderImpl>(server);
+    std::vector<std::shared_ptr<LongPollSession>> sessions;
+};
+
+// Argument: sessions in all. One publish reaches the 100 sessions of the first room.
+void BM_PublishToRoom(benchmark::State& state) {
+    RoomFleet& fleet = RoomFleet::ofSize(static_cast<int>(state.range(0)));
+    constexpr long drainEvery = 256;
+    long published = 0;
+    for (auto _ : state) {
+        auto request = std::make_unique<PublishRequest>("/room/0");
+        request->clientId = "publisher";
+        request->data = std::make_shared<korvane::common::DataBuffer>("{\"text\":\"hi\"}");
+        benchmark::DoNotOptimize(fleet.server->deliver(std::move(request)));
+        if (++published % drainEvery == 0) {
+            state.PauseTiming();
+            fleet.drainFirstRoom();
+            state.ResumeTiming();
+        }
+    }
+    fleet.drainFirstRoom();
+}
+BENCHMARK(BM_PublishToRoom)->Arg(1000)->Arg(30000)->Arg(100000)->Unit(benchmark::kMicrosecond);
+
+// Argument: sessions in all. One session joins the routing core and leaves it again;
+// the figure is the cost of the pair.
+void BM_AddAndRemoveSession(benchmark::State& state) {
+    RoomFleet& fleet = RoomFleet::ofSize(static_cast<int>(state.range(0)));
+    auto session = std::make_shared<LongPollSession>(fleet.server, nullptr);
+    session->subscribe("/room/0");
+    for (auto _ : state) {
+        fleet.server->addSession(session);
+        fleet.server->removeSession(session);
+    }
+}
+BENCHMARK(BM_AddAndRemoveSession)->Arg(1000)->Arg(30000)->Arg(100000)->Unit(benchmark::kMicrosecond);
+
+// Argument: sessions in all. A client is made and registered by the protocol service,
+// subscribes to a room, and is dropped again; the figure is the cost of the whole life.
+void BM_HandshakeSubscribeDisconnect(benchmark::State& state) {
+    RoomFleet& fleet = RoomFleet::ofSize(static_cast<int>(state.range(0)));
+    std::shared_ptr<Context> context = std::make_shared<QuietContext>();
+    for (auto _ : state) {
+        std::shared_ptr<LongPollSession> session = fleet.provider->createSession("browser", context);
+        session->subscribe(RoomFleet::roomOf(0));
+        fleet.provider->deleteSession(session->getId());
+    }
+}
+BENCHMARK(BM_HandshakeSubscribeDisconnect)->Arg(1000)->Arg(30000)->Arg(100000)->Unit(benchmark::kMicrosecond);
+
+// Argument: sessions in all. A client subscribes to a room through the protocol service
+// and unsubscribes again; the figure is the cost of the pair.
+void BM_SubscribeThroughService(benchmark::State& state) {
+    RoomFleet& fleet = RoomFleet::ofSize(static_cast<int>(state.range(0)));
+    const std::string clientId = fleet.sessions.back()->getId();
+    const std::string room = RoomFleet::roomOf(0);
+    for (auto _ : state) {
+        auto subscribed = fleet.provider->handle(std::make_unique<SubscribeRequest>(room, clientId), Address("bayeux"),
+                                                 std::shared_ptr<Context>());
+        auto unsubscribed = fleet.provider->handle(std::make_unique<UnsubscribeRequest>(room, clientId),
+                                                   Address("bayeux"), std::shared_ptr<Context>());
+        benchmark::DoNotOptimize(subscribed.get());
+        benchmark::DoNotOptimize(unsubscribed.get());
+    }
+}
+BENCHMARK(BM_SubscribeThroughService)->Arg(1000)->Arg(30000)->Arg(100000)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 

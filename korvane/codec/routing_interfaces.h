@@ -2,8 +2,9 @@
 
 // The two abstract interfaces around which routing is built. A BayeuxServer fans
 // published messages out to BayeuxSessions, which it holds only weakly; each
-// session decides by its own patterns whether it wants a message. Both are called
-// from any thread.
+// session decides by its own patterns whether it wants a message. A session may
+// also declare its patterns to the server, which then offers it only the messages
+// that they can match. Both are called from any thread.
 
 #include <memory>
 #include <string>
@@ -13,6 +14,8 @@
 #include "korvane/frame/service.h"
 
 namespace korvane::bayeux {
+
+class BayeuxServer;
 
 class BayeuxSession {
 public:
@@ -31,6 +34,12 @@ public:
     // Notices that some other session subscribed or unsubscribed.
     virtual void deliver(const std::shared_ptr<const SubscribeRequest>& message) = 0;
     virtual void deliver(const std::shared_ptr<const UnsubscribeRequest>& message) = 0;
+    // Whether this session keeps `server` told of every pattern it holds, through
+    // declarePattern and withdrawPattern, from before it is added until its destructor
+    // calls forgetSession. Such a session is offered only the publishes that one of
+    // its declared patterns can match, once each however many match, and none of the
+    // subscribe and unsubscribe notices. By default a session is offered everything.
+    virtual bool declaresPatternsTo(const BayeuxServer& server) const { return false; }
 };
 
 class BayeuxServer {
@@ -47,6 +56,16 @@ public:
     virtual void deliver(std::unique_ptr<UnsubscribeRequest>&& request) = 0;
     virtual std::shared_ptr<BayeuxServer> getPtr() = 0;
     virtual void addPrioritySession(std::weak_ptr<BayeuxSession> session) = 0;
+
+    // The pattern index of sessions that declare their patterns (see
+    // BayeuxSession::declaresPatternsTo), called by the session itself. A pattern is
+    // counted: each declare is undone by one withdraw. None of them calls into a
+    // session, so a session may call them holding its own lock. A server that keeps
+    // no index ignores them.
+    virtual void declarePattern(BayeuxSession& session, const std::string& pattern) {}
+    virtual void withdrawPattern(BayeuxSession& session, const std::string& pattern) {}
+    // From the destructor of a session that declares: forgets its patterns and its places in the lists.
+    virtual void forgetSession(BayeuxSession& session) {}
 };
 
 }  // namespace korvane::bayeux

@@ -18,12 +18,54 @@ bool isPublishable(const PublishRequest& request) {
            channel.find('*') == std::string::npos;
 }
 
-// The strong reference is dropped before the caller takes `mutex`, so a session
-// that dies here is never destroyed under the server's lock.
-void logAdd(const std::weak_ptr<BayeuxSession>& session) {
-    if (logger.isEnabled(8)) {
-        if (const std::shared_ptr<BayeuxSession> alive = session.lock()) {
-            KORVANE_LOG(logger, 8) << "addSession " << alive->getId();
+using Member = SubscriptionIndex::Member;
+
+// Calls `visit` on the member's session, as often as it was added, unless it has died or sent the message.
+template <class Visit>
+void offerTo(const Member& member, const std::string& senderId, Visit& visit) {
+    const std::shared_ptr<BayeuxSession> session = member.session.lock();
+    if (session && !session->hasId(senderId)) {
+        for (unsigned copy = 0; copy < member.copies; ++copy) {
+            visit(*session);
+        }
+    }
+}
+
+// Offers the members of the matched chunks, each session once even where several of
+// its patterns matched. A session stands in a bucket at most once, so only members
+// drawn from several buckets need sorting out.
+template <class Visit>
+void offerMatched(const SubscriptionIndex::Snapshot& matched, const std::string& senderId, Visit& visit) {
+    if (matched.buckets <= 1) {
+        for (const auto& chunk : matched.chunks) {
+            for (const Member& member : *chunk) {
+                offerTo(member, senderId, visit);
+            }
+        }
+        return;
+    }
+    std::vector<const Member*> members;
+    for (const auto& chunk : matched.chunks) {
+        for (const Member& member : *chunk) {
+            members.push_back(&member);
+        }
+    }
+    const auto byIdentity = [](const Member* a, const Member* b) { return a->identity < b->identity; };
+    const auto sameIdentity = [](const Member* a, const Member* b) { return a->identity == b->identity; };
+    std::sort(members.begin(), members.end(), byIdentity);
+    members.erase(std::unique(members.begin(), members.end(), sameIdentity), members.end());
+    for (const Member* member : members) {
+        offerTo(*member, senderId, visit);
+    }
+}
+
+// Calls `visit` on every live session of the vector whose id differs from `senderId`, in order.
+template <class Visit>
+void offerEach(const BayeuxServerImpl::SessionList& list, const std::string& senderId, Visit& visit) {
+    for (const std::weak_ptr<BayeuxSession>& entry : list) {
+        const std::shared_ptr<BayeuxSession> session = entry.lock();
+        if (session && !session->hasId(senderId)) {
+            visit(*session);
         }
     }
 }
@@ -36,28 +78,98 @@ bool isSameSession(const std::weak_ptr<BayeuxSession>& entry, const std::shared_
 
 }  // namespace
 
-BayeuxServerImpl::BayeuxServerImpl()
-    : prioritySessions(std::make_shared<SessionList>()), sessions(std::make_shared<SessionList>()) {}
+BayeuxServerImpl::BayeuxServerImpl() {
+    for (Tier& tier : tiers) {
+        tier.offeredEverything = std::make_shared<SessionList>();
+    }
+}
 
 BayeuxServerImpl::~BayeuxServerImpl() = default;
 
-void BayeuxServerImpl::addSession(std::weak_ptr<BayeuxSession> session) {
-    logAdd(session);
-    std::lock_guard<std::mutex> guard(mutex);
-    doAppend(sessions, std::move(session));
-}
+void BayeuxServerImpl::addSession(std::weak_ptr<BayeuxSession> session) { addTo(ordinaryTier, std::move(session)); }
 
 void BayeuxServerImpl::addPrioritySession(std::weak_ptr<BayeuxSession> session) {
-    logAdd(session);
+    addTo(priorityTier, std::move(session));
+}
+
+void BayeuxServerImpl::addTo(std::size_t tier, std::weak_ptr<BayeuxSession>&& session) {
+    // Held until `mutex` is released: should it turn out to be the last reference, the session's
+    // destructor, which calls forgetSession, runs after that.
+    const std::shared_ptr<BayeuxSession> alive = session.lock();
+    if (alive) {
+        KORVANE_LOG(logger, 8) << "addSession " << alive->getId();
+    }
+    const bool declares = alive && alive->declaresPatternsTo(*this);
     std::lock_guard<std::mutex> guard(mutex);
-    doAppend(prioritySessions, std::move(session));
+    if (!declares) {
+        // A session that died already is appended and pruned at once.
+        doAppend(tiers[tier].offeredEverything, std::move(session));
+        return;
+    }
+    DeclaredSession& entry = declared[alive.get()];
+    entry.session = std::move(session);
+    ++entry.copies[tier];
+    for (const auto& hold : entry.holds) {
+        doIndex(entry, alive.get(), hold.first);
+    }
 }
 
 void BayeuxServerImpl::removeSession(const std::shared_ptr<BayeuxSession>& session) {
     KORVANE_LOG(logger, 8) << "removeSession " << session->getId();
     std::lock_guard<std::mutex> guard(mutex);
-    doRemove(prioritySessions, session);
-    doRemove(sessions, session);
+    for (Tier& tier : tiers) {
+        doRemove(tier.offeredEverything, session);
+    }
+    auto entry = declared.find(session.get());
+    if (entry == declared.end()) {
+        return;
+    }
+    entry->second.copies = {};
+    for (const auto& hold : entry->second.holds) {
+        doIndex(entry->second, entry->first, hold.first);
+    }
+    doForgetIfIdle(entry);
+}
+
+void BayeuxServerImpl::declarePattern(BayeuxSession& session, const std::string& pattern) {
+    const std::string key = patternKey(pattern);
+    std::lock_guard<std::mutex> guard(mutex);
+    DeclaredSession& entry = declared[&session];
+    if (++entry.holds[key] == 1) {
+        doIndex(entry, &session, key);
+    }
+}
+
+void BayeuxServerImpl::withdrawPattern(BayeuxSession& session, const std::string& pattern) {
+    const std::string key = patternKey(pattern);
+    std::lock_guard<std::mutex> guard(mutex);
+    auto entry = declared.find(&session);
+    if (entry == declared.end()) {
+        return;
+    }
+    auto hold = entry->second.holds.find(key);
+    if (hold == entry->second.holds.end()) {
+        return;
+    }
+    if (--hold->second == 0) {
+        entry->second.holds.erase(hold);
+        doIndex(entry->second, &session, key);
+    }
+    doForgetIfIdle(entry);
+}
+
+void BayeuxServerImpl::forgetSession(BayeuxSession& session) {
+    std::lock_guard<std::mutex> guard(mutex);
+    auto entry = declared.find(&session);
+    if (entry == declared.end()) {
+        return;
+    }
+    for (const auto& hold : entry->second.holds) {
+        for (Tier& tier : tiers) {
+            tier.byPattern.remove(hold.first, &session);
+        }
+    }
+    declared.erase(entry);
 }
 
 bool BayeuxServerImpl::deliver(std::unique_ptr<PublishRequest>&& request) {
@@ -93,24 +205,31 @@ std::shared_ptr<BayeuxServer> BayeuxServerImpl::getPtr() {
 }
 
 void BayeuxServerImpl::doDeliver(const std::shared_ptr<const PublishRequest>& request) {
-    // Split once; every session matches against the same vector.
+    // Split once; the index and every session match against the same vector.
     const std::vector<std::string> segments = splitChannel(request->channel);
-    doForEachReceiver(request->clientId,
-                      [&segments, &request](BayeuxSession& session) { session.deliver(segments, request); });
+    const std::vector<std::string> paths = SubscriptionIndex::pathsOf(segments);
+    auto visit = [&segments, &request](BayeuxSession& session) { session.deliver(segments, request); };
+    // The ordinary tier is read only after the priority walk, so a session added to it
+    // meanwhile is served by this publish.
+    for (Tier& tier : tiers) {
+        std::shared_ptr<SessionList> list;
+        SubscriptionIndex::Snapshot matched;
+        {
+            std::lock_guard<std::mutex> guard(mutex);
+            list = tier.offeredEverything;
+            tier.byPattern.collect(paths, matched);
+        }
+        offerEach(*list, request->clientId, visit);
+        offerMatched(matched, request->clientId, visit);
+    }
 }
 
 template <class Visit>
 void BayeuxServerImpl::doForEachReceiver(const std::string& senderId, Visit&& visit) {
-    // The ordinary list is read only after the priority walk, so a session added
-    // to it meanwhile is served by this publish.
-    for (const std::shared_ptr<SessionList>* field : {&prioritySessions, &sessions}) {
-        const std::shared_ptr<SessionList> list = snapshot(*field);
-        for (const std::weak_ptr<BayeuxSession>& entry : *list) {
-            const std::shared_ptr<BayeuxSession> session = entry.lock();
-            if (session && !session->hasId(senderId)) {
-                visit(*session);
-            }
-        }
+    // The ordinary vector is read only after the priority walk, so a session added to
+    // it meanwhile is served by this notice.
+    for (Tier& tier : tiers) {
+        offerEach(*snapshot(tier.offeredEverything), senderId, visit);
     }
 }
 
@@ -126,6 +245,25 @@ void BayeuxServerImpl::doAppend(std::shared_ptr<SessionList>& list, std::weak_pt
                                   [](const std::weak_ptr<BayeuxSession>& entry) { return entry.expired(); }),
                    updated->end());
     list = std::move(updated);
+}
+
+void BayeuxServerImpl::doIndex(const DeclaredSession& entry, const BayeuxSession* identity,
+                               const std::string& key) {
+    const bool held = entry.holds.count(key) != 0;
+    for (std::size_t tier = 0; tier < tiers.size(); ++tier) {
+        if (held && entry.copies[tier] > 0) {
+            tiers[tier].byPattern.put(key, Member{entry.session, identity, entry.copies[tier]});
+        } else {
+            tiers[tier].byPattern.remove(key, identity);
+        }
+    }
+}
+
+void BayeuxServerImpl::doForgetIfIdle(std::unordered_map<const BayeuxSession*, DeclaredSession>::iterator entry) {
+    const std::array<unsigned, 2>& copies = entry->second.copies;
+    if (entry->second.holds.empty() && copies[priorityTier] == 0 && copies[ordinaryTier] == 0) {
+        declared.erase(entry);
+    }
 }
 
 void BayeuxServerImpl::doRemove(std::shared_ptr<SessionList>& list, const std::shared_ptr<BayeuxSession>& session) {

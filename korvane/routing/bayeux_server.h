@@ -1,21 +1,34 @@
 #pragma once
 
-// The fan-out point: passes every published message, subscribe and unsubscribe
-// to every live session but its sender, priority sessions first.
+// The fan-out point: passes every published message to every live session but its
+// sender that may want it, and every subscribe and unsubscribe notice to every live
+// session but its sender that takes notices, priority sessions first.
 //
-// Locking: `mutex` guards only the two list pointers. A list that has been stored
-// in a field is never changed again; every add or remove builds a new vector and
-// swaps the pointer (copy-on-write). A publish copies the pointer under the lock
-// and walks the snapshot without it, so `mutex` is a leaf lock and is never held
-// across a call into a session. Any thread may call anything at any time; a
-// session's deliver may publish again, which recurses on the same stack.
+// Each of the two lists (priority and ordinary) is kept in two parts. Sessions that
+// declare their patterns (BayeuxSession::declaresPatternsTo) sit in a SubscriptionIndex
+// under each pattern they hold, and a publish reaches only the buckets its channel can
+// match. All other sessions sit in a vector, in order of addition, and are offered
+// every publish and every notice. Within a list the vector is served first.
+//
+// Locking: `mutex` guards the two vector pointers, the two indexes and `declared`. A
+// vector that has been stored in a field is never changed again: every add or remove
+// builds a new one and swaps the pointer (copy-on-write); the indexes' chunks are
+// copy-on-write in the same way. A publish copies, under the lock, the vector pointer
+// and the chunk pointers of the buckets it matches, one list at a time, and walks them
+// without it, so `mutex` is a leaf lock and is never held across a call into a
+// session. Any thread may call anything at any time; a session's deliver may publish
+// again, which recurses on the same stack, and a session may declare or withdraw a
+// pattern holding its own lock.
 
+#include <array>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "korvane/codec/routing_interfaces.h"
+#include "korvane/routing/subscription_index.h"
 
 namespace korvane::bayeux {
 
@@ -38,10 +51,32 @@ public:
     std::shared_ptr<BayeuxServer> getPtr() override;
     void addPrioritySession(std::weak_ptr<BayeuxSession> session) override;
 
+    void declarePattern(BayeuxSession& session, const std::string& pattern) override;
+    void withdrawPattern(BayeuxSession& session, const std::string& pattern) override;
+    void forgetSession(BayeuxSession& session) override;
+
 private:
+    // One list: the sessions offered everything, and the sessions found by their patterns.
+    struct Tier {
+        std::shared_ptr<SessionList> offeredEverything;
+        SubscriptionIndex byPattern;
+    };
+    static constexpr std::size_t priorityTier = 0;
+    static constexpr std::size_t ordinaryTier = 1;
+
+    // What the server knows of a session that declares its patterns, from its first
+    // declare or add until its destructor calls forgetSession. Keyed by the session's
+    // address, which cannot be reused before that call.
+    struct DeclaredSession {
+        std::weak_ptr<BayeuxSession> session;  // empty until the session is first added
+        std::array<unsigned, 2> copies{};      // how often it was added to each tier
+        std::unordered_map<std::string, unsigned> holds;  // pattern key -> times declared
+    };
+
+    void addTo(std::size_t tier, std::weak_ptr<BayeuxSession>&& session);
     void doDeliver(const std::shared_ptr<const PublishRequest>& request);
-    // Calls `visit` on every live session whose id differs from `senderId`,
-    // the priority snapshot first, then the ordinary one.
+    // Calls `visit` on every live session of the tiers' vectors whose id differs from
+    // `senderId`, the priority snapshot first, then the ordinary one.
     template <class Visit>
     void doForEachReceiver(const std::string& senderId, Visit&& visit);
     // Copies a list pointer under `mutex`.
@@ -49,10 +84,15 @@ private:
     // Both entered with `mutex` held: each replaces `list` by a pruned copy.
     static void doAppend(std::shared_ptr<SessionList>& list, std::weak_ptr<BayeuxSession>&& session);
     static void doRemove(std::shared_ptr<SessionList>& list, const std::shared_ptr<BayeuxSession>& session);
+    // Entered with `mutex` held: puts the session under `key` in every tier it was
+    // added to and takes it out of the others (all of them once it holds `key` no more).
+    void doIndex(const DeclaredSession& entry, const BayeuxSession* identity, const std::string& key);
+    // Entered with `mutex` held: erases the entry once it is neither added nor holds a pattern.
+    void doForgetIfIdle(std::unordered_map<const BayeuxSession*, DeclaredSession>::iterator entry);
 
     std::mutex mutex;
-    std::shared_ptr<SessionList> prioritySessions;
-    std::shared_ptr<SessionList> sessions;
+    std::array<Tier, 2> tiers;  // priority first
+    std::unordered_map<const BayeuxSession*, DeclaredSession> declared;
 };
 
 }  // namespace korvane::bayeux

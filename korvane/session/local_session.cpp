@@ -30,6 +30,7 @@ LocalBayeuxSession::LocalBayeuxSession(std::shared_ptr<BayeuxServer> server, std
 
 LocalBayeuxSession::~LocalBayeuxSession() {
     KORVANE_LOG(logger, 8) << "Bayeux session destroy: " << id;
+    server->forgetSession(*this);
     {
         std::lock_guard<std::mutex> guard(mutex);
         active = false;
@@ -69,18 +70,12 @@ bool LocalBayeuxSession::publish(std::shared_ptr<const PublishRequest>&& message
 
 std::shared_ptr<reactive_streams::PublisherAPI<std::shared_ptr<const PublishRequest>>> LocalBayeuxSession::subscribe(
     const std::string& pattern) {
-    Channel channel;
-    channel.pushPattern(pattern);
-    return addSubscription(std::move(channel));
+    return addSubscription({pattern});
 }
 
 std::shared_ptr<reactive_streams::PublisherAPI<std::shared_ptr<const PublishRequest>>> LocalBayeuxSession::subscribe(
     const std::vector<std::string>& patterns) {
-    Channel channel;
-    for (const auto& pattern : patterns) {
-        channel.pushPattern(pattern);
-    }
-    return addSubscription(std::move(channel));
+    return addSubscription(patterns);
 }
 
 void LocalBayeuxSession::flush() {}
@@ -112,17 +107,25 @@ void LocalBayeuxSession::deliver(const std::shared_ptr<const SubscribeRequest>&)
 
 void LocalBayeuxSession::deliver(const std::shared_ptr<const UnsubscribeRequest>&) {}
 
+bool LocalBayeuxSession::declaresPatternsTo(const BayeuxServer& routing) const { return &routing == server.get(); }
+
 std::shared_ptr<reactive_streams::PublisherAPI<std::shared_ptr<const PublishRequest>>>
-LocalBayeuxSession::addSubscription(Channel&& channel) {
+LocalBayeuxSession::addSubscription(std::vector<std::string> patterns) {
     // A no-op rather than an empty function: the publisher calls it when its stream ends.
     auto publisher = std::make_shared<Publisher>(std::function<void()>([] {}));
     auto entry = std::make_shared<LocalSubscription>();
-    entry->channel = std::move(channel);
+    for (const auto& pattern : patterns) {
+        entry->channel.pushPattern(pattern);
+    }
+    entry->patterns = std::move(patterns);
     entry->publisher = publisher;
     std::lock_guard<std::mutex> guard(mutex);
     auto grown = std::make_shared<SubscriptionList>();
     grown->reserve(subscriptions->size() + 1);
     *grown = *subscriptions;
+    for (const auto& pattern : entry->patterns) {
+        server->declarePattern(*this, pattern);
+    }
     grown->push_back(std::move(entry));
     subscriptions = std::move(grown);
     return publisher;
@@ -142,8 +145,15 @@ void LocalBayeuxSession::prune(const std::vector<const LocalSubscription*>& dead
     std::lock_guard<std::mutex> guard(mutex);
     auto kept = std::make_shared<SubscriptionList>();
     kept->reserve(subscriptions->size());
-    std::copy_if(subscriptions->begin(), subscriptions->end(), std::back_inserter(*kept),
-                 [&isDead](const auto& entry) { return !isDead(entry); });
+    for (const auto& entry : *subscriptions) {
+        if (!isDead(entry)) {
+            kept->push_back(entry);
+            continue;
+        }
+        for (const auto& pattern : entry->patterns) {
+            server->withdrawPattern(*this, pattern);
+        }
+    }
     subscriptions = std::move(kept);
 }
 

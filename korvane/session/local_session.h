@@ -12,7 +12,10 @@
 // owns its entries, an entry that one deliver prunes stays valid for every other
 // deliver still walking it. No value is passed to a subscriber under `mutex`, so a
 // subscriber may publish, subscribe or drop its publisher from inside onNext. The
-// publishers' own locks are never taken under `mutex`.
+// publishers' own locks are never taken under `mutex`. The patterns of the listed
+// subscriptions are declared to the session's server under `mutex`, as the list
+// changes (the server's lock is a leaf), so that the server offers the session only
+// the publishes they can match; the destructor forgets them.
 
 #include <functional>
 #include <memory>
@@ -44,6 +47,7 @@ public:
                  const std::shared_ptr<const PublishRequest>& message) override;
     void deliver(const std::shared_ptr<const SubscribeRequest>& message) override;
     void deliver(const std::shared_ptr<const UnsubscribeRequest>& message) override;
+    bool declaresPatternsTo(const BayeuxServer& routing) const override;
 
     // Stamps clientId and context and hands the message to the routing core; false when it
     // refuses the channel. A shared message is stamped through its pointer: it must not be
@@ -66,12 +70,13 @@ private:
     // Immutable once it is in a published list.
     struct LocalSubscription {
         Channel channel;
+        std::vector<std::string> patterns;  // as declared to the server
         std::weak_ptr<Publisher> publisher;
     };
     using SubscriptionList = std::vector<std::shared_ptr<const LocalSubscription>>;
 
     std::shared_ptr<reactive_streams::PublisherAPI<std::shared_ptr<const PublishRequest>>> addSubscription(
-        Channel&& channel);
+        std::vector<std::string> patterns);
     std::shared_ptr<const SubscriptionList> snapshot();
     void prune(const std::vector<const LocalSubscription*>& dead);
 

@@ -72,6 +72,7 @@ LongPollSession::~LongPollSession() {
     sendResponse = true;
     doNotifyQueue(lock);
     lock.unlock();
+    server->forgetSession(*this);
     notifyUnsubscribeAll();
 }
 
@@ -108,6 +109,8 @@ void LongPollSession::deliver(const std::shared_ptr<const SubscribeRequest>&) {}
 
 void LongPollSession::deliver(const std::shared_ptr<const UnsubscribeRequest>&) {}
 
+bool LongPollSession::declaresPatternsTo(const BayeuxServer& routing) const { return &routing == server.get(); }
+
 bool LongPollSession::publish(std::unique_ptr<PublishRequest>&& request) {
     KORVANE_LOG(logger, 8) << "publish: " << id << ", " << request->channel << ", " << dataText(*request);
     request->clientId = id;
@@ -123,6 +126,7 @@ bool LongPollSession::subscribe(const std::string& pattern) {
     {
         std::lock_guard<std::mutex> guard(mutex);
         channels.pushPattern(pattern);
+        server->declarePattern(*this, pattern);
     }
     auto notice = std::make_unique<SubscribeRequest>(pattern, id);
     notice->context = context;
@@ -140,6 +144,7 @@ bool LongPollSession::unsubscribe(const std::string& pattern) {
         if (!channels.popPattern(pattern)) {
             return false;
         }
+        server->withdrawPattern(*this, pattern);
     }
     auto notice = std::make_unique<UnsubscribeRequest>(pattern, id);
     notice->context = context;

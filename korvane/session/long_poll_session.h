@@ -10,7 +10,11 @@
 // every mutable field. Lock order is queue mutex before session mutex, because a
 // queue that ends runs a continuation that takes `mutex`; so the session never calls
 // into a queue or the routing core with `mutex` held; a connect's queue is made and
-// filled only while no other thread can reach it. Timer handles are dropped
+// filled only while no other thread can reach it. The one exception is the routing
+// core's pattern index: `channels` and the patterns declared to the core change
+// together under `mutex`, which is safe because the core's lock is a leaf. The
+// session declares its patterns to its own server, so that server offers it only
+// the publishes they can match, and forgets them in the destructor. Timer handles are dropped
 // with `mutex` released. `notifying` keeps one thread at a time in the drain loop;
 // only connectStream waits for a drain on another thread to end (on `drainEnded`,
 // with `mutex` released), so that the connect it replaces is answered first.
@@ -50,6 +54,7 @@ public:
                  const std::shared_ptr<const PublishRequest>& message) override;
     void deliver(const std::shared_ptr<const SubscribeRequest>& message) override;
     void deliver(const std::shared_ptr<const UnsubscribeRequest>& message) override;
+    bool declaresPatternsTo(const BayeuxServer& routing) const override;
 
     // This client publishes: stamps clientId and context, then hands the request to the routing core.
     // False when the routing core refuses it; the request then stays with the caller.

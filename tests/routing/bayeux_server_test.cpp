@@ -4,64 +4,17 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstddef>
-#include <functional>
-#include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "korvane/codec/channel.h"
-#include "korvane/frame/logger.h"
+#include "routing/routing_test_support.h"
 
-namespace korvane::bayeux {
+namespace korvane::bayeux::testing {
 namespace {
 
-using Segments = std::vector<std::string>;
-using Log = std::vector<std::string>;
-
-// Records in a log, which several sessions may share, which session received what
-// (nothing without a log), and runs an optional hook inside its deliver. `mutex`
-// guards `lastSegments` and the log, for sessions that have a log of their own.
-class RecordingSession : public BayeuxSession {
-public:
-    RecordingSession(std::string sessionId, Log* sharedLog) : id(std::move(sessionId)), log(sharedLog) {}
-
-    std::shared_ptr<Context> getContext() const override { return nullptr; }
-    std::string getId() const override { return id; }
-    void deliver(const Segments& segments, const std::shared_ptr<const PublishRequest>& message) override {
-        record(message->channel, &segments);
-        if (onPublish) {
-            onPublish(*message);
-        }
-    }
-    void deliver(const std::shared_ptr<const SubscribeRequest>& m) override { record("subscribe " + m->subscription); }
-    void deliver(const std::shared_ptr<const UnsubscribeRequest>& m) override { record("unsubscribe " + m->subscription); }
-    void record(const std::string& event, const Segments* segments = nullptr) {
-        const std::lock_guard<std::mutex> hold(mutex);
-        lastSegments = segments;
-        if (log) {
-            log->push_back(id + ":" + event);
-        }
-    }
-
-    const std::string id;
-    Log* const log;
-    std::mutex mutex;
-    const Segments* lastSegments = nullptr;
-    std::function<void(const PublishRequest&)> onPublish;
-};
-
-std::unique_ptr<PublishRequest> publish(const std::string& channel, const std::string& clientId = "publisher") {
-    auto request = std::make_unique<PublishRequest>(channel);
-    request->clientId = clientId;
-    request->data = std::make_shared<common::DataBuffer>();
-    return request;
-}
-
-class BayeuxServerTest : public testing::Test {
+class BayeuxServerTest : public ::testing::Test {
 protected:
     // Made sessions live as long as the test.
     std::shared_ptr<RecordingSession> makeSession(const std::string& id) {
@@ -132,31 +85,8 @@ TEST_F(BayeuxServerTest, ServesPrioritySessionsFirstAndSkipsTheSender) {
                         "p1:/y", "p2:/y", "me:/y", "o:/y"}));
 }
 
-// Counts live allocations, so that a test can see when the last weak reference
-// to a dead session's control block is gone.
-template <class T>
-struct CountingAllocator {
-    using value_type = T;
-    explicit CountingAllocator(int& liveCount) : live(&liveCount) {}
-    template <class U>
-    CountingAllocator(const CountingAllocator<U>& other) : live(other.live) {}
-    T* allocate(std::size_t n) {
-        ++*live;
-        return std::allocator<T>().allocate(n);
-    }
-    void deallocate(T* p, std::size_t n) {
-        --*live;
-        std::allocator<T>().deallocate(p, n);
-    }
-    template <class U>
-    bool operator==(const CountingAllocator<U>& other) const { return live == other.live; }
-    template <class U>
-    bool operator!=(const CountingAllocator<U>& other) const { return live != other.live; }
-    int* live;
-};
-
 TEST_F(BayeuxServerTest, DeadSessionsArePrunedOnlyOnAddOrRemoveAndDuplicatesAreServedTwice) {
-    int live = 0;
+    std::atomic<int> live{0};
     const CountingAllocator<RecordingSession> allocator(live);
     auto dying = std::allocate_shared<RecordingSession>(allocator, "dying", &log);
     auto dyingPriority = std::allocate_shared<RecordingSession>(allocator, "dyingPriority", &log);
@@ -256,4 +186,4 @@ TEST(BayeuxServerConcurrency, PublishesRunWhileSessionsComeAndGo) {
 }
 
 }  // namespace
-}  // namespace korvane::bayeux
+}  // namespace korvane::bayeux::testing

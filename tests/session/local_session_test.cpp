@@ -140,5 +140,30 @@ TEST(LocalBayeuxSessionConcurrency, ConcurrentDeliveriesSurviveEachOthersPruning
     EXPECT_EQ(session->subscriptionCount(), kept);
 }
 
+TEST(LocalBayeuxSessionIndexTest, DeclaresThePatternsOfItsLiveSubscriptionsAndIsOfferedOnlyOnceAdded) {
+    const auto ledger = std::make_shared<PatternLedger>();
+    auto session = std::make_shared<LocalBayeuxSession>(ledger, nullptr);
+    const LocalPublisher kept = session->subscribe(std::vector<std::string>{"/a/*", "/a/**"});
+    LocalPublisher released = session->subscribe("/b");
+    const auto keptSeen = watch(kept);
+    EXPECT_EQ(ledger->held(), (std::map<std::string, int>{{"/a/*", 1}, {"/a/**", 1}, {"/b", 1}}));
+    ASSERT_TRUE(ledger->deliver(makePublish("/a/x", "before")));
+    EXPECT_EQ(keptSeen->size(), 0u) << "a session that nobody added is offered nothing";
+
+    ledger->addPrioritySession(session);
+    ASSERT_TRUE(ledger->deliver(makePublish("/a/x", "m1")));
+    EXPECT_EQ(keptSeen->seen(), Texts{"m1"}) << "two matching patterns, one offer";
+    released.reset();
+    ASSERT_TRUE(ledger->deliver(makePublish("/c", "m2")));
+    EXPECT_EQ(ledger->held().count("/b"), 1u) << "a released subscription stays until a message for it";
+    ASSERT_TRUE(ledger->deliver(makePublish("/b", "m3")));
+    EXPECT_EQ(ledger->held(), (std::map<std::string, int>{{"/a/*", 1}, {"/a/**", 1}}));
+    EXPECT_EQ(session->subscriptionCount(), 1u);
+
+    session.reset();
+    EXPECT_EQ(ledger->forgottenCount(), 1);
+    EXPECT_EQ(keptSeen->completionCount(), 1);
+}
+
 }  // namespace
 }  // namespace korvane::bayeux::testing

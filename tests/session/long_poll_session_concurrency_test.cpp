@@ -120,5 +120,63 @@ TEST(LongPollSessionConcurrency, EveryAcceptedMessageReachesTheStreamsOnceAndInO
     EXPECT_EQ(clock->armedCount(), 0u);
 }
 
+// While messages are published, the steady sessions add and drop patterns that overlap their
+// steady "/load/*", and short-lived sessions subscribe, join and die: every steady session still
+// gets every message exactly once, in order, however many of its patterns match it meanwhile.
+TEST(LongPollSessionIndexConcurrency, OverlappingPatternsComeAndGoWithoutLossOrRepeat) {
+    ManualClock clock;
+    auto server = std::make_shared<BayeuxServerImpl>();
+    std::vector<SessionLife> steady;
+    for (int i = 0; i < sessionsPerClient; ++i) {
+        steady.push_back(openSession(server));
+    }
+    std::atomic<int> publishersDone{0};
+    std::atomic<bool> flapping{false};
+    std::vector<std::thread> threads;
+    for (int p = 0; p < publisherCount; ++p) {
+        threads.emplace_back([&, p] {
+            while (!flapping.load()) {
+                std::this_thread::yield();
+            }
+            for (int sequence = 0; sequence < messagesPerPublisher; ++sequence) {
+                const std::string text = std::to_string(p) + "/" + std::to_string(sequence);
+                EXPECT_TRUE(server->deliver(makePublish("/load/" + std::to_string(p), text)));
+            }
+            ++publishersDone;
+        });
+    }
+    threads.emplace_back([&] {
+        for (int round = 0; publishersDone.load() < publisherCount; ++round) {
+            flapping = true;
+            const std::string exact = "/load/" + std::to_string(round % publisherCount);
+            for (const SessionLife& life : steady) {
+                EXPECT_TRUE(life.session->subscribe("/load/**"));
+                EXPECT_TRUE(life.session->subscribe(exact));
+            }
+            for (const SessionLife& life : steady) {
+                EXPECT_TRUE(life.session->unsubscribe(exact));
+                EXPECT_TRUE(life.session->unsubscribe("/load/**"));
+            }
+        }
+    });
+    threads.emplace_back([&] {
+        while (publishersDone.load() < publisherCount) {
+            auto shortLived = std::make_shared<LongPollSession>(server, nullptr);
+            shortLived->subscribe("/load/**");
+            server->addSession(shortLived);
+            shortLived->subscribe("/load/0");
+        }
+    });
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    for (SessionLife& life : steady) {
+        const auto final = watch(life.session->korvaneShortPoll("final"));
+        life.streams.push_back(final);
+        EXPECT_EQ(final->size(), static_cast<std::size_t>(publisherCount * messagesPerPublisher + 1));
+        expectGaplessSequences(life);
+    }
+}
+
 }  // namespace
 }  // namespace korvane::bayeux::testing

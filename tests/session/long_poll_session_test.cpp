@@ -189,5 +189,29 @@ TEST_F(LongPollSessionTest, PublishStampsTheSenderAndSkipsItsOwnSession) {
     EXPECT_NE(refused, nullptr) << "a refused request stays with the caller";
 }
 
+TEST(LongPollSessionIndexTest, DeclaresWhatItHoldsIsOfferedOnceAndIsForgottenWhenItDies) {
+    ManualClock clock;
+    const auto ledger = std::make_shared<PatternLedger>();
+    const auto spy = std::make_shared<NoticeSpy>();
+    ledger->addSession(spy);
+    auto session = std::make_shared<LongPollSession>(ledger, nullptr);
+    ledger->addSession(session);
+    for (const std::string pattern : {"/a/*", "/a/*", "/a/**", "/a/*/b", "/"}) {
+        session->subscribe(pattern);
+    }
+    EXPECT_FALSE(session->unsubscribe("/x"));
+    EXPECT_TRUE(session->unsubscribe("/a/*"));
+    EXPECT_EQ(ledger->held(), (std::map<std::string, int>{{"/a/*", 1}, {"/a/**", 1}})) << "refused patterns are not declared";
+    ASSERT_TRUE(ledger->deliver(makePublish("/a/b", "m1")));
+    ASSERT_TRUE(ledger->deliver(makePublish("/b", "m2")));
+    EXPECT_EQ(watch(session->korvaneShortPoll("p"))->seen(), (Texts{"m1", "response:p advice:0/200/-1"}));
+    EXPECT_EQ(spy->subscribed, (Texts{"/a/*", "/a/*", "/a/**"})) << "a host's session still hears the notices";
+    EXPECT_EQ(spy->unsubscribed, Texts{"/a/*"});
+
+    session.reset();
+    EXPECT_EQ(ledger->forgottenCount(), 1);
+    EXPECT_EQ(spy->unsubscribed, (Texts{"/a/*", "/a/*", "/a/**"})) << "death still tells the host's sessions";
+}
+
 }  // namespace
 }  // namespace korvane::bayeux::testing

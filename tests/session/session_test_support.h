@@ -8,6 +8,7 @@
 
 #include <condition_variable>
 #include <functional>
+#include <map>
 #include <mutex>
 
 #include "korvane/codec/messages.h"
@@ -162,6 +163,42 @@ public:
     std::vector<std::shared_ptr<const PublishRequest>> publishes;
     Texts subscribed;
     Texts unsubscribed;
+};
+
+// A routing core that also keeps a ledger of the patterns its sessions declare: how often
+// each is held now, and how many sessions were forgotten.
+class PatternLedger : public BayeuxServerImpl {
+public:
+    void declarePattern(BayeuxSession& session, const std::string& pattern) override {
+        {
+            std::lock_guard<std::mutex> guard(mutex);
+            ++holds[pattern];
+        }
+        BayeuxServerImpl::declarePattern(session, pattern);
+    }
+    void withdrawPattern(BayeuxSession& session, const std::string& pattern) override {
+        {
+            std::lock_guard<std::mutex> guard(mutex);
+            if (--holds[pattern] == 0) {
+                holds.erase(pattern);
+            }
+        }
+        BayeuxServerImpl::withdrawPattern(session, pattern);
+    }
+    void forgetSession(BayeuxSession& session) override {
+        {
+            std::lock_guard<std::mutex> guard(mutex);
+            ++forgotten;
+        }
+        BayeuxServerImpl::forgetSession(session);
+    }
+    std::map<std::string, int> held() { return std::lock_guard<std::mutex>(mutex), holds; }
+    int forgottenCount() { return std::lock_guard<std::mutex>(mutex), forgotten; }
+
+private:
+    std::mutex mutex;
+    std::map<std::string, int> holds;
+    int forgotten = 0;
 };
 
 }  // namespace korvane::bayeux::testing

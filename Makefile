@@ -9,7 +9,7 @@ ARGS ?=
 
 CONFIGURE = cmake -S . -DCMAKE_BUILD_TYPE=RelWithDebInfo -Wno-dev
 
-.PHONY: all deps build run test test-unit test-asan test-tsan fuzz bench install clean
+.PHONY: all deps build run test test-unit test-asan test-tsan test-interop test-browser test-install fuzz bench install clean
 
 all: build
 
@@ -23,9 +23,13 @@ build: deps
 run: build
 	$(BUILD)/korvane-bayeux $(ARGS)
 
-# Everything: unit tests, the ASan+UBSan build, the TSan concurrency tests, the fuzz run.
+# Everything: unit tests, the ASan+UBSan build, the TSan concurrency tests, the real
+# clients and the browser against the server, the installed-tree build, the fuzz run.
 test: deps
 	$(MAKE) --no-print-directory test-unit
+	$(MAKE) --no-print-directory test-interop
+	$(MAKE) --no-print-directory test-browser
+	$(MAKE) --no-print-directory test-install
 	$(MAKE) --no-print-directory test-asan
 	$(MAKE) --no-print-directory test-tsan
 	$(MAKE) --no-print-directory fuzz
@@ -47,6 +51,24 @@ test-tsan:
 	cmake --build $(TSAN_BUILD) -j$(JOBS)
 	cd $(TSAN_BUILD) && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
 	  ctest --output-on-failure -j$(CTEST_JOBS) -R 'Concurrency\.'
+
+# The cometd client (npm) over long-polling and websocket against the server.
+test-interop:
+	KORVANE_SERVER=$(abspath $(BUILD))/korvane-bayeux node --test --test-concurrency=1 tests/interop/
+
+# Headless Chromium on the demo page; screenshots go to $(BUILD)/browser/.
+test-browser:
+	KORVANE_SERVER=$(abspath $(BUILD))/korvane-bayeux KORVANE_ARTIFACTS=$(abspath $(BUILD))/browser \
+	  node --test --test-concurrency=1 tests/browser/
+
+# `make install` into a scratch prefix, and the embedding example built from it alone.
+test-install:
+	rm -rf $(BUILD)/install-test
+	cmake --install $(BUILD) --prefix $(abspath $(BUILD))/install-test/prefix >/dev/null
+	cmake -S examples -B $(BUILD)/install-test/build -DCMAKE_PREFIX_PATH=$(abspath $(BUILD))/install-test/prefix \
+	  -DCMAKE_BUILD_TYPE=RelWithDebInfo -Wno-dev >/dev/null
+	cmake --build $(BUILD)/install-test/build -j$(JOBS)
+	$(BUILD)/install-test/build/embedded_chat --check
 
 fuzz: deps
 	FUZZ_SECONDS=$(FUZZ_SECONDS) scripts/fuzz

@@ -1,88 +1,217 @@
-// korvane-bayeux: the reference server. Composes the routing core and the protocol
-// service on the reference host (service registry, timer thread, stderr logging).
+// korvane-bayeux: the reference server. A BayeuxHost serving the demo page, with
+// every limit a flag, and an in-process session that publishes /server/time.
 //
-// Threads: main parses flags, composes the services and then waits for SIGINT or
-// SIGTERM; the host's timer thread drives the sweep and the connect timers.
+// Threads: main parses flags, starts the host and waits for SIGINT or SIGTERM (both
+// blocked before any thread starts, so only sigwait sees them); the host's I/O
+// threads and timer thread do the rest, the heartbeat among it.
 
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <functional>
 #include <iostream>
 #include <memory>
+#include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "korvane/bayeux.h"
-#include "korvane/host/host.h"
+#include "korvane/host/bayeux_host.h"
 
 namespace {
 
+using namespace korvane;
+
+#ifndef KORVANE_SOURCE_DIR
+#define KORVANE_SOURCE_DIR "."
+#endif
+
 struct Options {
-    std::string host = "127.0.0.1";
-    unsigned short port = 8080;
-    unsigned logLevels = korvane::common::defaultLogLevels;
+    host::BayeuxHostOptions host;
+    unsigned logLevels = common::defaultLogLevels;
+    unsigned heartbeatSeconds = 1;
 };
 
-void printUsage(std::ostream& out) {
-    out << "usage: korvane-bayeux [--host ADDRESS] [--port PORT] [--log-levels MASK]\n"
-           "  defaults: --host 127.0.0.1 --port 8080 --log-levels 768\n";
-}
+// One flag: its name, the text of its value for --help (empty for a switch), its
+// default, and how it is set from its name and value.
+struct Flag {
+    using Setter = std::function<void(Options&, const std::string& name, const std::string& value)>;
+    std::string name;
+    std::string value;
+    std::string defaultText;
+    std::string help;
+    Setter set;
+};
 
-unsigned long parseNumber(const std::string& flag, const std::string& text, unsigned long max) {
+unsigned long long parseNumber(const std::string& flag, const std::string& text, unsigned long long max) {
     char* end = nullptr;
-    unsigned long value = std::strtoul(text.c_str(), &end, 10);
-    if (text.empty() || *end != '\0' || value > max) {
+    errno = 0;
+    const unsigned long long value = std::strtoull(text.c_str(), &end, 10);
+    if (text.empty() || text[0] == '-' || *end != '\0' || errno != 0 || value > max) {
         throw std::invalid_argument("invalid value for " + flag + ": '" + text + "'");
     }
     return value;
 }
 
+template <class Field>
+Flag::Setter setNumber(Field host::HttpServerOptions::*field, unsigned long long max) {
+    return [field, max](Options& options, const std::string& name, const std::string& value) {
+        options.host.http.*field = static_cast<Field>(parseNumber(name, value, max));
+    };
+}
+
+Flag::Setter setSeconds(std::chrono::milliseconds host::HttpServerOptions::*field, unsigned long long max) {
+    return [field, max](Options& options, const std::string& name, const std::string& value) {
+        options.host.http.*field = std::chrono::seconds(parseNumber(name, value, max));
+    };
+}
+
+Flag::Setter setText(std::string host::HttpServerOptions::*field) {
+    return [field](Options& options, const std::string&, const std::string& value) { options.host.http.*field = value; };
+}
+
+std::vector<Flag> flags() {
+    const host::HttpServerOptions http;
+    const auto count = [](auto number) { return std::to_string(number); };
+    const auto seconds = [](std::chrono::milliseconds time) {
+        return std::to_string(std::chrono::duration_cast<std::chrono::seconds>(time).count());
+    };
+    return {
+        {"--listen", "HOST:PORT", http.listen, "address to serve on; [v6]:port, or :port for all interfaces",
+         setText(&host::HttpServerOptions::listen)},
+        {"--path", "PATH", http.bayeuxPath, "the Bayeux endpoint; requests below it are Bayeux too",
+         [](Options& options, const std::string& name, const std::string& value) {
+             if (value.size() < 2 || value[0] != '/' || value.back() == '/') {
+                 throw std::invalid_argument("invalid value for " + name + ": '" + value + "'");
+             }
+             options.host.http.bayeuxPath = value;
+         }},
+        {"--threads", "N", "one per hardware thread", "I/O threads", setNumber(&host::HttpServerOptions::threads, 1024)},
+        {"--static", "DIR", "the bundled web/ folder", "files served for every other path",
+         setText(&host::HttpServerOptions::staticRoot)},
+        {"--log-levels", "MASK", count(common::defaultLogLevels),
+         "log levels: 4 frequent, 8 trace, 16 sessions, 256 warnings, 512 failures",
+         [](Options& options, const std::string& name, const std::string& value) {
+             options.logLevels = static_cast<unsigned>(parseNumber(name, value, 0xffffffffULL));
+         }},
+        {"--max-body", "BYTES", count(http.maxBodyBytes), "largest request body (413 beyond)",
+         setNumber(&host::HttpServerOptions::maxBodyBytes, 1ULL << 32)},
+        {"--max-header", "BYTES", count(http.maxHeaderBytes), "largest request header (431 beyond)",
+         setNumber(&host::HttpServerOptions::maxHeaderBytes, 1ULL << 20)},
+        {"--max-ws-message", "BYTES", count(http.maxWsMessageBytes), "largest WebSocket message (close 1009 beyond)",
+         setNumber(&host::HttpServerOptions::maxWsMessageBytes, 1ULL << 32)},
+        {"--header-timeout", "SECONDS", seconds(http.headerTimeout), "time allowed to send a request's header",
+         setSeconds(&host::HttpServerOptions::headerTimeout, 3600)},
+        {"--ws-idle", "SECONDS", seconds(http.wsIdle), "a silent WebSocket peer is dropped after this",
+         setSeconds(&host::HttpServerOptions::wsIdle, 86400)},
+        {"--ws-deflate", "", "off", "offer permessage-deflate (costs memory per connection)",
+         [](Options& options, const std::string&, const std::string&) { options.host.http.wsDeflate = true; }},
+        {"--max-connections", "N", count(http.maxConnections), "open connections beyond this are refused",
+         setNumber(&host::HttpServerOptions::maxConnections, 10000000)},
+        {"--allow-origin", "ORIGIN", "none", "a cross-origin site allowed to use the Bayeux path (repeatable)",
+         [](Options& options, const std::string&, const std::string& value) {
+             options.host.http.allowOrigins.push_back(value);
+         }},
+        {"--tls-cert", "FILE", "none", "PEM certificate chain: serve HTTPS and WSS (with --tls-key)",
+         setText(&host::HttpServerOptions::tlsCert)},
+        {"--tls-key", "FILE", "none", "PEM private key for --tls-cert", setText(&host::HttpServerOptions::tlsKey)},
+        {"--ca-file", "FILE", "system store only", "extra CA certificates trusted by outbound wss:// connections",
+         [](Options& options, const std::string&, const std::string& value) {
+             options.host.client.extraCaFile = value;
+         }},
+        {"--heartbeat", "SECONDS", "1", "period of the /server/time message; 0 turns it off",
+         [](Options& options, const std::string& name, const std::string& value) {
+             options.heartbeatSeconds = static_cast<unsigned>(parseNumber(name, value, 86400));
+         }},
+    };
+}
+
+void printUsage(std::ostream& out) {
+    out << "usage: korvane-bayeux [FLAG VALUE]...\n";
+    for (const Flag& flag : flags()) {
+        std::string head = "  " + flag.name + (flag.value.empty() ? "" : " " + flag.value);
+        head.resize(std::max<std::size_t>(head.size() + 1, 30), ' ');
+        out << head << flag.help << " (default: " << flag.defaultText << ")\n";
+    }
+}
+
 Options parseOptions(int argc, char** argv) {
     Options options;
+    options.host.http.staticRoot = KORVANE_SOURCE_DIR "/web";
+    options.host.http.staticMounts.emplace_back("/vendor/cometd", KORVANE_SOURCE_DIR "/node_modules/cometd");
+    const std::vector<Flag> known = flags();
     for (int i = 1; i < argc; ++i) {
-        std::string flag = argv[i];
-        if (flag == "--help" || flag == "-h") {
+        const std::string name = argv[i];
+        if (name == "--help" || name == "-h") {
             printUsage(std::cout);
             std::exit(0);
         }
+        auto flag = std::find_if(known.begin(), known.end(), [&](const Flag& f) { return f.name == name; });
+        if (flag == known.end()) {
+            throw std::invalid_argument("unknown flag " + name);
+        }
+        if (flag->value.empty()) {
+            flag->set(options, name, "");
+            continue;
+        }
         if (i + 1 >= argc) {
-            throw std::invalid_argument("missing value for " + flag);
+            throw std::invalid_argument("missing value for " + name);
         }
-        std::string value = argv[++i];
-        if (flag == "--host") {
-            options.host = value;
-        } else if (flag == "--port") {
-            options.port = static_cast<unsigned short>(parseNumber(flag, value, 65535));
-        } else if (flag == "--log-levels") {
-            options.logLevels = static_cast<unsigned>(parseNumber(flag, value, 0xffffffffUL));
-        } else {
-            throw std::invalid_argument("unknown flag " + flag);
-        }
+        flag->set(options, name, argv[++i]);
+    }
+    if (options.host.http.tlsCert.empty() != options.host.http.tlsKey.empty()) {
+        throw std::invalid_argument("--tls-cert and --tls-key go together");
     }
     return options;
 }
 
-void waitForStopSignal() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
+// Publishes the wall-clock time every period from an in-process session.
+class Heartbeat {
+public:
+    Heartbeat(host::BayeuxHost& host, unsigned seconds) : session(host.makeLocalSession()) {
+        std::weak_ptr<bayeux::LocalBayeuxSession> weakSession = session;
+        timer = common::periodic(
+            [weakSession](long long) {
+                if (auto publisher = weakSession.lock()) {
+                    publisher->publish(makeTimeMessage());
+                }
+            },
+            static_cast<long long>(seconds) * 1000 / common::tickMilliseconds);
+    }
+
+private:
+    static std::unique_ptr<bayeux::PublishRequest> makeTimeMessage() {
+        const auto now = std::chrono::duration_cast<std::chrono::milliseconds>(
+                             std::chrono::system_clock::now().time_since_epoch())
+                             .count();
+        auto message = std::make_unique<bayeux::PublishRequest>("/server/time");
+        message->data = std::make_shared<common::DataBuffer>("{\"time\":" + std::to_string(now) + "}");
+        return message;
+    }
+
+    std::shared_ptr<bayeux::LocalBayeuxSession> session;
+    common::TimerHandle timer;
+};
+
+int waitForStopSignal(const sigset_t& signals) {
     int received = 0;
     sigwait(&signals, &received);
+    return received;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    using namespace korvane;
     Options options;
     try {
         options = parseOptions(argc, argv);
     } catch (const std::exception& error) {
-        std::cerr << "korvane-bayeux: " << error.what() << "\n";
-        printUsage(std::cerr);
+        std::cerr << "korvane-bayeux: " << error.what() << " (see --help)\n";
         return 2;
     }
 
-    // Block the stop signals before any thread starts, so that only sigwait sees them.
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
@@ -92,26 +221,23 @@ int main(int argc, char** argv) {
     common::installStderrLogSink();
     common::setLogLevels(options.logLevels);
 
-    auto timers = std::make_shared<host::ThreadedTimerBackend>();
-    timers->start();
-    common::installTimerBackend(timers);
-
-    auto registry = std::make_shared<host::ServiceRegistry>();
-    auto server = std::make_shared<bayeux::BayeuxServerImpl>();
-    auto protocol = std::make_shared<bayeux::BayeuxServiceProviderImpl>(server);
-    registry->add(Address("bayeux"), protocol);
-    registry->startAll();
-
-    std::cout << "korvane-bayeux: protocol service started; the HTTP and WebSocket transports are not built "
-                 "yet, so nothing listens on "
-              << options.host << ":" << options.port << " (Ctrl-C stops)" << std::endl;
-    waitForStopSignal();
-
-    registry->stopAll();
-    protocol.reset();
-    registry.reset();
-    common::installTimerBackend(nullptr);
-    timers->stop();
+    const std::string bayeuxPath = options.host.http.bayeuxPath;
+    try {
+        host::BayeuxHost server(std::move(options.host));
+        server.start();
+        std::unique_ptr<Heartbeat> heartbeat;
+        if (options.heartbeatSeconds != 0) {
+            heartbeat = std::make_unique<Heartbeat>(server, options.heartbeatSeconds);
+        }
+        std::cout << "korvane-bayeux: serving " << server.url() << " (Bayeux endpoint " << bayeuxPath
+                  << ", Ctrl-C stops)" << std::endl;
+        waitForStopSignal(signals);
+        heartbeat.reset();
+        server.stop();
+    } catch (const std::exception& error) {
+        std::cerr << "korvane-bayeux: " << error.what() << "\n";
+        return 1;
+    }
     std::cout << "korvane-bayeux: stopped" << std::endl;
     return 0;
 }

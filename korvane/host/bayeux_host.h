@@ -1,0 +1,80 @@
+#pragma once
+
+// A whole Bayeux server on the reference host, composed as an embedding application
+// composes it: the timer thread, the routing core, the protocol service, the
+// long-poll, WebSocket and dispatch transports, the outbound WebSocket client, and
+// the HTTP/WebSocket server in front of them. The server binary is this class plus
+// flags; an application that embeds the server makes one and adds its own
+// in-process sessions with makeLocalSession().
+//
+// Addresses: the HTTP server sends Bayeux requests to dispatchAddress; each
+// transport shares its address with the protocol service, so that the Bayeux
+// messages it sends on under that address reach the protocol service. The outbound
+// client transport sends its upgrades to httpClientAddress.
+//
+// Threading: start() and stop() belong to the owner's thread and must not be called
+// from a callback of the server; everything else may be called from any thread once
+// start() has returned. stop() takes the services down in the reverse order of their
+// start and is run by the destructor if the owner did not.
+
+#include <memory>
+#include <string>
+
+#include "korvane/host/http_client.h"
+#include "korvane/host/http_server.h"
+#include "korvane/host/service_registry.h"
+
+namespace korvane::bayeux {
+class BayeuxServer;
+class BayeuxServiceProviderImpl;
+class LocalBayeuxSession;
+}  // namespace korvane::bayeux
+
+namespace korvane::host {
+
+class ThreadedTimerBackend;
+
+struct BayeuxHostOptions {
+    // bayeuxAddress is set by the host itself.
+    HttpServerOptions http;
+    HttpClientOptions client;
+};
+
+class BayeuxHost {
+public:
+    static const Address dispatchAddress;
+    static const Address longPollAddress;
+    static const Address webSocketAddress;
+    static const Address httpClientAddress;
+    static const Address webSocketClientAddress;
+
+    explicit BayeuxHost(BayeuxHostOptions options);
+    ~BayeuxHost();
+    BayeuxHost(const BayeuxHost&) = delete;
+    BayeuxHost& operator=(const BayeuxHost&) = delete;
+
+    // Starts the timer thread, the services and the listener. Throws
+    // std::runtime_error when the listener cannot be bound.
+    void start();
+    // Stops accepting, ends held connects and open WebSockets, stops the services.
+    void stop();
+
+    std::string url() const;
+    unsigned short port() const;
+    std::shared_ptr<ServiceRegistry> registry() const { return registry_; }
+    std::shared_ptr<bayeux::BayeuxServer> routing() const { return routing_; }
+    std::shared_ptr<bayeux::BayeuxServiceProviderImpl> protocol() const { return protocol_; }
+    // An in-process session on this server's routing core, registered with it. The
+    // caller owns it; it leaves the routing core when released.
+    std::shared_ptr<bayeux::LocalBayeuxSession> makeLocalSession();
+
+private:
+    std::shared_ptr<ThreadedTimerBackend> timers_;
+    std::shared_ptr<ServiceRegistry> registry_;
+    std::shared_ptr<bayeux::BayeuxServer> routing_;
+    std::shared_ptr<bayeux::BayeuxServiceProviderImpl> protocol_;
+    std::unique_ptr<HttpServer> server_;
+    bool started_ = false;
+};
+
+}  // namespace korvane::host

@@ -1,0 +1,47 @@
+// Starts the korvane-bayeux server for a test on a free loopback port and stops it.
+// The server prints one line with the URL it serves; that line gives the port.
+
+import { spawn } from "node:child_process";
+import { fileURLToPath } from "node:url";
+import path from "node:path";
+
+const root = path.resolve(path.dirname(fileURLToPath(import.meta.url)), "../..");
+export const serverBinary = process.env.KORVANE_SERVER ?? path.join(root, "build", "korvane-bayeux");
+
+export async function startServer({ listen = "127.0.0.1:0", args = [] } = {}) {
+    const child = spawn(serverBinary, ["--listen", listen, "--heartbeat", "0", ...args], {
+        stdio: ["ignore", "pipe", "pipe"],
+        env: { ...process.env, ...(process.env.KORVANE_SERVER_ENV ? JSON.parse(process.env.KORVANE_SERVER_ENV) : {}) },
+    });
+    let stderr = "";
+    child.stderr.on("data", (chunk) => {
+        stderr += chunk;
+    });
+    const url = await new Promise((resolve, reject) => {
+        let stdout = "";
+        const timer = setTimeout(() => reject(new Error(`server did not start: ${stderr}`)), 10000);
+        child.stdout.on("data", (chunk) => {
+            stdout += chunk;
+            const found = stdout.match(/(https?:\/\/[^\s]+)/);
+            if (found) {
+                clearTimeout(timer);
+                resolve(found[1]);
+            }
+        });
+        child.on("exit", (code) => {
+            clearTimeout(timer);
+            reject(new Error(`server exited with ${code}: ${stderr}`));
+        });
+    });
+    const exited = new Promise((resolve) => child.on("exit", (code, signal) => resolve({ code, signal })));
+    return {
+        url,
+        port: Number(new URL(url).port),
+        bayeux: new URL("/bayeux", url).href,
+        stderr: () => stderr,
+        async stop() {
+            child.kill("SIGTERM");
+            return exited;
+        },
+    };
+}

@@ -40,7 +40,6 @@ if (longPollingOnly) {
 }
 cometd.configure({
   url: new URL("/bayeux", location).href,
-  appendMessageTypeToURL: false,
   logLevel: "warn",
 });
 
@@ -56,6 +55,7 @@ page.sendForm.addEventListener("submit", send);
 window.addEventListener("pagehide", () => cometd.disconnect());
 
 showStatus("connecting");
+restoreChat();
 cometd.handshake();
 
 // A handshake, the first or one after the server forgot this client, drops every
@@ -109,8 +109,20 @@ function join(event) {
   page.message.focus();
 }
 
+// A reloaded tab comes back to the room it was in, under the same name.
+function restoreChat() {
+  const saved = JSON.parse(sessionStorage.getItem("chat") ?? "null");
+  if (saved?.user && saved?.room && ROOM_NAME.test(saved.room)) {
+    page.name.value = saved.user;
+    page.room.value = saved.room;
+    chat.user = saved.user;
+    enterRoom(saved.room);
+  }
+}
+
 function enterRoom(room) {
   chat.room = room;
+  sessionStorage.setItem("chat", JSON.stringify({ user: chat.user, room }));
   page.messages.replaceChildren();
   page.roomTitle.textContent = `Room: ${room}`;
   showNotice(`You joined ${room} as ${chat.user}.`);
@@ -130,6 +142,7 @@ function leave() {
     showNotice(`You left ${chat.room}.`);
   }
   chat.room = null;
+  sessionStorage.removeItem("chat");
   page.roomTitle.textContent = "Not in a room";
   setChatEnabled(false);
 }

@@ -26,7 +26,11 @@ BayeuxHost::BayeuxHost(BayeuxHostOptions options)
     registry_->add(longPollAddress, protocol_);
     registry_->add(webSocketAddress, std::make_shared<bayeux::BayeuxWebSocketServiceProvider>());
     registry_->add(webSocketAddress, protocol_);
-    registry_->add(httpClientAddress, std::make_shared<HttpClientServiceProvider>(std::move(options.client)));
+    // The client transport sends its upgrade on to the address it was reached at, so the
+    // HTTP client stands there beside it.
+    auto httpClient = std::make_shared<HttpClientServiceProvider>(std::move(options.client));
+    registry_->add(httpClientAddress, httpClient);
+    registry_->add(webSocketClientAddress, httpClient);
     registry_->add(webSocketClientAddress, std::make_shared<bayeux::WebSocketClientConnectionServiceProvider>());
     options.http.bayeuxAddress = dispatchAddress;
     server_ = std::make_unique<HttpServer>(std::move(options.http), registry_);

@@ -9,8 +9,9 @@
 //
 // Addresses: the HTTP server sends Bayeux requests to dispatchAddress; each
 // transport shares its address with the protocol service, so that the Bayeux
-// messages it sends on under that address reach the protocol service. The outbound
-// client transport sends its upgrades to httpClientAddress.
+// messages it sends on under that address reach the protocol service. Likewise the
+// outbound client transport (a bayeux::ConnectTransport sent to webSocketClientAddress)
+// shares its address with the HTTP client, which also stands alone at httpClientAddress.
 //
 // Threading: start() and stop() belong to the owner's thread and must not be called
 // from a callback of the server; everything else may be called from any thread once

@@ -9,7 +9,7 @@ ARGS ?=
 
 CONFIGURE = cmake -S . -DCMAKE_BUILD_TYPE=RelWithDebInfo -Wno-dev
 
-.PHONY: all deps build run test test-unit test-asan test-tsan test-interop test-browser test-install fuzz bench install clean
+.PHONY: all deps build run test test-unit test-asan test-tsan test-interop test-interop-sanitized test-browser test-install fuzz bench install clean
 
 all: build
 
@@ -32,6 +32,7 @@ test: deps
 	$(MAKE) --no-print-directory test-install
 	$(MAKE) --no-print-directory test-asan
 	$(MAKE) --no-print-directory test-tsan
+	$(MAKE) --no-print-directory test-interop-sanitized
 	$(MAKE) --no-print-directory fuzz
 
 test-unit:
@@ -55,6 +56,14 @@ test-tsan:
 # The cometd client (npm) over long-polling and websocket against the server.
 test-interop:
 	KORVANE_SERVER=$(abspath $(BUILD))/korvane-bayeux node --test --test-concurrency=1 tests/interop/
+
+# The same clients against the sanitizer builds of the server: a report fails the run.
+test-interop-sanitized:
+	KORVANE_SERVER=$(abspath $(ASAN_BUILD))/korvane-bayeux \
+	  ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	  node --test --test-concurrency=1 tests/interop/
+	KORVANE_SERVER=$(abspath $(TSAN_BUILD))/korvane-bayeux TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+	  node --test --test-concurrency=1 tests/interop/
 
 # Headless Chromium on the demo page; screenshots go to $(BUILD)/browser/.
 test-browser:

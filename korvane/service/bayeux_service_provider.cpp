@@ -101,6 +101,7 @@ std::shared_ptr<LongPollSession> BayeuxServiceProviderImpl::createSession(const 
 
     std::unique_lock<std::mutex> lock(mutex);
     ClientInfo& info = clients[clientId];
+    clientsBySession[sessionId].insert(clientId);
     info.sessionId = sessionId;
     info.session = session;
     info.tick = common::getCurrentTick();
@@ -134,8 +135,7 @@ bool BayeuxServiceProviderImpl::deleteSession(const std::string& clientId) {
         if (found == clients.end()) {
             return false;
         }
-        session = std::move(found->second.session);
-        clients.erase(found);
+        session = doForget(found).session;
         endedSweep = takeSweeperIfIdle(lock);
     }
     // `session` and `endedSweep` are released on return, after the lock.
@@ -168,8 +168,9 @@ void BayeuxServiceProviderImpl::sweepClients(long long tick) {
             continue;
         }
         KORVANE_LOG(logger, 16) << "Client timed out: " << it->first;
-        expired.push_back(std::move(it->second));
-        it = clients.erase(it);
+        auto next = std::next(it);
+        expired.push_back(doForget(it));
+        it = next;
     }
     endedSweep = takeSweeperIfIdle(lock);
     // Nothing of the provider is touched after this unlock: a destructor running on
@@ -178,14 +179,30 @@ void BayeuxServiceProviderImpl::sweepClients(long long tick) {
     lock.unlock();
 }
 
+BayeuxServiceProviderImpl::ClientInfo BayeuxServiceProviderImpl::doForget(ClientMap::iterator client) {
+    auto browser = clientsBySession.find(client->second.sessionId);
+    if (browser != clientsBySession.end()) {
+        browser->second.erase(client->first);
+        if (browser->second.empty()) {
+            clientsBySession.erase(browser);
+        }
+    }
+    ClientInfo forgotten = std::move(client->second);
+    clients.erase(client);
+    return forgotten;
+}
+
 std::size_t BayeuxServiceProviderImpl::getActiveConnectCountForSessionId(const std::string& sessionId,
                                                                          const std::string& connectionType) {
     std::lock_guard<std::mutex> lock(mutex);
+    auto browser = clientsBySession.find(sessionId);
+    if (browser == clientsBySession.end()) {
+        return 0;
+    }
     std::size_t count = 0;
-    for (const auto& entry : clients) {
-        const ClientInfo& info = entry.second;
-        if (info.sessionId == sessionId && info.connectionType == connectionType &&
-            info.session->hasActiveConnect()) {
+    for (const std::string& clientId : browser->second) {
+        const ClientInfo& info = clients.at(clientId);
+        if (info.connectionType == connectionType && info.session->hasActiveConnect()) {
             ++count;
         }
     }

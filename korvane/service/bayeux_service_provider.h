@@ -23,6 +23,7 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "korvane/codec/bayeux_service.h"
@@ -91,12 +92,18 @@ private:
     };
 
     using ClientMap = std::unordered_map<std::string, ClientInfo>;
+    // The client ids of each host session, so that counting one browser's connects
+    // visits that browser's clients only.
+    using ClientsBySession = std::unordered_map<std::string, std::unordered_set<std::string>>;
 
     // Entered with `mutex` held (the lock is the proof); arms the sweep unless it runs.
     void startSweeping(std::unique_lock<std::mutex>& lock);
     // Entered with `mutex` held: hands the sweeper over to the caller once no client
     // is left, so that the caller drops it with the lock released.
     common::TimerHandle takeSweeperIfIdle(std::unique_lock<std::mutex>& lock);
+    // Entered with `mutex` held: erases the record and its entry in `clientsBySession`,
+    // handing the record back so that its session dies after the lock is released.
+    ClientInfo doForget(ClientMap::iterator client);
     // Drops the request's id where the channel, or forceIdClear, asks for it.
     void clearPublishedId(PublishRequest& request) const;
     // The hold time of a long-poll connect, in ticks.
@@ -114,6 +121,7 @@ private:
     common::TimerHandle sweeper;
     const std::shared_ptr<BayeuxServer> server;
     ClientMap clients;
+    ClientsBySession clientsBySession;
     const std::unordered_map<std::string, std::size_t> activeConnectLimits;
     const std::vector<std::string> idClearPrefixes;
     const bool forceIdClear;

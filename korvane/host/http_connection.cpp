@@ -9,7 +9,6 @@
 #include <fstream>
 #include <iterator>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -49,6 +48,7 @@ constexpr std::chrono::seconds lingerTimeout(1);
 // How much a streaming response reads ahead of pipelined requests while it
 // watches for the peer going away.
 constexpr std::size_t watchReadBytes = 4096;
+constexpr std::string_view continueLine = "HTTP/1.1 100 Continue\r\n\r\n";
 
 using Request = UpgradeRequest;
 using FullResponse = bhttp::response<bhttp::string_body>;
@@ -189,6 +189,23 @@ private:
             onRequest();
             return;
         }
+        if (beast::iequals(parser_->get()[bhttp::field::expect], "100-continue")) {
+            // The client waits for a go-ahead before it sends the body.
+            lowest().expires_after(writeTimeout);
+            net::async_write(stream_, net::buffer(continueLine),
+                             [self = this->shared_from_this()](beast::error_code error, std::size_t) {
+                                 if (error) {
+                                     self->doClose();
+                                 } else {
+                                     self->doReadBody();
+                                 }
+                             });
+            return;
+        }
+        doReadBody();
+    }
+
+    void doReadBody() {
         lowest().expires_after(options().headerTimeout);
         bhttp::async_read(stream_, buffer_, *parser_,
                           [self = this->shared_from_this()](beast::error_code error, std::size_t) {

@@ -7,11 +7,15 @@
 #include <cstdio>
 #include <ctime>
 
+#include "korvane/frame/logger.h"
+
 namespace korvane::host {
 
 namespace fs = std::filesystem;
 
 namespace {
+
+common::diagnostic_logger logger("korvane::host::http");
 
 int hexValue(char c) {
     if (c >= '0' && c <= '9') {
@@ -116,6 +120,8 @@ StaticFiles::StaticFiles(const std::string& root, const std::vector<Mount>& moun
         std::error_code error;
         fs::path canonical = fs::canonical(folder, error);
         if (error || !fs::is_directory(canonical)) {
+            KORVANE_LOG(logger, 256) << "Static folder " << folder << " is not a folder; nothing is served at '"
+                                     << (prefix.empty() ? "/" : prefix) << "'";
             return;
         }
         while (!prefix.empty() && prefix.back() == '/') {

@@ -216,6 +216,11 @@ TEST_F(HttpServerTest, RoutesTheBayeuxPathAndAnswersPipelinedRequestsInOrder) {
     EXPECT_THAT(failed.header("content-type"), HasSubstr("text/plain"));
     // Paths that only start like the Bayeux path are not it.
     EXPECT_EQ(client.request("GET", "/bayeuxfoo").status, 404);
+    // A client that asks before sending its body gets the go-ahead first.
+    client.sendRaw("POST /bayeux HTTP/1.1\r\nHost: a\r\nExpect: 100-continue\r\nContent-Length: 5\r\n\r\n");
+    EXPECT_EQ(client.read().status, 100);
+    client.sendRaw("later");
+    EXPECT_THAT(client.read().body, HasSubstr("body=later"));
 }
 
 TEST_F(HttpServerTest, StreamsABodyChunkedWithTheHeadersFirstAndCancelsItWhenTheClientGoes) {

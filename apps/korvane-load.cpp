@@ -9,6 +9,10 @@
 // counters, which main reads by posting to it (once a second and at the end).
 
 #include <algorithm>
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
 #include <cmath>
 #include <cstdio>
 #include <future>
@@ -23,11 +27,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <boost/asio/executor_work_guard.hpp>
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/post.hpp>
 
 #include "load/load_client.h"
 #include "load/load_options.h"
@@ -215,7 +214,7 @@ void startPublishing(std::vector<std::unique_ptr<Worker>>& workers) {
 }
 
 struct ServerFigures {
-    std::optional<ProcessSample> atStart;          // before any client connected
+    std::optional<ProcessSample> atStart;  // before any client connected
     std::optional<ProcessSample> atMeasureStart;
     std::optional<ProcessSample> atMeasureEnd;
     std::optional<ProcessSample> atEnd;
@@ -283,7 +282,6 @@ int run(const LoadOptions& options) {
     plan.payloadBytes = options.payload;
     plan.publishIntervalMicros =
         options.publishers ? static_cast<std::int64_t>(1e6 * options.publishers / options.rate) : 0;
-    plan.measureEnd = std::numeric_limits<std::int64_t>::max();
 
     ServerFigures serverFigures;
     serverFigures.atStart = sampleServer(options);
@@ -303,9 +301,11 @@ int run(const LoadOptions& options) {
     const std::int64_t warmupTicks = static_cast<std::int64_t>(std::ceil(options.warmup));
     const std::int64_t measureTicks = static_cast<std::int64_t>(std::ceil(options.duration));
     const std::int64_t graceTicks = static_cast<std::int64_t>(std::ceil(options.grace));
-    plan.publishStart = nowMicros() + 100000;
-    plan.measureStart = plan.publishStart + static_cast<std::int64_t>(options.warmup * 1e6);
-    plan.measureEnd = plan.measureStart + static_cast<std::int64_t>(options.duration * 1e6);
+    const std::int64_t publishStart = nowMicros() + 100000;
+    const std::int64_t measureStart = publishStart + static_cast<std::int64_t>(options.warmup * 1e6);
+    plan.publishStart = publishStart;
+    plan.measureStart = measureStart;
+    plan.measureEnd = measureStart + static_cast<std::int64_t>(options.duration * 1e6);
     takeSecond(workers);
     startPublishing(workers);
 
@@ -316,7 +316,7 @@ int run(const LoadOptions& options) {
         if (tick == 1) {
             serverFigures.atMeasureStart = sampleServer(options);
         }
-        sleepUntil(plan.measureStart + tick * 1000000);
+        sleepUntil(measureStart + tick * 1000000);
         if (tick == measureTicks + 1) {
             serverFigures.atMeasureEnd = sampleServer(options);
         }

@@ -6,13 +6,12 @@
 // reply body back. A link belongs to one client and runs on that client's thread;
 // its callbacks run there too and never inline from send().
 
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
 #include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
-
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
 
 namespace korvane::load {
 

@@ -48,7 +48,7 @@ void LoadClient::startPublishing() {
     }
     const std::int64_t stagger = plan_.publishIntervalMicros * setup_.publisherId /
                                  std::max<std::int64_t>(1, static_cast<std::int64_t>(plan_.publisherCount));
-    nextSend_ = plan_.publishStart + stagger;
+    nextSend_ = plan_.publishStart.load(std::memory_order_relaxed) + stagger;
     publishDue();
 }
 
@@ -234,7 +234,7 @@ void LoadClient::onDisconnectReply() {
     loseSession();
     // The link is inside its callback: it is let go of once that returned.
     boost::asio::post(io_, [this, link = std::shared_ptr<Link>(std::move(link_))] {
-        if (nowMicros() < plan_.measureEnd) {
+        if (plan_.isPublishing(nowMicros())) {
             handshake();
         }
     });
@@ -262,7 +262,7 @@ void LoadClient::onDelivery(std::string_view message) {
     } else {
         last = stamp->sequence;
     }
-    if (stamp->sentMicros >= plan_.measureStart && stamp->sentMicros < plan_.measureEnd) {
+    if (plan_.isMeasured(stamp->sentMicros)) {
         ++stats_.counters().delivered;
         stats_.recordLatency(static_cast<std::uint64_t>(std::max<std::int64_t>(0, nowMicros() - stamp->sentMicros)));
     }
@@ -295,7 +295,7 @@ void LoadClient::loseSession() {
 void LoadClient::rehandshakeAfter(std::int64_t millis) {
     connectTimer_.expires_after(std::chrono::milliseconds(millis));
     connectTimer_.async_wait([this, session = session_](boost::system::error_code ec) {
-        if (!ec && session == session_ && (setup_.role != Role::churner || nowMicros() < plan_.measureEnd)) {
+        if (!ec && session == session_ && (setup_.role != Role::churner || plan_.isPublishing(nowMicros()))) {
             ++stats_.counters().rehandshakes;
             handshake();
         }
@@ -305,11 +305,11 @@ void LoadClient::rehandshakeAfter(std::int64_t millis) {
 // Sends every publish whose time has come, late ones included, then sleeps until the next.
 void LoadClient::publishDue() {
     const std::int64_t now = nowMicros();
-    while (nextSend_ <= now && nextSend_ < plan_.measureEnd) {
+    while (nextSend_ <= now && plan_.isPublishing(nextSend_)) {
         publish(randomRoom(), nextSend_);
         nextSend_ += plan_.publishIntervalMicros;
     }
-    if (nextSend_ >= plan_.measureEnd) {
+    if (!plan_.isPublishing(nextSend_)) {
         return;
     }
     publishTimer_.expires_after(std::chrono::microseconds(nextSend_ - now));
@@ -321,11 +321,11 @@ void LoadClient::publishDue() {
 }
 
 void LoadClient::publish(std::size_t room, std::int64_t stampMicros) {
-    const bool measured = stampMicros >= plan_.measureStart && stampMicros < plan_.measureEnd;
+    const bool measured = plan_.isMeasured(stampMicros);
     if (measured) {
         ++stats_.counters().sent;
-        stats_.counters().expected +=
-            static_cast<std::uint64_t>(std::max<std::int64_t>(0, plan_.subscribers[room].load(std::memory_order_relaxed)));
+        stats_.counters().expected += static_cast<std::uint64_t>(
+            std::max<std::int64_t>(0, plan_.subscribers[room].load(std::memory_order_relaxed)));
     }
     const std::int64_t sequence = sequence_++;
     if (clientId_.empty()) {

@@ -98,7 +98,7 @@ private:
     std::int64_t sequence_ = 0;
     std::int64_t nextSend_ = 0;
     std::vector<std::int64_t> lastSequence_;  // per publisher id, -1 before the first
-    std::string message_;                      // reused to build publishes
+    std::string message_;                     // reused to build publishes
 };
 
 }  // namespace korvane::load

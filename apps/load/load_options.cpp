@@ -87,13 +87,16 @@ std::vector<Flag> flags() {
          amount("--rate", &LoadOptions::rate)},
         {"--duration", "SECONDS", "measured time", amount("--duration", &LoadOptions::duration)},
         {"--warmup", "SECONDS", "publishing before the measured time", amount("--warmup", &LoadOptions::warmup)},
-        {"--grace", "SECONDS", "wait for late deliveries after publishing ends", amount("--grace", &LoadOptions::grace)},
+        {"--grace", "SECONDS", "wait for late deliveries after publishing ends",
+         amount("--grace", &LoadOptions::grace)},
         {"--payload", "BYTES", "size of each message's data", count("--payload", &LoadOptions::payload, 0)},
         {"--threads", "N", "I/O threads", count("--threads", &LoadOptions::threads, 1)},
         {"--source-addresses", "A,B,...", "local addresses to connect from, round robin",
          [](LoadOptions& o, const std::string& v) { o.sourceAddresses = splitList(v); }},
         {"--server-pid", "PID", "report this process's CPU time and memory",
-         [](LoadOptions& o, const std::string& v) { o.serverPid = static_cast<long>(parseCount("--server-pid", v, 1)); }},
+         [](LoadOptions& o, const std::string& v) {
+             o.serverPid = static_cast<long>(parseCount("--server-pid", v, 1));
+         }},
         {"--plot", "FILE.png", "draw rates and latencies over time and the latency CDF (gnuplot)",
          [](LoadOptions& o, const std::string& v) { o.plot = v; }},
         {"--check", "", "exit 1 on any loss, duplicate, reordering or error",

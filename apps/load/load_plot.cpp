@@ -9,7 +9,8 @@ namespace {
 
 std::string stem(const std::string& pngPath) {
     const std::string suffix = ".png";
-    const bool hasSuffix = pngPath.size() > suffix.size() && pngPath.compare(pngPath.size() - suffix.size(), suffix.size(), suffix) == 0;
+    const bool hasSuffix =
+        pngPath.size() > suffix.size() && pngPath.compare(pngPath.size() - suffix.size(), suffix.size(), suffix) == 0;
     return hasSuffix ? pngPath.substr(0, pngPath.size() - suffix.size()) : pngPath;
 }
 

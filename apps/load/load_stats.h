@@ -11,9 +11,9 @@
 namespace korvane::load {
 
 struct LoadCounters {
-    std::uint64_t sent = 0;          // publishes sent inside the measured window
-    std::uint64_t expected = 0;      // deliveries those publishes should cause
-    std::uint64_t delivered = 0;     // deliveries of measured publishes, duplicates left out
+    std::uint64_t sent = 0;       // publishes sent inside the measured window
+    std::uint64_t expected = 0;   // deliveries those publishes should cause
+    std::uint64_t delivered = 0;  // deliveries of measured publishes, duplicates left out
     std::uint64_t duplicates = 0;
     std::uint64_t reordered = 0;
     std::uint64_t errors = 0;        // broken connections, error statuses, unsuccessful replies

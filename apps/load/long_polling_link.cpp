@@ -6,13 +6,12 @@
 // Threading: everything runs on the owning client's io_context, which one thread
 // runs. The state is shared with the pending handlers and outlives close().
 
-#include <string>
-#include <utility>
-#include <vector>
-
 #include <boost/asio/post.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "load/link.h"
 #include "load/socket_setup.h"
@@ -86,8 +85,8 @@ private:
             boost::asio::post(io_, [self = shared_from_this(), what = "socket: " + ec.message()] { self->fail(what); });
             return;
         }
-        stream_->async_connect(target_.server, [self = shared_from_this(), stream = stream_, generation = generation_](
-                                                   beast::error_code ec) {
+        stream_->async_connect(target_.server, [self = shared_from_this(), stream = stream_,
+                                                generation = generation_](beast::error_code ec) {
             if (generation == self->generation_ && !self->closed_) {
                 ec ? self->fail("connect: " + ec.message()) : self->writeRequest();
             }
@@ -95,22 +94,24 @@ private:
     }
 
     void writeRequest() {
-        http::async_write(*stream_, request_, [self = shared_from_this(), stream = stream_, generation = generation_](
-                                                  beast::error_code ec, std::size_t) {
-            if (generation == self->generation_ && !self->closed_) {
-                ec ? self->retryOrFail("write: " + ec.message()) : self->readResponse();
-            }
-        });
+        http::async_write(
+            *stream_, request_,
+            [self = shared_from_this(), stream = stream_, generation = generation_](beast::error_code ec, std::size_t) {
+                if (generation == self->generation_ && !self->closed_) {
+                    ec ? self->retryOrFail("write: " + ec.message()) : self->readResponse();
+                }
+            });
     }
 
     void readResponse() {
         response_ = {};
-        http::async_read(*stream_, buffer_, response_, [self = shared_from_this(), stream = stream_,
-                                                        generation = generation_](beast::error_code ec, std::size_t) {
-            if (generation == self->generation_ && !self->closed_) {
-                ec ? self->retryOrFail("read: " + ec.message()) : self->onResponse();
-            }
-        });
+        http::async_read(
+            *stream_, buffer_, response_,
+            [self = shared_from_this(), stream = stream_, generation = generation_](beast::error_code ec, std::size_t) {
+                if (generation == self->generation_ && !self->closed_) {
+                    ec ? self->retryOrFail("read: " + ec.message()) : self->onResponse();
+                }
+            });
     }
 
     // A kept-alive connection the server closed while idle fails the next request

@@ -1,14 +1,15 @@
 #pragma once
 
 // What every client of a run shares: the schedule, the message shape and the count
-// of subscribers per room. The main thread fills the schedule before it posts the
-// start of publishing to the I/O threads, which only read it afterwards; the room
-// counts are atomics the subscribers change as their subscriptions come and go and
-// the publishers read.
+// of subscribers per room. The main thread sets the schedule before it posts the
+// start of publishing to the I/O threads; the room counts are atomics the
+// subscribers change as their subscriptions come and go and the publishers read.
+// Every atomic is read relaxed: each is a value of its own.
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <string>
 
@@ -33,10 +34,22 @@ struct RunPlan {
     const std::size_t publisherCount;
     std::size_t payloadBytes = 0;
     std::int64_t publishIntervalMicros = 0;  // per fixed-rate publisher
-    std::int64_t publishStart = 0;           // µs; the warm-up begins
-    std::int64_t measureStart = 0;           // µs; publishes from here on are measured
-    std::int64_t measureEnd = 0;             // µs; publishing stops
-    std::unique_ptr<std::atomic<std::int64_t>[]> subscribers;  // per room, connected and subscribed
+    // µs: the warm-up begins, measured publishing begins, publishing stops. Atomics
+    // because a delivery may reach a subscriber while main still sets them.
+    std::atomic<std::int64_t> publishStart{0};
+    std::atomic<std::int64_t> measureStart{0};
+    std::atomic<std::int64_t> measureEnd{std::numeric_limits<std::int64_t>::max()};
+    std::unique_ptr<std::atomic<std::int64_t>[]> subscribers;
+
+    // Whether a publish stamped `micros` falls in the measured time.
+    bool isMeasured(std::int64_t micros) const {
+        return micros >= measureStart.load(std::memory_order_relaxed) &&
+               micros < measureEnd.load(std::memory_order_relaxed);
+    }
+    // Whether publishing still goes on at `micros`.
+    bool isPublishing(std::int64_t micros) const {
+        return micros < measureEnd.load(std::memory_order_relaxed);
+    }  // per room, connected and subscribed
 };
 
 }  // namespace korvane::load

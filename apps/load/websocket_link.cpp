@@ -4,14 +4,13 @@
 // Threading: everything runs on the owning client's io_context, which one thread
 // runs. The state is shared with the pending handlers and outlives close().
 
-#include <string>
-#include <utility>
-#include <vector>
-
 #include <boost/asio/post.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 #include <boost/beast/websocket.hpp>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "load/link.h"
 #include "load/socket_setup.h"
@@ -62,7 +61,10 @@ private:
             return;
         }
         beast::get_lowest_layer(*stream_).async_connect(
-            target_.server, [self = shared_from_this(), stream = stream_, generation = generation_](beast::error_code ec) { if (generation == self->generation_) self->onConnected(ec); });
+            target_.server,
+            [self = shared_from_this(), stream = stream_, generation = generation_](beast::error_code ec) {
+                if (generation == self->generation_) self->onConnected(ec);
+            });
     }
 
     void onConnected(beast::error_code ec) {
@@ -73,11 +75,15 @@ private:
             return fail("connect: " + ec.message());
         }
         if (!cookie_.empty()) {
-            stream_->set_option(websocket::stream_base::decorator(
-                [cookie = cookie_](websocket::request_type& request) { request.set(beast::http::field::cookie, cookie); }));
+            stream_->set_option(websocket::stream_base::decorator([cookie = cookie_](websocket::request_type& request) {
+                request.set(beast::http::field::cookie, cookie);
+            }));
         }
-        stream_->async_handshake(upgrade_, target_.hostHeader, target_.path,
-                                 [self = shared_from_this(), stream = stream_, generation = generation_](beast::error_code ec) { if (generation == self->generation_) self->onUpgraded(ec); });
+        stream_->async_handshake(
+            upgrade_, target_.hostHeader, target_.path,
+            [self = shared_from_this(), stream = stream_, generation = generation_](beast::error_code ec) {
+                if (generation == self->generation_) self->onUpgraded(ec);
+            });
     }
 
     void onUpgraded(beast::error_code ec) {
@@ -100,7 +106,8 @@ private:
     }
 
     void readNext() {
-        stream_->async_read(buffer_, [self = shared_from_this(), stream = stream_, generation = generation_](beast::error_code ec, std::size_t) {
+        stream_->async_read(buffer_, [self = shared_from_this(), stream = stream_, generation = generation_](
+                                         beast::error_code ec, std::size_t) {
             if (generation == self->generation_) {
                 self->onRead(ec);
             }
@@ -135,11 +142,13 @@ private:
         outgoing_.push_back(']');
         queued_.clear();
         stream_->text(true);
-        stream_->async_write(boost::asio::buffer(outgoing_), [self = shared_from_this(), stream = stream_, generation = generation_](beast::error_code ec, std::size_t) {
-            if (generation == self->generation_) {
-                self->onWritten(ec);
-            }
-        });
+        stream_->async_write(
+            boost::asio::buffer(outgoing_),
+            [self = shared_from_this(), stream = stream_, generation = generation_](beast::error_code ec, std::size_t) {
+                if (generation == self->generation_) {
+                    self->onWritten(ec);
+                }
+            });
     }
 
     void onWritten(beast::error_code ec) {

@@ -39,7 +39,8 @@ TEST(MessageScanner, ReadsTheFieldsOfRepliesAndDeliveries) {
     EXPECT_FALSE(stringField(reply, "error").has_value());
     EXPECT_FALSE(numberField(reply, "channel").has_value());
 
-    const auto stamp = deliveryStamp(R"({"channel":"/rooms/3","data":{"p":4,"s":17,"t":123456789,"x":"xxxx"},"id":"9"})");
+    const auto stamp =
+        deliveryStamp(R"({"channel":"/rooms/3","data":{"p":4,"s":17,"t":123456789,"x":"xxxx"},"id":"9"})");
     ASSERT_TRUE(stamp.has_value());
     EXPECT_EQ(stamp->publisher, 4);
     EXPECT_EQ(stamp->sequence, 17);

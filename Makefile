@@ -12,7 +12,7 @@ CONFIGURE = cmake -S . -DCMAKE_BUILD_TYPE=RelWithDebInfo -Wno-dev
 # for their reports) for build time: their Beast translation units are the slowest.
 SANITIZE_FLAGS = -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1" -DKORVANE_BUILD_BENCH=OFF
 
-.PHONY: all deps build run test test-unit test-asan test-tsan test-interop test-interop-sanitized test-browser test-install fuzz bench install clean
+.PHONY: all deps build run test test-unit test-asan test-tsan test-interop test-interop-sanitized test-browser test-load-smoke test-install fuzz bench bench-load install clean
 
 all: build
 
@@ -32,6 +32,7 @@ test: deps
 	$(MAKE) --no-print-directory test-unit
 	$(MAKE) --no-print-directory test-interop
 	$(MAKE) --no-print-directory test-browser
+	$(MAKE) --no-print-directory test-load-smoke
 	$(MAKE) --no-print-directory test-install
 	$(MAKE) --no-print-directory test-asan
 	$(MAKE) --no-print-directory test-tsan
@@ -73,6 +74,14 @@ test-browser:
 	KORVANE_SERVER=$(abspath $(BUILD))/korvane-bayeux KORVANE_ARTIFACTS=$(abspath $(BUILD))/browser \
 	  node --test --test-concurrency=1 tests/browser/
 
+# Ten seconds of chat over WebSocket with korvane-load against the server: fails on any
+# lost, duplicated or reordered message or error, never on a time.
+test-load-smoke:
+	@$(CONFIGURE) -B $(BUILD) >/dev/null
+	cmake --build $(BUILD) -j$(JOBS) --target korvane-bayeux korvane-load
+	KORVANE_SERVER=$(abspath $(BUILD))/korvane-bayeux KORVANE_LOAD=$(abspath $(BUILD))/korvane-load \
+	  BENCH_OUT=$(abspath $(BUILD))/load-smoke scripts/bench-load smoke
+
 # `make install` into a scratch prefix, and the embedding example built from it alone.
 test-install:
 	rm -rf $(BUILD)/install-test
@@ -87,6 +96,10 @@ fuzz: deps
 
 bench: build
 	@for b in $(BUILD)/bench/bench_*; do echo "== $$b"; $$b --benchmark_min_time=0.2 || exit 1; done
+
+# The load scenarios against a Release server; figures and charts in build/bench/.
+bench-load: deps
+	scripts/bench-load
 
 install: build
 	cmake --install $(BUILD) $(if $(PREFIX),--prefix $(PREFIX))

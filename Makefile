@@ -4,7 +4,7 @@ ASAN_BUILD ?= build-asan
 TSAN_BUILD ?= build-tsan
 JOBS       ?= $(shell nproc)
 CTEST_JOBS ?= $(JOBS)
-FUZZ_SECONDS ?= 60
+FUZZ_SECONDS ?= 75
 ARGS ?=
 
 CONFIGURE = cmake -S . -DCMAKE_BUILD_TYPE=RelWithDebInfo -Wno-dev
@@ -12,7 +12,7 @@ CONFIGURE = cmake -S . -DCMAKE_BUILD_TYPE=RelWithDebInfo -Wno-dev
 # for their reports) for build time: their Beast translation units are the slowest.
 SANITIZE_FLAGS = -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1" -DKORVANE_BUILD_BENCH=OFF
 
-.PHONY: all deps build run test test-unit test-asan test-tsan test-interop test-interop-sanitized test-browser test-load-smoke test-install fuzz bench bench-load install clean
+.PHONY: all deps build run test test-unit test-asan test-tsan test-interop test-interop-sanitized test-browser test-load-smoke test-install fuzz fuzz-long bench bench-load install clean
 
 all: build
 
@@ -91,8 +91,13 @@ test-install:
 	cmake --build $(BUILD)/install-test/build -j$(JOBS)
 	$(BUILD)/install-test/build/embedded_chat --check
 
+# FUZZ_SECONDS shared by all the fuzz targets, as part of `make test`.
 fuzz: deps
 	FUZZ_SECONDS=$(FUZZ_SECONDS) scripts/fuzz
+
+# Every fuzz target for FUZZ_SECONDS of its own, e.g. `make fuzz-long FUZZ_SECONDS=3600`.
+fuzz-long: deps
+	FUZZ_SECONDS=$(FUZZ_SECONDS) FUZZ_EACH=1 scripts/fuzz
 
 bench: build
 	@for b in $(BUILD)/bench/bench_*; do echo "== $$b"; $$b --benchmark_min_time=0.2 || exit 1; done

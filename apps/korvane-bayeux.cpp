@@ -110,6 +110,11 @@ std::vector<Flag> flags() {
          [](Options& options, const std::string&, const std::string&) { options.host.http.wsDeflate = true; }},
         {"--max-connections", "N", count(http.maxConnections), "open connections beyond this are refused",
          setNumber(&host::HttpServerOptions::maxConnections, 10000000)},
+        {"--max-pending", "N", count(host::BayeuxHostOptions().maxPendingMessages),
+         "messages waiting for one client; beyond this it is dropped and must handshake again (0: no limit)",
+         [](Options& options, const std::string& name, const std::string& value) {
+             options.host.maxPendingMessages = static_cast<std::size_t>(parseNumber(name, value, 1ULL << 32));
+         }},
         {"--allow-origin", "ORIGIN", "none", "a cross-origin site allowed to use the Bayeux path (repeatable)",
          [](Options& options, const std::string&, const std::string& value) {
              options.host.http.allowOrigins.push_back(value);

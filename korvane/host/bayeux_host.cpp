@@ -19,7 +19,9 @@ BayeuxHost::BayeuxHost(BayeuxHostOptions options)
     // The protocol service arms its sweep in its constructor: the clock comes first.
     common::installTimerBackend(timers_);
     routing_ = std::make_shared<bayeux::BayeuxServerImpl>();
-    protocol_ = std::make_shared<bayeux::BayeuxServiceProviderImpl>(routing_);
+    bayeux::BayeuxServiceOptions serviceOptions;
+    serviceOptions.maxPendingMessages = options.maxPendingMessages;
+    protocol_ = std::make_shared<bayeux::BayeuxServiceProviderImpl>(routing_, serviceOptions);
     registry_->add(dispatchAddress,
                    std::make_shared<bayeux::BayeuxHttpServiceProvider>(longPollAddress, webSocketAddress));
     registry_->add(longPollAddress, std::make_shared<bayeux::BayeuxLongPollServiceProvider>());

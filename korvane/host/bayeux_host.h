@@ -18,6 +18,7 @@
 // start() has returned. stop() takes the services down in the reverse order of their
 // start and is run by the destructor if the owner did not.
 
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -39,6 +40,9 @@ struct BayeuxHostOptions {
     // bayeuxAddress is set by the host itself.
     HttpServerOptions http;
     HttpClientOptions client;
+    // Messages that may wait in one session for its client before the client is
+    // dropped (it must handshake again); 0 means no limit.
+    std::size_t maxPendingMessages = 10000;
 };
 
 class BayeuxHost {

@@ -19,6 +19,8 @@ common::diagnostic_logger logger("korvane::bayeux::service");
 constexpr const char* noSuchClientText = "No such clientId.";
 // Ticks between two sweeps (10 seconds).
 constexpr long long sweepPeriodTicks = 100;
+// Ticks between two warnings about clients dropped over the pending-message limit.
+constexpr long long dropWarningPeriodTicks = 10;
 
 bool readForceIdClear() {
     const char* value = std::getenv("TORVEX_KORVANE_BAYEUX_FORCE_ID_CLEAR");
@@ -63,7 +65,8 @@ void refuseUnknownClient(BayeuxResponse& response) {
 
 BayeuxServiceProviderImpl::ClientAttachment::~ClientAttachment() = default;
 
-BayeuxServiceProviderImpl::BayeuxServiceProviderImpl(std::shared_ptr<BayeuxServer> server)
+BayeuxServiceProviderImpl::BayeuxServiceProviderImpl(std::shared_ptr<BayeuxServer> server,
+                                                     BayeuxServiceOptions options)
     : version("1.0"),
       minimumVersion("1.0"),
       supportedConnectionTypes{"long-polling", "websocket"},
@@ -72,7 +75,8 @@ BayeuxServiceProviderImpl::BayeuxServiceProviderImpl(std::shared_ptr<BayeuxServe
       server(std::move(server)),
       activeConnectLimits{{"long-polling", 4}, {"short-polling", 0}, {"websocket", 20}},
       idClearPrefixes{"/torvex/Venthra", "/torvex/client/"},
-      forceIdClear(readForceIdClear()) {
+      forceIdClear(readForceIdClear()),
+      options(options) {
     std::unique_lock<std::mutex> lock(mutex);
     startSweeping(lock);
 }
@@ -95,7 +99,17 @@ BayeuxServiceProviderImpl::~BayeuxServiceProviderImpl() {
 
 std::shared_ptr<LongPollSession> BayeuxServiceProviderImpl::createSession(const std::string& sessionId,
                                                                           std::shared_ptr<Context>& context) {
-    auto session = std::make_shared<LongPollSession>(server, context);
+    PendingLimit pendingLimit;
+    pendingLimit.maxMessages = options.maxPendingMessages;
+    if (pendingLimit.maxMessages != 0) {
+        std::weak_ptr<ServiceProvider> weakSelf = weak_from_this();
+        pendingLimit.onExceeded = [weakSelf](const std::string& clientId) {
+            if (std::shared_ptr<ServiceProvider> self = weakSelf.lock()) {
+                static_cast<BayeuxServiceProviderImpl&>(*self).dropOverflowingClient(clientId);
+            }
+        };
+    }
+    auto session = std::make_shared<LongPollSession>(server, context, std::move(pendingLimit));
     server->addSession(std::weak_ptr<BayeuxSession>(session));
     std::string clientId = session->getId();
 
@@ -142,6 +156,25 @@ bool BayeuxServiceProviderImpl::deleteSession(const std::string& clientId) {
     return true;
 }
 
+void BayeuxServiceProviderImpl::dropOverflowingClient(const std::string& clientId) {
+    if (!deleteSession(clientId)) {
+        return;
+    }
+    std::unique_lock<std::mutex> lock(mutex);
+    ++droppedSinceWarning;
+    doWarnAboutDroppedClients(lock, common::getCurrentTick());
+}
+
+void BayeuxServiceProviderImpl::doWarnAboutDroppedClients(std::unique_lock<std::mutex>& /*lock*/, long long tick) {
+    if (droppedSinceWarning == 0 || (lastDropWarningTick && tick - *lastDropWarningTick < dropWarningPeriodTicks)) {
+        return;
+    }
+    KORVANE_LOG(logger, 256) << "Dropped " << droppedSinceWarning << " client(s) over the limit of "
+                             << options.maxPendingMessages << " pending messages";
+    droppedSinceWarning = 0;
+    lastDropWarningTick = tick;
+}
+
 // ---- sweep and limits ----
 
 void BayeuxServiceProviderImpl::startSweeping(std::unique_lock<std::mutex>& /*lock*/) {
@@ -172,6 +205,8 @@ void BayeuxServiceProviderImpl::sweepClients(long long tick) {
         expired.push_back(doForget(it));
         it = next;
     }
+    // Drops that came too soon after a warning are reported here once their second is over.
+    doWarnAboutDroppedClients(lock, tick);
     endedSweep = takeSweeperIfIdle(lock);
     // Nothing of the provider is touched after this unlock: a destructor running on
     // another thread may find the sweeper already gone and proceed. The expired

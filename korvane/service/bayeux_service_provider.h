@@ -12,8 +12,9 @@
 // `clients`, `sweeper` and every ClientInfo, and is held only for the map work and
 // for starting the sweep. Calls into a session are made with `mutex` released,
 // except in getActiveConnectCountForSessionId and flush, where `mutex` is the outer
-// lock and the session's own the inner one (sessions never call back into the
-// provider). Sessions and the sweeper handle are always let go of after `mutex` is
+// lock and the session's own the inner one. A session calls back into the provider
+// only when its client exceeds the pending-message limit, from its deliver with no
+// session lock held, through a callback that holds the provider weakly. Sessions and the sweeper handle are always let go of after `mutex` is
 // released. The sweep callback holds the provider by plain pointer: the destructor
 // releases the sweeper, which waits for a sweep running on another thread, before
 // any member is destroyed. The provider must be owned by a std::shared_ptr.
@@ -21,6 +22,7 @@
 #include <cstddef>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -34,10 +36,18 @@ namespace korvane::bayeux {
 
 class LongPollSession;
 
+// The bounds that an embedding host sets on the protocol service.
+struct BayeuxServiceOptions {
+    // Messages that may wait in one session for its client; past it the client is
+    // dropped from the registry as if it had timed out. 0 means no limit.
+    std::size_t maxPendingMessages = 0;
+};
+
 class BayeuxServiceProviderImpl : public BayeuxServiceProvider {
 public:
     // Starts the sweep and reads TORVEX_KORVANE_BAYEUX_FORCE_ID_CLEAR.
-    explicit BayeuxServiceProviderImpl(std::shared_ptr<BayeuxServer> server);
+    explicit BayeuxServiceProviderImpl(std::shared_ptr<BayeuxServer> server,
+                                       BayeuxServiceOptions options = BayeuxServiceOptions());
     ~BayeuxServiceProviderImpl() override;
     BayeuxServiceProviderImpl(const BayeuxServiceProviderImpl&) = delete;
     BayeuxServiceProviderImpl& operator=(const BayeuxServiceProviderImpl&) = delete;
@@ -104,6 +114,12 @@ private:
     // Entered with `mutex` held: erases the record and its entry in `clientsBySession`,
     // handing the record back so that its session dies after the lock is released.
     ClientInfo doForget(ClientMap::iterator client);
+    // Removes a client whose session exceeded the pending-message limit, and warns,
+    // at most once a second, with the number of clients dropped since the last line.
+    void dropOverflowingClient(const std::string& clientId);
+    // Entered with `mutex` held: writes the warning if there is something to say and a
+    // second has passed since the last one.
+    void doWarnAboutDroppedClients(std::unique_lock<std::mutex>& lock, long long tick);
     // Drops the request's id where the channel, or forceIdClear, asks for it.
     void clearPublishedId(PublishRequest& request) const;
     // The hold time of a long-poll connect, in ticks.
@@ -125,6 +141,10 @@ private:
     const std::unordered_map<std::string, std::size_t> activeConnectLimits;
     const std::vector<std::string> idClearPrefixes;
     const bool forceIdClear;
+    const BayeuxServiceOptions options;
+    // Clients dropped over the pending-message limit since the last warning, and its tick.
+    std::size_t droppedSinceWarning = 0;
+    std::optional<long long> lastDropWarningTick;
 };
 
 }  // namespace korvane::bayeux

@@ -56,8 +56,12 @@ void forEachHeldPattern(const Channel& node, const std::string& path, Send& send
 
 std::atomic<unsigned long> LongPollSession::publisherCounter{0};
 
-LongPollSession::LongPollSession(std::shared_ptr<BayeuxServer> server, std::shared_ptr<Context> context)
-    : id(common::randomString(16)), server(std::move(server)), context(std::move(context)) {
+LongPollSession::LongPollSession(std::shared_ptr<BayeuxServer> server, std::shared_ptr<Context> context,
+                                 PendingLimit pendingLimit)
+    : id(common::randomString(16)),
+      server(std::move(server)),
+      context(std::move(context)),
+      pendingLimit(std::move(pendingLimit)) {
     KORVANE_LOG(logger, 8) << "Create: " << id;
 }
 
@@ -86,7 +90,7 @@ bool LongPollSession::hasId(const std::string& other) const { return id == other
 void LongPollSession::deliver(const std::vector<std::string>& segments,
                               const std::shared_ptr<const PublishRequest>& message) {
     std::unique_lock<std::mutex> lock(mutex);
-    if (!channels.channelMatches(segments)) {
+    if (pendingLimitExceeded || !channels.channelMatches(segments)) {
         return;
     }
     KORVANE_LOG(logger, 8) << "deliver: " << id << ", " << message->channel << ", "
@@ -99,10 +103,25 @@ void LongPollSession::deliver(const std::vector<std::string>& segments,
                                  << "'";
     }
     pendingMessages.push_back(std::move(copy));
+    const bool limitExceeded = doCheckPendingLimit(lock);
     if (bufferResponses) {
         setBufferTimeout(lock);
     }
     doNotifyQueue(lock);
+    lock.unlock();
+    if (limitExceeded) {
+        // The owner may end this session from here: no lock of the session is held.
+        pendingLimit.onExceeded(id);
+    }
+}
+
+bool LongPollSession::doCheckPendingLimit(std::unique_lock<std::mutex>&) {
+    if (pendingLimit.maxMessages == 0 || pendingMessages.size() <= pendingLimit.maxMessages) {
+        return false;
+    }
+    pendingLimitExceeded = true;
+    KORVANE_LOG(logger, 16) << "Pending message limit exceeded: " << id << ", " << pendingMessages.size();
+    return static_cast<bool>(pendingLimit.onExceeded);
 }
 
 void LongPollSession::deliver(const std::shared_ptr<const SubscribeRequest>&) {}

@@ -20,10 +20,15 @@
 // with `mutex` released), so that the connect it replaces is answered first.
 // Internal operations taking a std::unique_lock are entered with it held and may
 // release and retake it. The session must be owned by a std::shared_ptr.
+// A client that lets more than `pendingLimit.maxMessages` messages pile up is
+// reported once through `pendingLimit.onExceeded`, called by deliver on the
+// publisher's thread with `mutex` released; from then on deliver keeps nothing more.
 
 #include <atomic>
 #include <condition_variable>
+#include <cstddef>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -40,9 +45,18 @@ namespace korvane::bayeux {
 
 class BayeuxQueue;
 
+// How many messages may wait in a session for its client, and whom to tell when more
+// arrive. A limit of 0 means no limit.
+struct PendingLimit {
+    std::size_t maxMessages = 0;
+    // Gets the session's id; called at most once, with no session lock held.
+    std::function<void(const std::string& clientId)> onExceeded;
+};
+
 class LongPollSession : public BayeuxSession, public std::enable_shared_from_this<LongPollSession> {
 public:
-    LongPollSession(std::shared_ptr<BayeuxServer> server, std::shared_ptr<Context> context);
+    LongPollSession(std::shared_ptr<BayeuxServer> server, std::shared_ptr<Context> context,
+                    PendingLimit pendingLimit = PendingLimit());
     ~LongPollSession() override;
     LongPollSession(const LongPollSession&) = delete;
     LongPollSession& operator=(const LongPollSession&) = delete;
@@ -87,6 +101,8 @@ private:
     void doCompleteQueue(std::unique_lock<std::mutex>& lock);
     void doSendConnectResponse(std::unique_lock<std::mutex>& lock);
     void doNotifyQueue(std::unique_lock<std::mutex>& lock);
+    // True the one time that the pending messages first exceed the limit.
+    bool doCheckPendingLimit(std::unique_lock<std::mutex>& lock);
     void doDrainPending(std::unique_lock<std::mutex>& lock, const std::shared_ptr<BayeuxQueue>& queue);
     // Answers the connect of `queue`; the reference is dropped with the lock released.
     void doEndConnect(std::unique_lock<std::mutex>& lock, std::shared_ptr<BayeuxQueue> queue);
@@ -122,6 +138,9 @@ private:
     common::TimerHandle bufferTimer;
     const std::shared_ptr<BayeuxServer> server;
     const std::shared_ptr<Context> context;
+    const PendingLimit pendingLimit;
+    // The limit was exceeded: the owner has been told, and nothing more is kept.
+    bool pendingLimitExceeded = false;
     bool activeConnect = false;
     bool open = true;
     bool sendResponse = false;

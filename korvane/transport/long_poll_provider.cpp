@@ -2,12 +2,14 @@
 
 #include <exception>
 #include <functional>
+#include <stdexcept>
 #include <string>
 #include <utility>
 
 #include "korvane/codec/deserialize.h"
 #include "korvane/codec/messages.h"
 #include "korvane/codec/serialize.h"
+#include "korvane/codec/utf8.h"
 #include "korvane/frame/logger.h"
 #include "korvane/frame/one_shot_publisher.h"
 #include "korvane/frame/reducing_subscriber.h"
@@ -86,10 +88,20 @@ MessageFuture answerConnect(std::unique_ptr<ConnectStreamRequest>&& connect, con
     });
 }
 
+// A body that is not UTF-8 is refused whole, before anything of it is parsed, so that
+// none of its bytes can reach another client's response.
+void refuseInvalidUtf8(const common::DataBuffer& body) {
+    const std::string_view text = body.view();
+    if (!isValidUtf8(text.data(), text.size())) {
+        throw std::invalid_argument("Invalid UTF-8 in request");
+    }
+}
+
 MessageFuture answerBody(Future<common::DataBuffer>&& read, const Address& address,
                          const std::shared_ptr<Context>& context) {
     try {
         common::DataBuffer body = read.get();
+        refuseInvalidUtf8(body);
         std::unique_ptr<Message> message = deserializeBayeuxMessage(body, true);
         KORVANE_LOG(logger, 4) << "Finished parsing bayeux request";
         if (dynamic_cast<ConnectStreamRequest*>(message.get()) != nullptr) {

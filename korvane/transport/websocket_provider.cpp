@@ -1,11 +1,13 @@
 #include "korvane/transport/websocket_provider.h"
 
 #include <exception>
+#include <stdexcept>
 #include <utility>
 
 #include "korvane/codec/deserialize.h"
 #include "korvane/codec/messages.h"
 #include "korvane/codec/serialize.h"
+#include "korvane/codec/utf8.h"
 #include "korvane/frame/logger.h"
 
 namespace korvane::bayeux {
@@ -56,6 +58,12 @@ void WebSocketConnection::handleFrame(http::WebSocketFrame&& frame) {
         KORVANE_LOG(logger, 8) << "Websocket frame received: [" << frame.data.view() << "]";
         if (frame.data.empty()) {
             return;
+        }
+        // A text frame must hold UTF-8; one that does not fails the socket like any
+        // frame that cannot be handled.
+        const std::string_view text = frame.data.view();
+        if (!isValidUtf8(text.data(), text.size())) {
+            throw std::invalid_argument("Invalid UTF-8 in request");
         }
         std::unique_ptr<Message> message = deserializeBayeuxMessage(frame.data, true);
         if (dynamic_cast<ConnectStreamRequest*>(message.get()) != nullptr) {

@@ -235,5 +235,63 @@ TEST_F(BayeuxServiceProviderTest, FlushMarksOpenConnectsForTheNextConnectToAnswe
     EXPECT_TRUE(second->isHeld());
 }
 
+TEST_F(BayeuxServiceProviderTest, AClientPastThePendingLimitIsDroppedWhileTheOthersCarryOn) {
+    BayeuxServiceOptions options;
+    options.maxPendingMessages = 3;
+    provider = std::make_shared<BayeuxServiceProviderImpl>(server, options);
+    provider->start();
+    const std::string idle = handshake(), reader = handshake(), sender = handshake();
+    ASSERT_TRUE(subscribe(idle, "/room")->successful);
+    ASSERT_TRUE(subscribe(reader, "/room")->successful);
+    std::weak_ptr<LongPollSession> idleSession = provider->getSession(idle, "");
+    for (int round = 1; round <= 5; ++round) {
+        SCOPED_TRACE(round);
+        auto stream = open(connect(reader));
+        EXPECT_TRUE(publish(sender, "/room", "")->successful) << "a drop never fails the publisher";
+        clock->advance(5ms);
+        EXPECT_EQ(stream->seen(), (Texts{"{\"text\":\"hi\"}", "response:c-" + reader}));
+        EXPECT_EQ(idleSession.expired(), round > 3) << "dropped on the fourth waiting message, not before";
+    }
+    // The dropped client hears of it on its next request, and comes back by a handshake.
+    EXPECT_EQ(outcome(publish(idle, "/room", "")), "refused: No such clientId.");
+    EXPECT_EQ(outcome(connect(idle)), "refused: No such clientId. advice:1/-1/-1");
+    const std::string returned = handshake();
+    ASSERT_TRUE(subscribe(returned, "/room")->successful);
+    EXPECT_TRUE(publish(sender, "/room", "")->successful);
+    auto backlog = open(connect(returned));
+    EXPECT_EQ(backlog->seen(), (Texts{"{\"text\":\"hi\"}", "response:c-" + returned}));
+    EXPECT_TRUE(provider->getSession(reader, "") && provider->getSession(sender, ""));
+
+    // The library's own default keeps every message, however long the client stays away.
+    provider = makeProvider(server);
+    const std::string patient = handshake(), talker = handshake();
+    ASSERT_TRUE(subscribe(patient, "/room")->successful);
+    for (int count = 0; count < 200; ++count) {
+        ASSERT_TRUE(publish(talker, "/room", "")->successful);
+    }
+    auto everything = open(connect(patient));
+    EXPECT_EQ(everything->seen().size(), 201u);
+    EXPECT_EQ(everything->completionCount(), 1);
+}
+
+TEST_F(BayeuxServiceProviderTest, AMadeUpClientIdOfTheRightShapeIsUnknownToEveryRequest) {
+    const std::string real = handshake();
+    ASSERT_TRUE(subscribe(real, "/room")->successful);
+    std::string neighbour = real;
+    neighbour.back() = neighbour.back() == 'a' ? 'b' : 'a';
+    for (const std::string& forged : {neighbour, std::string("AAAAAAAAAAAAAAAA"), std::string("0123456789abcdef")}) {
+        SCOPED_TRACE(forged);
+        ASSERT_EQ(forged.size(), real.size());
+        EXPECT_EQ(outcome(publish(forged, "/room", "")), "refused: No such clientId.");
+        EXPECT_EQ(outcome(subscribe(forged, "/room")), "refused: No such clientId. advice:none");
+        EXPECT_EQ(outcome(unsubscribe(forged, "/room")), "refused: No such clientId. advice:none");
+        EXPECT_EQ(outcome(connect(forged)), "refused: No such clientId. advice:1/-1/-1");
+        EXPECT_EQ(outcome(disconnect(forged)), "refused: No such clientId.");
+    }
+    // The real client was neither touched nor taken over.
+    EXPECT_TRUE(unsubscribe(real, "/room")->successful);
+    EXPECT_TRUE(disconnect(real)->successful);
+}
+
 }  // namespace
 }  // namespace korvane::bayeux::testing

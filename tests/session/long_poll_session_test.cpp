@@ -213,5 +213,30 @@ TEST(LongPollSessionIndexTest, DeclaresWhatItHoldsIsOfferedOnceAndIsForgottenWhe
     EXPECT_EQ(spy->unsubscribed, (Texts{"/a/*", "/a/*", "/a/**"})) << "death still tells the host's sessions";
 }
 
+TEST_F(LongPollSessionTest, PendingLimitIsReportedOnceWithTheLockReleasedAndNothingMoreIsKept) {
+    std::vector<std::string> reported;
+    std::shared_ptr<LongPollSession> bounded;
+    PendingLimit limit;
+    limit.maxMessages = 2;
+    limit.onExceeded = [&](const std::string& clientId) {
+        // Takes the session's own lock: a report made with it held would deadlock here.
+        EXPECT_FALSE(bounded->hasActiveConnect());
+        reported.push_back(clientId);
+    };
+    bounded = std::make_shared<LongPollSession>(server, nullptr, limit);
+    server->addSession(bounded);
+    ASSERT_TRUE(bounded->subscribe("/a/**"));
+    for (const char* data : {"m1", "m2"}) {
+        publish(data);
+    }
+    EXPECT_TRUE(reported.empty()) << "the limit itself is allowed";
+    for (const char* data : {"m3", "m4", "m5"}) {
+        publish(data);
+    }
+    EXPECT_EQ(reported, Texts{bounded->getId()});
+    auto stream = watch(bounded->connectStream("c", 300, true, true));
+    EXPECT_EQ(stream->seen(), (Texts{"m1", "m2", "m3", "response:c"})) << "nothing past the first excess is kept";
+}
+
 }  // namespace
 }  // namespace korvane::bayeux::testing

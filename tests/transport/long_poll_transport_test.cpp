@@ -185,5 +185,30 @@ TEST_F(LongPollTransport, WebSocketProviderRefusesWhatIsNoUpgrade) {
     }
 }
 
+TEST_F(LongPollTransport, BodyThatIsNotUtf8IsRefusedWholeAndTheRoomCarriesOn) {
+    const std::string alice = handshake();
+    const std::string bob = handshake(browser("browser-2"));
+    post(R"({"channel":"/meta/subscribe","clientId":")" + alice + R"(","subscription":"/room"})");
+    const std::string publishHead = R"({"channel":"/room","clientId":")" + bob + R"(","data":")";
+    for (const std::string bytes : {"\xC0\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xFF", "\xE2\x82"}) {
+        SCOPED_TRACE(::testing::PrintToString(bytes));
+        Answer refused = post(publishHead + bytes + "\"}", browser("browser-2"));
+        EXPECT_EQ(refused.status, 500);
+        EXPECT_EQ(refused.contentType, "text/plain;charset=UTF-8");
+        EXPECT_EQ(refused.body->joined(), "Error handling bayeux request: Invalid UTF-8 in request");
+    }
+    Answer cutInTheMiddle = post(publishHead + "ok\"}\xE2\x82", browser("browser-2"));
+    EXPECT_EQ(cutInTheMiddle.body->joined(), "Error handling bayeux request: Invalid UTF-8 in request");
+
+    // Nothing of the refused bodies went anywhere; text and escapes that merely look odd go through.
+    Answer held = post(R"({"channel":"/meta/connect","id":"c","clientId":")" + alice + R"("})");
+    Answer accepted = post(publishHead + "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80 \\ud800\"}", browser("browser-2"));
+    EXPECT_EQ(accepted.status, 200);
+    clock->advance(5ms);
+    EXPECT_EQ(named(held.body->joined(), alice, "ALICE"),
+              "[{\"channel\":\"/room\",\"clientId\":null,\"data\":\"\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80 \\ud800\"},"
+              R"({"channel":"/meta/connect","id":"c","clientId":"ALICE","successful":true}])");
+}
+
 }  // namespace
 }  // namespace korvane::bayeux::testing

@@ -144,5 +144,31 @@ TEST_F(WebSocketTransport, HostClosingTheSocketEndsTheConnectionAndReleasesIt) {
     EXPECT_TRUE(socket.reader.expired()) << "dropping the reader's feed releases the connection";
 }
 
+TEST_F(WebSocketTransport, FrameThatIsNotUtf8FailsItsSocketWhileTheRoomKeepsReceiving) {
+    Socket listener = upgrade();
+    const std::string listenerId = handshake(listener);
+    listener.send(R"({"channel":"/meta/subscribe","subscription":"/room"})");
+    Socket talker = upgrade(browser("browser-2"));
+    handshake(talker);
+    for (const std::string bytes : {"\xC1\xBF", "\xED\xBF\xBF", "\xF5\x80\x80\x80", "\x80", "\xF0\x9F\x98"}) {
+        SCOPED_TRACE(::testing::PrintToString(bytes));
+        Socket hostile = upgrade(browser("browser-3"));
+        handshake(hostile);
+        hostile.send(R"({"channel":"/room","data":")" + bytes + "\"}");
+        EXPECT_EQ(hostile.written->seen().size(), 1u) << "no reply but the handshake's";
+        EXPECT_EQ(hostile.written->errorCount(), 1) << "the socket is failed";
+
+        const std::size_t before = listener.written->seen().size();
+        listener.send(R"({"channel":"/meta/connect","id":"c"})");
+        talker.send("{\"channel\":\"/room\",\"data\":\"\xE2\x82\xAC\"}");
+        clock->advance(5ms);
+        std::vector<std::string> added = named(listener.written->seen(), listenerId, "LISTENER");
+        added.erase(added.begin(), added.begin() + static_cast<std::ptrdiff_t>(before));
+        EXPECT_EQ(added, (std::vector<std::string>{
+                             "[{\"channel\":\"/room\",\"clientId\":null,\"data\":\"\xE2\x82\xAC\"}]",
+                             R"([{"channel":"/meta/connect","id":"c","clientId":"LISTENER","successful":true}])"}));
+    }
+}
+
 }  // namespace
 }  // namespace korvane::bayeux::testing

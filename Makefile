@@ -9,7 +9,7 @@ ARGS ?=
 
 CONFIGURE = cmake -S . -DCMAKE_BUILD_TYPE=RelWithDebInfo -Wno-dev
 
-.PHONY: all deps build run test test-unit test-asan test-tsan test-interop test-browser test-install fuzz bench install clean
+.PHONY: all deps build run test test-unit test-asan test-tsan test-interop test-cluster test-browser test-install fuzz bench install clean
 
 all: build
 
@@ -28,6 +28,7 @@ run: build
 test: deps
 	$(MAKE) --no-print-directory test-unit
 	$(MAKE) --no-print-directory test-interop
+	$(MAKE) --no-print-directory test-cluster
 	$(MAKE) --no-print-directory test-browser
 	$(MAKE) --no-print-directory test-install
 	$(MAKE) --no-print-directory test-asan
@@ -55,6 +56,10 @@ test-tsan:
 # The cometd client (npm) over long-polling and websocket against the server.
 test-interop:
 	KORVANE_SERVER=$(abspath $(BUILD))/korvane-bayeux node --test --test-concurrency=1 tests/interop/
+
+# Three servers sharing their channels through a throw-away redis-server.
+test-cluster:
+	KORVANE_SERVER=$(abspath $(BUILD))/korvane-bayeux node --test --test-concurrency=1 tests/cluster/
 
 # Headless Chromium on the demo page; screenshots go to $(BUILD)/browser/.
 test-browser:

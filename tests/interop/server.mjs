@@ -39,8 +39,8 @@ export async function startServer({ listen = "127.0.0.1:0", args = [] } = {}) {
         port: Number(new URL(url).port),
         bayeux: new URL("/bayeux", url).href,
         stderr: () => stderr,
-        async stop() {
-            child.kill("SIGTERM");
+        async stop(signal = "SIGTERM") {
+            child.kill(signal);
             return exited;
         },
     };

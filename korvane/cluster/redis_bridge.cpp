@@ -133,6 +133,9 @@ void RedisBridge::runPublisher() {
         try {
             publishFrame(*connection, **pending);
             pending.reset();
+        } catch (const std::invalid_argument& unframeable) {
+            outbox->warn(std::string("Not sent to Redis: ") + unframeable.what());
+            pending.reset();
         } catch (const std::runtime_error& failure) {
             // The message in hand is sent again once a new connection stands.
             if (isStopping()) {
@@ -201,7 +204,12 @@ void RedisBridge::injectFrame(std::string_view frame) {
     // Under the publisher's own clientId, which no session here has, so every
     // subscriber gets it; the context tells the bridge's subscription to let it pass.
     decoded.message->context = session->getContext();
-    routing->deliver(std::move(decoded.message));
+    try {
+        routing->deliver(std::move(decoded.message));
+    } catch (const std::exception& failure) {
+        // A session's failure during fan-out; the next message is delivered all the same.
+        outbox->warn(std::string("Delivery of a message from Redis failed: ") + failure.what());
+    }
 }
 
 std::shared_ptr<RedisConnection> RedisBridge::connect(std::shared_ptr<RedisConnection>& slot,

@@ -61,7 +61,7 @@ struct RedisBridge::Outbox {
         }
         const std::uint64_t dropped = queue.takeDropped();
         KORVANE_LOG(logger, 256) << what
-                                 << (dropped ? "; " + std::to_string(dropped) + " messages dropped since the last warning"
+                                 << (dropped ? "; messages dropped since the last warning: " + std::to_string(dropped)
                                              : std::string());
     }
 
@@ -128,11 +128,11 @@ void RedisBridge::runPublisher() {
                 }
                 continue;
             }
-            backoff.reset();
         }
         try {
             publishFrame(*connection, **pending);
             pending.reset();
+            backoff.reset();
         } catch (const std::invalid_argument& unframeable) {
             outbox->warn(std::string("Not sent to Redis: ") + unframeable.what());
             pending.reset();
@@ -144,6 +144,10 @@ void RedisBridge::runPublisher() {
             outbox->warn(failure.what());
             release(publishing);
             connection.reset();
+            // An error reply comes back at once on a new connection too: wait before the next try.
+            if (!pause(backoff.next())) {
+                return;
+            }
         }
     }
 }

@@ -5,6 +5,7 @@
 import { after, before, describe, test } from "node:test";
 import assert from "node:assert/strict";
 import { randomBytes } from "node:crypto";
+import net from "node:net";
 
 import { startServer } from "../interop/server.mjs";
 import { disconnect, handshake, newClient, publish, sleep, subscribe, until } from "../interop/client.mjs";
@@ -203,5 +204,58 @@ describe("servers sharing channels through Redis", { skip: missing ?? false }, (
         await until(() => seenOnA.length === 1 && seenOnB.length === 1, 5000, "deliveries both ways");
         assert.deepEqual(seenOnA, [1]);
         assert.deepEqual(seenOnB, [2]);
+    });
+});
+
+describe("a Redis that accepts connections and never answers", () => {
+    let silent;
+    let server;
+    let cometd;
+    const sockets = new Set();
+
+    before(async () => {
+        silent = net.createServer((socket) => {
+            sockets.add(socket);
+            socket.on("error", () => {});
+            socket.on("close", () => sockets.delete(socket));
+        });
+        await new Promise((resolve) => silent.listen(0, "127.0.0.1", resolve));
+        server = await startServer({
+            args: ["--redis", `redis://127.0.0.1:${silent.address().port}`, "--redis-buffer", "10"],
+        });
+        cometd = newClient(server.bayeux, "long-polling");
+        await handshake(cometd);
+    });
+
+    after(async () => {
+        await disconnect(cometd);
+        await server.stop();
+        for (const socket of sockets) {
+            socket.destroy();
+        }
+        await new Promise((resolve) => silent.close(resolve));
+    });
+
+    test("holds up no publisher, and what does not fit the buffer is dropped with one counted warning", async () => {
+        const seen = [];
+        await subscribe(cometd, "/busy/room", (message) => seen.push(message.data.n));
+        const started = Date.now();
+        const publisher = newClient(server.bayeux, "long-polling");
+        await handshake(publisher);
+        for (let n = 0; n < 50; ++n) {
+            await publish(publisher, "/busy/room", { n });
+        }
+        await until(() => seen.length === 50, 3000, "the local deliveries");
+        assert.ok(Date.now() - started < 3000, "publishing waited for Redis");
+        await disconnect(publisher);
+        // The first refusal is reported at once, with its count; later ones wait for the next warning, ten seconds on.
+        await until(() => server.stderr().includes("[korvane::cluster]"), 3000, "the warning");
+        await sleep(500);
+        const warnings = server.stderr().split("\n").filter((line) => line.includes("[korvane::cluster]"));
+        assert.equal(warnings.length, 1, warnings.join("\n"));
+        assert.match(
+            warnings[0],
+            /\[korvane::cluster\] 256: Cluster buffer full: messages for Redis are being dropped; messages dropped since the last warning: 1$/,
+        );
     });
 });

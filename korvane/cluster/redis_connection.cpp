@@ -36,9 +36,8 @@ RedisConnection::RedisConnection(const RedisEndpoint& endpoint, std::chrono::mil
     socket = context->fd;
     try {
         redisEnableKeepAlive(context);
-        if (ioTimeout.count() > 0) {
-            redisSetTimeout(context, toTimeval(ioTimeout));
-        }
+        // Also when zero: that clears whatever the connect left on the socket.
+        redisSetTimeout(context, toTimeval(ioTimeout));
         if (!endpoint.password.empty()) {
             if (endpoint.user.empty()) {
                 command({"AUTH", endpoint.password});

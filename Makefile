@@ -12,7 +12,7 @@ CONFIGURE = cmake -S . -DCMAKE_BUILD_TYPE=RelWithDebInfo -Wno-dev
 # for their reports) for build time: their Beast translation units are the slowest.
 SANITIZE_FLAGS = -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1" -DKORVANE_BUILD_BENCH=OFF
 
-.PHONY: all deps build run test test-unit test-asan test-tsan test-interop test-interop-sanitized test-browser test-load-smoke test-install fuzz fuzz-long bench bench-load install clean
+.PHONY: all deps build run test test-unit test-asan test-tsan test-interop test-interop-sanitized test-cluster test-browser test-load-smoke test-install fuzz fuzz-long bench bench-load install clean
 
 all: build
 
@@ -31,6 +31,7 @@ run: build
 test: deps
 	$(MAKE) --no-print-directory test-unit
 	$(MAKE) --no-print-directory test-interop
+	$(MAKE) --no-print-directory test-cluster
 	$(MAKE) --no-print-directory test-browser
 	$(MAKE) --no-print-directory test-load-smoke
 	$(MAKE) --no-print-directory test-install
@@ -68,6 +69,10 @@ test-interop-sanitized:
 	  node --test --test-concurrency=1 tests/interop/
 	KORVANE_SERVER=$(abspath $(TSAN_BUILD))/korvane-bayeux TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
 	  node --test --test-concurrency=1 tests/interop/
+
+# Three servers sharing their channels through a throw-away redis-server.
+test-cluster:
+	KORVANE_SERVER=$(abspath $(BUILD))/korvane-bayeux node --test --test-concurrency=1 tests/cluster/
 
 # Headless Chromium on the demo page; screenshots go to $(BUILD)/browser/.
 test-browser:

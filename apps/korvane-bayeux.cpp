@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "korvane/bayeux.h"
+#include "korvane/cluster/redis_bridge.h"
 #include "korvane/host/bayeux_host.h"
 
 namespace {
@@ -32,6 +33,8 @@ struct Options {
     host::BayeuxHostOptions host;
     unsigned logLevels = common::defaultLogLevels;
     unsigned heartbeatSeconds = 1;
+    bool clustered = false;
+    cluster::RedisBridgeOptions cluster;
 };
 
 // One flag: its name, the text of its value for --help (empty for a switch), its
@@ -129,6 +132,25 @@ std::vector<Flag> flags() {
         {"--heartbeat", "SECONDS", "1", "period of the /server/time message; 0 turns it off",
          [](Options& options, const std::string& name, const std::string& value) {
              options.heartbeatSeconds = static_cast<unsigned>(parseNumber(name, value, 86400));
+         }},
+        {"--redis", "URL", "none, the server runs alone",
+         "share channels with other servers through Redis: redis://[:password@]host:port[/db] "
+         "(or the password in KORVANE_REDIS_PASSWORD)",
+         [](Options& options, const std::string&, const std::string& value) {
+             options.cluster.endpoint = cluster::parseRedisUrl(value, std::getenv("KORVANE_REDIS_PASSWORD"));
+             options.clustered = true;
+         }},
+        {"--redis-prefix", "PREFIX", cluster::RedisBridgeOptions().prefix, "prefix of the Redis channel names",
+         [](Options& options, const std::string& name, const std::string& value) {
+             if (value.empty()) {
+                 throw std::invalid_argument("invalid value for " + name + ": ''");
+             }
+             options.cluster.prefix = value;
+         }},
+        {"--redis-buffer", "N", count(cluster::RedisBridgeOptions().bufferSize),
+         "messages held for Redis while it is slow or away; more are dropped",
+         [](Options& options, const std::string& name, const std::string& value) {
+             options.cluster.bufferSize = static_cast<std::size_t>(parseNumber(name, value, 100000000));
          }},
     };
 }
@@ -234,9 +256,18 @@ int main(int argc, char** argv) {
         if (options.heartbeatSeconds != 0) {
             heartbeat = std::make_unique<Heartbeat>(server, options.heartbeatSeconds);
         }
+        std::unique_ptr<cluster::RedisBridge> bridge;
+        if (options.clustered) {
+            bridge = std::make_unique<cluster::RedisBridge>(server.makeLocalSession(), server.routing(), options.cluster);
+        }
         std::cout << "korvane-bayeux: serving " << server.url() << " (Bayeux endpoint " << bayeuxPath
                   << ", Ctrl-C stops)" << std::endl;
+        if (bridge) {
+            std::cout << "korvane-bayeux: sharing channels through Redis at " << options.cluster.endpoint.describe()
+                      << std::endl;
+        }
         waitForStopSignal(signals);
+        bridge.reset();
         heartbeat.reset();
         server.stop();
     } catch (const std::exception& error) {

@@ -1,0 +1,100 @@
+#include "korvane/cluster/cluster_frame.h"
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+namespace korvane::cluster {
+namespace {
+
+struct FrameCase {
+    const char* name;
+    std::string origin;
+    std::string channel;
+    std::string id;
+    std::string clientId;
+    std::optional<std::string> data;
+};
+
+TEST(ClusterFrame, EveryFieldCrossesByteForByte) {
+    const std::string binary("\0\x01\xff\"\\\n", 6);
+    const std::string large(70000, 'x');
+    const FrameCase cases[] = {
+        {"all fields", "origin1", "/chat/room", "42", "client7", std::string(R"({"text":"hi","n":[1,2.50,-0]})")},
+        {"no data", "o", "/a", "", "", std::nullopt},
+        {"empty data", "o", "/a", "", "", std::string()},
+        {"json kept as written", "o", "/a/b", "", "c", std::string("{ \"a\" : 1e3 ,\"\\u00e9\":\"\xc3\xa9\" }")},
+        {"bytes that are not text", "o\0x", "/bin", "id", "c", binary},
+        {"data past 64 KiB", "o", "/big", "1", "c", large},
+        {"empty origin and channel", "", "", "", "", std::string("null")},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        bayeux::PublishRequest message(c.channel);
+        message.id = c.id;
+        message.clientId = c.clientId;
+        if (c.data) {
+            message.data = std::make_shared<common::DataBuffer>(*c.data);
+        }
+        const ClusterFrame decoded = decodeClusterFrame(encodeClusterFrame(c.origin, message));
+        EXPECT_EQ(decoded.origin, c.origin);
+        EXPECT_EQ(decoded.message->channel, c.channel);
+        EXPECT_EQ(decoded.message->id, c.id);
+        EXPECT_EQ(decoded.message->clientId, c.clientId);
+        EXPECT_EQ(decoded.message->context, nullptr);
+        ASSERT_EQ(decoded.message->data != nullptr, c.data.has_value());
+        if (c.data) {
+            EXPECT_EQ(decoded.message->data->str(), *c.data);
+        }
+    }
+}
+
+TEST(ClusterFrame, LayoutIsVersionFlagsAndLengthPrefixedFields) {
+    bayeux::PublishRequest message("/c");
+    message.id = "7";
+    message.data = std::make_shared<common::DataBuffer>("{}");
+    const std::string expected("\x01\x01"
+                               "\0\0\0\x02or"
+                               "\0\0\0\x02/c"
+                               "\0\0\0\x01"
+                               "7"
+                               "\0\0\0\0"
+                               "\0\0\0\x02{}",
+                               2 + 6 + 6 + 5 + 4 + 6);
+    EXPECT_EQ(encodeClusterFrame("or", message), expected);
+}
+
+TEST(ClusterFrame, MalformedFramesAreRefusedWithTheirReason) {
+    bayeux::PublishRequest message("/chat");
+    message.data = std::make_shared<common::DataBuffer>("[1]");
+    const std::string good = encodeClusterFrame("origin", message);
+    struct Bad {
+        const char* name;
+        std::string frame;
+        const char* error;
+    };
+    const Bad cases[] = {
+        {"empty", "", "Truncated cluster frame"},
+        {"version 2", "\x02" + good.substr(1), "Unknown cluster frame version"},
+        {"version 0", std::string(1, '\0') + good.substr(1), "Unknown cluster frame version"},
+        {"no flags", good.substr(0, 1), "Truncated cluster frame"},
+        {"cut inside a length", good.substr(0, 4), "Truncated cluster frame"},
+        {"cut inside the data", good.substr(0, good.size() - 1), "Truncated cluster frame"},
+        {"a length past the end", std::string("\x01\x00\xff\xff\xff\xff", 6), "Truncated cluster frame"},
+        {"one byte too many", good + "x", "Trailing bytes after cluster frame"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        try {
+            decodeClusterFrame(c.frame);
+            ADD_FAILURE() << "accepted";
+        } catch (const std::invalid_argument& error) {
+            EXPECT_STREQ(error.what(), c.error);
+        }
+    }
+}
+
+}  // namespace
+}  // namespace korvane::cluster

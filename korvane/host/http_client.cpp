@@ -391,6 +391,8 @@ private:
             doFailOpening("Unable to connect to " + url_.authority + ": " + ec.message());
             return;
         }
+        boost::system::error_code ignored;
+        beast::get_lowest_layer(io_->ws).socket().set_option(tcp::no_delay(true), ignored);
         if constexpr (kSecure) {
             doTlsHandshake();
         } else {

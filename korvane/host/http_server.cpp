@@ -189,6 +189,9 @@ struct HttpServer::Impl {
             socket.close(ignored);
             doNoteRefusal();
         } else {
+            // Replies and pushed messages are small and latency-bound: no Nagle delay.
+            boost::system::error_code ignored;
+            socket.set_option(tcp::no_delay(true), ignored);
             serveHttpConnection(std::move(socket), state);
         }
         doAccept();

@@ -1,6 +1,7 @@
 #include "korvane/host/websocket_connection.h"
 
 #include <deque>
+#include <iterator>
 #include <exception>
 #include <limits>
 #include <string_view>
@@ -225,7 +226,7 @@ private:
     void onWritten(beast::error_code error) {
         writing_ = false;
         writeQueue_.pop_front();
-        if (error) {
+        if (error || finished_) {
             doFinish();
             return;
         }
@@ -272,7 +273,9 @@ private:
         if (writer_) {
             writer_->detach();
         }
-        writeQueue_.clear();
+        // A frame whose write is under way stays until the write completes: the socket
+        // still reads its bytes, and onWritten pops it.
+        writeQueue_.erase(writing_ ? std::next(writeQueue_.begin()) : writeQueue_.begin(), writeQueue_.end());
         link_->cut();
         std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound = std::move(outbound_);
         inbound_.reset();

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "command_line.h"
 #include "korvane/bayeux.h"
 #include "korvane/cluster/redis_bridge.h"
 #include "korvane/host/bayeux_host.h"
@@ -37,26 +38,8 @@ struct Options {
     cluster::RedisBridgeOptions cluster;
 };
 
-// One flag: its name, the text of its value for --help (empty for a switch), its
-// default, and how it is set from its name and value.
-struct Flag {
-    using Setter = std::function<void(Options&, const std::string& name, const std::string& value)>;
-    std::string name;
-    std::string value;
-    std::string defaultText;
-    std::string help;
-    Setter set;
-};
-
-unsigned long long parseNumber(const std::string& flag, const std::string& text, unsigned long long max) {
-    char* end = nullptr;
-    errno = 0;
-    const unsigned long long value = std::strtoull(text.c_str(), &end, 10);
-    if (text.empty() || text[0] == '-' || *end != '\0' || errno != 0 || value > max) {
-        throw std::invalid_argument("invalid value for " + flag + ": '" + text + "'");
-    }
-    return value;
-}
+using Flag = apps::Flag<Options>;
+using apps::parseNumber;
 
 template <class Field>
 Flag::Setter setNumber(Field host::HttpServerOptions::*field, unsigned long long max) {
@@ -155,39 +138,13 @@ std::vector<Flag> flags() {
     };
 }
 
-void printUsage(std::ostream& out) {
-    out << "usage: korvane-bayeux [FLAG VALUE]...\n";
-    for (const Flag& flag : flags()) {
-        std::string head = "  " + flag.name + (flag.value.empty() ? "" : " " + flag.value);
-        head.resize(std::max<std::size_t>(head.size() + 1, 30), ' ');
-        out << head << flag.help << " (default: " << flag.defaultText << ")\n";
-    }
-}
+const char* const synopsis = "usage: korvane-bayeux [FLAG VALUE]...\n";
 
 Options parseOptions(int argc, char** argv) {
     Options options;
     options.host.http.staticRoot = KORVANE_SOURCE_DIR "/web";
     options.host.http.staticMounts.emplace_back("/vendor/cometd", KORVANE_SOURCE_DIR "/node_modules/cometd");
-    const std::vector<Flag> known = flags();
-    for (int i = 1; i < argc; ++i) {
-        const std::string name = argv[i];
-        if (name == "--help" || name == "-h") {
-            printUsage(std::cout);
-            std::exit(0);
-        }
-        auto flag = std::find_if(known.begin(), known.end(), [&](const Flag& f) { return f.name == name; });
-        if (flag == known.end()) {
-            throw std::invalid_argument("unknown flag " + name);
-        }
-        if (flag->value.empty()) {
-            flag->set(options, name, "");
-            continue;
-        }
-        if (i + 1 >= argc) {
-            throw std::invalid_argument("missing value for " + name);
-        }
-        flag->set(options, name, argv[++i]);
-    }
+    apps::applyFlags(argc, argv, synopsis, flags(), options);
     if (options.host.http.tlsCert.empty() != options.host.http.tlsKey.empty()) {
         throw std::invalid_argument("--tls-cert and --tls-key go together");
     }

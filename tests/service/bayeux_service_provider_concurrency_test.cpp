@@ -115,5 +115,38 @@ TEST_F(BayeuxServiceProviderConcurrency, ClientsOfSeveralThreadsLiveWhileTheCloc
     EXPECT_EQ(provider->getActiveConnectCountForSessionId("browser-0", "long-polling"), 0u);
 }
 
+TEST_F(BayeuxServiceProviderConcurrency, ClientsPastThePendingLimitAreDroppedWhilePublishesAndDisconnectsRace) {
+    BayeuxServiceOptions options;
+    options.maxPendingMessages = 5;
+    provider = std::make_shared<BayeuxServiceProviderImpl>(server, options);
+    provider->start();
+    std::vector<std::string> idle;
+    for (int client = 0; client < 20; ++client) {
+        idle.push_back(handshake());
+        ASSERT_TRUE(subscribe(idle.back(), "/flood/**")->successful);
+    }
+    std::vector<std::thread> threads;
+    for (int publisher = 0; publisher < 3; ++publisher) {
+        threads.emplace_back([this, publisher] {
+            const std::string sender = handshake();
+            for (int message = 0; message < 30; ++message) {
+                EXPECT_TRUE(publish(sender, "/flood/" + std::to_string(publisher), "")->successful);
+            }
+        });
+    }
+    // Half of the idle clients leave by themselves, racing their drop.
+    threads.emplace_back([this, &idle] {
+        for (std::size_t client = 0; client < idle.size(); client += 2) {
+            disconnect(idle[client]);
+        }
+    });
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    for (const std::string& client : idle) {
+        EXPECT_FALSE(provider->getSession(client, "")) << client;
+    }
+}
+
 }  // namespace
 }  // namespace korvane::bayeux::testing

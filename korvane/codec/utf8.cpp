@@ -1,7 +1,15 @@
 #include "korvane/codec/utf8.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "korvane/codec/deserialize.h"
+#include "korvane/codec/messages.h"
 
 namespace korvane::bayeux {
 
@@ -75,6 +83,69 @@ bool isValidUtf8(const char* bytes, std::size_t size) {
         at += length;
     }
     return true;
+}
+
+namespace {
+
+bool isUtf8(const std::string& text) { return isValidUtf8(text.data(), text.size()); }
+
+bool allUtf8(const std::vector<std::string>& texts) {
+    return std::all_of(texts.begin(), texts.end(), isUtf8);
+}
+
+bool isUtf8(const std::shared_ptr<BayeuxAdvice>& advice) {
+    if (!advice) {
+        return true;
+    }
+    if (!allUtf8(advice->hosts)) {
+        return false;
+    }
+    for (const auto& [connectionType, perTransport] : advice->transportAdvice) {
+        if (!isUtf8(connectionType) || !allUtf8(perTransport.hosts)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The string fields that the reader decodes, of every request class it makes.
+bool hasUtf8Fields(const Message& message) {
+    if (auto* batch = dynamic_cast<const BayeuxContainer*>(&message)) {
+        return std::all_of(batch->messages.begin(), batch->messages.end(),
+                           [](const std::unique_ptr<Message>& one) { return one && hasUtf8Fields(*one); });
+    }
+    auto* base = dynamic_cast<const BayeuxBase*>(&message);
+    if (base != nullptr && !(isUtf8(base->channel) && isUtf8(base->id) && isUtf8(base->clientId))) {
+        return false;
+    }
+    if (auto* handshake = dynamic_cast<const HandshakeRequest*>(&message)) {
+        return isUtf8(handshake->version) && isUtf8(handshake->minimumVersion) &&
+               allUtf8(handshake->supportedConnectionTypes);
+    }
+    if (auto* connect = dynamic_cast<const ConnectStreamRequest*>(&message)) {
+        return isUtf8(connect->connectionType) && isUtf8(connect->advice);
+    }
+    if (auto* subscribe = dynamic_cast<const SubscribeRequest*>(&message)) {
+        return isUtf8(subscribe->subscription);
+    }
+    if (auto* unsubscribe = dynamic_cast<const UnsubscribeRequest*>(&message)) {
+        return isUtf8(unsubscribe->subscription);
+    }
+    return true;
+}
+
+}  // namespace
+
+std::unique_ptr<Message> deserializeUtf8Request(common::DataBuffer& buffer) {
+    const std::string_view text = buffer.view();
+    if (!isValidUtf8(text.data(), text.size())) {
+        throw std::invalid_argument("Invalid UTF-8 in request");
+    }
+    std::unique_ptr<Message> message = deserializeBayeuxMessage(buffer, true);
+    if (!hasUtf8Fields(*message)) {
+        throw std::invalid_argument("Invalid UTF-8 in request");
+    }
+    return message;
 }
 
 }  // namespace korvane::bayeux

@@ -1,9 +1,14 @@
 #pragma once
 
-// Validation of raw UTF-8 bytes, for the transports to refuse bodies and frames that
-// are not text before anything parses them. Stateless: safe from any thread.
+// Validation of UTF-8, for the transports to refuse bodies and frames that are not
+// text, so that no client's bytes can make the server write text that is not UTF-8
+// to another client. Stateless: safe from any thread.
 
 #include <cstddef>
+#include <memory>
+
+#include "korvane/frame/data_buffer.h"
+#include "korvane/frame/message.h"
 
 namespace korvane::bayeux {
 
@@ -11,5 +16,11 @@ namespace korvane::bayeux {
 // surrogate code points (U+D800 to U+DFFF), nothing above U+10FFFF, none cut off at
 // the end. Escapes such as "\ud800" inside JSON strings are plain ASCII here.
 bool isValidUtf8(const char* bytes, std::size_t size);
+
+// deserializeBayeuxMessage of a request whose text must be UTF-8 twice over: as raw
+// bytes, and in every string field once its escapes are decoded (a lone surrogate
+// escape such as "\udc00" decodes to bytes that are not UTF-8). Throws
+// std::invalid_argument "Invalid UTF-8 in request" before anything reaches a service.
+std::unique_ptr<Message> deserializeUtf8Request(common::DataBuffer& buffer);
 
 }  // namespace korvane::bayeux

@@ -6,7 +6,6 @@
 #include <string>
 #include <utility>
 
-#include "korvane/codec/deserialize.h"
 #include "korvane/codec/messages.h"
 #include "korvane/codec/serialize.h"
 #include "korvane/codec/utf8.h"
@@ -88,21 +87,12 @@ MessageFuture answerConnect(std::unique_ptr<ConnectStreamRequest>&& connect, con
     });
 }
 
-// A body that is not UTF-8 is refused whole, before anything of it is parsed, so that
-// none of its bytes can reach another client's response.
-void refuseInvalidUtf8(const common::DataBuffer& body) {
-    const std::string_view text = body.view();
-    if (!isValidUtf8(text.data(), text.size())) {
-        throw std::invalid_argument("Invalid UTF-8 in request");
-    }
-}
-
 MessageFuture answerBody(Future<common::DataBuffer>&& read, const Address& address,
                          const std::shared_ptr<Context>& context) {
     try {
         common::DataBuffer body = read.get();
-        refuseInvalidUtf8(body);
-        std::unique_ptr<Message> message = deserializeBayeuxMessage(body, true);
+        // A body that is not UTF-8 is refused whole, so that none of it reaches another client.
+        std::unique_ptr<Message> message = deserializeUtf8Request(body);
         KORVANE_LOG(logger, 4) << "Finished parsing bayeux request";
         if (dynamic_cast<ConnectStreamRequest*>(message.get()) != nullptr) {
             return answerConnect(std::unique_ptr<ConnectStreamRequest>(static_cast<ConnectStreamRequest*>(

@@ -4,7 +4,6 @@
 #include <stdexcept>
 #include <utility>
 
-#include "korvane/codec/deserialize.h"
 #include "korvane/codec/messages.h"
 #include "korvane/codec/serialize.h"
 #include "korvane/codec/utf8.h"
@@ -61,11 +60,7 @@ void WebSocketConnection::handleFrame(http::WebSocketFrame&& frame) {
         }
         // A text frame must hold UTF-8; one that does not fails the socket like any
         // frame that cannot be handled.
-        const std::string_view text = frame.data.view();
-        if (!isValidUtf8(text.data(), text.size())) {
-            throw std::invalid_argument("Invalid UTF-8 in request");
-        }
-        std::unique_ptr<Message> message = deserializeBayeuxMessage(frame.data, true);
+        std::unique_ptr<Message> message = deserializeUtf8Request(frame.data);
         if (dynamic_cast<ConnectStreamRequest*>(message.get()) != nullptr) {
             doHandleConnect(std::move(message));
         } else if (auto* batch = dynamic_cast<BayeuxContainer*>(message.get())) {

@@ -34,6 +34,7 @@
 #include "korvane/service/bayeux_service_provider.h"
 #include "korvane/transport/long_poll_provider.h"
 #include "korvane/transport/websocket_provider.h"
+#include "support/routing_context.h"
 
 namespace korvane::bayeux::fuzzing {
 
@@ -53,30 +54,8 @@ inline void checkWritten(std::string_view text, const char* where) {
     }
 }
 
-using Services = std::map<std::string, std::shared_ptr<ServiceProvider>>;
-
-// Sends Bayeux messages to the protocol service and anything else to the provider at
-// its address. Holds the services weakly, as sessions keep their context.
-class FuzzContext : public Context, public std::enable_shared_from_this<FuzzContext> {
-public:
-    explicit FuzzContext(std::weak_ptr<const Services> services) : services(std::move(services)) {
-        set("sessionId", boost::any(std::string("fuzz-browser")));
-    }
-    using Context::handle;
-    Future<std::unique_ptr<Message>> handle(std::unique_ptr<Message>&& message, Address&& address) override {
-        const bool bayeux = dynamic_cast<BayeuxMessage*>(message.get()) != nullptr;
-        std::shared_ptr<const Services> known = services.lock();
-        auto found = known ? known->find(bayeux ? "bayeux" : address.name()) : Services::const_iterator();
-        if (!known || found == known->end()) {
-            return makeErrorFuture<std::unique_ptr<Message>>(
-                std::make_exception_ptr(std::runtime_error("no service at " + address.name())));
-        }
-        return found->second->deliver(std::move(message), std::move(address), shared_from_this());
-    }
-
-private:
-    std::weak_ptr<const Services> services;
-};
+using test_support::RoutingContext;
+using test_support::Services;
 
 class FuzzWorld {
 public:
@@ -92,7 +71,7 @@ public:
             entry.second->start();
         }
         services = made;
-        context = std::make_shared<FuzzContext>(services);
+        context = std::make_shared<RoutingContext>(services, "fuzz-browser");
     }
     ~FuzzWorld() {
         context.reset();
@@ -166,7 +145,7 @@ private:
     const std::shared_ptr<BayeuxServerImpl> server = std::make_shared<BayeuxServerImpl>();
     std::shared_ptr<BayeuxServiceProviderImpl> provider;
     std::shared_ptr<const Services> services;
-    std::shared_ptr<FuzzContext> context;
+    std::shared_ptr<RoutingContext> context;
     std::vector<std::string> clientIds;
 };
 

@@ -199,6 +199,16 @@ TEST_F(LongPollTransport, BodyThatIsNotUtf8IsRefusedWholeAndTheRoomCarriesOn) {
     }
     Answer cutInTheMiddle = post(publishHead + "ok\"}\xE2\x82", browser("browser-2"));
     EXPECT_EQ(cutInTheMiddle.body->joined(), "Error handling bayeux request: Invalid UTF-8 in request");
+    // A lone low surrogate escape in a field the reader decodes would come back out as raw bytes.
+    for (const std::string body :
+         {R"({"channel":"/room\udc00","clientId":")" + bob + R"(","data":1})",
+          R"([{"channel":"/meta/subscribe","clientId":")" + bob + R"(","subscription":"/x\ude00"},)"
+          R"({"channel":"/meta/handshake","supportedConnectionTypes":["long-polling"]}])",
+          R"({"channel":"/meta/connect","connectionType":"\udfff","clientId":")" + bob + R"("})"}) {
+        SCOPED_TRACE(body);
+        EXPECT_EQ(post(body, browser("browser-2")).body->joined(),
+                  "Error handling bayeux request: Invalid UTF-8 in request");
+    }
 
     // Nothing of the refused bodies went anywhere; text and escapes that merely look odd go through.
     Answer held = post(R"({"channel":"/meta/connect","id":"c","clientId":")" + alice + R"("})");

@@ -23,37 +23,12 @@
 #include "korvane/transport/long_poll_provider.h"
 #include "korvane/transport/websocket_provider.h"
 #include "session/session_test_support.h"
+#include "support/routing_context.h"
 
 namespace korvane::bayeux::testing {
 
-using Services = std::map<std::string, std::shared_ptr<ServiceProvider>>;
-
-// Routes each message and hands itself along, as the host's context does: a Bayeux
-// message goes to the protocol service ("bayeux") whatever transport's address it was
-// sent to, anything else to the provider at its address. Unknown addresses give a
-// failed future. Sessions keep their context and the services own the sessions, so the
-// context holds the services weakly, as the host's does.
-class RoutingContext : public Context, public std::enable_shared_from_this<RoutingContext> {
-public:
-    RoutingContext(std::weak_ptr<const Services> services, const std::string& sessionId)
-        : services(std::move(services)) {
-        set("sessionId", boost::any(sessionId));
-    }
-    using Context::handle;
-    Future<std::unique_ptr<Message>> handle(std::unique_ptr<Message>&& message, Address&& address) override {
-        const bool bayeux = dynamic_cast<BayeuxMessage*>(message.get()) != nullptr;
-        std::shared_ptr<const Services> known = services.lock();
-        auto found = known ? known->find(bayeux ? "bayeux" : address.name()) : Services::const_iterator();
-        if (!known || found == known->end()) {
-            return makeErrorFuture<std::unique_ptr<Message>>(
-                std::make_exception_ptr(std::runtime_error("no service at " + address.name())));
-        }
-        return found->second->deliver(std::move(message), std::move(address), shared_from_this());
-    }
-
-private:
-    std::weak_ptr<const Services> services;
-};
+using test_support::RoutingContext;
+using test_support::Services;
 
 inline std::string textOf(const common::DataBuffer& buffer) { return buffer.str(); }
 inline std::string textOf(const http::WebSocketFrame& frame) {

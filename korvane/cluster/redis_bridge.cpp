@@ -88,6 +88,9 @@ RedisBridge::RedisBridge(std::shared_ptr<bayeux::LocalBayeuxSession> session,
       session(std::move(session)),
       routing(std::move(routing)),
       outbox(std::make_shared<Outbox>(this->options.bufferSize, this->session->getContext())) {
+    if (!outbox->inboundMark) {
+        throw std::invalid_argument("The Redis bridge needs a session with a context");
+    }
     everything = this->session->subscribe("/**");
     everything->subscribe(std::make_shared<reactive_streams::CallbackSubscriber<Delivery>>(
         [outbox = outbox](Delivery&& message) { outbox->take(std::move(message)); }));

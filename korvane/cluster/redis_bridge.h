@@ -10,7 +10,8 @@
 // routing core, under the publisher's own clientId and with the bridge session's
 // context; that context marks the message as one that came in, so the bridge's own
 // subscription lets it pass instead of sending it back out. Frames that carry this
-// bridge's origin id (random per bridge) are ignored.
+// bridge's origin id (random per bridge) are ignored. The session must therefore
+// have a context of its own (the constructor throws std::invalid_argument otherwise).
 //
 // Threads: publishers only push onto a bounded queue (capacity `bufferSize`; when
 // it is full new messages are dropped and counted), so a slow or absent Redis never

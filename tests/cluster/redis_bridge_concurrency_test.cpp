@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -21,8 +21,6 @@
 #include "korvane/frame/callback_subscriber.h"
 #include "korvane/frame/future.h"
 #include "korvane/routing/bayeux_server.h"
-
-extern char** environ;
 
 namespace korvane::cluster {
 namespace {
@@ -54,27 +52,37 @@ public:
             argv.push_back(arg.data());
         }
         argv.push_back(nullptr);
-        // Its log stays out of the test's output.
-        posix_spawn_file_actions_t quiet;
-        posix_spawn_file_actions_init(&quiet);
-        posix_spawn_file_actions_addopen(&quiet, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-        const int spawned = posix_spawnp(&pid, "redis-server", &quiet, nullptr, argv.data(), environ);
-        posix_spawn_file_actions_destroy(&quiet);
-        if (spawned != 0) {
-            throw std::runtime_error("redis-server not found: scripts/install-deps installs it");
+        pid = ::fork();
+        if (pid == 0) {
+            // Dies with the test even when the test dies first; its log stays out of the test's output.
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            const int devNull = ::open("/dev/null", O_WRONLY);
+            ::dup2(devNull, STDOUT_FILENO);
+            ::execvp("redis-server", argv.data());
+            ::_exit(127);
+        }
+        if (pid < 0) {
+            throw std::runtime_error("cannot fork for redis-server");
         }
         endpoint.host = "127.0.0.1";
         endpoint.port = port;
-        waitUntilReady();
+        try {
+            waitUntilReady();
+        } catch (...) {
+            stop();
+            throw;
+        }
     }
-    ~RedisProcess() {
-        ::kill(pid, SIGKILL);
-        ::waitpid(pid, nullptr, 0);
-    }
+    ~RedisProcess() { stop(); }
 
     RedisEndpoint endpoint;
 
 private:
+    void stop() {
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, nullptr, 0);
+    }
+
     void waitUntilReady() {
         const auto deadline = std::chrono::steady_clock::now() + 10s;
         for (;;) {
@@ -82,6 +90,10 @@ private:
                 RedisConnection(endpoint, 500ms, 500ms).command({"PING"});
                 return;
             } catch (const std::runtime_error&) {
+                int status = 0;
+                if (::waitpid(pid, &status, WNOHANG) == pid) {
+                    throw std::runtime_error("redis-server did not start: scripts/install-deps installs it");
+                }
                 if (std::chrono::steady_clock::now() > deadline) {
                     throw;
                 }
@@ -159,10 +171,11 @@ void awaitCrossing(Node& from, Inbox& inbox) {
 }
 
 TEST(RedisBridgeConcurrency, ThreadsPublishingOnOneServerReachTheOtherOnceEachInTheirOwnOrder) {
+    // Declared first so that they outlive the bridges, whose threads deliver into them until joined.
+    Inbox warmWest, warmEast, farSide, nearSide, meta;
     RedisProcess redis;
     Node east(redis.endpoint, "bridge-test:");
     Node west(redis.endpoint, "bridge-test:");
-    Inbox warmWest, warmEast;
     auto warmWestFeed = west.member->subscribe("/warm/**");
     warmWestFeed->subscribe(warmWest.subscriber());
     auto warmEastFeed = east.member->subscribe("/warm/**");
@@ -170,7 +183,6 @@ TEST(RedisBridgeConcurrency, ThreadsPublishingOnOneServerReachTheOtherOnceEachIn
     awaitCrossing(east, warmWest);
     awaitCrossing(west, warmEast);
 
-    Inbox farSide, nearSide, meta;
     auto farFeed = west.member->subscribe("/room/**");
     farFeed->subscribe(farSide.subscriber());
     auto witness = std::make_shared<bayeux::LocalBayeuxSession>(east.routing, std::make_shared<NoRouteContext>());

@@ -1,6 +1,8 @@
 #include "korvane/cluster/redis_bridge.h"
 
 #include <hiredis/hiredis.h>
+#include <pthread.h>
+#include <signal.h>
 
 #include <optional>
 #include <stdexcept>
@@ -31,6 +33,16 @@ constexpr std::chrono::seconds warningPeriod{10};
 // Channels that stay with the server that received them.
 bool staysLocal(const std::string& channel) {
     return channel.rfind("/meta/", 0) == 0 || channel.rfind("/service/", 0) == 0;
+}
+
+// hiredis writes with write(2), so a write to a connection that Redis closed (or that
+// the destructor shut down) raises SIGPIPE, which would end the process. Blocked on
+// the bridge's own threads, it leaves the write failing with EPIPE instead.
+void blockBrokenPipeSignal() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
 // `prefix` taken literally in a PSUBSCRIBE pattern, followed by *.
@@ -88,6 +100,9 @@ RedisBridge::RedisBridge(std::shared_ptr<bayeux::LocalBayeuxSession> session,
       session(std::move(session)),
       routing(std::move(routing)),
       outbox(std::make_shared<Outbox>(this->options.bufferSize, this->session->getContext())) {
+    if (!outbox->inboundMark) {
+        throw std::invalid_argument("The Redis bridge needs a session with a context");
+    }
     everything = this->session->subscribe("/**");
     everything->subscribe(std::make_shared<reactive_streams::CallbackSubscriber<Delivery>>(
         [outbox = outbox](Delivery&& message) { outbox->take(std::move(message)); }));
@@ -113,6 +128,7 @@ RedisBridge::~RedisBridge() {
 }
 
 void RedisBridge::runPublisher() {
+    blockBrokenPipeSignal();
     Backoff backoff(firstRetry, longestRetry);
     std::optional<Delivery> pending;
     std::shared_ptr<RedisConnection> connection;
@@ -153,6 +169,7 @@ void RedisBridge::runPublisher() {
 }
 
 void RedisBridge::runSubscriber() {
+    blockBrokenPipeSignal();
     Backoff backoff(firstRetry, longestRetry);
     for (;;) {
         if (auto connection = connect(subscribed, std::chrono::milliseconds(0))) {

@@ -9,8 +9,10 @@
 // PSUBSCRIBEs to `prefix`* and hands every frame of another server to this server's
 // routing core, under the publisher's own clientId and with the bridge session's
 // context; that context marks the message as one that came in, so the bridge's own
-// subscription lets it pass instead of sending it back out. Frames that carry this
-// bridge's origin id (random per bridge) are ignored.
+// subscription lets it pass instead of sending it back out. The session must
+// therefore have a context (the constructor throws std::invalid_argument otherwise)
+// and be registered with `routing`. Frames that carry this bridge's origin id
+// (random per bridge) are ignored.
 //
 // Threads: publishers only push onto a bounded queue (capacity `bufferSize`; when
 // it is full new messages are dropped and counted), so a slow or absent Redis never
@@ -18,7 +20,8 @@
 // subscriber thread owns the other and delivers into the routing core. Either
 // reconnects on its own after a failure, waiting 100 ms, then twice as long each
 // time up to 5 s; the subscriber subscribes again. Warnings (level 256 on
-// "korvane::cluster") come at most once every ten seconds. The destructor stops
+// "korvane::cluster") come at most once every ten seconds. SIGPIPE is blocked on
+// both threads, which write to sockets Redis may have closed. The destructor stops
 // both threads and joins them; it must not run on one of the server's callbacks.
 
 #include <atomic>

@@ -55,7 +55,7 @@ test-asan:
 test-tsan:
 	@$(CONFIGURE) -B $(TSAN_BUILD) -DKORVANE_SANITIZE=thread $(SANITIZE_FLAGS) >/dev/null
 	cmake --build $(TSAN_BUILD) -j$(JOBS)
-	cd $(TSAN_BUILD) && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+	cd $(TSAN_BUILD) && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(abspath tests/tsan.supp) \
 	  ctest --output-on-failure -j$(CTEST_JOBS) -R 'Concurrency\.'
 
 # The cometd client (npm) over long-polling and websocket against the server.
@@ -67,7 +67,7 @@ test-interop-sanitized:
 	KORVANE_SERVER=$(abspath $(ASAN_BUILD))/korvane-bayeux \
 	  ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  node --test --test-concurrency=1 tests/interop/
-	KORVANE_SERVER=$(abspath $(TSAN_BUILD))/korvane-bayeux TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+	KORVANE_SERVER=$(abspath $(TSAN_BUILD))/korvane-bayeux TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(abspath tests/tsan.supp) \
 	  node --test --test-concurrency=1 tests/interop/
 
 # Three servers sharing their channels through a throw-away redis-server.

@@ -115,7 +115,7 @@ std::shared_ptr<LongPollSession> BayeuxServiceProviderImpl::createSession(const 
 
     std::unique_lock<std::mutex> lock(mutex);
     ClientInfo& info = clients[clientId];
-    clientsBySession[sessionId].insert(clientId);
+    clientsBySession[sessionId].emplace(clientId, &info);
     info.sessionId = sessionId;
     info.session = session;
     info.tick = common::getCurrentTick();
@@ -235,8 +235,8 @@ std::size_t BayeuxServiceProviderImpl::getActiveConnectCountForSessionId(const s
         return 0;
     }
     std::size_t count = 0;
-    for (const std::string& clientId : browser->second) {
-        const ClientInfo& info = clients.at(clientId);
+    for (const auto& [clientId, client] : browser->second) {
+        const ClientInfo& info = *client;
         if (info.connectionType == connectionType && info.session->hasActiveConnect()) {
             ++count;
         }

@@ -25,7 +25,6 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 #include "korvane/codec/bayeux_service.h"
@@ -102,9 +101,10 @@ private:
     };
 
     using ClientMap = std::unordered_map<std::string, ClientInfo>;
-    // The client ids of each host session, so that counting one browser's connects
-    // visits that browser's clients only.
-    using ClientsBySession = std::unordered_map<std::string, std::unordered_set<std::string>>;
+    // The clients of each host session, by id, so that counting one browser's connects
+    // visits that browser's records only. The records are the nodes of `clients`, whose
+    // addresses stay put until they are erased.
+    using ClientsBySession = std::unordered_map<std::string, std::unordered_map<std::string, const ClientInfo*>>;
 
     // Entered with `mutex` held (the lock is the proof); arms the sweep unless it runs.
     void startSweeping(std::unique_lock<std::mutex>& lock);

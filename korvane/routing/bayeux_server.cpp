@@ -5,6 +5,7 @@
 
 #include "korvane/codec/channel.h"
 #include "korvane/frame/logger.h"
+#include "korvane/frame/spare_buckets.h"
 
 namespace korvane::bayeux {
 
@@ -170,6 +171,7 @@ void BayeuxServerImpl::forgetSession(BayeuxSession& session) {
         }
     }
     declared.erase(entry);
+    common::releaseSpareBuckets(declared);
 }
 
 bool BayeuxServerImpl::deliver(std::unique_ptr<PublishRequest>&& request) {
@@ -263,6 +265,7 @@ void BayeuxServerImpl::doForgetIfIdle(std::unordered_map<const BayeuxSession*, D
     const std::array<unsigned, 2>& copies = entry->second.copies;
     if (entry->second.holds.empty() && copies[priorityTier] == 0 && copies[ordinaryTier] == 0) {
         declared.erase(entry);
+        common::releaseSpareBuckets(declared);
     }
 }
 

@@ -1,6 +1,7 @@
 #include "korvane/routing/subscription_index.h"
 
 #include "korvane/codec/channel.h"
+#include "korvane/frame/spare_buckets.h"
 
 namespace korvane::bayeux {
 
@@ -55,6 +56,7 @@ void SubscriptionIndex::remove(const std::string& key, const BayeuxSession* iden
     bucket->second.remove(identity);
     if (bucket->second.empty()) {
         map.erase(bucket);
+        common::releaseSpareBuckets(map);
     }
 }
 
@@ -129,6 +131,7 @@ void SubscriptionIndex::Bucket::remove(const BayeuxSession* identity) {
     const std::size_t hole = found->second;
     const std::size_t last = positions.size() - 1;
     positions.erase(found);
+    common::releaseSpareBuckets(positions);
     if (hole != last) {
         const Member& moved = (*chunks.back())[last % chunkCapacity];
         positions[moved.identity] = hole;

@@ -7,6 +7,7 @@
 #include <boost/any.hpp>
 
 #include "korvane/frame/logger.h"
+#include "korvane/frame/spare_buckets.h"
 #include "korvane/routing/bayeux_queue.h"
 #include "korvane/session/long_poll_session.h"
 
@@ -150,6 +151,7 @@ bool BayeuxServiceProviderImpl::deleteSession(const std::string& clientId) {
             return false;
         }
         session = doForget(found).session;
+        common::releaseSpareBuckets(clients);
         endedSweep = takeSweeperIfIdle(lock);
     }
     // `session` and `endedSweep` are released on return, after the lock.
@@ -205,6 +207,7 @@ void BayeuxServiceProviderImpl::sweepClients(long long tick) {
         expired.push_back(doForget(it));
         it = next;
     }
+    common::releaseSpareBuckets(clients);
     // Drops that came too soon after a warning are reported here once their second is over.
     doWarnAboutDroppedClients(lock, tick);
     endedSweep = takeSweeperIfIdle(lock);
@@ -220,6 +223,9 @@ BayeuxServiceProviderImpl::ClientInfo BayeuxServiceProviderImpl::doForget(Client
         browser->second.erase(client->first);
         if (browser->second.empty()) {
             clientsBySession.erase(browser);
+            common::releaseSpareBuckets(clientsBySession);
+        } else {
+            common::releaseSpareBuckets(browser->second);
         }
     }
     ClientInfo forgotten = std::move(client->second);

@@ -12,18 +12,13 @@
 #include <string>
 #include <vector>
 
-#include <boost/log/core.hpp>
-#include <boost/log/expressions.hpp>
-#include <boost/log/sinks/sync_frontend.hpp>
-#include <boost/log/sinks/text_ostream_backend.hpp>
-#include <boost/smart_ptr/make_shared_object.hpp>
-
 #include "korvane/frame/data_buffer.h"
 #include "korvane/frame/http.h"
 #include "korvane/frame/logger.h"
 #include "korvane/frame/random.h"
 #include "korvane/frame/reducing_subscriber.h"
 #include "korvane/frame/service.h"
+#include "support/log_capture.h"
 #include "support/test_helpers.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -35,6 +30,7 @@ extern "C" const char* __asan_default_options() { return "allocator_may_return_n
 namespace korvane {
 namespace {
 
+using korvane::test_support::ChannelCapture;
 using korvane::test_support::errorOf;
 
 // The text of the E that a failed reply carries; a call that throws instead fails the test.
@@ -160,31 +156,6 @@ TEST(HttpValues, ReadyResponseCarriesStatusPlainTextAndBody) {
     EXPECT_EQ((reactive_streams::reduce<DataBuffer, DataBuffer>(response->body, append, DataBuffer()).get().str()),
               "Unknown Bayeux Transport");
 }
-
-// Captures the records of one channel as "level text" lines.
-class ChannelCapture {
-public:
-    explicit ChannelCapture(const std::string& channel)
-        : text(boost::make_shared<std::ostringstream>()),
-          sink(boost::make_shared<Sink>(boost::make_shared<boost::log::sinks::text_ostream_backend>())) {
-        namespace expr = boost::log::expressions;
-        sink->locked_backend()->add_stream(text);
-        sink->set_filter(expr::attr<std::string>("Channel") == channel);
-        sink->set_formatter(expr::stream << expr::attr<unsigned>("Severity") << " " << expr::smessage);
-        boost::log::core::get()->add_sink(sink);
-    }
-    ~ChannelCapture() { boost::log::core::get()->remove_sink(sink); }
-
-    std::string lines() {
-        sink->flush();
-        return text->str();
-    }
-
-private:
-    using Sink = boost::log::sinks::synchronous_sink<boost::log::sinks::text_ostream_backend>;
-    boost::shared_ptr<std::ostringstream> text;
-    boost::shared_ptr<Sink> sink;
-};
 
 TEST(DiagnosticLogger, DisabledStatementEvaluatesNothingOfItsMessage) {
     common::diagnostic_logger logger("korvane::test::evaluation");

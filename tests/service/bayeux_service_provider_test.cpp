@@ -1,10 +1,28 @@
 #include <cstdlib>
+#include <malloc.h>
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#include <sanitizer/allocator_interface.h>
+#endif
 
 #include "korvane/session/long_poll_session.h"
 #include "service/provider_test_support.h"
+#include "support/log_capture.h"
 
 namespace korvane::bayeux::testing {
 namespace {
+
+using test_support::ChannelCapture;
+
+// Bytes the process holds from the heap, by the sanitizer's allocator when one replaces malloc.
+std::size_t allocatedBytes() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    return __sanitizer_get_current_allocated_bytes();
+#else
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+#endif
+}
 
 class BayeuxServiceProviderTest : public ProviderFixture {
 protected:
@@ -272,6 +290,82 @@ TEST_F(BayeuxServiceProviderTest, AClientPastThePendingLimitIsDroppedWhileTheOth
     auto everything = open(connect(patient));
     EXPECT_EQ(everything->seen().size(), 201u);
     EXPECT_EQ(everything->completionCount(), 1);
+}
+
+TEST_F(BayeuxServiceProviderTest, DropWarningsComeAtMostOnceASecondAndCountEveryDrop) {
+    BayeuxServiceOptions options;
+    options.maxPendingMessages = 1;
+    provider = std::make_shared<BayeuxServiceProviderImpl>(server, options);
+    provider->start();
+    ChannelCapture warnings("korvane::bayeux::service");
+    const std::string sender = handshake();
+    // Each idle client in /room is dropped by the second message that waits for it.
+    auto dropIdleClients = [&](int count) {
+        for (int index = 0; index < count; ++index) {
+            ASSERT_TRUE(subscribe(handshake(), "/room")->successful);
+        }
+        ASSERT_TRUE(publish(sender, "/room", "")->successful);
+        ASSERT_TRUE(publish(sender, "/room", "")->successful);
+    };
+    const std::string line = " client(s) over the limit of 1 pending messages\n";
+    struct Step {
+        long long tick;
+        int drops;         // idle clients dropped at `tick`, or
+        bool sweep;        // a sweep at `tick`
+        std::string seen;  // the warnings written by the step
+    };
+    const Step steps[] = {
+        {startTick, 3, false, "256 Dropped 1" + line},  // the first drop speaks at once, alone
+        {startTick + 9, 1, false, ""},                  // within the second: counted, quiet
+        {startTick + 10, 0, true, "256 Dropped 3" + line},  // the sweep reports what waited
+        {startTick + 15, 0, true, ""},                  // nothing waits, nothing said
+        {startTick + 19, 2, false, ""},
+        {startTick + 20, 1, false, "256 Dropped 3" + line},  // a later drop reports for all
+        {startTick + 30, 0, true, ""},
+    };
+    for (const Step& step : steps) {
+        SCOPED_TRACE(step.tick - startTick);
+        clock->setTick(step.tick);
+        if (step.sweep) {
+            provider->sweepClients(step.tick);
+        } else {
+            dropIdleClients(step.drops);
+        }
+        EXPECT_EQ(warnings.take(), step.seen);
+    }
+    EXPECT_TRUE(provider->getSession(sender, "")) << "the publisher carried on";
+}
+
+TEST_F(BayeuxServiceProviderTest, AFloodOfHandshakesWithoutConnectsIsReturnedByTheSweep) {
+    constexpr int flood = 100000;
+    constexpr int browsers = 1000;
+    std::vector<std::shared_ptr<Context>> contexts;
+    for (int index = 0; index < browsers; ++index) {
+        contexts.push_back(std::make_shared<TestContext>("flood-" + std::to_string(index)));
+    }
+    // One handshake and disconnect first, so that what lives for the whole process exists.
+    ASSERT_TRUE(disconnect(handshake())->successful);
+    const std::size_t start = allocatedBytes();
+    std::vector<std::weak_ptr<LongPollSession>> sample;
+    for (int index = 0; index < flood; ++index) {
+        const std::string clientId = handshake(contexts[index % browsers]);
+        ASSERT_FALSE(clientId.empty());
+        if (index % 1000 == 0) {
+            sample.push_back(provider->getSession(clientId, ""));
+        }
+    }
+    const std::size_t flooded = allocatedBytes();
+    EXPECT_GT(flooded, start + flood * std::size_t{200}) << "the measure sees each client's record and session";
+    clock->advanceTicks(1199);
+    EXPECT_FALSE(sample.front().expired()) << "swept early";
+    clock->advanceTicks(1);
+    for (const auto& session : sample) {
+        EXPECT_TRUE(session.expired());
+    }
+    EXPECT_EQ(clock->armedCount(), 0u) << "the sweeper ended with the last client";
+    sample.clear();
+    const std::size_t swept = allocatedBytes();
+    EXPECT_LE(swept, start + start / 10) << "start " << start << ", flooded " << flooded << ", swept " << swept;
 }
 
 TEST_F(BayeuxServiceProviderTest, AMadeUpClientIdOfTheRightShapeIsUnknownToEveryRequest) {

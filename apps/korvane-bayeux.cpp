@@ -30,9 +30,25 @@ using namespace korvane;
 #define KORVANE_SOURCE_DIR "."
 #endif
 
+// One --log-levels setting: a mask for one channel, or for all of them when `channel` is empty.
+struct LogLevelSetting {
+    std::string channel;
+    unsigned levels;
+};
+
+// Warnings and failures, but not the long-poll session's warning about a delivered
+// message that kept its id: cometd clients put an id on every publish, so that warning
+// would be one line per delivery, the bulk of the server's CPU and disk at load.
+const std::vector<LogLevelSetting> defaultLogSettings = {
+    {"", common::defaultLogLevels},
+    {"korvane::bayeux::longPollSession", 512},
+};
+
 struct Options {
     host::BayeuxHostOptions host;
-    unsigned logLevels = common::defaultLogLevels;
+    // Applied in order; the first --log-levels flag replaces the default.
+    std::vector<LogLevelSetting> logLevels = defaultLogSettings;
+    bool logLevelsGiven = false;
     unsigned heartbeatSeconds = 1;
     bool clustered = false;
     cluster::RedisBridgeOptions cluster;
@@ -40,6 +56,25 @@ struct Options {
 
 using Flag = apps::Flag<Options>;
 using apps::parseNumber;
+
+std::string describe(const std::vector<LogLevelSetting>& settings) {
+    std::string text;
+    for (const LogLevelSetting& setting : settings) {
+        text += (text.empty() ? "" : " ") + (setting.channel.empty() ? "" : setting.channel + "=") +
+                std::to_string(setting.levels);
+    }
+    return text;
+}
+
+void applyLogLevels(const std::vector<LogLevelSetting>& settings) {
+    for (const LogLevelSetting& setting : settings) {
+        if (setting.channel.empty()) {
+            common::setLogLevels(setting.levels);
+        } else {
+            common::setLogLevels(setting.channel, setting.levels);
+        }
+    }
+}
 
 template <class Field>
 Flag::Setter setNumber(Field host::HttpServerOptions::*field, unsigned long long max) {
@@ -77,10 +112,18 @@ std::vector<Flag> flags() {
         {"--threads", "N", "one per hardware thread", "I/O threads", setNumber(&host::HttpServerOptions::threads, 1024)},
         {"--static", "DIR", "the bundled web/ folder", "files served for every other path",
          setText(&host::HttpServerOptions::staticRoot)},
-        {"--log-levels", "MASK", count(common::defaultLogLevels),
-         "log levels: 4 frequent, 8 trace, 16 sessions, 256 warnings, 512 failures",
+        {"--log-levels", "[CHANNEL=]MASK", describe(defaultLogSettings),
+         "log levels: 4 frequent, 8 trace, 16 sessions, 256 warnings, 512 failures; CHANNEL=MASK sets one "
+         "channel (repeatable, applied in order; any use replaces the default)",
          [](Options& options, const std::string& name, const std::string& value) {
-             options.logLevels = static_cast<unsigned>(parseNumber(name, value, 0xffffffffULL));
+             if (!options.logLevelsGiven) {
+                 options.logLevels.clear();
+                 options.logLevelsGiven = true;
+             }
+             const std::size_t equals = value.rfind('=');
+             const std::string channel = equals == std::string::npos ? std::string() : value.substr(0, equals);
+             const std::string mask = equals == std::string::npos ? value : value.substr(equals + 1);
+             options.logLevels.push_back({channel, static_cast<unsigned>(parseNumber(name, mask, 0xffffffffULL))});
          }},
         {"--max-body", "BYTES", count(http.maxBodyBytes), "largest request body (413 beyond)",
          setNumber(&host::HttpServerOptions::maxBodyBytes, 1ULL << 32)},
@@ -203,7 +246,7 @@ int main(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
     common::installStderrLogSink();
-    common::setLogLevels(options.logLevels);
+    applyLogLevels(options.logLevels);
 
     const std::string bayeuxPath = options.host.http.bayeuxPath;
     try {

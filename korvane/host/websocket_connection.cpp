@@ -13,6 +13,7 @@
 #include <boost/beast/websocket/ssl.hpp>
 
 #include "korvane/frame/logger.h"
+#include "korvane/host/coalescing_stream.h"
 #include "korvane/host/relay_subscriber.h"
 #include "korvane/host/server_state.h"
 #include "korvane/host/strand_link.h"
@@ -38,7 +39,8 @@ constexpr unsigned char binaryFrame = 130;
 using FrameSignal = StreamSignal<WebSocketFrame>;
 
 // One accepted WebSocket. The service's frames (`inbound`) come through the relay
-// `writer_` and are written in order; the peer's messages are read whole, one at a
+// `writer_` and are written in order, through a CoalescingStream: frames that are ready
+// together (a delivery and the connect reply behind it) leave in one socket write; the peer's messages are read whole, one at a
 // time and only within the demand the service asked for, and handed to `outbound`
 // on the strand. The first close (by the peer, the service, an error or stop())
 // ends both streams.
@@ -68,6 +70,7 @@ public:
 
     void run(UpgradeRequest&& upgrade, std::string setCookie) {
         link_ = std::make_shared<StrandLink<WebSocketConnection>>(this->shared_from_this());
+        socket_.next_layer().setOwner(this->weak_from_this());
         trackerId_ = state_->connections.add(this->weak_from_this());
         if (trackerId_ == 0) {
             doFinish();
@@ -285,7 +288,7 @@ private:
         beast::get_lowest_layer(socket_).close();
     }
 
-    websocket::stream<Stream> socket_;
+    websocket::stream<CoalescingStream<Stream>> socket_;
     const Executor executor_;
     const std::shared_ptr<ServerState> state_;
     std::shared_ptr<reactive_streams::PublisherAPI<WebSocketFrame>> inbound_;

@@ -4,6 +4,7 @@
 #include <array>
 #include <cctype>
 #include <chrono>
+#include <cstdio>
 #include <deque>
 #include <exception>
 #include <fstream>
@@ -49,6 +50,8 @@ constexpr std::chrono::seconds lingerTimeout(1);
 // watches for the peer going away.
 constexpr std::size_t watchReadBytes = 4096;
 constexpr std::string_view continueLine = "HTTP/1.1 100 Continue\r\n\r\n";
+// Chunks of a streaming response asked for ahead of the socket.
+constexpr unsigned long bodyWindow = 16;
 
 using Request = UpgradeRequest;
 using FullResponse = bhttp::response<bhttp::string_body>;
@@ -63,6 +66,29 @@ std::string lowered(std::string_view text) {
     std::transform(result.begin(), result.end(), result.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     return result;
+}
+
+// One chunk of a chunked body, as Beast frames it: the size in hex, the data, each line ended.
+void appendChunk(std::string_view data, std::string& out) {
+    char size[2 * sizeof(std::size_t) + 1];
+    const int length = std::snprintf(size, sizeof size, "%zx", data.size());
+    out.append(size, static_cast<std::size_t>(length)).append("\r\n").append(data).append("\r\n");
+}
+
+// The head of a response as its serializer writes it.
+template <class Head>
+std::string serializedHead(Head& head) {
+    bhttp::response_serializer<bhttp::empty_body> serializer(head);
+    serializer.split(true);
+    std::string text;
+    beast::error_code error;
+    while (!error && !serializer.is_header_done()) {
+        serializer.next(error, [&](beast::error_code&, const auto& buffers) {
+            text += beast::buffers_to_string(buffers);
+            serializer.consume(net::buffer_size(buffers));
+        });
+    }
+    return text;
 }
 
 bool isBayeuxPath(std::string_view path, std::string_view bayeuxPath) {
@@ -415,18 +441,16 @@ private:
         doDecorate(*head_);
         head_->keep_alive(keepAlive_);
         head_->chunked(true);
+        headPending_ = true;
         pendingBody_.assign(std::make_move_iterator(collected.begin()), std::make_move_iterator(collected.end()));
+        // The first chunk is asked for already; the rest of the window lets chunks that are
+        // made together wait here while a write is under way, and leave in one write.
+        body_->request(bodyWindow - 1);
         // The read side watches for the peer going away and never times out: a held
         // response lasts as long as the service keeps it.
         lowest().expires_never();
         doWatch();
-        headSerializer_ = std::make_unique<bhttp::response_serializer<bhttp::empty_body>>(*head_);
-        writing_ = true;
-        lowest().expires_after(writeTimeout);
-        bhttp::async_write_header(stream_, *headSerializer_,
-                                  [self = this->shared_from_this()](beast::error_code error, std::size_t) {
-                                      self->onBodyWritten(error, false);
-                                  });
+        doPumpBody();
     }
 
     void onBodySignal(std::uint64_t relay, BodySignal&& signal) {
@@ -434,40 +458,75 @@ private:
             return;
         }
         pendingBody_.push_back(std::move(signal));
-        doPumpBody();
+        doSchedulePump();
     }
 
-    // Writes the next waiting chunk, or the end of the body, unless a write is in flight.
-    void doPumpBody() {
-        while (!writing_ && !closed_ && !pendingBody_.empty()) {
-            BodySignal signal = std::move(pendingBody_.front());
-            pendingBody_.pop_front();
-            if (signal.item && signal.item->empty()) {
-                body_->request(1);
-                continue;
-            }
-            if (signal.error) {
-                // The head is out: the peer learns of the failure from a body that never ends.
-                KORVANE_LOG(logger, 512) << "Response body failed: " << failureText(signal.error);
-                doClose();
-                return;
-            }
-            writing_ = true;
-            lowest().expires_after(writeTimeout);
-            auto self = this->shared_from_this();
-            if (signal.item) {
-                chunk_ = std::move(*signal.item);
-                net::async_write(stream_, bhttp::make_chunk(net::const_buffer(chunk_.data, chunk_.size)),
-                                 [self](beast::error_code error, std::size_t) { self->onBodyWritten(error, true); });
-            } else {
-                net::async_write(stream_, bhttp::make_chunk_last(),
-                                 [self](beast::error_code error, std::size_t) { self->onLastChunkWritten(error); });
-            }
+    // Pumps once the signals already queued on the strand are in: a held connect's
+    // messages, its reply and the end of the body usually come together.
+    void doSchedulePump() {
+        if (pumpScheduled_) {
             return;
         }
+        pumpScheduled_ = true;
+        net::post(executor_, [self = this->shared_from_this()] {
+            self->pumpScheduled_ = false;
+            self->doPumpBody();
+        });
     }
 
-    void onBodyWritten(beast::error_code error, bool chunk) {
+    // Writes in one go the head, if it has not gone out, and every waiting chunk up to the
+    // end of the body; the head goes out alone when no chunk waits, so that a held response
+    // shows at once. A failure waiting behind the chunks is handled once they are written.
+    void doPumpBody() {
+        if (writing_ || closed_ || (pendingBody_.empty() && !headPending_)) {
+            return;
+        }
+        outgoing_.clear();
+        std::size_t taken = 0;
+        bool ended = false;
+        while (!pendingBody_.empty() && !ended && !pendingBody_.front().error) {
+            BodySignal& signal = pendingBody_.front();
+            if (!signal.item) {
+                outgoing_ += "0\r\n\r\n";
+                ended = true;
+            } else {
+                ++taken;
+                // An empty chunk would read as the end of the body: it is only taken.
+                if (!signal.item->empty()) {
+                    appendChunk(signal.item->view(), outgoing_);
+                }
+            }
+            pendingBody_.pop_front();
+        }
+        if (outgoing_.empty() && !headPending_) {
+            doTakeEmptyChunksOrFail(taken);
+            return;
+        }
+        if (headPending_) {
+            headPending_ = false;
+            outgoing_.insert(0, serializedHead(*head_));
+        }
+        writing_ = true;
+        lowest().expires_after(writeTimeout);
+        net::async_write(stream_, net::buffer(outgoing_),
+                         [self = this->shared_from_this(), taken, ended](beast::error_code error, std::size_t) {
+                             self->onBodyWritten(error, taken, ended);
+                         });
+    }
+
+    // Nothing to write: the chunks taken were empty, or a failure is at the front.
+    void doTakeEmptyChunksOrFail(std::size_t taken) {
+        if (pendingBody_.empty()) {
+            doRenewDemand(taken);
+            return;
+        }
+        // The head is out (a body that fails at once is answered 500 before streaming
+        // starts): the peer learns of the failure from a body that never ends.
+        KORVANE_LOG(logger, 512) << "Response body failed: " << failureText(pendingBody_.front().error);
+        doClose();
+    }
+
+    void onBodyWritten(beast::error_code error, std::size_t taken, bool ended) {
         writing_ = false;
         if (error) {
             doClose();
@@ -476,22 +535,20 @@ private:
         if (closed_) {
             return;
         }
-        if (chunk) {
-            body_->request(1);
+        if (ended) {
+            doEndBody();
+            head_.reset();
+            doNextRequest();
+            return;
         }
+        doRenewDemand(taken);
         doPumpBody();
     }
 
-    void onLastChunkWritten(beast::error_code error) {
-        writing_ = false;
-        if (error) {
-            doClose();
-            return;
+    void doRenewDemand(std::size_t taken) {
+        if (taken != 0) {
+            body_->request(taken);
         }
-        doEndBody();
-        head_.reset();
-        headSerializer_.reset();
-        doNextRequest();
     }
 
     // Drops the body's relay: cancels the stream unless it ended.
@@ -705,13 +762,15 @@ private:
 
     std::unique_ptr<FullResponse> full_;
     std::unique_ptr<StreamHead> head_;
-    std::unique_ptr<bhttp::response_serializer<bhttp::empty_body>> headSerializer_;
     std::shared_ptr<http::BodyPublisher> bodyPublisher_;
     std::shared_ptr<RelaySubscriber<DataBuffer>> body_;
     // Numbers the bodies, so that a signal of an earlier one is not taken for the current one's.
     std::uint64_t relayCount_ = 0;
     std::deque<BodySignal> pendingBody_;
-    DataBuffer chunk_;
+    // The bytes of the body write under way.
+    std::string outgoing_;
+    bool headPending_ = false;
+    bool pumpScheduled_ = false;
     bool writing_ = false;
     bool watching_ = false;
     bool resumeAfterWatch_ = false;

@@ -139,11 +139,11 @@ bool hasUtf8Fields(const Message& message) {
 std::unique_ptr<Message> deserializeUtf8Request(common::DataBuffer& buffer) {
     const std::string_view text = buffer.view();
     if (!isValidUtf8(text.data(), text.size())) {
-        throw std::invalid_argument("Invalid UTF-8 in request");
+        throw InvalidUtf8Error();
     }
     std::unique_ptr<Message> message = deserializeBayeuxMessage(buffer, true);
     if (!hasUtf8Fields(*message)) {
-        throw std::invalid_argument("Invalid UTF-8 in request");
+        throw InvalidUtf8Error();
     }
     return message;
 }

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <stdexcept>
 
 #include "korvane/frame/data_buffer.h"
 #include "korvane/frame/message.h"
@@ -17,10 +18,17 @@ namespace korvane::bayeux {
 // the end. Escapes such as "\ud800" inside JSON strings are plain ASCII here.
 bool isValidUtf8(const char* bytes, std::size_t size);
 
+// The refusal of a request that is not UTF-8, so that a WebSocket host can close with
+// the code the WebSocket protocol has for it (1007) rather than a server error.
+class InvalidUtf8Error : public std::invalid_argument {
+public:
+    InvalidUtf8Error() : std::invalid_argument("Invalid UTF-8 in request") {}
+};
+
 // deserializeBayeuxMessage of a request whose text must be UTF-8 twice over: as raw
 // bytes, and in every string field once its escapes are decoded (a lone surrogate
 // escape such as "\udc00" decodes to bytes that are not UTF-8). Throws
-// std::invalid_argument "Invalid UTF-8 in request" before anything reaches a service.
+// InvalidUtf8Error ("Invalid UTF-8 in request") before anything reaches a service.
 std::unique_ptr<Message> deserializeUtf8Request(common::DataBuffer& buffer);
 
 }  // namespace korvane::bayeux

@@ -16,10 +16,16 @@
 // A write error is kept: every later write_some fails with it. Teardown waits for the
 // bytes already taken to be written, then tears the next layer down.
 //
+// Write timeout: a socket write under way for longer than the time given to
+// setWriteTimeout closes the socket, which fails that write and every operation of the
+// stream. One timer per stream is armed when a write starts and none is armed, and
+// re-armed for what remains of the write under way when it fires early.
+//
 // Threading: like the stream under it, every member runs on the connection's strand. The
 // socket writes and posted flushes hold the owner given to setOwner (the connection that
 // holds this stream), so the layer outlives its own operations.
 
+#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -32,6 +38,7 @@
 #include <boost/beast/core/async_base.hpp>
 #include <boost/beast/core/buffers_to_string.hpp>
 #include <boost/beast/core/error.hpp>
+#include <boost/beast/core/stream_traits.hpp>
 #include <boost/beast/websocket/teardown.hpp>
 
 namespace korvane::host {
@@ -46,12 +53,16 @@ public:
 
     template <class... Args>
     explicit CoalescingStream(Args&&... args)
-        : next_(std::forward<Args>(args)...), flushed_(next_.get_executor()) {
+        : next_(std::forward<Args>(args)...), flushed_(next_.get_executor()), writeWatch_(next_.get_executor()) {
         flushed_.expires_at(boost::asio::steady_timer::time_point::max());
     }
 
     // What the socket writes and posted flushes keep alive; set before the first write.
     void setOwner(std::weak_ptr<void> owner) { owner_ = std::move(owner); }
+    // Zero, the default, lets a socket write wait for ever.
+    void setWriteTimeout(std::chrono::milliseconds timeout) { writeTimeout_ = timeout; }
+    // Whether a socket write outlived the write timeout and the socket was closed for it.
+    bool timedOut() const noexcept { return timedOut_; }
 
     executor_type get_executor() noexcept { return next_.get_executor(); }
     NextLayer& next_layer() noexcept { return next_; }
@@ -170,7 +181,9 @@ private:
             return;
         }
         writing_ = true;
+        writeStarted_ = std::chrono::steady_clock::now();
         sending_.swap(pending_);
+        watchWrite(owner);
         boost::asio::async_write(next_, boost::asio::buffer(sending_),
                                  [this, owner = std::move(owner)](boost::beast::error_code error, std::size_t) mutable {
                                      onWritten(error, std::move(owner));
@@ -189,14 +202,48 @@ private:
         flush(std::move(owner));
     }
 
+    // Arms the write timer unless it is armed or there is no timeout. The wait holds the
+    // owner weakly: a stream whose owner is gone is not touched.
+    void watchWrite(const std::shared_ptr<void>& owner) {
+        if (writeTimeout_.count() == 0 || watching_) {
+            return;
+        }
+        watching_ = true;
+        writeWatch_.expires_at(writeStarted_ + writeTimeout_);
+        writeWatch_.async_wait([this, weakOwner = std::weak_ptr<void>(owner)](boost::beast::error_code) {
+            if (std::shared_ptr<void> alive = weakOwner.lock()) {
+                onWriteWatch(alive);
+            }
+        });
+    }
+
+    void onWriteWatch(const std::shared_ptr<void>& owner) {
+        watching_ = false;
+        if (!writing_) {
+            return;
+        }
+        if (std::chrono::steady_clock::now() - writeStarted_ < writeTimeout_) {
+            watchWrite(owner);
+            return;
+        }
+        timedOut_ = true;
+        boost::beast::error_code ignored;
+        boost::beast::get_lowest_layer(next_).socket().close(ignored);
+    }
+
     NextLayer next_;
     boost::asio::steady_timer flushed_;
+    boost::asio::steady_timer writeWatch_;
+    std::chrono::steady_clock::time_point writeStarted_;
+    std::chrono::milliseconds writeTimeout_{0};
     std::weak_ptr<void> owner_;
     std::string pending_;
     std::string sending_;
     boost::beast::error_code error_;
     bool writing_ = false;
     bool flushPosted_ = false;
+    bool watching_ = false;
+    bool timedOut_ = false;
 };
 
 }  // namespace korvane::host

@@ -41,8 +41,6 @@ using common::DataBuffer;
 
 common::diagnostic_logger logger("korvane::host::http");
 
-// A peer that does not take a response within this time is cut.
-constexpr std::chrono::seconds writeTimeout(30);
 // After a response that ends the connection, the peer's leftovers are read and
 // dropped for this long, so that closing does not reset the response away.
 constexpr std::chrono::seconds lingerTimeout(1);
@@ -187,6 +185,14 @@ public:
 private:
     const HttpServerOptions& options() const { return state_->options; }
     beast::tcp_stream& lowest() { return beast::get_lowest_layer(stream_); }
+    // A peer that does not take a response within the write timeout is cut.
+    void doArmWriteTimeout() {
+        if (options().writeTimeout.count() == 0) {
+            lowest().expires_never();
+        } else {
+            lowest().expires_after(options().writeTimeout);
+        }
+    }
 
     // ---- reading ----------------------------------------------------------------
 
@@ -217,7 +223,7 @@ private:
         }
         if (beast::iequals(parser_->get()[bhttp::field::expect], "100-continue")) {
             // The client waits for a go-ahead before it sends the body.
-            lowest().expires_after(writeTimeout);
+            doArmWriteTimeout();
             net::async_write(stream_, net::buffer(continueLine),
                              [self = this->shared_from_this()](beast::error_code error, std::size_t) {
                                  if (error) {
@@ -507,7 +513,7 @@ private:
             outgoing_.insert(0, serializedHead(*head_));
         }
         writing_ = true;
-        lowest().expires_after(writeTimeout);
+        doArmWriteTimeout();
         net::async_write(stream_, net::buffer(outgoing_),
                          [self = this->shared_from_this(), taken, ended](beast::error_code error, std::size_t) {
                              self->onBodyWritten(error, taken, ended);
@@ -652,7 +658,7 @@ private:
             response->prepare_payload();
         }
         full_ = std::move(response);
-        lowest().expires_after(writeTimeout);
+        doArmWriteTimeout();
         bhttp::async_write(stream_, *full_, [self = this->shared_from_this()](beast::error_code error, std::size_t) {
             self->full_.reset();
             if (error) {

@@ -45,6 +45,12 @@ struct HttpServerOptions {
     // A WebSocket without traffic for this long is pinged, and closed if the ping goes unanswered.
     std::chrono::milliseconds wsIdle = std::chrono::seconds(60);
     bool wsDeflate = false;
+    // Bytes of frames waiting for a WebSocket peer that reads too slowly; past this the
+    // connection is cut.
+    std::size_t wsBacklogBytes = 16 << 20;
+    // A socket write (a WebSocket's or a streaming response's) that takes longer than this
+    // cuts its connection; zero never does.
+    std::chrono::milliseconds writeTimeout = std::chrono::seconds(30);
     // Connections beyond this are accepted and closed at once.
     std::size_t maxConnections = 100000;
     // Origins (exact "scheme://host[:port]") that get CORS answers and may open WebSockets.

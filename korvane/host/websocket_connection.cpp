@@ -12,6 +12,7 @@
 #include <boost/beast/websocket.hpp>
 #include <boost/beast/websocket/ssl.hpp>
 
+#include "korvane/codec/utf8.h"
 #include "korvane/frame/logger.h"
 #include "korvane/host/coalescing_stream.h"
 #include "korvane/host/relay_subscriber.h"
@@ -30,9 +31,9 @@ using http::WebSocketFrame;
 
 common::diagnostic_logger logger("korvane::host::http");
 
-// Frames the service may have waiting for the socket: written back to back, each
-// completed write asking for one more.
-constexpr unsigned long writeWindow = 16;
+// The service's frames are taken as they are made, so that every frame waiting for a
+// socket waits here, where the backlog bound counts it.
+constexpr unsigned long everyFrame = std::numeric_limits<unsigned long>::max();
 constexpr unsigned char textFrame = 129;
 constexpr unsigned char binaryFrame = 130;
 
@@ -44,6 +45,12 @@ using FrameSignal = StreamSignal<WebSocketFrame>;
 // time and only within the demand the service asked for, and handed to `outbound`
 // on the strand. The first close (by the peer, the service, an error or stop())
 // ends both streams.
+//
+// Bounds: the frames waiting for the socket (`queuedBytes_` here, and what the
+// CoalescingStream holds) may not exceed the server's wsBacklogBytes, and a socket write
+// may not take longer than its writeTimeout; past either, the connection is cut at once
+// (a peer that does not read would never see a close frame), which cancels the service's
+// frame stream and with it the client's connect.
 //
 // Threading: every member function but shutdown() and abandon() runs on the
 // connection's strand; signals from the service's threads come through `link_`.
@@ -71,6 +78,7 @@ public:
     void run(UpgradeRequest&& upgrade, std::string setCookie) {
         link_ = std::make_shared<StrandLink<WebSocketConnection>>(this->shared_from_this());
         socket_.next_layer().setOwner(this->weak_from_this());
+        socket_.next_layer().setWriteTimeout(state_->options.writeTimeout);
         trackerId_ = state_->connections.add(this->weak_from_this());
         if (trackerId_ == 0) {
             doFinish();
@@ -140,7 +148,7 @@ private:
         readSubscription_ = std::make_shared<ReadSubscription>(link_);
         try {
             inbound_->subscribe(writer_);
-            writer_->request(writeWindow);
+            writer_->request(everyFrame);
             outbound_->onSubscribe(readSubscription_);
         } catch (const std::exception& failure) {
             KORVANE_LOG(logger, 512) << "WebSocket streams failed to start: " << failure.what();
@@ -200,10 +208,34 @@ private:
             return;
         }
         if (signal.item) {
+            queuedBytes_ += signal.item->data.size;
             writeQueue_.push_back(std::move(*signal.item));
+            if (backlogBytes() > state_->options.wsBacklogBytes) {
+                KORVANE_LOG(logger, 256) << "WebSocket cut: " << backlogBytes()
+                                         << " bytes waiting for a peer that does not read, over the limit of "
+                                         << state_->options.wsBacklogBytes;
+                doFinish();
+                return;
+            }
             doWrite();
         } else {
-            doCloseSocket(signal.error ? websocket::close_code::internal_error : websocket::close_code::normal);
+            doCloseSocket(closeCodeFor(signal.error));
+        }
+    }
+
+    std::size_t backlogBytes() const { return queuedBytes_ + socket_.next_layer().bufferedBytes(); }
+
+    // A frame that was not UTF-8 has its own close code; any other failure is the server's.
+    static websocket::close_code closeCodeFor(const std::exception_ptr& error) {
+        if (!error) {
+            return websocket::close_code::normal;
+        }
+        try {
+            std::rethrow_exception(error);
+        } catch (const bayeux::InvalidUtf8Error&) {
+            return websocket::close_code::bad_payload;
+        } catch (...) {
+            return websocket::close_code::internal_error;
         }
     }
 
@@ -228,13 +260,15 @@ private:
 
     void onWritten(beast::error_code error) {
         writing_ = false;
+        queuedBytes_ -= writeQueue_.front().data.size;
         writeQueue_.pop_front();
         if (error || finished_) {
+            if (socket_.next_layer().timedOut()) {
+                KORVANE_LOG(logger, 256) << "WebSocket cut: a write took longer than "
+                                         << state_->options.writeTimeout.count() << " ms";
+            }
             doFinish();
             return;
-        }
-        if (!closeRequested_ && writer_) {
-            writer_->request(1);
         }
         doWrite();
     }
@@ -278,7 +312,11 @@ private:
         }
         // A frame whose write is under way stays until the write completes: the socket
         // still reads its bytes, and onWritten pops it.
-        writeQueue_.erase(writing_ ? std::next(writeQueue_.begin()) : writeQueue_.begin(), writeQueue_.end());
+        const auto kept = writing_ ? std::next(writeQueue_.begin()) : writeQueue_.begin();
+        for (auto frame = kept; frame != writeQueue_.end(); ++frame) {
+            queuedBytes_ -= frame->data.size;
+        }
+        writeQueue_.erase(kept, writeQueue_.end());
         link_->cut();
         std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound = std::move(outbound_);
         inbound_.reset();
@@ -302,6 +340,7 @@ private:
     beast::flat_buffer readBuffer_;
     unsigned long readDemand_ = 0;
     std::deque<WebSocketFrame> writeQueue_;
+    std::size_t queuedBytes_ = 0;
     websocket::close_code closeCode_ = websocket::close_code::normal;
     bool reading_ = false;
     bool writing_ = false;

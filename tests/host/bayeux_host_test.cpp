@@ -5,8 +5,11 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <future>
 #include <regex>
 #include <thread>
 
@@ -188,7 +191,133 @@ TEST_F(BayeuxHostTest, WebSocketAnswersEachMessageInItsOwnFrameAndFillsInTheClie
 
     socket.write("{not json");
     EXPECT_EQ(socket.read(), std::nullopt) << "a frame that cannot be handled closes the socket";
+    EXPECT_EQ(socket.closeCode(), 1011);
     EXPECT_EQ(publisher.handshake().size(), 16u);
+
+    // Text that is not UTF-8, in its bytes or once an escape is decoded, closes with 1007.
+    for (const std::string& frame : {std::string("[{\"channel\":\"/meta/handshake\",\"ext\":\"\xff\"}]"),
+                                     std::string(R"([{"channel":"/a\udc00"}])")}) {
+        WebSocketTestClient hostile(port(), "/bayeux");
+        hostile.write(frame);
+        EXPECT_EQ(hostile.read(), std::nullopt);
+        EXPECT_EQ(hostile.closeCode(), 1007) << frame;
+    }
+}
+
+// A WebSocket client over which the test speaks Bayeux by hand.
+class BayeuxSocket {
+public:
+    BayeuxSocket(unsigned short port) : socket_(port, "/bayeux") {
+        socket_.write(R"([{"channel":"/meta/handshake"}])");
+        id_ = clientIdIn(socket_.read().value_or(""));
+    }
+    void subscribe(const std::string& channel) {
+        socket_.write(R"([{"channel":"/meta/subscribe","subscription":")" + channel + R"("}])");
+        socket_.read();
+    }
+    void publish(const std::string& channel, const std::string& data) {
+        socket_.write(R"([{"channel":")" + channel + R"(","data":)" + data + "}]");
+        socket_.read();
+    }
+    void connect() { socket_.write(R"([{"channel":"/meta/connect","connectionType":"websocket"}])"); }
+    WebSocketTestClient& socket() { return socket_; }
+
+private:
+    WebSocketTestClient socket_;
+    std::string id_;
+};
+
+// Reads /room until `messages` have come, each in order, connecting again after each
+// connect reply as a client does; `next` counts the messages that came in order.
+void readInOrder(BayeuxSocket& subscriber, int messages, std::atomic<int>& next) {
+    while (next < messages) {
+        const std::optional<std::string> frame = subscriber.socket().read();
+        if (!frame) {
+            break;
+        }
+        if (frame->find(R"("channel":"/room")") != std::string::npos) {
+            if (frame->find(R"({"n":)" + std::to_string(next) + ",") == std::string::npos) {
+                break;
+            }
+            ++next;
+        } else if (frame->find(R"("channel":"/meta/connect")") != std::string::npos) {
+            subscriber.connect();
+        }
+    }
+}
+
+// A subscriber that keeps connecting but reads nothing, while far more is published than
+// loopback's socket buffers hold: past the backlog, or once a write has stalled for the
+// write timeout, its connection is cut, while a subscriber that reads, on its own thread,
+// gets every message in order. Each message is published once the reader has the one
+// before, so that the reader's batches stay small: the backlog counts a whole batch.
+TEST_F(BayeuxHostTest, AWebSocketPeerThatDoesNotReadIsCutPastTheBacklogOrTheWriteTimeout) {
+    struct Case {
+        const char* bound;
+        std::size_t backlogBytes;
+        std::chrono::milliseconds writeTimeout;
+    };
+    const Case cases[] = {
+        {"write timeout", std::size_t{1} << 30, std::chrono::milliseconds(300)},
+        {"backlog", 4 << 20, std::chrono::seconds(30)},
+    };
+    constexpr int messages = 240;  // of 100 KB
+    const std::string text(100 * 1000, 'x');
+    for (const Case& bound : cases) {
+        SCOPED_TRACE(bound.bound);
+        BayeuxHostOptions options;
+        options.http.wsBacklogBytes = bound.backlogBytes;
+        options.http.writeTimeout = bound.writeTimeout;
+        options.maxPendingMessages = 0;
+        host.reset();  // the host of the case before goes first, with its clock
+        start(options);
+        std::promise<void> subscribed;
+        std::atomic<int> received{0};
+        std::future<void> reading = std::async(std::launch::async, [this, &subscribed, &received] {
+            BayeuxSocket reader(port());
+            reader.subscribe("/room");
+            subscribed.set_value();
+            reader.connect();
+            readInOrder(reader, messages, received);
+        });
+        if (subscribed.get_future().wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+            reading.get();
+            FAIL() << "the reader did not subscribe";
+        }
+        auto readerHas = [&received](int count) {
+            const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+            while (received < count && std::chrono::steady_clock::now() < deadline) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+            return received >= count;
+        };
+        BayeuxSocket stalled(port()), publisher(port());
+        stalled.subscribe("/room");
+        bool cutWhilePublishing = false;
+        for (int n = 0; n < messages; ++n) {
+            ASSERT_TRUE(readerHas(n)) << "the reader is stuck at " << received;
+            publisher.publish("/room", R"({"n":)" + std::to_string(n) + R"(,"text":")" + text + R"("})");
+            // Each connect takes what waits for the peer into its socket: it never reads.
+            try {
+                if (!cutWhilePublishing) {
+                    stalled.connect();
+                }
+            } catch (const std::runtime_error&) {
+                cutWhilePublishing = true;
+            }
+        }
+        reading.get();
+        EXPECT_EQ(received, messages);
+        // The stalled peer finds what its socket buffers held, then the cut (no close frame).
+        int seenByStalled = 0;
+        try {
+            while (stalled.socket().read()) {
+                ++seenByStalled;
+            }
+        } catch (const std::runtime_error&) {
+        }
+        EXPECT_LT(seenByStalled, 2 * messages) << "the peer that did not read was not cut";
+    }
 }
 
 TEST_F(BayeuxHostTest, OutboundClientTransportTalksToOurOwnServerOverWsAndWss) {

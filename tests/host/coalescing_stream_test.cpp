@@ -1,5 +1,6 @@
 #include "korvane/host/coalescing_stream.h"
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -16,7 +17,7 @@ namespace net = boost::asio;
 using boost::beast::error_code;
 
 // A stream that records what reaches it: each socket write as "write:<bytes>", a
-// teardown as "teardown". Writes complete at once unless `holdWrites` is set; then
+// teardown as "teardown", a close as "close". Writes complete at once unless `holdWrites` is set; then
 // releaseWrite() completes the one under way, with `failure` if that is set.
 class RecordingStream {
 public:
@@ -46,6 +47,17 @@ public:
             release();
         }
     }
+
+    // What the write timeout closes: the socket, which fails the write under way.
+    struct Socket {
+        RecordingStream& stream;
+        void close(error_code&) {
+            stream.events.push_back("close");
+            stream.failure = net::error::operation_aborted;
+            stream.releaseWrite();
+        }
+    };
+    Socket socket() { return Socket{*this}; }
 
     template <class Handler>
     friend void async_teardown(boost::beast::role_type, RecordingStream& stream, Handler&& handler) {
@@ -174,6 +186,26 @@ TEST_F(CoalescingStreamTest, TeardownWaitsForTheBytesAlreadyTaken) {
     drain();
     EXPECT_TRUE(tornDown);
     EXPECT_EQ(socket.events, (std::vector<std::string>{"write:close-frame", "teardown"}));
+}
+
+TEST_F(CoalescingStreamTest, ASocketWriteThatOutlivesTheWriteTimeoutClosesTheSocket) {
+    RecordingStream& socket = stream.next_layer();
+    socket.holdWrites = true;
+    stream.setWriteTimeout(std::chrono::milliseconds(30));
+    writeInTurn({"in time"});
+    drain();
+    socket.releaseWrite();
+    drain();
+    writeInTurn({"stalled"});
+    drain();
+    // The timer armed by the first write fires during the second, and waits out its time.
+    io.restart();
+    io.run_for(std::chrono::seconds(5));
+    EXPECT_TRUE(stream.timedOut());
+    EXPECT_EQ(socket.events, (std::vector<std::string>{"write:in time", "write:stalled", "close"}));
+    writeInTurn({"after"});
+    drain();
+    EXPECT_EQ(completions, (std::vector<std::string>{"7", "7", "error"}));
 }
 
 }  // namespace

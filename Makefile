@@ -5,6 +5,9 @@ TSAN_BUILD ?= build-tsan
 JOBS       ?= $(shell nproc)
 CTEST_JOBS ?= $(JOBS)
 FUZZ_SECONDS ?= 75
+SOAK_SECONDS ?= 3600
+ASAN_ENV = ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+TSAN_ENV = TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(abspath tests/tsan.supp)
 ARGS ?=
 
 CONFIGURE = cmake -S . -DCMAKE_BUILD_TYPE=RelWithDebInfo -Wno-dev
@@ -12,7 +15,7 @@ CONFIGURE = cmake -S . -DCMAKE_BUILD_TYPE=RelWithDebInfo -Wno-dev
 # for their reports) for build time: their Beast translation units are the slowest.
 SANITIZE_FLAGS = -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1" -DKORVANE_BUILD_BENCH=OFF
 
-.PHONY: all deps build run test test-unit test-asan test-tsan test-interop test-interop-sanitized test-cluster test-browser test-load-smoke test-install fuzz fuzz-long bench bench-load install clean
+.PHONY: all deps build run test test-unit test-asan test-tsan test-interop test-interop-sanitized test-cluster test-browser test-load-smoke test-load-sanitized test-soak test-install fuzz fuzz-long bench bench-load soak install clean
 
 all: build
 
@@ -34,10 +37,12 @@ test: deps
 	$(MAKE) --no-print-directory test-cluster
 	$(MAKE) --no-print-directory test-browser
 	$(MAKE) --no-print-directory test-load-smoke
+	$(MAKE) --no-print-directory test-soak
 	$(MAKE) --no-print-directory test-install
 	$(MAKE) --no-print-directory test-asan
 	$(MAKE) --no-print-directory test-tsan
 	$(MAKE) --no-print-directory test-interop-sanitized
+	$(MAKE) --no-print-directory test-load-sanitized
 	$(MAKE) --no-print-directory fuzz
 
 test-unit:
@@ -48,14 +53,14 @@ test-unit:
 test-asan:
 	@$(CONFIGURE) -B $(ASAN_BUILD) -DKORVANE_SANITIZE=address,undefined $(SANITIZE_FLAGS) >/dev/null
 	cmake --build $(ASAN_BUILD) -j$(JOBS)
-	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	cd $(ASAN_BUILD) && $(ASAN_ENV) \
 	  ctest --output-on-failure -j$(CTEST_JOBS)
 
 # The suites that exercise real threads are named *Concurrency.
 test-tsan:
 	@$(CONFIGURE) -B $(TSAN_BUILD) -DKORVANE_SANITIZE=thread $(SANITIZE_FLAGS) >/dev/null
 	cmake --build $(TSAN_BUILD) -j$(JOBS)
-	cd $(TSAN_BUILD) && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(abspath tests/tsan.supp) \
+	cd $(TSAN_BUILD) && $(TSAN_ENV) \
 	  ctest --output-on-failure -j$(CTEST_JOBS) -R 'Concurrency\.'
 
 # The cometd client (npm) over long-polling and websocket against the server.
@@ -65,9 +70,9 @@ test-interop:
 # The same clients against the sanitizer builds of the server: a report fails the run.
 test-interop-sanitized:
 	KORVANE_SERVER=$(abspath $(ASAN_BUILD))/korvane-bayeux \
-	  ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	  $(ASAN_ENV) \
 	  node --test --test-concurrency=1 tests/interop/
-	KORVANE_SERVER=$(abspath $(TSAN_BUILD))/korvane-bayeux TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(abspath tests/tsan.supp) \
+	KORVANE_SERVER=$(abspath $(TSAN_BUILD))/korvane-bayeux $(TSAN_ENV) \
 	  node --test --test-concurrency=1 tests/interop/
 
 # Three servers sharing their channels through a throw-away redis-server.
@@ -86,6 +91,20 @@ test-load-smoke:
 	cmake --build $(BUILD) -j$(JOBS) --target korvane-bayeux korvane-load
 	KORVANE_SERVER=$(abspath $(BUILD))/korvane-bayeux KORVANE_LOAD=$(abspath $(BUILD))/korvane-load \
 	  BENCH_OUT=$(abspath $(BUILD))/load-smoke scripts/bench-load smoke
+
+# A minute of the soak (2,000 churning clients) against the server: fails on any loss,
+# error or server that does not exit 0; the RSS samples are printed, never judged.
+test-soak:
+	KORVANE_SERVER=$(abspath $(BUILD))/korvane-bayeux KORVANE_LOAD=$(abspath $(BUILD))/korvane-load \
+	  BENCH_OUT=$(abspath $(BUILD))/soak-short SOAK_SECONDS=60 SOAK_RSS_EVERY=10 scripts/bench-load soak
+
+# Chat load against the sanitizer builds of the server (20 s under ASan+UBSan, 10 s under
+# TSan): a report makes the server exit non-zero, which fails the run.
+test-load-sanitized:
+	$(ASAN_ENV) KORVANE_SERVER=$(abspath $(ASAN_BUILD))/korvane-bayeux KORVANE_LOAD=$(abspath $(BUILD))/korvane-load \
+	  BENCH_OUT=$(abspath $(BUILD))/load-asan SMOKE_SECONDS=20 SMOKE_RATE=200 scripts/bench-load smoke
+	$(TSAN_ENV) KORVANE_SERVER=$(abspath $(TSAN_BUILD))/korvane-bayeux KORVANE_LOAD=$(abspath $(BUILD))/korvane-load \
+	  BENCH_OUT=$(abspath $(BUILD))/load-tsan SMOKE_SECONDS=10 SMOKE_CLIENTS=100 SMOKE_RATE=100 scripts/bench-load smoke
 
 # `make install` into a scratch prefix, and the embedding example built from it alone.
 test-install:
@@ -110,6 +129,10 @@ bench: build
 # The load scenarios against a Release server; figures and charts in build/bench/.
 bench-load: deps
 	scripts/bench-load
+
+# SOAK_SECONDS of churn against a Release server, RSS each minute, e.g. `make soak SOAK_SECONDS=3600`.
+soak: deps
+	SOAK_SECONDS=$(SOAK_SECONDS) scripts/bench-load soak
 
 install: build
 	cmake --install $(BUILD) $(if $(PREFIX),--prefix $(PREFIX))

@@ -218,7 +218,24 @@ struct ServerFigures {
     std::optional<ProcessSample> atMeasureStart;
     std::optional<ProcessSample> atMeasureEnd;
     std::optional<ProcessSample> atEnd;
+    // (second of the measured time, RSS in kB) every --rss-every seconds.
+    std::vector<std::pair<std::int64_t, std::int64_t>> rss;
 };
+
+// How far RSS strayed, in percent, from its value once the run has settled: after 10
+// minutes, or after the first sixth of a shorter run. Negative when nothing came after.
+double rssDriftPercent(const std::vector<std::pair<std::int64_t, std::int64_t>>& rss, double duration) {
+    const double settled = duration >= 1200 ? 600 : duration / 6;
+    auto reference = std::find_if(rss.begin(), rss.end(), [settled](const auto& s) { return s.first >= settled; });
+    if (reference == rss.end() || std::next(reference) == rss.end() || reference->second <= 0) {
+        return -1;
+    }
+    double drift = 0;
+    for (auto sample = std::next(reference); sample != rss.end(); ++sample) {
+        drift = std::max(drift, 100.0 * std::fabs(static_cast<double>(sample->second - reference->second)) / static_cast<double>(reference->second));
+    }
+    return drift;
+}
 
 std::string jsonNumber(double value) {
     std::ostringstream out;
@@ -267,6 +284,15 @@ void printResults(const LoadOptions& options, const StatsSnapshot& total, std::i
         field("server_rss_end_kb", std::to_string(server.atMeasureEnd->rssKb));
         field("server_peak_rss_kb", std::to_string(server.atEnd->peakRssKb));
     }
+    if (!server.rss.empty()) {
+        std::string samples;
+        for (const auto& [second, kb] : server.rss) {
+            samples += (samples.empty() ? "[" : ",") + std::to_string(kb);
+        }
+        field("server_rss_samples_kb", samples + "]");
+        field("server_rss_every_s", jsonNumber(options.rssEverySeconds));
+        field("server_rss_drift_pct", jsonNumber(rssDriftPercent(server.rss, options.duration)));
+    }
     field("tool_cpu_s", jsonNumber(toolCpu));
     out << "}";
     std::cout << out.str() << std::endl;
@@ -274,6 +300,18 @@ void printResults(const LoadOptions& options, const StatsSnapshot& total, std::i
 
 std::optional<ProcessSample> sampleServer(const LoadOptions& options) {
     return options.serverPid ? sampleProcess(options.serverPid) : std::nullopt;
+}
+
+// Every --rss-every seconds of the measured time, from its start to its end.
+void sampleRss(const LoadOptions& options, std::int64_t tick, std::int64_t measureTicks, ServerFigures& figures) {
+    const auto every = static_cast<std::int64_t>(std::llround(options.rssEverySeconds));
+    if (every <= 0 || tick < 0 || tick > measureTicks || (tick % every != 0 && tick != measureTicks)) {
+        return;
+    }
+    if (const std::optional<ProcessSample> sample = sampleServer(options)) {
+        figures.rss.emplace_back(tick, sample->rssKb);
+        std::cerr << "korvane-load: rss     t=" << tick << "s " << sample->rssKb << " kB" << std::endl;
+    }
 }
 
 int run(const LoadOptions& options) {
@@ -320,6 +358,7 @@ int run(const LoadOptions& options) {
         if (tick == measureTicks + 1) {
             serverFigures.atMeasureEnd = sampleServer(options);
         }
+        sampleRss(options, tick, measureTicks, serverFigures);
         const StatsSnapshot second = takeSecond(workers);
         if (tick >= 1 && tick <= measureTicks) {
             measuredHandshakes += second.counters.handshakes;

@@ -108,6 +108,8 @@ void LoadClient::onMeta(std::string_view channel, std::string_view message) {
         onSubscribeReply(message);
     } else if (channel == "/meta/connect") {
         onConnectReply(message);
+    } else if (channel == "/meta/unsubscribe") {
+        onUnsubscribeReply(message);
     } else if (channel == "/meta/disconnect") {
         onDisconnectReply();
     }
@@ -222,7 +224,24 @@ void LoadClient::onPublishReply(std::string_view message) {
         ++stats_.counters().errors;
         return;
     }
-    if (setup_.role == Role::churner) {
+    if (setup_.role != Role::churner) {
+        return;
+    }
+    for (std::size_t room : setup_.rooms) {
+        send("{\"id\":\"" + nextId() + "\",\"channel\":\"/meta/unsubscribe\",\"clientId\":\"" + clientId_ +
+             "\",\"subscription\":\"" + roomChannel(room) + "\"}");
+    }
+}
+
+// A churner leaves once the last of its rooms is let go of.
+void LoadClient::onUnsubscribeReply(std::string_view message) {
+    if (setup_.role != Role::churner || subscribedCount_ == 0) {
+        return;
+    }
+    if (!isTrue(message, "successful")) {
+        ++stats_.counters().errors;
+    }
+    if (--subscribedCount_ == 0) {
         send("{\"id\":\"" + nextId() + "\",\"channel\":\"/meta/disconnect\",\"clientId\":\"" + clientId_ + "\"}");
     }
 }

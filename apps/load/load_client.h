@@ -66,6 +66,7 @@ private:
     void onSubscribeReply(std::string_view message);
     void onConnectReply(std::string_view message);
     void onPublishReply(std::string_view message);
+    void onUnsubscribeReply(std::string_view message);
     void onDisconnectReply();
     void onDelivery(std::string_view message);
     void subscribeAll();

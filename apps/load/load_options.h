@@ -26,6 +26,7 @@ struct LoadOptions {
     std::string plot;
     bool check = false;
     std::size_t churn = 0;
+    double rssEverySeconds = 0;  // 0: the server's RSS is sampled at the start and end only
     double rampPerSecond = 5000;  // new clients per second while the run sets up
     double setupTimeout = 300;
 };

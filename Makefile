@@ -15,7 +15,7 @@ CONFIGURE = cmake -S . -DCMAKE_BUILD_TYPE=RelWithDebInfo -Wno-dev
 # for their reports) for build time: their Beast translation units are the slowest.
 SANITIZE_FLAGS = -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1" -DKORVANE_BUILD_BENCH=OFF
 
-.PHONY: all deps build run test test-unit test-asan test-tsan test-interop test-interop-sanitized test-cluster test-browser test-load-smoke test-load-sanitized test-soak test-install fuzz fuzz-long bench bench-load soak install clean
+.PHONY: all deps build run test test-unit test-asan test-tsan test-interop test-interop-sanitized test-cluster test-browser test-load-smoke test-load-sanitized test-soak test-memory test-install fuzz fuzz-long bench bench-load soak install clean
 
 all: build
 
@@ -38,6 +38,7 @@ test: deps
 	$(MAKE) --no-print-directory test-browser
 	$(MAKE) --no-print-directory test-load-smoke
 	$(MAKE) --no-print-directory test-soak
+	$(MAKE) --no-print-directory test-memory
 	$(MAKE) --no-print-directory test-install
 	$(MAKE) --no-print-directory test-asan
 	$(MAKE) --no-print-directory test-tsan
@@ -97,6 +98,10 @@ test-load-smoke:
 test-soak:
 	KORVANE_SERVER=$(abspath $(BUILD))/korvane-bayeux KORVANE_LOAD=$(abspath $(BUILD))/korvane-load \
 	  BENCH_OUT=$(abspath $(BUILD))/soak-short SOAK_SECONDS=60 SOAK_RSS_EVERY=10 scripts/bench-load soak
+
+# The server's RSS while peers that read nothing are fed: bounded, then given back.
+test-memory:
+	KORVANE_SERVER=$(abspath $(BUILD))/korvane-bayeux node --test --test-concurrency=1 tests/memory/
 
 # Chat load against the sanitizer builds of the server (20 s under ASan+UBSan, 10 s under
 # TSan): a report makes the server exit non-zero, which fails the run.

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <malloc.h>
 #include <functional>
 #include <iostream>
 #include <memory>
@@ -228,6 +229,14 @@ private:
     common::TimerHandle timer;
 };
 
+// glibc keeps what a burst freed (the frames of a cut slow peer, a swept flood of
+// sessions) in its arenas for good; handing the free pages back every few seconds lets
+// the server's RSS fall again once the burst is over.
+common::TimerHandle returnFreedMemoryPeriodically() {
+    constexpr long long everyTicks = 10 * 1000 / common::tickMilliseconds;
+    return common::periodic([](long long) { malloc_trim(0); }, everyTicks);
+}
+
 int waitForStopSignal(const sigset_t& signals) {
     int received = 0;
     sigwait(&signals, &received);
@@ -258,6 +267,7 @@ int main(int argc, char** argv) {
     try {
         host::BayeuxHost server(std::move(options.host));
         server.start();
+        common::TimerHandle memoryTrim = returnFreedMemoryPeriodically();
         std::unique_ptr<Heartbeat> heartbeat;
         if (options.heartbeatSeconds != 0) {
             heartbeat = std::make_unique<Heartbeat>(server, options.heartbeatSeconds);
@@ -275,6 +285,7 @@ int main(int argc, char** argv) {
         waitForStopSignal(signals);
         bridge.reset();
         heartbeat.reset();
+        memoryTrim.reset();
         server.stop();
     } catch (const std::exception& error) {
         std::cerr << "korvane-bayeux: " << error.what() << "\n";

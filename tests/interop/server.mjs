@@ -35,6 +35,7 @@ export async function startServer({ listen = "127.0.0.1:0", args = [] } = {}) {
     });
     const exited = new Promise((resolve) => child.on("exit", (code, signal) => resolve({ code, signal })));
     return {
+        pid: child.pid,
         url,
         port: Number(new URL(url).port),
         bayeux: new URL("/bayeux", url).href,

@@ -1,0 +1,122 @@
+// The server's memory while peers that read nothing are fed, measured from its RSS: a
+// WebSocket subscriber that keeps connecting but never reads is cut past the backlog, a
+// long-polling subscriber that stops connecting is dropped past the pending limit, a
+// subscriber that reads gets everything; meanwhile RSS stays bounded, and afterwards it
+// falls back (the server hands freed pages back every 10 s).
+
+import { test } from "node:test";
+import assert from "node:assert/strict";
+import { readFileSync } from "node:fs";
+import WebSocket from "ws";
+import { startServer } from "../interop/server.mjs";
+
+const MiB = 1024;  // in kB
+const backlogBytes = 4 * 1024 * 1024;
+const maxPending = 500;
+const messages = 1500;
+const bytes = 10000;
+
+const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
+
+async function post(bayeux, body, cookie = "") {
+    const response = await fetch(bayeux, {
+        method: "POST",
+        headers: { "Content-Type": "application/json", Cookie: cookie },
+        body: JSON.stringify(body),
+    });
+    return { replies: await response.json(), cookie: response.headers.get("set-cookie")?.split(";")[0] ?? cookie };
+}
+
+// A WebSocket subscriber of /room speaking Bayeux by hand.
+async function webSocketSubscriber(bayeux, { onMessage = () => {}, onConnectReply = () => {} } = {}) {
+    const socket = new WebSocket(bayeux.replace("http", "ws"));
+    await new Promise((resolve, reject) => {
+        socket.on("open", resolve);
+        socket.on("error", reject);
+    });
+    socket.on("error", () => {});
+    const send = (message) => socket.send(JSON.stringify([message]));
+    const subscribed = new Promise((resolve) => {
+        socket.on("message", (data) => {
+            for (const message of JSON.parse(data)) {
+                if (message.channel === "/meta/handshake") {
+                    send({ channel: "/meta/subscribe", clientId: message.clientId, subscription: "/room" });
+                } else if (message.channel === "/meta/subscribe") {
+                    resolve();
+                } else if (message.channel === "/meta/connect") {
+                    onConnectReply();
+                } else if (message.channel === "/room") {
+                    onMessage(message);
+                }
+            }
+        });
+    });
+    send({ channel: "/meta/handshake", version: "1.0", supportedConnectionTypes: ["websocket"] });
+    await subscribed;
+    return { socket, connect: () => send({ channel: "/meta/connect", connectionType: "websocket" }) };
+}
+
+async function until(condition, ms) {
+    for (const end = Date.now() + ms; !condition() && Date.now() < end;) {
+        await sleep(100);
+    }
+    return condition();
+}
+
+test("peers that read nothing cost a bounded amount of memory, given back once they are cut", async () => {
+    const server = await startServer({ args: ["--ws-backlog", String(backlogBytes), "--max-pending", String(maxPending)] });
+    const rssKb = () => Number(/VmRSS:\s+(\d+)/.exec(readFileSync(`/proc/${server.pid}/status`, "utf8"))[1]);
+    const stalledConnects = [];
+    try {
+        const before = rssKb();
+        let received = 0;
+        const reader = await webSocketSubscriber(server.bayeux, {
+            onMessage: (message) => {
+                assert.equal(message.data.n, received, "in order");
+                received++;
+            },
+            onConnectReply: () => reader.connect(),
+        });
+        reader.connect();
+
+        const stalled = await webSocketSubscriber(server.bayeux);
+        stalled.socket._socket.pause();
+        stalledConnects.push(setInterval(() => stalled.socket.readyState === WebSocket.OPEN && stalled.connect(), 20));
+
+        const quiet = await post(server.bayeux, [{ channel: "/meta/handshake", version: "1.0", supportedConnectionTypes: ["long-polling"] }]);
+        const quietId = quiet.replies[0].clientId;
+        await post(server.bayeux, [{ channel: "/meta/subscribe", clientId: quietId, subscription: "/room" }], quiet.cookie);
+
+        const publisher = await post(server.bayeux, [{ channel: "/meta/handshake", version: "1.0" }]);
+        const publisherId = publisher.replies[0].clientId;
+        const text = "x".repeat(bytes);
+        let highest = before;
+        const sampler = setInterval(() => (highest = Math.max(highest, rssKb())), 50);
+        for (let n = 0; n < messages; n += 20) {
+            const batch = [];
+            for (let k = n; k < Math.min(messages, n + 20); k++) {
+                batch.push({ channel: "/room", clientId: publisherId, data: { n: k, text } });
+            }
+            await post(server.bayeux, batch, publisher.cookie);
+        }
+        assert.ok(await until(() => received === messages, 30000), `the reader got ${received} of ${messages}`);
+        clearInterval(sampler);
+
+        assert.match(server.stderr(), /WebSocket cut: \d+ bytes waiting for a peer that does not read/);
+        const after = await post(server.bayeux, [{ channel: "/meta/connect", clientId: quietId, connectionType: "long-polling" }], quiet.cookie);
+        assert.equal(after.replies[0].error, "No such clientId.", "the quiet long-polling client was dropped");
+
+        // What the server held for the two: the backlog, the pending messages, and room
+        // for the reader's frames and the allocator's own keeping.
+        const bound = backlogBytes / 1024 + (maxPending * bytes) / 1024 + 24 * MiB;
+        assert.ok(highest - before <= bound, `RSS grew by ${highest - before} kB, bound ${bound} kB`);
+        const returned = await until(() => rssKb() - before <= 8 * MiB, 15000);
+        console.log(`RSS: ${before} kB before, ${highest} kB at most, ${rssKb()} kB after`);
+        assert.ok(returned, `RSS stayed ${rssKb() - before} kB above where it started`);
+        reader.socket.terminate();
+        stalled.socket.terminate();
+    } finally {
+        stalledConnects.forEach(clearInterval);
+        await server.stop();
+    }
+});

@@ -1,8 +1,10 @@
+#include <cstddef>
 #include <cstdlib>
 #include <malloc.h>
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#include <sanitizer/allocator_interface.h>
+// The sanitizer runtimes have it; gcc ships no header that declares it.
+extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
 #endif
 
 #include "korvane/session/long_poll_session.h"

@@ -232,7 +232,8 @@ double rssDriftPercent(const std::vector<std::pair<std::int64_t, std::int64_t>>&
     }
     double drift = 0;
     for (auto sample = std::next(reference); sample != rss.end(); ++sample) {
-        drift = std::max(drift, 100.0 * std::fabs(static_cast<double>(sample->second - reference->second)) / static_cast<double>(reference->second));
+        const double change = static_cast<double>(sample->second - reference->second);
+        drift = std::max(drift, 100.0 * std::fabs(change) / static_cast<double>(reference->second));
     }
     return drift;
 }

@@ -36,7 +36,7 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core/async_base.hpp>
-#include <boost/beast/core/buffers_to_string.hpp>
+#include <boost/beast/core/buffers_range.hpp>
 #include <boost/beast/core/error.hpp>
 #include <boost/beast/core/stream_traits.hpp>
 #include <boost/beast/websocket/teardown.hpp>
@@ -116,7 +116,9 @@ private:
                 return;
             }
             const std::size_t taken = boost::asio::buffer_size(buffers_);
-            stream_.pending_ += boost::beast::buffers_to_string(buffers_);
+            for (const auto buffer : boost::beast::buffers_range_ref(buffers_)) {
+                stream_.pending_.append(static_cast<const char*>(buffer.data()), buffer.size());
+            }
             if (continuation) {
                 // Woken by a completed socket write, which has already started the next one.
                 stream_.scheduleFlush();

@@ -4,7 +4,6 @@
 #include <array>
 #include <cctype>
 #include <chrono>
-#include <cstdio>
 #include <deque>
 #include <exception>
 #include <fstream>
@@ -66,11 +65,11 @@ std::string lowered(std::string_view text) {
     return result;
 }
 
-// One chunk of a chunked body, as Beast frames it: the size in hex, the data, each line ended.
+// One chunk of a chunked body, framed by Beast's own chunk header and line end.
 void appendChunk(std::string_view data, std::string& out) {
-    char size[2 * sizeof(std::size_t) + 1];
-    const int length = std::snprintf(size, sizeof size, "%zx", data.size());
-    out.append(size, static_cast<std::size_t>(length)).append("\r\n").append(data).append("\r\n");
+    out += beast::buffers_to_string(bhttp::chunk_header(data.size()));
+    out.append(data);
+    out += beast::buffers_to_string(bhttp::chunk_crlf());
 }
 
 // The head of a response as its serializer writes it.
@@ -493,7 +492,7 @@ private:
         while (!pendingBody_.empty() && !ended && !pendingBody_.front().error) {
             BodySignal& signal = pendingBody_.front();
             if (!signal.item) {
-                outgoing_ += "0\r\n\r\n";
+                outgoing_ += beast::buffers_to_string(bhttp::make_chunk_last());
                 ended = true;
             } else {
                 ++taken;

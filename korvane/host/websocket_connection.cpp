@@ -41,9 +41,9 @@ using FrameSignal = StreamSignal<WebSocketFrame>;
 
 // One accepted WebSocket. The service's frames (`inbound`) come through the relay
 // `writer_` and are written in order, through a CoalescingStream: frames that are ready
-// together (a delivery and the connect reply behind it) leave in one socket write; the peer's messages are read whole, one at a
-// time and only within the demand the service asked for, and handed to `outbound`
-// on the strand. The first close (by the peer, the service, an error or stop())
+// together (a delivery and the connect reply behind it) leave in one socket write. The
+// peer's messages are read whole, one at a time and only within the demand the service
+// asked for, and handed to `outbound` on the strand. The first close (by the peer, the service, an error or stop())
 // ends both streams.
 //
 // Bounds: the frames waiting for the socket (`queuedBytes_` here, and what the
@@ -263,10 +263,6 @@ private:
         queuedBytes_ -= writeQueue_.front().data.size;
         writeQueue_.pop_front();
         if (error || finished_) {
-            if (socket_.next_layer().timedOut()) {
-                KORVANE_LOG(logger, 256) << "WebSocket cut: a write took longer than "
-                                         << state_->options.writeTimeout.count() << " ms";
-            }
             doFinish();
             return;
         }
@@ -307,6 +303,12 @@ private:
             return;
         }
         finished_ = true;
+        // The stalled write may have been the layer's own, with nothing of ours under way:
+        // the cut is told here, wherever its failure was seen.
+        if (socket_.next_layer().timedOut()) {
+            KORVANE_LOG(logger, 256) << "WebSocket cut: a write took longer than "
+                                     << state_->options.writeTimeout.count() << " ms";
+        }
         if (writer_) {
             writer_->detach();
         }

@@ -8,6 +8,7 @@
 
 #include <boost/asio/error.hpp>
 #include <boost/asio/io_context.hpp>
+#include <boost/beast/core/buffers_to_string.hpp>
 #include <gtest/gtest.h>
 
 namespace korvane::host {

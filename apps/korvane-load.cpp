@@ -8,7 +8,6 @@
 // I/O thread runs its own io_context with its share of the clients and its own
 // counters, which main reads by posting to it (once a second and at the end).
 
-#include <algorithm>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -222,22 +221,6 @@ struct ServerFigures {
     std::vector<std::pair<std::int64_t, std::int64_t>> rss;
 };
 
-// How far RSS strayed, in percent, from its value once the run has settled: after 10
-// minutes, or after the first sixth of a shorter run. Negative when nothing came after.
-double rssDriftPercent(const std::vector<std::pair<std::int64_t, std::int64_t>>& rss, double duration) {
-    const double settled = duration >= 1200 ? 600 : duration / 6;
-    auto reference = std::find_if(rss.begin(), rss.end(), [settled](const auto& s) { return s.first >= settled; });
-    if (reference == rss.end() || std::next(reference) == rss.end() || reference->second <= 0) {
-        return -1;
-    }
-    double drift = 0;
-    for (auto sample = std::next(reference); sample != rss.end(); ++sample) {
-        const double change = static_cast<double>(sample->second - reference->second);
-        drift = std::max(drift, 100.0 * std::fabs(change) / static_cast<double>(reference->second));
-    }
-    return drift;
-}
-
 std::string jsonNumber(double value) {
     std::ostringstream out;
     out.precision(6);
@@ -292,7 +275,8 @@ void printResults(const LoadOptions& options, const StatsSnapshot& total, std::i
         }
         field("server_rss_samples_kb", samples + "]");
         field("server_rss_every_s", jsonNumber(options.rssEverySeconds));
-        field("server_rss_drift_pct", jsonNumber(rssDriftPercent(server.rss, options.duration)));
+        const std::optional<double> drift = rssDriftPercent(server.rss, options.duration);
+        field("server_rss_drift_pct", drift ? jsonNumber(*drift) : "null");
     }
     field("tool_cpu_s", jsonNumber(toolCpu));
     out << "}";

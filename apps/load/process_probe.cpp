@@ -69,4 +69,33 @@ double ownCpuSeconds() {
     return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
+std::optional<double> rssDriftPercent(const std::vector<std::pair<std::int64_t, std::int64_t>>& rss, double duration) {
+    const double settled = duration >= 1200 ? 600 : duration / 6;
+    double count = 0, sumT = 0, sumKb = 0, sumTT = 0, sumTKb = 0;
+    double first = 0, last = 0;
+    for (const auto& [second, kb] : rss) {
+        if (second < settled) {
+            continue;
+        }
+        const double t = static_cast<double>(second);
+        first = count == 0 ? t : first;
+        last = t;
+        ++count;
+        sumT += t;
+        sumKb += static_cast<double>(kb);
+        sumTT += t * t;
+        sumTKb += t * static_cast<double>(kb);
+    }
+    const double spread = count * sumTT - sumT * sumT;
+    if (count < 2 || spread <= 0) {
+        return std::nullopt;
+    }
+    const double slope = (count * sumTKb - sumT * sumKb) / spread;
+    const double atFirst = (sumKb - slope * sumT) / count + slope * first;
+    if (atFirst <= 0) {
+        return std::nullopt;
+    }
+    return 100.0 * slope * (last - first) / atFirst;
+}
+
 }  // namespace korvane::load

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <exception>
 #include <limits>
 #include <memory>
@@ -12,6 +11,7 @@
 
 #include "korvane/frame/future.h"
 #include "korvane/frame/reactive_streams.h"
+#include "korvane/frame/ring_queue.h"
 #include "korvane/frame/transform_processor.h"
 
 namespace korvane::reactive_streams {
@@ -252,7 +252,7 @@ private:
 
     std::mutex mutex;
     std::uint64_t maxCached = std::numeric_limits<std::uint64_t>::max();
-    std::deque<T> cache;
+    common::RingQueue<T> cache;
     F onFinished;
     Promise<bool> donePromise;
     std::exception_ptr error;

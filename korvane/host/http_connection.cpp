@@ -4,7 +4,6 @@
 #include <array>
 #include <cctype>
 #include <chrono>
-#include <deque>
 #include <exception>
 #include <fstream>
 #include <iterator>
@@ -22,6 +21,7 @@
 #include "korvane/frame/http.h"
 #include "korvane/frame/logger.h"
 #include "korvane/frame/one_shot_publisher.h"
+#include "korvane/frame/ring_queue.h"
 #include "korvane/host/browser_session.h"
 #include "korvane/host/host_context.h"
 #include "korvane/host/relay_subscriber.h"
@@ -447,7 +447,10 @@ private:
         head_->keep_alive(keepAlive_);
         head_->chunked(true);
         headPending_ = true;
-        pendingBody_.assign(std::make_move_iterator(collected.begin()), std::make_move_iterator(collected.end()));
+        pendingBody_.clear();
+        for (BodySignal& signal : collected) {
+            pendingBody_.push_back(std::move(signal));
+        }
         // The first chunk is asked for already; the rest of the window lets chunks that are
         // made together wait here while a write is under way, and leave in one write.
         body_->request(bodyWindow - 1);
@@ -771,7 +774,7 @@ private:
     std::shared_ptr<RelaySubscriber<DataBuffer>> body_;
     // Numbers the bodies, so that a signal of an earlier one is not taken for the current one's.
     std::uint64_t relayCount_ = 0;
-    std::deque<BodySignal> pendingBody_;
+    common::RingQueue<BodySignal> pendingBody_;
     // The bytes of the body write under way.
     std::string outgoing_;
     bool headPending_ = false;

@@ -1,6 +1,5 @@
 #include "korvane/host/websocket_connection.h"
 
-#include <deque>
 #include <iterator>
 #include <exception>
 #include <limits>
@@ -14,6 +13,7 @@
 
 #include "korvane/codec/utf8.h"
 #include "korvane/frame/logger.h"
+#include "korvane/frame/ring_queue.h"
 #include "korvane/host/coalescing_stream.h"
 #include "korvane/host/relay_subscriber.h"
 #include "korvane/host/server_state.h"
@@ -314,11 +314,11 @@ private:
         }
         // A frame whose write is under way stays until the write completes: the socket
         // still reads its bytes, and onWritten pops it.
-        const auto kept = writing_ ? std::next(writeQueue_.begin()) : writeQueue_.begin();
-        for (auto frame = kept; frame != writeQueue_.end(); ++frame) {
-            queuedBytes_ -= frame->data.size;
+        const std::size_t kept = writing_ ? 1 : 0;
+        while (writeQueue_.size() > kept) {
+            queuedBytes_ -= writeQueue_.back().data.size;
+            writeQueue_.pop_back();
         }
-        writeQueue_.erase(kept, writeQueue_.end());
         link_->cut();
         std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound = std::move(outbound_);
         inbound_.reset();
@@ -341,7 +341,7 @@ private:
     std::shared_ptr<ReadSubscription> readSubscription_;
     beast::flat_buffer readBuffer_;
     unsigned long readDemand_ = 0;
-    std::deque<WebSocketFrame> writeQueue_;
+    common::RingQueue<WebSocketFrame> writeQueue_;
     std::size_t queuedBytes_ = 0;
     websocket::close_code closeCode_ = websocket::close_code::normal;
     bool reading_ = false;

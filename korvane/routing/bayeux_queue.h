@@ -15,7 +15,6 @@
 // Always made by std::make_shared: subscribe needs a weak pointer to the queue.
 
 #include <cstdint>
-#include <deque>
 #include <exception>
 #include <memory>
 #include <mutex>
@@ -24,6 +23,7 @@
 #include "korvane/frame/future.h"
 #include "korvane/frame/message.h"
 #include "korvane/frame/reactive_streams.h"
+#include "korvane/frame/ring_queue.h"
 
 namespace korvane::bayeux {
 
@@ -87,7 +87,7 @@ private:
 
     std::mutex mutex;
     std::string id;
-    std::deque<std::unique_ptr<Message>> messages;
+    common::RingQueue<std::unique_ptr<Message>> messages;
     Promise<bool> promise;
     std::exception_ptr error;
     std::shared_ptr<Subscriber> subscriber;

@@ -202,14 +202,14 @@ std::shared_ptr<BayeuxQueue> LongPollSession::korvaneShortPoll(const std::string
     doCompleteQueue(lock);
     doNotifyQueue(lock);
     const std::string name = id + "_" + connectMessageId;
-    std::deque<std::unique_ptr<Message>> taken;
+    common::RingQueue<std::unique_ptr<Message>> taken;
     taken.swap(pendingMessages);
     lock.unlock();
     // The queue is fresh and reachable by no other thread, so it is filled with the lock released: no queue
     // mutex is ever taken under the session's.
     TempPublisher publisher = makeTempPublisher(name);
-    for (auto& message : taken) {
-        publisher.queue->setValue(std::move(message));
+    for (; !taken.empty(); taken.pop_front()) {
+        publisher.queue->setValue(std::move(taken.front()));
     }
     auto response = std::make_unique<ConnectResponse>();
     response->id = messageId;
@@ -334,7 +334,7 @@ void LongPollSession::doAnswerOpenConnect(std::unique_lock<std::mutex>& lock) {
 }
 
 void LongPollSession::doDrainPending(std::unique_lock<std::mutex>& lock, const std::shared_ptr<BayeuxQueue>& queue) {
-    // Messages that arrive while the lock is open join the back of the deque and go out in this same loop.
+    // Messages that arrive while the lock is open join the back of the queue and go out in this same loop.
     while (!pendingMessages.empty()) {
         std::unique_ptr<Message> message = std::move(pendingMessages.front());
         pendingMessages.pop_front();

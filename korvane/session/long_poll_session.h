@@ -27,7 +27,6 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -39,6 +38,7 @@
 #include "korvane/codec/channel.h"
 #include "korvane/codec/messages.h"
 #include "korvane/codec/routing_interfaces.h"
+#include "korvane/frame/ring_queue.h"
 #include "korvane/frame/timers.h"
 
 namespace korvane::bayeux {
@@ -130,7 +130,7 @@ private:
     std::string connectMessageId;
     bool bufferResponses = true;
     bool holdResponses = false;
-    std::deque<std::unique_ptr<Message>> pendingMessages;
+    common::RingQueue<std::unique_ptr<Message>> pendingMessages;
     std::shared_ptr<BayeuxQueue> connectQueue;
     std::unordered_map<unsigned long, std::shared_ptr<BayeuxQueue>> tempPublishers;
     Channel channels;

@@ -200,7 +200,7 @@ TEST_F(LongPollTransport, BodyThatIsNotUtf8IsRefusedWholeAndTheRoomCarriesOn) {
     Answer cutInTheMiddle = post(publishHead + "ok\"}\xE2\x82", browser("browser-2"));
     EXPECT_EQ(cutInTheMiddle.body->joined(), "Error handling bayeux request: Invalid UTF-8 in request");
     // A lone low surrogate escape in a field the reader decodes would come back out as raw bytes.
-    for (const std::string body :
+    for (const std::string& body :
          {R"({"channel":"/room\udc00","clientId":")" + bob + R"(","data":1})",
           R"([{"channel":"/meta/subscribe","clientId":")" + bob + R"(","subscription":"/x\ude00"},)"
           R"({"channel":"/meta/handshake","supportedConnectionTypes":["long-polling"]}])",

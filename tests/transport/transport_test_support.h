@@ -198,7 +198,7 @@ protected:
             send(std::make_unique<http::HttpRequest>("get", "/bayeux", std::move(headers), nullptr),
                  std::move(context));
         auto* socket = dynamic_cast<http::WebSocket*>(reply.get());
-        Socket opened{std::make_shared<FrameRecorder>(~0ul, 0, std::move(onFrame)), std::make_shared<FrameFeed>(nullptr)};
+        Socket opened{std::make_shared<FrameRecorder>(~0ul, 0, std::move(onFrame)), std::make_shared<FrameFeed>(nullptr), {}, {}};
         if (socket == nullptr) {
             ADD_FAILURE() << "the upgrade was not answered with a WebSocket";
             return opened;

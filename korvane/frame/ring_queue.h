@@ -42,6 +42,7 @@ public:
     const T& front() const { return slots_[head_]; }
     T& back() { return slots_[slot(count_ - 1)]; }
     const T& back() const { return slots_[slot(count_ - 1)]; }
+
     void push_back(T value) {
         if (count_ == capacity_) {
             grow();
@@ -63,11 +64,7 @@ public:
         afterRemoval();
     }
 
-    void clear() {
-        while (count_ != 0) {
-            pop_back();
-        }
-    }
+    void clear() { release(); }
 
     void swap(RingQueue& other) noexcept {
         std::swap(slots_, other.slots_);

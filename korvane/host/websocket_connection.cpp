@@ -1,6 +1,5 @@
 #include "korvane/host/websocket_connection.h"
 
-#include <iterator>
 #include <exception>
 #include <limits>
 #include <string_view>
@@ -43,8 +42,8 @@ using FrameSignal = StreamSignal<WebSocketFrame>;
 // `writer_` and are written in order, through a CoalescingStream: frames that are ready
 // together (a delivery and the connect reply behind it) leave in one socket write. The
 // peer's messages are read whole, one at a time and only within the demand the service
-// asked for, and handed to `outbound` on the strand. The first close (by the peer, the service, an error or stop())
-// ends both streams.
+// asked for, and handed to `outbound` on the strand. The first close (by the peer, the
+// service, an error or stop()) ends both streams.
 //
 // Bounds: the frames waiting for the socket (`queuedBytes_` here, and what the
 // CoalescingStream holds) may not exceed the server's wsBacklogBytes, and a socket write

@@ -10,12 +10,14 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <malloc.h>
 #include <functional>
 #include <iostream>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include "command_line.h"
@@ -229,6 +231,29 @@ private:
     common::TimerHandle timer;
 };
 
+// glibc caches up to seven freed blocks of each small size in every thread, out of
+// malloc_trim's reach. Once a burst is freed, the blocks left in those caches lie
+// scattered through its pages and keep each one resident: 1.9 MB of a 14-MB server after
+// a swept flood of 100,000 handshakes, 13 to 17% above its start. One block per size keeps
+// the cache's speed where it matters, on request paths that free what they allocated
+// moments before, and leaves the swept flood within 4% of the start. glibc reads the
+// setting only from the environment at process start, so the server starts itself again
+// with it, once (the pid stays), unless the environment already chooses a tcache_count.
+void limitPerThreadMallocCache(char** argv) {
+    constexpr const char* setting = "glibc.malloc.tcache_count";
+    const char* tunables = std::getenv("GLIBC_TUNABLES");
+    if (tunables != nullptr && std::strstr(tunables, setting) != nullptr) {
+        return;
+    }
+    std::string wanted = std::string(setting) + "=1";
+    if (tunables != nullptr && *tunables != '\0') {
+        wanted = std::string(tunables) + ":" + wanted;
+    }
+    setenv("GLIBC_TUNABLES", wanted.c_str(), 1);
+    execv("/proc/self/exe", argv);
+    // Without /proc the server runs on with glibc's default cache.
+}
+
 // glibc keeps what a burst freed (the frames of a cut slow peer, a swept flood of
 // sessions) in its arenas for good; handing the free pages back every few seconds lets
 // the server's RSS fall again once the burst is over.
@@ -260,6 +285,7 @@ int waitForStopSignal(const sigset_t& signals) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    limitPerThreadMallocCache(argv);
     Options options;
     try {
         options = parseOptions(argc, argv);

@@ -8,10 +8,19 @@ import path from "node:path";
 const root = path.resolve(path.dirname(fileURLToPath(import.meta.url)), "../..");
 export const serverBinary = process.env.KORVANE_SERVER ?? path.join(root, "build", "korvane-bayeux");
 
-export async function startServer({ listen = "127.0.0.1:0", args = [] } = {}) {
+// `env` adds variables to the server's environment, or removes those it sets to undefined.
+export async function startServer({ listen = "127.0.0.1:0", args = [], env = {} } = {}) {
+    const environment = {
+        ...process.env,
+        ...(process.env.KORVANE_SERVER_ENV ? JSON.parse(process.env.KORVANE_SERVER_ENV) : {}),
+        ...env,
+    };
+    for (const name of Object.keys(environment)) {
+        if (environment[name] === undefined) delete environment[name];
+    }
     const child = spawn(serverBinary, ["--listen", listen, "--heartbeat", "0", ...args], {
         stdio: ["ignore", "pipe", "pipe"],
-        env: { ...process.env, ...(process.env.KORVANE_SERVER_ENV ? JSON.parse(process.env.KORVANE_SERVER_ENV) : {}) },
+        env: environment,
     });
     let stderr = "";
     child.stderr.on("data", (chunk) => {

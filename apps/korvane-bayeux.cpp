@@ -234,7 +234,7 @@ private:
 // glibc caches up to seven freed blocks of each small size in every thread, out of
 // malloc_trim's reach. Once a burst is freed, the blocks left in those caches lie
 // scattered through its pages and keep each one resident: 1.9 MB of a 14-MB server after
-// a swept flood of 100,000 handshakes, 13 to 17% above its start. One block per size keeps
+// a swept flood of 100,000 handshakes, 13 to 17.5% above its start. One block per size keeps
 // the cache's speed where it matters, on request paths that free what they allocated
 // moments before, and leaves the swept flood within 4% of the start. glibc reads the
 // setting only from the environment at process start, so the server starts itself again

@@ -72,7 +72,7 @@ struct RedisBridge::Outbox {
             return;
         }
         const std::uint64_t dropped = queue.takeDropped();
-        KORVANE_LOG(logger, 256) << what
+        KORVANE_LOG(logger, common::logWarning) << what
                                  << (dropped ? "; messages dropped since the last warning: " + std::to_string(dropped)
                                              : std::string());
     }
@@ -175,7 +175,7 @@ void RedisBridge::runSubscriber() {
         if (auto connection = connect(subscribed, std::chrono::milliseconds(0))) {
             try {
                 connection->command({"PSUBSCRIBE", prefixPattern(options.prefix)});
-                KORVANE_LOG(logger, 16) << "Subscribed to Redis at " << options.endpoint.describe();
+                KORVANE_LOG(logger, common::logLifecycle) << "Subscribed to Redis at " << options.endpoint.describe();
                 backoff.reset();
                 for (;;) {
                     receive(*connection);

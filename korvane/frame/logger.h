@@ -1,11 +1,11 @@
 #pragma once
 
 // Diagnostic logging on the Boost.Log core. Every source file that logs owns one
-// static logger with its channel name. A level is a single bit: 4 very frequent,
-// 8 tracing, 16 session life, 256 warnings, 512 refusals and failures. The enabled
-// mask defaults to 256|512 and is settable globally and per channel.
+// static logger with its channel name. A level is a single bit (the constants
+// below); the enabled mask defaults to warnings and failures and is settable
+// globally and per channel.
 //
-//   KORVANE_LOG(logger, 8) << "deliver " << channel;
+//   KORVANE_LOG(logger, logTrace) << "deliver " << channel;
 //
 // A disabled statement costs one bit test and evaluates nothing of its message.
 // Threading: loggers may be used from any thread; record opening is serialised by
@@ -18,7 +18,12 @@
 
 namespace korvane::common {
 
-constexpr unsigned defaultLogLevels = 256 | 512;
+constexpr unsigned logFrequent = 4;    // a tick update, the start and end of parsing
+constexpr unsigned logTrace = 8;       // tracing
+constexpr unsigned logLifecycle = 16;  // the life of sessions and subscriptions
+constexpr unsigned logWarning = 256;
+constexpr unsigned logFailure = 512;   // refusals and failures
+constexpr unsigned defaultLogLevels = logWarning | logFailure;
 
 template <class CharT>
 class basic_diagnostic_logger {

@@ -530,7 +530,7 @@ private:
         }
         // The head is out (a body that fails at once is answered 500 before streaming
         // starts): the peer learns of the failure from a body that never ends.
-        KORVANE_LOG(logger, 512) << "Response body failed: " << failureText(pendingBody_.front().error);
+        KORVANE_LOG(logger, common::logFailure) << "Response body failed: " << failureText(pendingBody_.front().error);
         doClose();
     }
 

@@ -175,7 +175,7 @@ struct HttpServer::Impl {
             return;
         }
         if (error) {
-            KORVANE_LOG(logger, 512) << "Accepting a connection failed: " << error.message();
+            KORVANE_LOG(logger, common::logFailure) << "Accepting a connection failed: " << error.message();
             retryTimer.expires_after(acceptRetryDelay);
             retryTimer.async_wait([this](boost::system::error_code waited) {
                 if (!waited && acceptor.is_open()) {
@@ -204,7 +204,7 @@ struct HttpServer::Impl {
         if (now - lastRefusalLog < std::chrono::seconds(1)) {
             return;
         }
-        KORVANE_LOG(logger, 256) << "Refused " << refusedSinceLog << " connection(s): " << options.maxConnections
+        KORVANE_LOG(logger, common::logWarning) << "Refused " << refusedSinceLog << " connection(s): " << options.maxConnections
                                  << " connections are open";
         refusedSinceLog = 0;
         lastRefusalLog = now;
@@ -216,7 +216,7 @@ struct HttpServer::Impl {
                 io.run();
                 return;
             } catch (const std::exception& failure) {
-                KORVANE_LOG(logger, 512) << "An I/O handler failed: " << failure.what();
+                KORVANE_LOG(logger, common::logFailure) << "An I/O handler failed: " << failure.what();
             }
         }
     }
@@ -288,7 +288,7 @@ void HttpServer::stop() {
     const bool allEnded = impl.state->connections.waitUntilEmpty(std::chrono::steady_clock::now() + stopGrace);
     impl.work.reset();
     if (!allEnded) {
-        KORVANE_LOG(logger, 256) << "Cutting " << impl.state->connections.count()
+        KORVANE_LOG(logger, common::logWarning) << "Cutting " << impl.state->connections.count()
                                  << " connection(s) that did not end in time";
         impl.io.stop();
     }

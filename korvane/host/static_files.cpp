@@ -120,7 +120,7 @@ StaticFiles::StaticFiles(const std::string& root, const std::vector<Mount>& moun
         std::error_code error;
         fs::path canonical = fs::canonical(folder, error);
         if (error || !fs::is_directory(canonical)) {
-            KORVANE_LOG(logger, 256) << "Static folder " << folder << " is not a folder; nothing is served at '"
+            KORVANE_LOG(logger, common::logWarning) << "Static folder " << folder << " is not a folder; nothing is served at '"
                                      << (prefix.empty() ? "/" : prefix) << "'";
             return;
         }

@@ -150,7 +150,7 @@ private:
             writer_->request(everyFrame);
             outbound_->onSubscribe(readSubscription_);
         } catch (const std::exception& failure) {
-            KORVANE_LOG(logger, 512) << "WebSocket streams failed to start: " << failure.what();
+            KORVANE_LOG(logger, common::logFailure) << "WebSocket streams failed to start: " << failure.what();
             doCloseSocket(websocket::close_code::internal_error);
         }
     }
@@ -193,7 +193,7 @@ private:
         try {
             outbound_->onNext(WebSocketFrame(std::move(message), socket_.got_text() ? textFrame : binaryFrame));
         } catch (const std::exception& failure) {
-            KORVANE_LOG(logger, 512) << "WebSocket message not taken: " << failure.what();
+            KORVANE_LOG(logger, common::logFailure) << "WebSocket message not taken: " << failure.what();
             doCloseSocket(websocket::close_code::internal_error);
             return;
         }
@@ -210,7 +210,7 @@ private:
             queuedBytes_ += signal.item->data.size;
             writeQueue_.push_back(std::move(*signal.item));
             if (backlogBytes() > state_->options.wsBacklogBytes) {
-                KORVANE_LOG(logger, 256) << "WebSocket cut: " << backlogBytes()
+                KORVANE_LOG(logger, common::logWarning) << "WebSocket cut: " << backlogBytes()
                                          << " bytes waiting for a peer that does not read, over the limit of "
                                          << state_->options.wsBacklogBytes;
                 doFinish();
@@ -305,7 +305,7 @@ private:
         // The stalled write may have been the layer's own, with nothing of ours under way:
         // the cut is told here, wherever its failure was seen.
         if (socket_.next_layer().timedOut()) {
-            KORVANE_LOG(logger, 256) << "WebSocket cut: a write took longer than "
+            KORVANE_LOG(logger, common::logWarning) << "WebSocket cut: a write took longer than "
                                      << state_->options.writeTimeout.count() << " ms";
         }
         if (writer_) {

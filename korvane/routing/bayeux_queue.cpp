@@ -28,7 +28,7 @@ std::string makeId(const std::string& name, const void* address) {
 // A subscription used after its queue died marks a lifetime fault in the
 // subscriber: leave a trace of who did it before refusing.
 [[noreturn]] void refuseWithoutPublisher(const char* text) {
-    KORVANE_LOG(logger, 512) << "Cancelled with no publisher";
+    KORVANE_LOG(logger, common::logFailure) << "Cancelled with no publisher";
     void* frames[maxTraceFrames];
     const int depth = backtrace(frames, maxTraceFrames);
     backtrace_symbols_fd(frames, depth, STDERR_FILENO);
@@ -61,12 +61,12 @@ void BayeuxQueue::BayeuxQueueSubscription::cancel() {
 }
 
 BayeuxQueue::BayeuxQueue(const std::string& name) : id(makeId(name, this)) {
-    KORVANE_LOG(logger, 8) << "Bayeux queue constructor: " << id;
+    KORVANE_LOG(logger, common::logTrace) << "Bayeux queue constructor: " << id;
 }
 
 BayeuxQueue::~BayeuxQueue() {
     std::unique_lock<std::mutex> lock(mutex);
-    KORVANE_LOG(logger, 8) << "Bayeux queue destructor: " << id;
+    KORVANE_LOG(logger, common::logTrace) << "Bayeux queue destructor: " << id;
     try {
         doDone(lock);
     } catch (...) {
@@ -119,7 +119,7 @@ void BayeuxQueue::subscribe(std::shared_ptr<Subscriber> newSubscriber) {
 
 void BayeuxQueue::setValue(std::unique_ptr<Message>&& message) {
     std::unique_lock<std::mutex> lock(mutex);
-    KORVANE_LOG(logger, 8) << "setValue: " << id << " " << common::mangledTypeName(typeid(*message));
+    KORVANE_LOG(logger, common::logTrace) << "setValue: " << id << " " << common::mangledTypeName(typeid(*message));
     if (state == Done || state == Failed) {
         return;
     }
@@ -129,7 +129,7 @@ void BayeuxQueue::setValue(std::unique_ptr<Message>&& message) {
 
 void BayeuxQueue::setError(std::exception_ptr&& failure) {
     std::unique_lock<std::mutex> lock(mutex);
-    KORVANE_LOG(logger, 8) << "setError: " << id;
+    KORVANE_LOG(logger, common::logTrace) << "setError: " << id;
     if (state != Open) {
         return;
     }
@@ -152,7 +152,7 @@ void BayeuxQueue::done() {
 }
 
 void BayeuxQueue::doneWhenEmpty() {
-    KORVANE_LOG(logger, 8) << "doneWhenEmpty: " << id;
+    KORVANE_LOG(logger, common::logTrace) << "doneWhenEmpty: " << id;
     std::unique_lock<std::mutex> lock(mutex);
     if (state != Open) {
         return;
@@ -189,7 +189,7 @@ void BayeuxQueue::deliver(std::unique_lock<std::mutex>& lock) {
     }
     delivering = true;
     try {
-        KORVANE_LOG(logger, 8) << "deliver: " << id << ", " << static_cast<std::int32_t>(state) << ", " << demand
+        KORVANE_LOG(logger, common::logTrace) << "deliver: " << id << ", " << static_cast<std::int32_t>(state) << ", " << demand
                                << ", " << messages.size();
         doDrainLoop(lock);
         checkComplete(lock);
@@ -211,7 +211,7 @@ void BayeuxQueue::doDrainLoop(std::unique_lock<std::mutex>& lock) {
         --demand;
         std::unique_ptr<Message> message = std::move(messages.front());
         messages.pop_front();
-        KORVANE_LOG(logger, 8) << "onNext: " << id << ", " << common::mangledTypeName(typeid(*message));
+        KORVANE_LOG(logger, common::logTrace) << "onNext: " << id << ", " << common::mangledTypeName(typeid(*message));
         // The copy keeps the subscriber alive through onNext even if it cancels meanwhile.
         std::shared_ptr<Subscriber> current = subscriber;
         lock.unlock();
@@ -233,7 +233,7 @@ void BayeuxQueue::doDone(std::unique_lock<std::mutex>& lock) {
         return;
     }
     state = Done;
-    KORVANE_LOG(logger, 8) << "doDone: " << id;
+    KORVANE_LOG(logger, common::logTrace) << "doDone: " << id;
     if (subscriber) {
         const std::shared_ptr<Subscriber> current = subscriber;
         lock.unlock();

@@ -98,7 +98,7 @@ void BayeuxServerImpl::addTo(std::size_t tier, std::weak_ptr<BayeuxSession>&& se
     // destructor, which calls forgetSession, runs after that.
     const std::shared_ptr<BayeuxSession> alive = session.lock();
     if (alive) {
-        KORVANE_LOG(logger, 8) << "addSession " << alive->getId();
+        KORVANE_LOG(logger, common::logTrace) << "addSession " << alive->getId();
     }
     const bool declares = alive && alive->declaresPatternsTo(*this);
     std::lock_guard<std::mutex> guard(mutex);
@@ -116,7 +116,7 @@ void BayeuxServerImpl::addTo(std::size_t tier, std::weak_ptr<BayeuxSession>&& se
 }
 
 void BayeuxServerImpl::removeSession(const std::shared_ptr<BayeuxSession>& session) {
-    KORVANE_LOG(logger, 8) << "removeSession " << session->getId();
+    KORVANE_LOG(logger, common::logTrace) << "removeSession " << session->getId();
     std::lock_guard<std::mutex> guard(mutex);
     for (Tier& tier : tiers) {
         doRemove(tier.offeredEverything, session);
@@ -175,7 +175,7 @@ void BayeuxServerImpl::forgetSession(BayeuxSession& session) {
 }
 
 bool BayeuxServerImpl::deliver(std::unique_ptr<PublishRequest>&& request) {
-    KORVANE_LOG(logger, 8) << "deliver " << request->channel;
+    KORVANE_LOG(logger, common::logTrace) << "deliver " << request->channel;
     if (!isPublishable(*request)) {
         return false;
     }
@@ -184,7 +184,7 @@ bool BayeuxServerImpl::deliver(std::unique_ptr<PublishRequest>&& request) {
 }
 
 bool BayeuxServerImpl::deliver(std::shared_ptr<const PublishRequest>&& request) {
-    KORVANE_LOG(logger, 8) << "deliver " << request->channel;
+    KORVANE_LOG(logger, common::logTrace) << "deliver " << request->channel;
     if (!isPublishable(*request)) {
         return false;
     }

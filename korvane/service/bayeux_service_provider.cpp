@@ -57,7 +57,7 @@ Future<std::unique_ptr<Message>> resolved(std::unique_ptr<Response>&& response) 
 
 // The answer to a request that names a client the registry does not know.
 void refuseUnknownClient(BayeuxResponse& response) {
-    KORVANE_LOG(logger, 512) << "No session with id: " << response.clientId;
+    KORVANE_LOG(logger, common::logFailure) << "No session with id: " << response.clientId;
     response.successful = false;
     response.error = noSuchClientText;
 }
@@ -121,7 +121,7 @@ std::shared_ptr<LongPollSession> BayeuxServiceProviderImpl::createSession(const 
     info.session = session;
     info.tick = common::getCurrentTick();
     startSweeping(lock);
-    KORVANE_LOG(logger, 16) << "New session with id: " << clientId;
+    KORVANE_LOG(logger, common::logLifecycle) << "New session with id: " << clientId;
     return session;
 }
 
@@ -137,7 +137,7 @@ std::shared_ptr<LongPollSession> BayeuxServiceProviderImpl::getSession(const std
     if (!connectionType.empty()) {
         info.connectionType = connectionType;
     }
-    KORVANE_LOG(logger, 4) << "Tick updated for client: " << clientId << " to " << info.tick;
+    KORVANE_LOG(logger, common::logFrequent) << "Tick updated for client: " << clientId << " to " << info.tick;
     return info.session;
 }
 
@@ -171,7 +171,7 @@ void BayeuxServiceProviderImpl::doWarnAboutDroppedClients(std::unique_lock<std::
     if (droppedSinceWarning == 0 || (lastDropWarningTick && tick - *lastDropWarningTick < dropWarningPeriodTicks)) {
         return;
     }
-    KORVANE_LOG(logger, 256) << "Dropped " << droppedSinceWarning << " client(s) over the limit of "
+    KORVANE_LOG(logger, common::logWarning) << "Dropped " << droppedSinceWarning << " client(s) over the limit of "
                              << options.maxPendingMessages << " pending messages";
     droppedSinceWarning = 0;
     lastDropWarningTick = tick;
@@ -202,7 +202,7 @@ void BayeuxServiceProviderImpl::sweepClients(long long tick) {
             ++it;
             continue;
         }
-        KORVANE_LOG(logger, 16) << "Client timed out: " << it->first;
+        KORVANE_LOG(logger, common::logLifecycle) << "Client timed out: " << it->first;
         auto next = std::next(it);
         expired.push_back(doForget(it));
         it = next;
@@ -259,7 +259,7 @@ std::size_t BayeuxServiceProviderImpl::getActiveConnectCountLimit(const std::str
 
 void BayeuxServiceProviderImpl::flush() {
     std::lock_guard<std::mutex> lock(mutex);
-    KORVANE_LOG(logger, 8) << "Manually flushing pending connections";
+    KORVANE_LOG(logger, common::logTrace) << "Manually flushing pending connections";
     for (const auto& entry : clients) {
         entry.second.session->flush();
     }
@@ -310,11 +310,11 @@ std::shared_ptr<MessageStream> BayeuxServiceProviderImpl::openConnectStream(cons
     }
     const std::string sessionId = hostSessionIdOf(context);
     if (getActiveConnectCountForSessionId(sessionId, connectionType) < getActiveConnectCountLimit(connectionType)) {
-        KORVANE_LOG(logger, 8) << "Connecting with stream response (long poll): " << clientId << ", " << sessionId;
+        KORVANE_LOG(logger, common::logTrace) << "Connecting with stream response (long poll): " << clientId << ", " << sessionId;
         return session->connectStream(request.id, connectHoldTicks(request), request.bufferResponses,
                                       request.holdResponses);
     }
-    KORVANE_LOG(logger, 8) << "Connecting with stream response (short poll): " << clientId << ", " << sessionId;
+    KORVANE_LOG(logger, common::logTrace) << "Connecting with stream response (short poll): " << clientId << ", " << sessionId;
     return session->korvaneShortPoll(request.id);
 }
 
@@ -343,7 +343,7 @@ Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_p
                                                                    std::shared_ptr<Context>&& /*context*/) {
     auto response = respondTo(*request, std::make_unique<DisconnectResponse>());
     if (deleteSession(request->clientId)) {
-        KORVANE_LOG(logger, 16) << "Disconnect session with id: " << request->clientId;
+        KORVANE_LOG(logger, common::logLifecycle) << "Disconnect session with id: " << request->clientId;
         response->successful = true;
     } else {
         refuseUnknownClient(*response);
@@ -361,13 +361,13 @@ Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_p
         refuseUnknownClient(*response);
         return resolved(std::move(response));
     }
-    KORVANE_LOG(logger, 16) << "Subscribe session with id: " << request->clientId
+    KORVANE_LOG(logger, common::logLifecycle) << "Subscribe session with id: " << request->clientId
                             << " to pattern: " << request->subscription;
     try {
         response->successful = session->subscribe(request->subscription);
     } catch (const std::exception& error) {
         // A pattern count that is full: refused like any other pattern the session turns down.
-        KORVANE_LOG(logger, 512) << "Session with id: " << request->clientId << " unable to subscribe to pattern: "
+        KORVANE_LOG(logger, common::logFailure) << "Session with id: " << request->clientId << " unable to subscribe to pattern: "
                                  << request->subscription << ", " << error.what();
     }
     return resolved(std::move(response));
@@ -425,7 +425,7 @@ Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_p
         return resolved(std::move(response));
     }
     // The request may be gone by now; the response holds the same client id and channel.
-    KORVANE_LOG(logger, 512) << "Session with id: " << response->clientId
+    KORVANE_LOG(logger, common::logFailure) << "Session with id: " << response->clientId
                              << " unable to publish on channel: " << response->channel << ", " << failure;
     response->error = "Unable to publish. " + failure;
     return resolved(std::move(response));

@@ -25,11 +25,11 @@ LocalBayeuxSession::LocalBayeuxSession(std::shared_ptr<BayeuxServer> server, std
       server(std::move(server)),
       context(std::move(context)),
       active(true) {
-    KORVANE_LOG(logger, 8) << "Bayeux session create: " << id;
+    KORVANE_LOG(logger, common::logTrace) << "Bayeux session create: " << id;
 }
 
 LocalBayeuxSession::~LocalBayeuxSession() {
-    KORVANE_LOG(logger, 8) << "Bayeux session destroy: " << id;
+    KORVANE_LOG(logger, common::logTrace) << "Bayeux session destroy: " << id;
     server->forgetSession(*this);
     {
         std::lock_guard<std::mutex> guard(mutex);
@@ -51,7 +51,7 @@ std::string LocalBayeuxSession::getId() const { return id; }
 bool LocalBayeuxSession::hasId(const std::string& other) const { return id == other; }
 
 bool LocalBayeuxSession::publish(std::unique_ptr<PublishRequest>&& message) {
-    KORVANE_LOG(logger, 8) << "Bayeux session publish: " << id << ", " << message->channel << ", "
+    KORVANE_LOG(logger, common::logTrace) << "Bayeux session publish: " << id << ", " << message->channel << ", "
                            << dataText(*message);
     message->clientId = id;
     message->context = context;
@@ -59,7 +59,7 @@ bool LocalBayeuxSession::publish(std::unique_ptr<PublishRequest>&& message) {
 }
 
 bool LocalBayeuxSession::publish(std::shared_ptr<const PublishRequest>&& message) {
-    KORVANE_LOG(logger, 8) << "Bayeux session publish: " << id << ", " << message->channel << ", "
+    KORVANE_LOG(logger, common::logTrace) << "Bayeux session publish: " << id << ", " << message->channel << ", "
                            << dataText(*message);
     // A shared message is stamped just like an owned one; the routing core then skips this session.
     auto& stamped = const_cast<PublishRequest&>(*message);
@@ -85,7 +85,7 @@ std::size_t LocalBayeuxSession::subscriptionCount() { return snapshot()->size();
 void LocalBayeuxSession::deliver(const std::vector<std::string>& segments,
                                  const std::shared_ptr<const PublishRequest>& message) {
     const std::shared_ptr<const SubscriptionList> entries = snapshot();
-    KORVANE_LOG(logger, 8) << "Bayeux session deliver: " << id << ", " << message->channel << ", "
+    KORVANE_LOG(logger, common::logTrace) << "Bayeux session deliver: " << id << ", " << message->channel << ", "
                            << dataText(*message);
     std::vector<const LocalSubscription*> dead;
     for (const auto& entry : *entries) {

@@ -62,11 +62,11 @@ LongPollSession::LongPollSession(std::shared_ptr<BayeuxServer> server, std::shar
       server(std::move(server)),
       context(std::move(context)),
       pendingLimit(std::move(pendingLimit)) {
-    KORVANE_LOG(logger, 8) << "Create: " << id;
+    KORVANE_LOG(logger, common::logTrace) << "Create: " << id;
 }
 
 LongPollSession::~LongPollSession() {
-    KORVANE_LOG(logger, 8) << "destroy: " << id;
+    KORVANE_LOG(logger, common::logTrace) << "destroy: " << id;
     common::TimerHandle connect;
     common::TimerHandle buffer;
     std::unique_lock<std::mutex> lock(mutex);
@@ -93,13 +93,13 @@ void LongPollSession::deliver(const std::vector<std::string>& segments,
     if (pendingLimitExceeded || !channels.channelMatches(segments)) {
         return;
     }
-    KORVANE_LOG(logger, 8) << "deliver: " << id << ", " << message->channel << ", "
+    KORVANE_LOG(logger, common::logTrace) << "deliver: " << id << ", " << message->channel << ", "
                            << dataText(*message).substr(0, deliverLogDataLimit) << ", " << bufferResponses;
     // The session's own copy; the shared original stays untouched for the other sessions.
     auto copy = std::make_unique<PublishRequest>(*message);
     copy->clientId.clear();
     if (!copy->id.empty()) {
-        KORVANE_LOG(logger, 256) << "Delivering message with set id. JS client will ignore it: '" << copy->channel
+        KORVANE_LOG(logger, common::logWarning) << "Delivering message with set id. JS client will ignore it: '" << copy->channel
                                  << "'";
     }
     pendingMessages.push_back(std::move(copy));
@@ -120,7 +120,7 @@ bool LongPollSession::doCheckPendingLimit(std::unique_lock<std::mutex>&) {
         return false;
     }
     pendingLimitExceeded = true;
-    KORVANE_LOG(logger, 16) << "Pending message limit exceeded: " << id << ", " << pendingMessages.size();
+    KORVANE_LOG(logger, common::logLifecycle) << "Pending message limit exceeded: " << id << ", " << pendingMessages.size();
     return static_cast<bool>(pendingLimit.onExceeded);
 }
 
@@ -131,14 +131,14 @@ void LongPollSession::deliver(const std::shared_ptr<const UnsubscribeRequest>&) 
 bool LongPollSession::declaresPatternsTo(const BayeuxServer& routing) const { return &routing == server.get(); }
 
 bool LongPollSession::publish(std::unique_ptr<PublishRequest>&& request) {
-    KORVANE_LOG(logger, 8) << "publish: " << id << ", " << request->channel << ", " << dataText(*request);
+    KORVANE_LOG(logger, common::logTrace) << "publish: " << id << ", " << request->channel << ", " << dataText(*request);
     request->clientId = id;
     request->context = context;
     return server->deliver(std::move(request));
 }
 
 bool LongPollSession::subscribe(const std::string& pattern) {
-    KORVANE_LOG(logger, 8) << "Subscribe: " << id << ", " << pattern;
+    KORVANE_LOG(logger, common::logTrace) << "Subscribe: " << id << ", " << pattern;
     if (!isValidPattern(pattern)) {
         return false;
     }
@@ -154,7 +154,7 @@ bool LongPollSession::subscribe(const std::string& pattern) {
 }
 
 bool LongPollSession::unsubscribe(const std::string& pattern) {
-    KORVANE_LOG(logger, 8) << "Unsubscribe: " << id << ", " << pattern;
+    KORVANE_LOG(logger, common::logTrace) << "Unsubscribe: " << id << ", " << pattern;
     if (!isValidPattern(pattern)) {
         return false;
     }
@@ -179,7 +179,7 @@ std::shared_ptr<BayeuxQueue> LongPollSession::connectStream(const std::string& m
     std::shared_ptr<BayeuxQueue> previousQueue;
     std::unique_lock<std::mutex> lock(mutex);
     doAnswerOpenConnect(lock);
-    KORVANE_LOG(logger, 8) << "Connect stream: " << id << ", " << messageId << ", " << bufferResponses << ", "
+    KORVANE_LOG(logger, common::logTrace) << "Connect stream: " << id << ", " << messageId << ", " << bufferResponses << ", "
                            << timeoutTicks << ", " << pendingMessages.size();
     this->bufferResponses = bufferResponses;
     this->holdResponses = holdResponses;
@@ -198,7 +198,7 @@ std::shared_ptr<BayeuxQueue> LongPollSession::connectStream(const std::string& m
 
 std::shared_ptr<BayeuxQueue> LongPollSession::korvaneShortPoll(const std::string& messageId) {
     std::unique_lock<std::mutex> lock(mutex);
-    KORVANE_LOG(logger, 8) << "Connect short poll: " << id << ", " << messageId;
+    KORVANE_LOG(logger, common::logTrace) << "Connect short poll: " << id << ", " << messageId;
     doCompleteQueue(lock);
     doNotifyQueue(lock);
     const std::string name = id + "_" + connectMessageId;
@@ -275,7 +275,7 @@ void LongPollSession::doNotifyQueue(std::unique_lock<std::mutex>& lock) {
         // A batch is being collected; the buffer timeout comes back here.
         return;
     }
-    KORVANE_LOG(logger, 8) << "processQueue " << id << ", " << activeConnect << ", " << notifying;
+    KORVANE_LOG(logger, common::logTrace) << "processQueue " << id << ", " << activeConnect << ", " << notifying;
     if (notifying && open) {
         // Another thread is draining; rather than wait for it, let the buffer timeout bring the work back.
         setBufferTimeout(lock);
@@ -287,7 +287,7 @@ void LongPollSession::doNotifyQueue(std::unique_lock<std::mutex>& lock) {
         drainingThread = std::this_thread::get_id();
         doDrainPending(lock, queue);
         if (!sendResponse) {
-            KORVANE_LOG(logger, 8) << "Not sending connect response (yet)";
+            KORVANE_LOG(logger, common::logTrace) << "Not sending connect response (yet)";
             doFinishDrain();
             return;
         }
@@ -363,19 +363,19 @@ void LongPollSession::doEndConnect(std::unique_lock<std::mutex>& lock, std::shar
     // A newer connect may have replaced this queue meanwhile: this may be its last reference.
     queue.reset();
     lock.lock();
-    KORVANE_LOG(logger, 8) << "Connect response: " << id << ", " << connectMessageId;
+    KORVANE_LOG(logger, common::logTrace) << "Connect response: " << id << ", " << connectMessageId;
     doFinishDrain();
 }
 
 void LongPollSession::setConnectTimeout(std::unique_lock<std::mutex>& lock, long long ticks) {
-    KORVANE_LOG(logger, 8) << "Set connect timeout: " << id << ", " << ticks << ", " << common::getCurrentTick();
+    KORVANE_LOG(logger, common::logTrace) << "Set connect timeout: " << id << ", " << ticks << ", " << common::getCurrentTick();
     bufferTimeoutSet = false;
     dropTimers(lock);
     replaceTimer(lock, connectTimer, common::delay(callbackTo(&LongPollSession::doConnectTimeout), ticks));
 }
 
 void LongPollSession::setBufferTimeout(std::unique_lock<std::mutex>& lock) {
-    KORVANE_LOG(logger, 8) << "Set buffer timeout: " << id << ", " << common::getCurrentTick() << ", "
+    KORVANE_LOG(logger, common::logTrace) << "Set buffer timeout: " << id << ", " << common::getCurrentTick() << ", "
                            << bufferTimeoutSet << ", " << activeConnect;
     if (bufferTimeoutSet || !activeConnect) {
         return;
@@ -390,13 +390,13 @@ void LongPollSession::setBufferTimeout(std::unique_lock<std::mutex>& lock) {
 
 void LongPollSession::doConnectTimeout(long long tick) {
     std::unique_lock<std::mutex> lock(mutex);
-    KORVANE_LOG(logger, 8) << "doConnectTimeout: " << id << ", " << tick;
+    KORVANE_LOG(logger, common::logTrace) << "doConnectTimeout: " << id << ", " << tick;
     doCompleteQueue(lock);
     doNotifyQueue(lock);
 }
 
 void LongPollSession::doBufferTimeout(long long tick) {
-    KORVANE_LOG(logger, 8) << "doBufferTimeout: " << id << ", " << tick;
+    KORVANE_LOG(logger, common::logTrace) << "doBufferTimeout: " << id << ", " << tick;
     std::unique_lock<std::mutex> lock(mutex);
     doCompleteQueue(lock);
     doNotifyQueue(lock);

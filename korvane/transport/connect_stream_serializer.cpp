@@ -22,10 +22,10 @@ constexpr std::size_t chunkLogLimit = 500;
 
 ConnectStreamSerializer::ConnectStreamSerializer()
     : reactive_streams::TransformProcessor<std::unique_ptr<Message>, common::DataBuffer>(SerialFunc(this)) {
-    KORVANE_LOG(logger, 8) << "ConnectStreamSerializer constructor";
+    KORVANE_LOG(logger, common::logTrace) << "ConnectStreamSerializer constructor";
 }
 
-ConnectStreamSerializer::~ConnectStreamSerializer() { KORVANE_LOG(logger, 8) << "ConnectStreamSerializer destructor"; }
+ConnectStreamSerializer::~ConnectStreamSerializer() { KORVANE_LOG(logger, common::logTrace) << "ConnectStreamSerializer destructor"; }
 
 // Runs under the base processor's lock. The comma goes behind every message but a
 // ConnectResponse, so the only thing that can close the array is the connect reply.
@@ -48,7 +48,7 @@ common::DataBuffer ConnectStreamSerializer::doSerialize(std::unique_ptr<Message>
     } else {
         chunk.push_back(',');
     }
-    KORVANE_LOG(logger, 8) << "Long poll serialize: " << chunk.view().substr(0, chunkLogLimit);
+    KORVANE_LOG(logger, common::logTrace) << "Long poll serialize: " << chunk.view().substr(0, chunkLogLimit);
     return chunk;
 }
 

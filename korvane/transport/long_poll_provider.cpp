@@ -45,7 +45,7 @@ std::unique_ptr<Message> makeSingleMessageResponse(std::unique_ptr<Message>&& re
     body.push_back('[');
     serializeBayeuxMessage(std::move(reply), body);
     body.push_back(']');
-    KORVANE_LOG(logger, 8) << "Long poll serialize single message: " << body.view().substr(0, bodyLogLimit);
+    KORVANE_LOG(logger, common::logTrace) << "Long poll serialize single message: " << body.view().substr(0, bodyLogLimit);
     return makeCompleteResponse(std::move(body));
 }
 
@@ -93,7 +93,7 @@ MessageFuture answerBody(Future<common::DataBuffer>&& read, const Address& addre
         common::DataBuffer body = read.get();
         // A body that is not UTF-8 is refused whole, so that none of it reaches another client.
         std::unique_ptr<Message> message = deserializeUtf8Request(body);
-        KORVANE_LOG(logger, 4) << "Finished parsing bayeux request";
+        KORVANE_LOG(logger, common::logFrequent) << "Finished parsing bayeux request";
         if (dynamic_cast<ConnectStreamRequest*>(message.get()) != nullptr) {
             return answerConnect(std::unique_ptr<ConnectStreamRequest>(static_cast<ConnectStreamRequest*>(
                                      message.release())),
@@ -123,7 +123,7 @@ BayeuxLongPollServiceProvider::~BayeuxLongPollServiceProvider() = default;
 
 MessageFuture BayeuxLongPollServiceProvider::handle(std::unique_ptr<http::HttpRequest>&& request, Address&& address,
                                                     std::shared_ptr<Context>&& context) {
-    KORVANE_LOG(logger, 4) << "Starting parsing bayeux request";
+    KORVANE_LOG(logger, common::logFrequent) << "Starting parsing bayeux request";
     Future<common::DataBuffer> read = reactive_streams::reduce<common::DataBuffer, common::DataBuffer>(
         request->body, appendChunk, common::DataBuffer());
     Future<MessageFuture> answered =

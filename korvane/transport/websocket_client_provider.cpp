@@ -43,7 +43,7 @@ std::unique_ptr<http::HttpClientRequest> makeUpgradeRequest(const std::string& u
 // path in, so it stands before the first inbound frame can arrive.
 std::unique_ptr<Message> joinStreams(Future<std::unique_ptr<http::WebSocket>>&& upgraded) {
     std::unique_ptr<http::WebSocket> socket = upgraded.get();
-    KORVANE_LOG(logger, 8) << "Websocket connection open";
+    KORVANE_LOG(logger, common::logTrace) << "Websocket connection open";
     auto outbound = makeOutboundWebSocketClientProcessor();
     outbound->subscribe(socket->outbound);
     auto inbound = makeInboundWebSocketClientProcessor();
@@ -74,7 +74,7 @@ MessageFuture WebSocketClientConnectionServiceProvider::deliver(std::unique_ptr<
         return makeErrorFuture<std::unique_ptr<Message>>(
             std::make_exception_ptr(std::runtime_error("Invalid message type: " + common::mangledTypeName(type))));
     }
-    KORVANE_LOG(logger, 8) << "Creating bayeux websocket connection to: " << connect->url;
+    KORVANE_LOG(logger, common::logTrace) << "Creating bayeux websocket connection to: " << connect->url;
     std::unique_ptr<http::HttpClientRequest> request = makeUpgradeRequest(connect->url, *context);
     Future<std::unique_ptr<http::WebSocket>> upgraded =
         context->handle<http::WebSocket, http::HttpClientRequest>(std::move(request), std::move(address));
@@ -88,7 +88,7 @@ makeInboundWebSocketClientProcessor() {
             if (frame.data.empty()) {
                 return nullptr;
             }
-            KORVANE_LOG(logger, 8) << "Websocket frame received: " << frame.data.view();
+            KORVANE_LOG(logger, common::logTrace) << "Websocket frame received: " << frame.data.view();
             return deserializeBayeuxMessage(frame.data, false);
         });
 }
@@ -100,7 +100,7 @@ makeOutboundWebSocketClientProcessor() {
             common::DataBuffer text;
             if (message) {
                 serializeBayeuxMessage(std::move(message), text);
-                KORVANE_LOG(logger, 8) << "Websocket frame sent: " << text.view();
+                KORVANE_LOG(logger, common::logTrace) << "Websocket frame sent: " << text.view();
             }
             return http::WebSocketFrame(std::move(text), textFrame);
         });

@@ -54,7 +54,7 @@ std::shared_ptr<reactive_streams::SubscriberAPI<http::WebSocketFrame>> WebSocket
 
 void WebSocketConnection::handleFrame(http::WebSocketFrame&& frame) {
     try {
-        KORVANE_LOG(logger, 8) << "Websocket frame received: [" << frame.data.view() << "]";
+        KORVANE_LOG(logger, common::logTrace) << "Websocket frame received: [" << frame.data.view() << "]";
         if (frame.data.empty()) {
             return;
         }
@@ -72,7 +72,7 @@ void WebSocketConnection::handleFrame(http::WebSocketFrame&& frame) {
             doHandleSingle(std::move(message));
         }
     } catch (...) {
-        KORVANE_LOG(logger, 512) << "Error while processing frame: " << frame.data.view();
+        KORVANE_LOG(logger, common::logFailure) << "Error while processing frame: " << frame.data.view();
         done(true);
     }
 }
@@ -146,12 +146,12 @@ void WebSocketConnection::sendMessage(std::unique_ptr<Message>&& message) {
     text.push_back('[');
     serializeBayeuxMessage(std::move(message), text);
     text.push_back(']');
-    KORVANE_LOG(logger, 8) << "Websocket frame sent: " << text.view();
+    KORVANE_LOG(logger, common::logTrace) << "Websocket frame sent: " << text.view();
     publisher->publish(http::WebSocketFrame(std::move(text), textFrame));
 }
 
 void WebSocketConnection::done(bool failed) {
-    KORVANE_LOG(logger, 512) << "WebSocketConnection done";
+    KORVANE_LOG(logger, common::logFailure) << "WebSocketConnection done";
     std::shared_ptr<FramePublisher> publisher;
     std::shared_ptr<MessageSubscriber> subscriber;
     {
@@ -179,7 +179,7 @@ Future<std::unique_ptr<Message>> BayeuxWebSocketServiceProvider::deliver(std::un
     if (!isUpgradeRequest(message.get())) {
         return http::makeReadyHttpResponse(500, "Bayeux protocol error.");
     }
-    KORVANE_LOG(logger, 8) << "Websocket connection requested";
+    KORVANE_LOG(logger, common::logTrace) << "Websocket connection requested";
     auto connection = std::make_shared<WebSocketConnection>(std::move(context), std::move(address));
     auto publisher = connection->getSocketPublisher();
     auto subscriber = connection->getSocketSubscriber();

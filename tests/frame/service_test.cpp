@@ -162,15 +162,15 @@ TEST(DiagnosticLogger, DisabledStatementEvaluatesNothingOfItsMessage) {
     ChannelCapture capture("korvane::test::evaluation");
     int evaluations = 0;
     auto counted = [&evaluations] { return ++evaluations; };
-    KORVANE_LOG(logger, 8) << "tracing " << counted();
-    KORVANE_LOG(logger, 4) << "frequent " << counted();
+    KORVANE_LOG(logger, common::logTrace) << "tracing " << counted();
+    KORVANE_LOG(logger, common::logFrequent) << "frequent " << counted();
     EXPECT_EQ(evaluations, 0);
-    KORVANE_LOG(logger, 512) << "refused " << counted();
+    KORVANE_LOG(logger, common::logFailure) << "refused " << counted();
     EXPECT_EQ(evaluations, 1);
     EXPECT_EQ(capture.lines(), "512 refused 1\n");
 
     auto throwing = []() -> int { throw std::runtime_error("while formatting"); };
-    EXPECT_THROW(KORVANE_LOG(logger, 256) << "interrupted " << throwing(), std::runtime_error);
+    EXPECT_THROW(KORVANE_LOG(logger, common::logWarning) << "interrupted " << throwing(), std::runtime_error);
     EXPECT_EQ(capture.lines(), "512 refused 1\n");
 }
 
@@ -178,10 +178,10 @@ TEST(DiagnosticLogger, ChannelAndGlobalMasks) {
     common::diagnostic_logger first("korvane::test::first");
     common::diagnostic_logger second("korvane::test::second");
     EXPECT_EQ(first.levels(), common::defaultLogLevels);
-    common::setLogLevels("korvane::test::first", 8 | 16);
+    common::setLogLevels("korvane::test::first", common::logTrace | common::logLifecycle);
     common::diagnostic_logger firstAgain("korvane::test::first");
-    EXPECT_TRUE(first.isEnabled(8));
-    EXPECT_FALSE(first.isEnabled(512));
+    EXPECT_TRUE(first.isEnabled(common::logTrace));
+    EXPECT_FALSE(first.isEnabled(common::logFailure));
     EXPECT_EQ(firstAgain.levels(), 8u | 16u);
     EXPECT_EQ(second.levels(), common::defaultLogLevels);
 

@@ -2,13 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <stdexcept>
-#include <string>
 #include <typeinfo>
-#include <vector>
 
 #include "korvane/codec/deserialize.h"
 #include "korvane/frame/type_name.h"
+#include "support/test_helpers.h"
 
 namespace korvane::bayeux {
 namespace {
@@ -143,18 +141,11 @@ TEST(Serialize, StringsAreEscapedForHtmlAndBrokenUtf8IsReplaced) {
 TEST(Serialize, RefusesWhatIsNoSingleMessageAndKeepsTheBuffer) {
     DataBuffer out(std::string("[x"));
     auto batch = with<BayeuxContainer>([](auto& m) { m.messages.push_back(std::make_unique<DisconnectResponse>()); });
-    try {
-        serializeBayeuxMessage(std::move(batch), out);
-        ADD_FAILURE() << "a container is no single message";
-    } catch (const std::invalid_argument& failure) {
-        EXPECT_EQ(failure.what(), "Unknown bayeux type: " + common::mangledTypeName(typeid(BayeuxContainer)));
-    }
+    EXPECT_EQ(test_support::errorOf<std::invalid_argument>([&] { serializeBayeuxMessage(std::move(batch), out); }),
+              "Unknown bayeux type: " + common::mangledTypeName(typeid(BayeuxContainer)));
     EXPECT_NE(batch, nullptr);
     EXPECT_EQ(out.str(), "[x");
     EXPECT_THROW(serializeBayeuxMessage(std::unique_ptr<Message>(), out), std::bad_typeid);
-    std::unique_ptr<Message> survivor = std::make_unique<DisconnectRequest>();
-    serializeBayeuxMessage(std::move(survivor), out);
-    EXPECT_NE(survivor, nullptr);
 }
 
 }  // namespace

@@ -213,7 +213,8 @@ TEST(SubscribersWithoutDownstream, ScriptsOfItemsCancelsAndEndings) {
        [](Log&) { return makeSumming(); });
 
     using Callback = Harness<CallbackSubscriber<int>>;
-    const Callback::Steps steps = Callback::subscriberSteps({{"cancel", [](Callback& run, auto, auto&) { run.stage->cancel(); }}});
+    const Callback::Steps steps =
+        Callback::subscriberSteps({{"cancel", [](Callback& run, auto, auto&) { run.stage->cancel(); }}});
     Callback::runAll({
         {{"upstream", "next 1", "next 2", "complete", "next 3", "cancel"}, {"up request max", "got 1", "got 2"},
          "true"},
@@ -222,7 +223,9 @@ TEST(SubscribersWithoutDownstream, ScriptsOfItemsCancelsAndEndings) {
         {{"error socket closed", "next 1"}, {}, "socket closed"},
         {{"upstream", "destroy"}, {"up request max", "up cancel"}, ""},
     }, steps, [](Log& log) {
-        return std::make_shared<CallbackSubscriber<int>>([&log](int&& item) { log.push_back("got " + describe(item)); });
+        return std::make_shared<CallbackSubscriber<int>>([&log](int&& item) {
+            log.push_back("got " + describe(item));
+        });
     });
     Callback::runAll({{{"upstream", "next 1", "destroy"}, {"up request max", "threw bad_function_call", "up cancel"},
                        ""}},

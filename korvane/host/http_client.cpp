@@ -220,21 +220,23 @@ Stream makeStream(Strand& strand, ssl::context& tls) {
 // connection strongly; it holds its reader strongly and its writer's subscription
 // weakly, and it owns the subscription that it hands its reader (weakly).
 template <class Stream>
-class WebSocketConnection final : public Connection, public std::enable_shared_from_this<WebSocketConnection<Stream>> {
+class ClientWebSocketConnection final : public Connection,
+                                        public std::enable_shared_from_this<ClientWebSocketConnection<Stream>> {
 public:
     static constexpr bool kSecure = std::is_same_v<Stream, TlsStream>;
 
-    WebSocketConnection(WebSocketUrl url, HeaderList headers, asio::io_context& context, ssl::context& tls,
-                        std::chrono::milliseconds timeout)
+    ClientWebSocketConnection(WebSocketUrl url, HeaderList headers, asio::io_context& context, ssl::context& tls,
+                              std::chrono::milliseconds timeout)
         : url_(std::move(url)),
           headers_(std::move(headers)),
           timeout_(timeout),
           io_(std::make_unique<Io>(context, tls)) {}
 
-    static std::shared_ptr<WebSocketConnection> create(WebSocketUrl url, HeaderList headers, asio::io_context& context,
-                                                       ssl::context& tls, std::chrono::milliseconds timeout) {
+    static std::shared_ptr<ClientWebSocketConnection> create(WebSocketUrl url, HeaderList headers,
+                                                             asio::io_context& context, ssl::context& tls,
+                                                             std::chrono::milliseconds timeout) {
         auto connection =
-            std::make_shared<WebSocketConnection>(std::move(url), std::move(headers), context, tls, timeout);
+            std::make_shared<ClientWebSocketConnection>(std::move(url), std::move(headers), context, tls, timeout);
         connection->readSubscription_ = std::make_shared<ReadSubscription>(connection);
         return connection;
     }
@@ -242,7 +244,7 @@ public:
     // Starts resolving; the future yields the http::WebSocket once the upgrade is through.
     Future<std::unique_ptr<Message>> open() {
         Future<std::unique_ptr<Message>> answer = answer_.getFuture();
-        post([](WebSocketConnection& self) { self.doResolve(); });
+        post([](ClientWebSocketConnection& self) { self.doResolve(); });
         return answer;
     }
 
@@ -282,28 +284,28 @@ private:
     // a reader holds it locked, hence the weak pointer back. Any thread: it posts.
     class ReadSubscription : public reactive_streams::Subscription {
     public:
-        explicit ReadSubscription(std::weak_ptr<WebSocketConnection> connection)
+        explicit ReadSubscription(std::weak_ptr<ClientWebSocketConnection> connection)
             : connection_(std::move(connection)) {}
         void request(unsigned long n) override {
             if (auto connection = connection_.lock()) {
-                connection->post([n](WebSocketConnection& self) { self.doRequest(n); });
+                connection->post([n](ClientWebSocketConnection& self) { self.doRequest(n); });
             }
         }
         void cancel() override {
             if (auto connection = connection_.lock()) {
-                connection->post([](WebSocketConnection& self) { self.doCancelReading(); });
+                connection->post([](ClientWebSocketConnection& self) { self.doCancelReading(); });
             }
         }
 
     private:
-        std::weak_ptr<WebSocketConnection> connection_;
+        std::weak_ptr<ClientWebSocketConnection> connection_;
     };
 
     // The answer's `inbound`: the messages read from the peer. Any thread: it posts;
     // only the one-subscriber check is made at once, on an atomic flag.
     class InboundPublisher : public reactive_streams::PublisherAPI<http::WebSocketFrame> {
     public:
-        explicit InboundPublisher(std::shared_ptr<WebSocketConnection> connection)
+        explicit InboundPublisher(std::shared_ptr<ClientWebSocketConnection> connection)
             : connection_(std::move(connection)) {}
         void subscribe(std::shared_ptr<FrameSubscriber> reader) override {
             if (!reader) {
@@ -312,37 +314,37 @@ private:
             if (connection_->readerAttached_.exchange(true)) {
                 throw std::invalid_argument("Only one subscription is supported");
             }
-            connection_->post([reader](WebSocketConnection& self) { self.doAttachReader(reader); });
+            connection_->post([reader](ClientWebSocketConnection& self) { self.doAttachReader(reader); });
         }
         Future<bool> getFuture() override { return connection_->inboundDone_.getFuture(); }
 
     private:
-        std::shared_ptr<WebSocketConnection> connection_;
+        std::shared_ptr<ClientWebSocketConnection> connection_;
     };
 
     // The answer's `outbound`: the frames to write to the peer. Any thread: it posts.
     class OutboundSubscriber : public FrameSubscriber {
     public:
-        explicit OutboundSubscriber(std::shared_ptr<WebSocketConnection> connection)
+        explicit OutboundSubscriber(std::shared_ptr<ClientWebSocketConnection> connection)
             : connection_(std::move(connection)) {}
         void onSubscribe(std::weak_ptr<reactive_streams::Subscription> source) override {
-            connection_->post([source](WebSocketConnection& self) { self.doAttachWriter(source); });
+            connection_->post([source](ClientWebSocketConnection& self) { self.doAttachWriter(source); });
         }
         void onNext(http::WebSocketFrame&& frame) override {
-            connection_->post([frame = std::move(frame)](WebSocketConnection& self) mutable {
+            connection_->post([frame = std::move(frame)](ClientWebSocketConnection& self) mutable {
                 self.doQueueWrite(std::move(frame));
             });
         }
         void onComplete() override {
-            connection_->post([](WebSocketConnection& self) { self.doFinishWriting(nullptr); });
+            connection_->post([](ClientWebSocketConnection& self) { self.doFinishWriting(nullptr); });
         }
         void onError(std::exception_ptr error) override {
-            connection_->post([error](WebSocketConnection& self) { self.doFinishWriting(error); });
+            connection_->post([error](ClientWebSocketConnection& self) { self.doFinishWriting(error); });
         }
         Future<bool> getFuture() override { return connection_->outboundDone_.getFuture(); }
 
     private:
-        std::shared_ptr<WebSocketConnection> connection_;
+        std::shared_ptr<ClientWebSocketConnection> connection_;
     };
 
     // Runs `step` on the strand; does nothing once the I/O has been released.
@@ -784,8 +786,8 @@ public:
 private:
     template <class Stream>
     Future<std::unique_ptr<Message>> doOpen(WebSocketUrl url, const http::Headers& headers) {
-        auto connection = WebSocketConnection<Stream>::create(std::move(url), upgradeHeaders(headers), io_, tls_,
-                                                              options_.handshakeTimeout);
+        auto connection = ClientWebSocketConnection<Stream>::create(std::move(url), upgradeHeaders(headers), io_,
+                                                                    tls_, options_.handshakeTimeout);
         doTrack(connection);
         return connection->open();
     }

@@ -27,7 +27,7 @@
 #include "korvane/host/relay_subscriber.h"
 #include "korvane/host/server_state.h"
 #include "korvane/host/strand_link.h"
-#include "korvane/host/websocket_connection.h"
+#include "korvane/host/server_websocket_connection.h"
 
 namespace korvane::host {
 

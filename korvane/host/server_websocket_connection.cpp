@@ -1,4 +1,4 @@
-#include "korvane/host/websocket_connection.h"
+#include "korvane/host/server_websocket_connection.h"
 
 #include <exception>
 #include <limits>
@@ -56,26 +56,26 @@ using FrameSignal = StreamSignal<WebSocketFrame>;
 // shutdown() posts; abandon() runs on the stopping thread once no I/O thread is
 // left. Nothing here takes a lock.
 template <class Stream>
-class WebSocketConnection : public ConnectionTracker::Tracked,
-                            public std::enable_shared_from_this<WebSocketConnection<Stream>> {
+class ServerWebSocketConnection : public ConnectionTracker::Tracked,
+                                  public std::enable_shared_from_this<ServerWebSocketConnection<Stream>> {
 public:
     using Executor = typename Stream::executor_type;
 
-    WebSocketConnection(Stream&& stream, std::shared_ptr<ServerState> state,
-                        std::shared_ptr<reactive_streams::PublisherAPI<WebSocketFrame>> inbound,
-                        std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound)
+    ServerWebSocketConnection(Stream&& stream, std::shared_ptr<ServerState> state,
+                              std::shared_ptr<reactive_streams::PublisherAPI<WebSocketFrame>> inbound,
+                              std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound)
         : socket_(std::move(stream)),
           executor_(socket_.get_executor()),
           state_(std::move(state)),
           inbound_(std::move(inbound)),
           outbound_(std::move(outbound)) {}
 
-    ~WebSocketConnection() override { state_->connections.remove(trackerId_); }
+    ~ServerWebSocketConnection() override { state_->connections.remove(trackerId_); }
 
     const Executor& executor() const { return executor_; }
 
     void run(UpgradeRequest&& upgrade, std::string setCookie) {
-        link_ = std::make_shared<StrandLink<WebSocketConnection>>(this->shared_from_this());
+        link_ = std::make_shared<StrandLink<ServerWebSocketConnection>>(this->shared_from_this());
         socket_.next_layer().setOwner(this->weak_from_this());
         socket_.next_layer().setWriteTimeout(state_->options.writeTimeout);
         trackerId_ = state_->connections.add(this->weak_from_this());
@@ -117,19 +117,20 @@ private:
     // The service's side of the peer's messages: demand and cancel come on any thread.
     class ReadSubscription : public reactive_streams::Subscription {
     public:
-        explicit ReadSubscription(std::shared_ptr<StrandLink<WebSocketConnection>> link) : link_(std::move(link)) {}
+        explicit ReadSubscription(std::shared_ptr<StrandLink<ServerWebSocketConnection>> link)
+            : link_(std::move(link)) {}
 
         void request(unsigned long n) override {
-            link_->post([n](WebSocketConnection& connection) { connection.onReadDemand(n); });
+            link_->post([n](ServerWebSocketConnection& connection) { connection.onReadDemand(n); });
         }
         void cancel() override {
-            link_->post([](WebSocketConnection& connection) {
+            link_->post([](ServerWebSocketConnection& connection) {
                 connection.doCloseSocket(websocket::close_code::normal);
             });
         }
 
     private:
-        std::shared_ptr<StrandLink<WebSocketConnection>> link_;
+        std::shared_ptr<StrandLink<ServerWebSocketConnection>> link_;
     };
 
     void onAccepted(beast::error_code error) {
@@ -141,7 +142,9 @@ private:
         writer_ = std::make_shared<RelaySubscriber<WebSocketFrame>>(
             [link = link_](FrameSignal&& signal) {
                 auto shared = std::make_shared<FrameSignal>(std::move(signal));
-                link->post([shared](WebSocketConnection& connection) { connection.onWriterSignal(std::move(*shared)); });
+                link->post([shared](ServerWebSocketConnection& connection) {
+                    connection.onWriterSignal(std::move(*shared));
+                });
             },
             false);
         readSubscription_ = std::make_shared<ReadSubscription>(link_);
@@ -332,7 +335,7 @@ private:
     const std::shared_ptr<ServerState> state_;
     std::shared_ptr<reactive_streams::PublisherAPI<WebSocketFrame>> inbound_;
     std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound_;
-    std::shared_ptr<StrandLink<WebSocketConnection>> link_;
+    std::shared_ptr<StrandLink<ServerWebSocketConnection>> link_;
     std::uint64_t trackerId_ = 0;
     UpgradeRequest upgrade_;
 
@@ -357,8 +360,8 @@ void serveWebSocket(Stream&& stream, UpgradeRequest&& upgrade,
                     std::shared_ptr<reactive_streams::PublisherAPI<WebSocketFrame>> inbound,
                     std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound,
                     std::shared_ptr<ServerState> state, std::string setCookie) {
-    auto connection = std::make_shared<WebSocketConnection<Stream>>(std::move(stream), std::move(state),
-                                                                    std::move(inbound), std::move(outbound));
+    auto connection = std::make_shared<ServerWebSocketConnection<Stream>>(std::move(stream), std::move(state),
+                                                                          std::move(inbound), std::move(outbound));
     connection->run(std::move(upgrade), std::move(setCookie));
 }
 

@@ -21,12 +21,7 @@ std::unique_ptr<Message> parse(const std::string& text, bool isRequest = true) {
 }
 
 std::string failureOf(const std::string& text, bool isRequest = true) {
-    try {
-        parse(text, isRequest);
-    } catch (const std::invalid_argument& failure) {
-        return failure.what();
-    }
-    return "<accepted>";
+    return test_support::errorOf<std::invalid_argument>([&] { parse(text, isRequest); });
 }
 
 std::string classOf(const std::unique_ptr<Message>& message) {
@@ -34,8 +29,16 @@ std::string classOf(const std::unique_ptr<Message>& message) {
     return name.substr(name.rfind(':') + 1);
 }
 
-// The class a message was read as, the members every message shares and a response's outcome.
+// The class a message was read as, the members every message shares and a response's outcome;
+// a batch as its messages' in brackets.
 std::string fieldsOf(const std::unique_ptr<Message>& message) {
+    if (auto* batch = dynamic_cast<const BayeuxContainer*>(message.get())) {
+        std::string text = "[";
+        for (const auto& one : batch->messages) {
+            text += fieldsOf(one) + (&one == &batch->messages.back() ? "]" : ", ");
+        }
+        return text;
+    }
     const auto& base = dynamic_cast<const BayeuxBase&>(*message);
     std::string text = classOf(message) + " " + base.channel + "|" + base.id + "|" + base.clientId;
     if (const auto* response = dynamic_cast<const BayeuxResponse*>(&base)) {
@@ -58,13 +61,11 @@ using korvane::test_support::repeated;
 
 TEST(Deserialize, ChannelChoosesTheClassOnEitherSide) {
     const std::pair<std::string, std::string> cases[] = {
-        {"/meta/handshake", "HandshakeRequest HandshakeResponse"},
-        {"/meta/connect", "ConnectStreamRequest ConnectStreamResponse"},
-        {"/meta/disconnect", "DisconnectRequest DisconnectResponse"},
-        {"/meta/subscribe", "SubscribeRequest SubscribeResponse"},
+        {"/meta/handshake", "HandshakeRequest HandshakeResponse"}, {"/meta/foo", "PublishRequest PublishRequest"},
+        {"/meta/connect", "ConnectStreamRequest ConnectStreamResponse"}, {"/chat/x", "PublishRequest PublishRequest"},
+        {"/meta/disconnect", "DisconnectRequest DisconnectResponse"}, {"/meta/x/", "PublishRequest PublishRequest"},
+        {"/meta/subscribe", "SubscribeRequest SubscribeResponse"}, {"/meta/connect/", "PublishRequest PublishRequest"},
         {"/meta/unsubscribe", "UnsubscribeRequest UnsubscribeResponse"},
-        {"/meta/foo", "PublishRequest PublishRequest"}, {"/meta/connect/", "PublishRequest PublishRequest"},
-        {"/chat/room1", "PublishRequest PublishRequest"},
     };
     for (const auto& [channel, classes] : cases) {
         const std::string text = "{\"channel\":\"" + channel + "\"}";
@@ -72,15 +73,19 @@ TEST(Deserialize, ChannelChoosesTheClassOnEitherSide) {
         EXPECT_EQ(classOf(request) + " " + classOf(parse(text, false)), classes);
         EXPECT_EQ(dynamic_cast<BayeuxBase&>(*request).channel, channel);
     }
-    // A channel written with an escape is decoded before it is compared.
+    // A channel written with an escape is decoded before it is compared; an array of one is a bare message.
     EXPECT_EQ(fieldsOf(parse("{\"channel\":\"\\/meta\\/handshake\"}")), "HandshakeRequest /meta/handshake||");
     EXPECT_EQ(fieldsOf(parse("{\"channel\":null}")), "PublishRequest ||");
+    EXPECT_EQ(fieldsOf(parse("[{\"channel\":\"/foo\"}]")), "PublishRequest /foo||");
+    EXPECT_EQ(fieldsOf(parse(" [ {\"channel\":\"/foo\"} , {\"channel\":\"/meta/connect\",\"id\":\"2\"},"
+                             "{\"channel\":\"/b\"} ]")),
+              "[PublishRequest /foo||, ConnectStreamRequest /meta/connect|2|, PublishRequest /b||]");
 }
 
 TEST(Deserialize, RefusesMalformedBodiesWithTheirTextsAndAcceptsWhatTheScannerLetsThrough) {
     const std::string notBody = "JSON parsing error, expected array or object", brace = "Invalid JSON, expected '{'";
     const std::string invalid = "JSON parsing error, invalid bayeux request", quote = "Invalid JSON, expected '\"'";
-    const std::string unended = "JSON message parsing error, invalid bayeux request", ok = "<accepted>";
+    const std::string unended = "JSON message parsing error, invalid bayeux request", ok = "(no exception)";
     const std::string array = "JSON parsing error, invalid bayeux message array", boolean = "Invalid JSON boolean";
     const std::string end = "Invalid JSON, unexpected end", number = "Invalid JSON, expected a number";
     const std::string connect = "{\"channel\":\"/meta/connect\",\"advice\":", foo = "{\"channel\":\"/foo\"";
@@ -177,24 +182,13 @@ TEST(Deserialize, MetaMessagesReadTheirMembersAndAdvice) {
     EXPECT_EQ(reconnects, "012222");
 }
 
-TEST(Deserialize, ArraysGiveABareMessageOrAContainer) {
-    EXPECT_EQ(fieldsOf(parse("[{\"channel\":\"/foo\"}]")), "PublishRequest /foo||");
-    auto batch = parse(" [ {\"channel\":\"/foo\"} , {\"channel\":\"/meta/connect\",\"id\":\"2\"},"
-                       "{\"channel\":\"/bar\"} ]");
-    auto& messages = dynamic_cast<BayeuxContainer&>(*batch).messages;
-    ASSERT_EQ(messages.size(), 3u);
-    EXPECT_EQ(fieldsOf(messages[0]) + ", " + fieldsOf(messages[1]) + ", " + fieldsOf(messages[2]),
-              "PublishRequest /foo||, ConnectStreamRequest /meta/connect|2|, PublishRequest /bar||");
-}
-
 TEST(Deserialize, MillionLevelsOfNestingInABodyAreAcceptedOrRefusedByTheRules) {
     constexpr std::size_t levels = 1000000;
     const std::string arrays = repeated("[", levels) + "1" + repeated("]", levels);
     const std::string objects = repeated("{\"k\":", levels) + "true" + repeated("}", levels);
     const std::string deep = "{\"channel\":\"/deep\",\"data\":";
     EXPECT_EQ(dynamic_cast<PublishRequest&>(*parse(deep + arrays + "}")).data->str(), arrays);
-    auto skipped = parse("{\"x\":" + objects + ",\"channel\":\"/meta/subscribe\",\"deep\":" + objects +
-                         ",\"subscription\":\"/a\"}");
+    auto skipped = parse("{\"x\":" + objects + ",\"channel\":\"/meta/subscribe\",\"subscription\":\"/a\"}");
     EXPECT_EQ(dynamic_cast<SubscribeRequest&>(*skipped).subscription, "/a");
     auto inAdvice = parse("{\"channel\":\"/meta/connect\",\"advice\":{\"lp\":{\"x\":" + arrays + "},\"timeout\":3}}");
     EXPECT_EQ(dynamic_cast<ConnectStreamRequest&>(*inAdvice).advice->timeout, 3);
@@ -203,9 +197,6 @@ TEST(Deserialize, MillionLevelsOfNestingInABodyAreAcceptedOrRefusedByTheRules) {
     auto cutOff = parse(deep + repeated("{\"k\":", levels) + "1}");
     EXPECT_EQ(dynamic_cast<PublishRequest&>(*cutOff).data->size, levels * 5 + 2);
     EXPECT_EQ(failureOf(deep + repeated("[", levels) + "1"), "JSON message parsing error, invalid bayeux request");
-    EXPECT_EQ(failureOf(deep + repeated("[", levels) + "1" + repeated("]", levels - 1) + "}}"),
-              "JSON parsing error, invalid collection.");
-    EXPECT_EQ(failureOf(deep + repeated("{\"k\":", levels) + "0"), "Invalid JSON, expected a number");
     EXPECT_EQ(failureOf(repeated("[", levels) + "]"), "Invalid JSON, expected '{'");
     EXPECT_EQ(failureOf(repeated("{\"k\":", levels) + "1"), "JSON parsing error, invalid bayeux request");
 }

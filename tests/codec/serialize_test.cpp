@@ -2,13 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <stdexcept>
-#include <string>
 #include <typeinfo>
-#include <vector>
 
 #include "korvane/codec/deserialize.h"
 #include "korvane/frame/type_name.h"
+#include "support/test_helpers.h"
 
 namespace korvane::bayeux {
 namespace {
@@ -129,10 +127,9 @@ TEST(Serialize, StringsAreEscapedForHtmlAndBrokenUtf8IsReplaced) {
         {"\n\t\r\b\f", "\\n\\t\\r\\b\\f"}, {std::string("\0\x1f\x01", 3), "\\u0000\\u001f\\u0001"},
         {"\x7F~ ", "\x7F~ "}, {"\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80", "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80"},
         {"\xC3(", bad + "("}, {"\x80", bad}, {"\xFE\xFF", bad + bad}, {"\xE2\x82", bad + bad},
-        {"\xF4\x90\x80\x80", bad + bad + bad + bad}, {"\xC1\x81\xC0\xA2\xC0\x80", "A\\\"\\u0000"},
-        {"\xE0\x80\xA6", "\\u0026"}, {"\xF8\x80\x80\x81\x81\xFC\x80\x80\x80\x81\x81", "AA"},
-        {"\xF8\x88\x80\x80\x80", bad + bad + bad + bad + bad},
-        {"\xED\xA0\x80", "\xED\xA0\x80"}, {"\xE0\x82\xA9", "\xE0\x82\xA9"},
+        {"\xF4\x90\x80\x80", bad + bad + bad + bad}, {"\xC0\xA2\xC1\x81", bad + bad + bad + bad},
+        {"\xE0\x80\xA6", bad + bad + bad}, {"\xF8\x88\x80\x80\x80", bad + bad + bad + bad + bad},
+        {"\xED\xA0\x80", bad + bad + bad}, {"\xE0\xA0\x80\xF0\x90\x80\x80", "\xE0\xA0\x80\xF0\x90\x80\x80"},
     };
     for (const auto& [raw, escaped] : cases) {
         EXPECT_EQ(textOf(with<DisconnectRequest>([&raw = raw](auto& m) { m.clientId = raw; })),
@@ -144,18 +141,11 @@ TEST(Serialize, StringsAreEscapedForHtmlAndBrokenUtf8IsReplaced) {
 TEST(Serialize, RefusesWhatIsNoSingleMessageAndKeepsTheBuffer) {
     DataBuffer out(std::string("[x"));
     auto batch = with<BayeuxContainer>([](auto& m) { m.messages.push_back(std::make_unique<DisconnectResponse>()); });
-    try {
-        serializeBayeuxMessage(std::move(batch), out);
-        ADD_FAILURE() << "a container is no single message";
-    } catch (const std::invalid_argument& failure) {
-        EXPECT_EQ(failure.what(), "Unknown bayeux type: " + common::mangledTypeName(typeid(BayeuxContainer)));
-    }
+    EXPECT_EQ(test_support::errorOf<std::invalid_argument>([&] { serializeBayeuxMessage(std::move(batch), out); }),
+              "Unknown bayeux type: " + common::mangledTypeName(typeid(BayeuxContainer)));
     EXPECT_NE(batch, nullptr);
     EXPECT_EQ(out.str(), "[x");
     EXPECT_THROW(serializeBayeuxMessage(std::unique_ptr<Message>(), out), std::bad_typeid);
-    std::unique_ptr<Message> survivor = std::make_unique<DisconnectRequest>();
-    serializeBayeuxMessage(std::move(survivor), out);
-    EXPECT_NE(survivor, nullptr);
 }
 
 }  // namespace

@@ -1,14 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <functional>
 #include <future>
-#include <memory>
-#include <stdexcept>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "korvane/frame/future.h"
 #include "support/test_helpers.h"
@@ -33,76 +27,56 @@ TEST(Future, MisuseIsRefusedWithItsOwnText) {
     resolved->setValue(4);
     Future<int> second(resolved);
     EXPECT_EQ(Future<int>(resolved).get(), 4);
-    struct Case {
-        const char* name;
-        std::function<void()> action;
-        std::string expected;
+    auto claimed = [](auto&& second) {
+        auto s = std::make_shared<State>();
+        Future<int>(s).then(identity);
+        second(Future<int>(s));
     };
-    const std::vector<Case> cases = {
-        {"then twice", [] { auto f = makeReadyFuture(1); f.then(identity); f.then(identity); }, notValid},
-        {"get twice", [] { auto f = makeReadyFuture(1); f.get(); f.get(); }, getRefused},
-        {"get after then", [] { auto f = makeReadyFuture(1); f.then(identity); f.get(); }, notValid},
-        {"get on a moved-from future",
-         [] { auto f = makeReadyFuture(1); Future<int> taker(std::move(f)); f.get(); }, notValid},
-        {"get while a continuation is attached",
-         [] { auto s = std::make_shared<State>(); Future<int>(s).then(identity); Future<int>(s).get(); }, getRefused},
-        {"then while a continuation is attached",
-         [] { auto s = std::make_shared<State>(); Future<int>(s).then(identity); Future<int>(s).then(identity); },
-         thenRefused},
-        {"then on a claimed state", [&] { second.then(identity); }, thenRefused},
-        {"getFuture twice", [] { Promise<int> p; p.getFuture(); p.getFuture(); }, "Promise already returned a future."},
-        {"setValue twice", [] { Promise<int> p; p.setValue(1); p.setValue(2); }, "Promise already resolved."},
-        {"setError after setValue",
-         [] { Promise<int> p; p.setValue(1); p.setError(std::make_exception_ptr(std::logic_error("late"))); },
+    const std::pair<std::function<void()>, std::string> cases[] = {
+        {[] { auto f = makeReadyFuture(1); f.then(identity); f.then(identity); }, notValid},
+        {[] { auto f = makeReadyFuture(1); f.get(); f.get(); }, getRefused},
+        {[] { auto f = makeReadyFuture(1); f.then(identity); f.get(); }, notValid},
+        {[] { auto f = makeReadyFuture(1); Future<int> taker(std::move(f)); f.get(); }, notValid},
+        {[&] { claimed([](Future<int>&& f) { f.get(); }); }, getRefused},
+        {[&] { claimed([](Future<int>&& f) { f.then(identity); }); }, thenRefused},
+        {[&] { second.then(identity); }, thenRefused},
+        {[] { Promise<int> p; p.getFuture(); p.getFuture(); }, "Promise already returned a future."},
+        {[] { Promise<int> p; p.setValue(1); p.setValue(2); }, "Promise already resolved."},
+        {[] { Promise<int> p; p.setValue(1); p.setError(std::make_exception_ptr(std::logic_error("late"))); },
          "Promise already resolved."},
-        {"moved-from promise setValue", [] { Promise<int> p; Promise<int> taker(std::move(p)); p.setValue(1); },
-         "Promise state isn't valid!"},
-        {"moved-from promise getFuture", [] { Promise<int> p; Promise<int> taker(std::move(p)); p.getFuture(); },
-         "Promise state isn't valid!"},
-        {"get on a cancelled state",
-         [] { auto s = std::make_shared<State>(); s->status = FutureStatus::Cancelled; Future<int>(s).get(); },
+        {[] { Promise<int> p; Promise<int> taker(std::move(p)); p.setValue(1); }, "Promise state isn't valid!"},
+        {[] { Promise<int> p; Promise<int> taker(std::move(p)); p.getFuture(); }, "Promise state isn't valid!"},
+        {[] { auto s = std::make_shared<State>(); s->status = FutureStatus::Cancelled; Future<int>(s).get(); },
          "Future has been cancelled."},
-        {"get on an out-of-range state",
-         [] { auto s = std::make_shared<State>(); s->status = static_cast<FutureStatus>(7); Future<int>(s).get(); },
+        {[] { auto s = std::make_shared<State>(); s->status = static_cast<FutureStatus>(7); Future<int>(s).get(); },
          "Invalid Future state reached."},
-        {"promise dies unresolved",
-         [] { Future<int> f; { Promise<int> p; f = p.getFuture(); } f.get(); }, promiseDied},
+        {[] { Future<int> f; { Promise<int> p; f = p.getFuture(); } f.get(); }, promiseDied},
     };
-    for (const Case& c : cases) {
-        EXPECT_EQ(errorOf<std::runtime_error>(c.action), c.expected) << c.name;
+    for (const auto& [action, expected] : cases) {
+        EXPECT_EQ(errorOf<std::runtime_error>(action), expected);
     }
     EXPECT_FALSE(second.isValid()) << "a refused then still spends its handle";
 }
 
-TEST(Future, ContinuationRunsInsideWhicheverCallCompletesThePair) {
+TEST(Future, ContinuationRunsInsideWhicheverCallCompletesThePairAndItsGetReturnsAtOnce) {
     Promise<int> resolvedFirst;
     resolvedFirst.setValue(20);
     bool ran = false;
-    Future<int> doubled = resolvedFirst.getFuture().then([&ran](Future<int>&& f) { ran = true; return f.get() * 2; });
+    Future<int> doubled = resolvedFirst.getFuture().then([&ran](Future<int>&& f) { return ran = true, f.get() * 2; });
     EXPECT_TRUE(ran);
     EXPECT_EQ(doubled.get(), 40);
 
     Promise<int> attachedFirst;
     ran = false;
     Future<std::string> text =
-        attachedFirst.getFuture().then([&ran](Future<int>&& f) { ran = true; return std::to_string(f.get()); });
+        attachedFirst.getFuture().then([&ran](Future<int>&& f) { return ran = true, std::to_string(f.get()); });
     EXPECT_FALSE(ran);
     attachedFirst.setValue(7);
     EXPECT_TRUE(ran);
     EXPECT_EQ(text.get(), "7");
-}
-
-TEST(Future, GetInsideAContinuationReturnsAtOnceAndStateAcceptsAnotherFuture) {
-    Promise<int> promise;
-    int seen = 0;
-    auto result = promise.getFuture().then([&seen](Future<int>&& f) { seen = f.get(); return true; });
-    promise.setValue(5);
-    EXPECT_EQ(seen, 5);
-    EXPECT_TRUE(result.get());
     // The fired continuation cleared the flags, so the promise hands out a second
     // future; its value was claimed by the continuation's get.
-    Future<int> second = promise.getFuture();
-    EXPECT_EQ(errorOf([&] { second.get(); }), getRefused);
+    EXPECT_EQ(errorOf([&] { attachedFirst.getFuture().get(); }), getRefused);
 
     Promise<int> unread;
     Future<bool> ignored = unread.getFuture().then([](Future<int>&&) { return true; });
@@ -114,7 +88,7 @@ TEST(Future, ValueLivesInTheStateAndPromiseDeathAfterResolvingIsQuiet) {
     std::weak_ptr<int> stored;
     {
         Promise<std::shared_ptr<int>> promise;
-        { Future<std::shared_ptr<int>> dropped = promise.getFuture(); }
+        promise.getFuture();
         auto value = std::make_shared<int>(1);
         stored = value;
         promise.setValue(std::move(value));
@@ -122,26 +96,20 @@ TEST(Future, ValueLivesInTheStateAndPromiseDeathAfterResolvingIsQuiet) {
     }
     EXPECT_TRUE(stored.expired()) << "and goes with it";
 
-    Future<int> future;
-    {
-        Promise<int> promise;
-        future = promise.getFuture();
-        promise.setValue(3);
-    }
-    EXPECT_EQ(future.get(), 3);
-
     Promise<int> original;
     Future<int> pending = original.getFuture();
-    Promise<int> owner(std::move(original));
-    { Promise<int> gone(std::move(original)); }  // a moved-from promise resolves nothing
-    owner.setValue(8);
+    {
+        Promise<int> owner(std::move(original));
+        { Promise<int> gone(std::move(original)); }  // a moved-from promise resolves nothing
+        owner.setValue(8);
+    }
     EXPECT_EQ(pending.get(), 8);
 }
 
 TEST(Future, ErrorsTravelDownAChainOfThenAndUnwrapOneExceptionPtrLevel) {
     Promise<int> promise;
     int stagesRun = 0;
-    auto addOne = [&stagesRun](Future<int>&& f) { ++stagesRun; return f.get() + 1; };
+    auto addOne = [&stagesRun](Future<int>&& f) { return ++stagesRun, f.get() + 1; };
     Future<int> end = promise.getFuture().then(addOne).then(addOne).then(addOne);
     promise.setError(std::make_exception_ptr(std::out_of_range("source failed")));
     EXPECT_EQ(stagesRun, 3);
@@ -154,17 +122,11 @@ TEST(Future, ErrorsTravelDownAChainOfThenAndUnwrapOneExceptionPtrLevel) {
     EXPECT_EQ(errorOf<std::logic_error>([&] { failedMidway.get(); }), "stage two");
 
     std::exception_ptr inner = std::make_exception_ptr(std::invalid_argument("inner"));
-    Promise<int> once;
+    Promise<int> once, twice;
     once.setError(std::make_exception_ptr(inner));
     EXPECT_EQ(errorOf<std::invalid_argument>([&] { once.getFuture().get(); }), "inner");
-    Promise<int> twice;
     twice.setError(std::make_exception_ptr(std::make_exception_ptr(inner)));
-    try {
-        twice.getFuture().get();
-        ADD_FAILURE() << "no exception";
-    } catch (const std::exception_ptr& stillWrapped) {
-        EXPECT_EQ(errorOf([&] { std::rethrow_exception(stillWrapped); }), "inner");
-    }
+    EXPECT_THROW(twice.getFuture().get(), std::exception_ptr);
 }
 
 TEST(Future, UnwrapFlattensInEitherOrderAndPassesErrorsOfBothLevels) {
@@ -195,22 +157,19 @@ TEST(Future, UnwrapFlattensInEitherOrderAndPassesErrorsOfBothLevels) {
 TEST(Future, CancelledStateDropsValuesAndNeverRunsItsContinuation) {
     auto state = std::make_shared<State>();
     state->status = FutureStatus::Cancelled;
-    EXPECT_NO_THROW(state->setValue(1));
-    EXPECT_NO_THROW(state->setError(std::make_exception_ptr(std::runtime_error("dropped"))));
+    state->setValue(1);
+    state->setError(std::make_exception_ptr(std::runtime_error("dropped")));
     EXPECT_EQ(state->result, nullptr);
-
     bool ran = false;
-    bool downstreamRan = false;
     Future<bool> result = Future<int>(state).then([&ran](Future<int>&&) { return ran = true; });
     state.reset();  // the source goes, taking the never-run continuation with it
-    Future<bool> after = result.then([&downstreamRan](Future<bool>&&) { return downstreamRan = true; });
+    Future<bool> after = result.then([&ran](Future<bool>&&) { return ran = true; });
     EXPECT_FALSE(ran);
-    EXPECT_FALSE(downstreamRan);
 }
 
 TEST(FutureConcurrency, ContinuationRunsOnWhicheverThreadCompletesThePair) {
     std::thread::id ranOn;
-    auto recordThread = [&ranOn](Future<int>&&) { ranOn = std::this_thread::get_id(); return true; };
+    auto recordThread = [&ranOn](Future<int>&&) { return ranOn = std::this_thread::get_id(), true; };
     Promise<int> attachedFirst;
     Future<bool> first = attachedFirst.getFuture().then(recordThread);
     std::thread resolver([&attachedFirst] { attachedFirst.setValue(1); });
@@ -252,7 +211,7 @@ TEST(FutureConcurrency, RacingThenAndSetValueRunEachContinuationExactlyOnce) {
         Future<int> future = promise.getFuture();
         std::atomic<int> runs{0};
         std::thread resolver([&promise, round] { promise.setValue(int(round)); });
-        Future<int> result = future.then([&runs](Future<int>&& f) { runs.fetch_add(1); return f.get(); });
+        Future<int> result = future.then([&runs](Future<int>&& f) { return runs.fetch_add(1), f.get(); });
         resolver.join();
         ASSERT_EQ(result.get(), round);
         ASSERT_EQ(runs.load(), 1);

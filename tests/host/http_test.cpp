@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <condition_variable>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -174,26 +173,6 @@ struct StaticFolder {
     std::filesystem::path root;
 };
 
-// A self-signed certificate for 127.0.0.1, made once for the whole run.
-struct TestCertificate {
-    TestCertificate() {
-        const std::string command = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2"
-                                    " -subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1 -keyout " +
-                                    key + " -out " + cert + " 2>/dev/null";
-        if (std::system(command.c_str()) != 0) {
-            throw std::runtime_error("openssl could not make a test certificate");
-        }
-    }
-
-    StaticFolder folder;
-    const std::string cert = (folder.base / "cert.pem").string();
-    const std::string key = (folder.base / "key.pem").string();
-};
-const TestCertificate& certificate() {
-    static const TestCertificate made;
-    return made;
-}
-
 struct HttpServerFixture {
     HttpServerFixture() {
         registry->add(Address("bayeux"), service);
@@ -210,8 +189,8 @@ struct HttpServerFixture {
     }
     HttpServerOptions secure() const {
         HttpServerOptions options = defaults();
-        options.tlsCert = certificate().cert;
-        options.tlsKey = certificate().key;
+        options.tlsCert = test::certificate().cert;
+        options.tlsKey = test::certificate().key;
         return options;
     }
     std::unique_ptr<HttpServer> launch(HttpServerOptions options) {
@@ -573,7 +552,7 @@ TEST_F(HttpServerTest, ServesHttpsAndWssWithASecureCookie) {
     socket.close();
 
     HttpServerOptions broken = secure();
-    broken.tlsKey = certificate().key + ".missing";
+    broken.tlsKey = test::certificate().key + ".missing";
     HttpServer refused(broken, registry);
     EXPECT_THROW(refused.start(), std::runtime_error);
 }
@@ -711,7 +690,7 @@ struct HttpClientTest : HttpServerTest {
     void SetUp() override {
         HttpClientOptions options;
         options.threadCount = 2;
-        options.extraCaFile = certificate().cert;
+        options.extraCaFile = test::certificate().cert;
         useClient(options);
     }
     void useClient(HttpClientOptions options) {

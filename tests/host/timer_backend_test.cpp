@@ -336,14 +336,15 @@ TEST_F(ThreadedTimerBackendConcurrency, NoCallbackStartsAfterItsReleaseReturnedO
 TEST_F(ThreadedTimerBackendConcurrency, LastReferenceDroppedByItsOwnCallbackEndsTheThreadQuietly) {
     // The callback owns the only reference once the test lets go: dropping it destroys the
     // backend on its own timer thread, which must neither join itself nor touch freed state.
-    auto owner = std::make_shared<std::shared_ptr<ThreadedTimerBackend>>(std::move(backend));
-    auto handle = (*owner)->schedule(
+    auto owner = std::make_shared<std::shared_ptr<ThreadedTimerBackend>>(backend);
+    auto handle = backend->schedule(
         [this, owner](long long) {
             owner->reset();
             note("destroyed");
         },
         5ms, 0ms);
     owner.reset();
+    backend.reset();
     EXPECT_EQ(waitFor(1), Names{"destroyed"});
     handle = nullptr;
     // Lets the detached thread leave before the process checks for leaks.

@@ -66,20 +66,20 @@ public:
 
     std::string url() const;
     unsigned short port() const;
-    std::shared_ptr<ServiceRegistry> registry() const { return registry_; }
-    std::shared_ptr<bayeux::BayeuxServer> routing() const { return routing_; }
-    std::shared_ptr<bayeux::BayeuxServiceProviderImpl> protocol() const { return protocol_; }
+    std::shared_ptr<ServiceRegistry> registry() const { return serviceRegistry; }
+    std::shared_ptr<bayeux::BayeuxServer> routing() const { return routingCore; }
+    std::shared_ptr<bayeux::BayeuxServiceProviderImpl> protocol() const { return protocolService; }
     // An in-process session on this server's routing core, registered with it. The
     // caller owns it; it leaves the routing core when released.
     std::shared_ptr<bayeux::LocalBayeuxSession> makeLocalSession();
 
 private:
-    std::shared_ptr<ThreadedTimerBackend> timers_;
-    std::shared_ptr<ServiceRegistry> registry_;
-    std::shared_ptr<bayeux::BayeuxServer> routing_;
-    std::shared_ptr<bayeux::BayeuxServiceProviderImpl> protocol_;
-    std::unique_ptr<HttpServer> server_;
-    bool started_ = false;
+    std::shared_ptr<ThreadedTimerBackend> timers;
+    std::shared_ptr<ServiceRegistry> serviceRegistry;
+    std::shared_ptr<bayeux::BayeuxServer> routingCore;
+    std::shared_ptr<bayeux::BayeuxServiceProviderImpl> protocolService;
+    std::unique_ptr<HttpServer> server;
+    bool started = false;
 };
 
 }  // namespace korvane::host

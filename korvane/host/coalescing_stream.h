@@ -1,14 +1,14 @@
 #pragma once
 
 // A stream layer under a WebSocket that sends the frames made ready together in one
-// socket write. A write_some is taken into `pending_` and completed at once; the socket
+// socket write. A write_some is taken into `pending` and completed at once; the socket
 // write that carries it starts from a posted flush, after the handlers already queued on
 // the strand have run, so a delivery's message frame and the connect reply written right
 // behind it leave in one TCP send instead of two. Frames written while a socket write is
-// under way wait in `pending_` and leave together when it completes. The bytes and their
+// under way wait in `pending` and leave together when it completes. The bytes and their
 // order are those the WebSocket wrote; only their grouping into sends changes.
 //
-// Backpressure: past `highWater` bytes in `pending_`, a write_some waits until the socket
+// Backpressure: past `highWater` bytes in `pending`, a write_some waits until the socket
 // write under way completes, so a peer that stops reading stalls the WebSocket's writes as
 // it would without this layer. Holding at most highWater bytes plus one frame here, and
 // the socket write's bytes, is what the layer adds to a connection's write backlog.
@@ -53,27 +53,27 @@ public:
 
     template <class... Args>
     explicit CoalescingStream(Args&&... args)
-        : next_(std::forward<Args>(args)...), flushed_(next_.get_executor()), writeWatch_(next_.get_executor()) {
-        flushed_.expires_at(boost::asio::steady_timer::time_point::max());
+        : next(std::forward<Args>(args)...), flushed(next.get_executor()), writeWatch(next.get_executor()) {
+        flushed.expires_at(boost::asio::steady_timer::time_point::max());
     }
 
     // What the socket writes and posted flushes keep alive; set before the first write.
-    void setOwner(std::weak_ptr<void> owner) { owner_ = std::move(owner); }
+    void setOwner(std::weak_ptr<void> owner) { owningConnection = std::move(owner); }
     // Zero, the default, lets a socket write wait for ever.
-    void setWriteTimeout(std::chrono::milliseconds timeout) { writeTimeout_ = timeout; }
+    void setWriteTimeout(std::chrono::milliseconds timeout) { writeTimeout = timeout; }
     // Whether a socket write outlived the write timeout and the socket was closed for it.
-    bool timedOut() const noexcept { return timedOut_; }
+    bool timedOut() const noexcept { return writeTimedOut; }
 
-    executor_type get_executor() noexcept { return next_.get_executor(); }
-    NextLayer& next_layer() noexcept { return next_; }
-    const NextLayer& next_layer() const noexcept { return next_; }
+    executor_type get_executor() noexcept { return next.get_executor(); }
+    NextLayer& next_layer() noexcept { return next; }
+    const NextLayer& next_layer() const noexcept { return next; }
 
     // Bytes taken and not yet written to the socket, the socket write's own included.
-    std::size_t bufferedBytes() const noexcept { return pending_.size() + sending_.size(); }
+    std::size_t bufferedBytes() const noexcept { return pending.size() + sending.size(); }
 
     template <class MutableBuffers, class ReadHandler>
     auto async_read_some(const MutableBuffers& buffers, ReadHandler&& handler) {
-        return next_.async_read_some(buffers, std::forward<ReadHandler>(handler));
+        return next.async_read_some(buffers, std::forward<ReadHandler>(handler));
     }
 
     template <class ConstBuffers, class WriteHandler>
@@ -93,35 +93,35 @@ public:
     }
 
 private:
-    // Takes the buffers once `pending_` has room, then completes, posted when it did not wait.
+    // Takes the buffers once `pending` has room, then completes, posted when it did not wait.
     template <class Handler, class ConstBuffers>
     class WriteSomeOp : public boost::beast::async_base<Handler, executor_type> {
     public:
         WriteSomeOp(Handler&& handler, CoalescingStream& stream, const ConstBuffers& buffers)
             : boost::beast::async_base<Handler, executor_type>(std::move(handler), stream.get_executor()),
-              stream_(stream),
-              buffers_(buffers) {
+              stream(stream),
+              buffers(buffers) {
             (*this)(boost::beast::error_code(), false);
         }
 
-        // Runs first from the initiation, then after each wait on `flushed_`, whose
+        // Runs first from the initiation, then after each wait on `flushed`, whose
         // cancellation (operation_aborted) is the wake-up.
         void operator()(boost::beast::error_code = {}, bool continuation = true) {
-            if (!stream_.error_ && stream_.pending_.size() >= highWater) {
-                stream_.flushed_.async_wait(std::move(*this));
+            if (!stream.writeError && stream.pending.size() >= highWater) {
+                stream.flushed.async_wait(std::move(*this));
                 return;
             }
-            if (stream_.error_) {
-                this->complete(continuation, stream_.error_, std::size_t{0});
+            if (stream.writeError) {
+                this->complete(continuation, stream.writeError, std::size_t{0});
                 return;
             }
-            const std::size_t taken = boost::asio::buffer_size(buffers_);
-            for (const auto buffer : boost::beast::buffers_range_ref(buffers_)) {
-                stream_.pending_.append(static_cast<const char*>(buffer.data()), buffer.size());
+            const std::size_t taken = boost::asio::buffer_size(buffers);
+            for (const auto buffer : boost::beast::buffers_range_ref(buffers)) {
+                stream.pending.append(static_cast<const char*>(buffer.data()), buffer.size());
             }
             if (continuation) {
                 // Woken by a completed socket write, which has already started the next one.
-                stream_.scheduleFlush();
+                stream.scheduleFlush();
                 this->complete(true, boost::beast::error_code(), taken);
                 return;
             }
@@ -129,12 +129,12 @@ private:
             // has one ready, joins this one before the socket write starts. The stream is
             // still alive here: the caller's operation is on the stack.
             this->complete(false, boost::beast::error_code(), taken);
-            stream_.scheduleFlush();
+            stream.scheduleFlush();
         }
 
     private:
-        CoalescingStream& stream_;
-        ConstBuffers buffers_;
+        CoalescingStream& stream;
+        ConstBuffers buffers;
     };
 
     // Waits until every byte taken has been written (or the writes failed), then hands
@@ -144,75 +144,75 @@ private:
     public:
         TeardownOp(Handler&& handler, CoalescingStream& stream, boost::beast::role_type role)
             : boost::beast::async_base<Handler, executor_type>(std::move(handler), stream.get_executor()),
-              stream_(stream),
-              role_(role) {
+              stream(stream),
+              role(role) {
             (*this)(boost::beast::error_code(), false);
         }
 
         void operator()(boost::beast::error_code = {}, bool = true) {
-            if (!stream_.error_ && stream_.bufferedBytes() != 0) {
-                stream_.flushed_.async_wait(std::move(*this));
+            if (!stream.writeError && stream.bufferedBytes() != 0) {
+                stream.flushed.async_wait(std::move(*this));
                 return;
             }
             using boost::beast::websocket::async_teardown;
-            async_teardown(role_, stream_.next_, this->release_handler());
+            async_teardown(role, stream.next, this->release_handler());
         }
 
     private:
-        CoalescingStream& stream_;
-        boost::beast::role_type role_;
+        CoalescingStream& stream;
+        boost::beast::role_type role;
     };
 
     void scheduleFlush() {
-        if (writing_ || flushPosted_) {
+        if (writing || flushPosted) {
             return;
         }
-        std::shared_ptr<void> owner = owner_.lock();
+        std::shared_ptr<void> owner = owningConnection.lock();
         if (!owner) {
             return;
         }
-        flushPosted_ = true;
+        flushPosted = true;
         boost::asio::defer(get_executor(), [this, owner = std::move(owner)]() mutable {
-            flushPosted_ = false;
+            flushPosted = false;
             flush(std::move(owner));
         });
     }
 
     void flush(std::shared_ptr<void> owner) {
-        if (writing_ || error_ || pending_.empty()) {
+        if (writing || writeError || pending.empty()) {
             return;
         }
-        writing_ = true;
-        writeStarted_ = std::chrono::steady_clock::now();
-        sending_.swap(pending_);
+        writing = true;
+        writeStarted = std::chrono::steady_clock::now();
+        sending.swap(pending);
         watchWrite(owner);
-        boost::asio::async_write(next_, boost::asio::buffer(sending_),
+        boost::asio::async_write(next, boost::asio::buffer(sending),
                                  [this, owner = std::move(owner)](boost::beast::error_code error, std::size_t) mutable {
                                      onWritten(error, std::move(owner));
                                  });
     }
 
     void onWritten(boost::beast::error_code error, std::shared_ptr<void> owner) {
-        writing_ = false;
-        sending_.clear();
-        if (error && !error_) {
-            error_ = error;
-            pending_.clear();
+        writing = false;
+        sending.clear();
+        if (error && !writeError) {
+            writeError = error;
+            pending.clear();
         }
         // Wakes the writers waiting for room and a teardown waiting for the last byte.
-        flushed_.cancel();
+        flushed.cancel();
         flush(std::move(owner));
     }
 
     // Arms the write timer unless it is armed or there is no timeout. The wait holds the
     // owner weakly: a stream whose owner is gone is not touched.
     void watchWrite(const std::shared_ptr<void>& owner) {
-        if (writeTimeout_.count() == 0 || watching_) {
+        if (writeTimeout.count() == 0 || watching) {
             return;
         }
-        watching_ = true;
-        writeWatch_.expires_at(writeStarted_ + writeTimeout_);
-        writeWatch_.async_wait([this, weakOwner = std::weak_ptr<void>(owner)](boost::beast::error_code) {
+        watching = true;
+        writeWatch.expires_at(writeStarted + writeTimeout);
+        writeWatch.async_wait([this, weakOwner = std::weak_ptr<void>(owner)](boost::beast::error_code) {
             if (std::shared_ptr<void> alive = weakOwner.lock()) {
                 onWriteWatch(alive);
             }
@@ -220,32 +220,32 @@ private:
     }
 
     void onWriteWatch(const std::shared_ptr<void>& owner) {
-        watching_ = false;
-        if (!writing_) {
+        watching = false;
+        if (!writing) {
             return;
         }
-        if (std::chrono::steady_clock::now() - writeStarted_ < writeTimeout_) {
+        if (std::chrono::steady_clock::now() - writeStarted < writeTimeout) {
             watchWrite(owner);
             return;
         }
-        timedOut_ = true;
+        writeTimedOut = true;
         boost::beast::error_code ignored;
-        boost::beast::get_lowest_layer(next_).socket().close(ignored);
+        boost::beast::get_lowest_layer(next).socket().close(ignored);
     }
 
-    NextLayer next_;
-    boost::asio::steady_timer flushed_;
-    boost::asio::steady_timer writeWatch_;
-    std::chrono::steady_clock::time_point writeStarted_;
-    std::chrono::milliseconds writeTimeout_{0};
-    std::weak_ptr<void> owner_;
-    std::string pending_;
-    std::string sending_;
-    boost::beast::error_code error_;
-    bool writing_ = false;
-    bool flushPosted_ = false;
-    bool watching_ = false;
-    bool timedOut_ = false;
+    NextLayer next;
+    boost::asio::steady_timer flushed;
+    boost::asio::steady_timer writeWatch;
+    std::chrono::steady_clock::time_point writeStarted;
+    std::chrono::milliseconds writeTimeout{0};
+    std::weak_ptr<void> owningConnection;
+    std::string pending;
+    std::string sending;
+    boost::beast::error_code writeError;
+    bool writing = false;
+    bool flushPosted = false;
+    bool watching = false;
+    bool writeTimedOut = false;
 };
 
 }  // namespace korvane::host

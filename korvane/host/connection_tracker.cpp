@@ -5,31 +5,31 @@ namespace korvane::host {
 ConnectionTracker::Tracked::~Tracked() = default;
 
 std::uint64_t ConnectionTracker::add(const std::weak_ptr<Tracked>& connection) {
-    std::lock_guard<std::mutex> guard(mutex_);
-    if (stopping_) {
+    std::lock_guard<std::mutex> guard(mutex);
+    if (stopping) {
         return 0;
     }
-    const std::uint64_t id = nextId_++;
-    connections_.emplace(id, connection);
+    const std::uint64_t id = nextId++;
+    connections.emplace(id, connection);
     return id;
 }
 
 void ConnectionTracker::remove(std::uint64_t id) {
-    std::lock_guard<std::mutex> guard(mutex_);
-    if (connections_.erase(id) != 0 && connections_.empty()) {
-        emptied_.notify_all();
+    std::lock_guard<std::mutex> guard(mutex);
+    if (connections.erase(id) != 0 && connections.empty()) {
+        emptied.notify_all();
     }
 }
 
 std::size_t ConnectionTracker::count() const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return connections_.size();
+    std::lock_guard<std::mutex> guard(mutex);
+    return connections.size();
 }
 
 void ConnectionTracker::shutdownAll() {
     {
-        std::lock_guard<std::mutex> guard(mutex_);
-        stopping_ = true;
+        std::lock_guard<std::mutex> guard(mutex);
+        stopping = true;
     }
     for (const auto& entry : doSnapshot()) {
         if (std::shared_ptr<Tracked> connection = entry.second.lock()) {
@@ -39,8 +39,8 @@ void ConnectionTracker::shutdownAll() {
 }
 
 bool ConnectionTracker::waitUntilEmpty(std::chrono::steady_clock::time_point deadline) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return emptied_.wait_until(lock, deadline, [this] { return connections_.empty(); });
+    std::unique_lock<std::mutex> lock(mutex);
+    return emptied.wait_until(lock, deadline, [this] { return connections.empty(); });
 }
 
 void ConnectionTracker::abandonAll() {
@@ -52,8 +52,8 @@ void ConnectionTracker::abandonAll() {
 }
 
 std::unordered_map<std::uint64_t, std::weak_ptr<ConnectionTracker::Tracked>> ConnectionTracker::doSnapshot() const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return connections_;
+    std::lock_guard<std::mutex> guard(mutex);
+    return connections;
 }
 
 }  // namespace korvane::host

@@ -3,7 +3,7 @@
 // The live connections of one HTTP server: counted for the connection limit, and
 // reachable by stop() so that it can end each of them.
 //
-// Threading: every operation may be called from any thread; `mutex_` guards the
+// Threading: every operation may be called from any thread; `mutex` guards the
 // map and the stopping flag and is never held while a connection is called.
 
 #include <chrono>
@@ -42,11 +42,11 @@ public:
 private:
     std::unordered_map<std::uint64_t, std::weak_ptr<Tracked>> doSnapshot() const;
 
-    mutable std::mutex mutex_;
-    std::condition_variable emptied_;
-    std::unordered_map<std::uint64_t, std::weak_ptr<Tracked>> connections_;
-    std::uint64_t nextId_ = 1;
-    bool stopping_ = false;
+    mutable std::mutex mutex;
+    std::condition_variable emptied;
+    std::unordered_map<std::uint64_t, std::weak_ptr<Tracked>> connections;
+    std::uint64_t nextId = 1;
+    bool stopping = false;
 };
 
 }  // namespace korvane::host

@@ -5,7 +5,7 @@
 
 namespace korvane::host {
 
-HostContext::HostContext(std::weak_ptr<ServiceRegistry> registry) : registry_(std::move(registry)) {}
+HostContext::HostContext(std::weak_ptr<ServiceRegistry> registry) : registry(std::move(registry)) {}
 
 HostContext::~HostContext() = default;
 
@@ -14,8 +14,8 @@ std::shared_ptr<HostContext> HostContext::create(std::weak_ptr<ServiceRegistry> 
 }
 
 Future<std::unique_ptr<Message>> HostContext::handle(std::unique_ptr<Message>&& message, Address&& address) {
-    std::shared_ptr<ServiceRegistry> registry = registry_.lock();
-    std::shared_ptr<ServiceProvider> provider = registry ? registry->resolve(address, message.get()) : nullptr;
+    std::shared_ptr<ServiceRegistry> services = registry.lock();
+    std::shared_ptr<ServiceProvider> provider = services ? services->resolve(address, message.get()) : nullptr;
     if (!provider) {
         return makeErrorFuture<std::unique_ptr<Message>>(
             std::make_exception_ptr(std::runtime_error("No service at address: " + address.name())));

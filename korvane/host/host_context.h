@@ -32,7 +32,7 @@ public:
     Future<std::unique_ptr<Message>> handle(std::unique_ptr<Message>&& message, Address&& address) override;
 
 private:
-    std::weak_ptr<ServiceRegistry> registry_;
+    std::weak_ptr<ServiceRegistry> registry;
 };
 
 }  // namespace korvane::host

@@ -151,22 +151,22 @@ HeaderList upgradeHeaders(const http::Headers& headers) {
 // Counts down to zero and lets one thread wait for it. Threading: any thread; one mutex.
 class Countdown {
 public:
-    explicit Countdown(std::size_t count) : remaining_(count) {}
+    explicit Countdown(std::size_t count) : remaining(count) {}
     void arrive() {
-        std::lock_guard<std::mutex> guard(mutex_);
-        if (--remaining_ == 0) {
-            zero_.notify_all();
+        std::lock_guard<std::mutex> guard(mutex);
+        if (--remaining == 0) {
+            zero.notify_all();
         }
     }
     void wait() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        zero_.wait(lock, [this] { return remaining_ == 0; });
+        std::unique_lock<std::mutex> lock(mutex);
+        zero.wait(lock, [this] { return remaining == 0; });
     }
 
 private:
-    std::mutex mutex_;
-    std::condition_variable zero_;
-    std::size_t remaining_;
+    std::mutex mutex;
+    std::condition_variable zero;
+    std::size_t remaining;
 };
 
 // What the provider needs of a connection of either kind.
@@ -185,9 +185,9 @@ public:
 // the TLS handshake, on the connection's strand.
 class HostNameCheck {
 public:
-    explicit HostNameCheck(const std::string& host) : check_(host) {}
+    explicit HostNameCheck(const std::string& host) : check(host) {}
     bool operator()(bool preverified, ssl::verify_context& context) {
-        const bool matches = check_(preverified, context);
+        const bool matches = check(preverified, context);
         if (preverified && !matches) {
             X509_STORE_CTX_set_error(context.native_handle(), X509_V_ERR_HOSTNAME_MISMATCH);
         }
@@ -195,7 +195,7 @@ public:
     }
 
 private:
-    ssl::host_name_verification check_;
+    ssl::host_name_verification check;
 };
 
 template <class Stream>
@@ -209,10 +209,10 @@ Stream makeStream(Strand& strand, ssl::context& tls) {
 
 // One outbound WebSocket over a plain or a TLS stream.
 //
-// Threading: all state but `io_`, the promises and `readerAttached_` belongs to the
+// Threading: all state but `io`, the promises and `readerAttached` belongs to the
 // strand and is touched only by handlers running on it. Calls from the library
 // (the facades and ReadSubscription) post to the strand through post(), which holds
-// `ioMutex_` so that the strand is not released under it; they never call the peer
+// `ioMutex` so that the strand is not released under it; they never call the peer
 // inline. Callbacks into the library (onSubscribe, onNext, onComplete, onError,
 // request, cancel, the answer's promise) are made from the strand with no lock held.
 //
@@ -220,39 +220,41 @@ Stream makeStream(Strand& strand, ssl::context& tls) {
 // connection strongly; it holds its reader strongly and its writer's subscription
 // weakly, and it owns the subscription that it hands its reader (weakly).
 template <class Stream>
-class WebSocketConnection final : public Connection, public std::enable_shared_from_this<WebSocketConnection<Stream>> {
+class ClientWebSocketConnection final : public Connection,
+                                        public std::enable_shared_from_this<ClientWebSocketConnection<Stream>> {
 public:
     static constexpr bool kSecure = std::is_same_v<Stream, TlsStream>;
 
-    WebSocketConnection(WebSocketUrl url, HeaderList headers, asio::io_context& context, ssl::context& tls,
-                        std::chrono::milliseconds timeout)
-        : url_(std::move(url)),
-          headers_(std::move(headers)),
-          timeout_(timeout),
-          io_(std::make_unique<Io>(context, tls)) {}
+    ClientWebSocketConnection(WebSocketUrl url, HeaderList headers, asio::io_context& context, ssl::context& tls,
+                              std::chrono::milliseconds timeout)
+        : url(std::move(url)),
+          headers(std::move(headers)),
+          timeout(timeout),
+          io(std::make_unique<Io>(context, tls)) {}
 
-    static std::shared_ptr<WebSocketConnection> create(WebSocketUrl url, HeaderList headers, asio::io_context& context,
-                                                       ssl::context& tls, std::chrono::milliseconds timeout) {
+    static std::shared_ptr<ClientWebSocketConnection> create(WebSocketUrl url, HeaderList headers,
+                                                             asio::io_context& context, ssl::context& tls,
+                                                             std::chrono::milliseconds timeout) {
         auto connection =
-            std::make_shared<WebSocketConnection>(std::move(url), std::move(headers), context, tls, timeout);
-        connection->readSubscription_ = std::make_shared<ReadSubscription>(connection);
+            std::make_shared<ClientWebSocketConnection>(std::move(url), std::move(headers), context, tls, timeout);
+        connection->readSubscription = std::make_shared<ReadSubscription>(connection);
         return connection;
     }
 
     // Starts resolving; the future yields the http::WebSocket once the upgrade is through.
     Future<std::unique_ptr<Message>> open() {
-        Future<std::unique_ptr<Message>> answer = answer_.getFuture();
-        post([](WebSocketConnection& self) { self.doResolve(); });
+        Future<std::unique_ptr<Message>> answer = answerPromise.getFuture();
+        post([](ClientWebSocketConnection& self) { self.doResolve(); });
         return answer;
     }
 
     void abort(std::function<void()> done) override {
-        std::lock_guard<std::mutex> guard(ioMutex_);
-        if (!io_) {
+        std::lock_guard<std::mutex> guard(ioMutex);
+        if (!io) {
             done();
             return;
         }
-        asio::post(io_->strand, [self = this->shared_from_this(), done = std::move(done)] {
+        asio::post(io->strand, [self = this->shared_from_this(), done = std::move(done)] {
             self->doAbort();
             done();
         });
@@ -260,8 +262,8 @@ public:
 
     void releaseIo() override {
         std::unique_ptr<Io> released;
-        std::lock_guard<std::mutex> guard(ioMutex_);
-        released = std::move(io_);
+        std::lock_guard<std::mutex> guard(ioMutex);
+        released = std::move(io);
     }
 
 private:
@@ -282,85 +284,85 @@ private:
     // a reader holds it locked, hence the weak pointer back. Any thread: it posts.
     class ReadSubscription : public reactive_streams::Subscription {
     public:
-        explicit ReadSubscription(std::weak_ptr<WebSocketConnection> connection)
-            : connection_(std::move(connection)) {}
+        explicit ReadSubscription(std::weak_ptr<ClientWebSocketConnection> connection)
+            : target(std::move(connection)) {}
         void request(unsigned long n) override {
-            if (auto connection = connection_.lock()) {
-                connection->post([n](WebSocketConnection& self) { self.doRequest(n); });
+            if (auto connection = target.lock()) {
+                connection->post([n](ClientWebSocketConnection& self) { self.doRequest(n); });
             }
         }
         void cancel() override {
-            if (auto connection = connection_.lock()) {
-                connection->post([](WebSocketConnection& self) { self.doCancelReading(); });
+            if (auto connection = target.lock()) {
+                connection->post([](ClientWebSocketConnection& self) { self.doCancelReading(); });
             }
         }
 
     private:
-        std::weak_ptr<WebSocketConnection> connection_;
+        std::weak_ptr<ClientWebSocketConnection> target;
     };
 
     // The answer's `inbound`: the messages read from the peer. Any thread: it posts;
     // only the one-subscriber check is made at once, on an atomic flag.
     class InboundPublisher : public reactive_streams::PublisherAPI<http::WebSocketFrame> {
     public:
-        explicit InboundPublisher(std::shared_ptr<WebSocketConnection> connection)
-            : connection_(std::move(connection)) {}
+        explicit InboundPublisher(std::shared_ptr<ClientWebSocketConnection> connection)
+            : target(std::move(connection)) {}
         void subscribe(std::shared_ptr<FrameSubscriber> reader) override {
             if (!reader) {
                 throw std::invalid_argument("A null subscriber cannot subscribe");
             }
-            if (connection_->readerAttached_.exchange(true)) {
+            if (target->readerAttached.exchange(true)) {
                 throw std::invalid_argument("Only one subscription is supported");
             }
-            connection_->post([reader](WebSocketConnection& self) { self.doAttachReader(reader); });
+            target->post([reader](ClientWebSocketConnection& self) { self.doAttachReader(reader); });
         }
-        Future<bool> getFuture() override { return connection_->inboundDone_.getFuture(); }
+        Future<bool> getFuture() override { return target->inboundDone.getFuture(); }
 
     private:
-        std::shared_ptr<WebSocketConnection> connection_;
+        std::shared_ptr<ClientWebSocketConnection> target;
     };
 
     // The answer's `outbound`: the frames to write to the peer. Any thread: it posts.
     class OutboundSubscriber : public FrameSubscriber {
     public:
-        explicit OutboundSubscriber(std::shared_ptr<WebSocketConnection> connection)
-            : connection_(std::move(connection)) {}
+        explicit OutboundSubscriber(std::shared_ptr<ClientWebSocketConnection> connection)
+            : target(std::move(connection)) {}
         void onSubscribe(std::weak_ptr<reactive_streams::Subscription> source) override {
-            connection_->post([source](WebSocketConnection& self) { self.doAttachWriter(source); });
+            target->post([source](ClientWebSocketConnection& self) { self.doAttachWriter(source); });
         }
         void onNext(http::WebSocketFrame&& frame) override {
-            connection_->post([frame = std::move(frame)](WebSocketConnection& self) mutable {
+            target->post([frame = std::move(frame)](ClientWebSocketConnection& self) mutable {
                 self.doQueueWrite(std::move(frame));
             });
         }
         void onComplete() override {
-            connection_->post([](WebSocketConnection& self) { self.doFinishWriting(nullptr); });
+            target->post([](ClientWebSocketConnection& self) { self.doFinishWriting(nullptr); });
         }
         void onError(std::exception_ptr error) override {
-            connection_->post([error](WebSocketConnection& self) { self.doFinishWriting(error); });
+            target->post([error](ClientWebSocketConnection& self) { self.doFinishWriting(error); });
         }
-        Future<bool> getFuture() override { return connection_->outboundDone_.getFuture(); }
+        Future<bool> getFuture() override { return target->outboundDone.getFuture(); }
 
     private:
-        std::shared_ptr<WebSocketConnection> connection_;
+        std::shared_ptr<ClientWebSocketConnection> target;
     };
 
     // Runs `step` on the strand; does nothing once the I/O has been released.
     template <class Step>
     void post(Step step) {
-        std::lock_guard<std::mutex> guard(ioMutex_);
-        if (io_) {
-            asio::post(io_->strand, [self = this->shared_from_this(), step = std::move(step)]() mutable { step(*self); });
+        std::lock_guard<std::mutex> guard(ioMutex);
+        if (io) {
+            asio::post(io->strand, [self = this->shared_from_this(), step = std::move(step)]() mutable { step(*self); });
         }
     }
 
     // ---- opening, on the strand ------------------------------------------------
 
     void doResolve() {
-        if (state_ != State::Connecting) {
+        if (state != State::Connecting) {
             return;
         }
-        io_->resolver.async_resolve(url_.host, url_.port,
+        io->resolver.async_resolve(url.host, url.port,
                                     [self = this->shared_from_this()](boost::system::error_code ec,
                                                                       tcp::resolver::results_type results) {
                                         self->onResolved(ec, std::move(results));
@@ -368,15 +370,15 @@ private:
     }
 
     void onResolved(boost::system::error_code ec, tcp::resolver::results_type results) {
-        if (state_ != State::Connecting) {
+        if (state != State::Connecting) {
             return;
         }
         if (ec) {
-            doFailOpening("Unable to resolve host name " + url_.host + ": " + ec.message());
+            doFailOpening("Unable to resolve host name " + url.host + ": " + ec.message());
             return;
         }
-        auto& socket = beast::get_lowest_layer(io_->ws);
-        socket.expires_after(timeout_);
+        auto& socket = beast::get_lowest_layer(io->ws);
+        socket.expires_after(timeout);
         socket.async_connect(results, [self = this->shared_from_this()](boost::system::error_code connectEc,
                                                                         const tcp::endpoint&) {
             self->onConnected(connectEc);
@@ -384,15 +386,15 @@ private:
     }
 
     void onConnected(boost::system::error_code ec) {
-        if (state_ != State::Connecting) {
+        if (state != State::Connecting) {
             return;
         }
         if (ec) {
-            doFailOpening("Unable to connect to " + url_.authority + ": " + ec.message());
+            doFailOpening("Unable to connect to " + url.authority + ": " + ec.message());
             return;
         }
         boost::system::error_code ignored;
-        beast::get_lowest_layer(io_->ws).socket().set_option(tcp::no_delay(true), ignored);
+        beast::get_lowest_layer(io->ws).socket().set_option(tcp::no_delay(true), ignored);
         if constexpr (kSecure) {
             doTlsHandshake();
         } else {
@@ -401,18 +403,18 @@ private:
     }
 
     void doTlsHandshake() {
-        auto& tls = io_->ws.next_layer();
-        if (!isIpLiteral(url_.host)) {
-            SSL_set_tlsext_host_name(tls.native_handle(), url_.host.c_str());
+        auto& tls = io->ws.next_layer();
+        if (!isIpLiteral(url.host)) {
+            SSL_set_tlsext_host_name(tls.native_handle(), url.host.c_str());
         }
-        tls.set_verify_callback(HostNameCheck(url_.host));
+        tls.set_verify_callback(HostNameCheck(url.host));
         tls.async_handshake(ssl::stream_base::client, [self = this->shared_from_this()](boost::system::error_code ec) {
             self->onTlsHandshake(ec);
         });
     }
 
     void onTlsHandshake(boost::system::error_code ec) {
-        if (state_ != State::Connecting) {
+        if (state != State::Connecting) {
             return;
         }
         if (ec) {
@@ -423,132 +425,132 @@ private:
     }
 
     std::string doTlsFailureText(boost::system::error_code ec) {
-        const long verification = SSL_get_verify_result(io_->ws.next_layer().native_handle());
+        const long verification = SSL_get_verify_result(io->ws.next_layer().native_handle());
         if (verification != X509_V_OK) {
-            return "TLS certificate of " + url_.authority +
+            return "TLS certificate of " + url.authority +
                    " is not trusted: " + X509_verify_cert_error_string(verification);
         }
-        return "TLS handshake with " + url_.authority + " failed: " + ec.message();
+        return "TLS handshake with " + url.authority + " failed: " + ec.message();
     }
 
     void doUpgrade() {
-        auto& ws = io_->ws;
+        auto& ws = io->ws;
         // From here on the WebSocket's own time limits apply, not the TCP stream's.
         beast::get_lowest_layer(ws).expires_never();
-        ws.set_option(websocket::stream_base::timeout{timeout_, websocket::stream_base::none(), false});
-        ws.set_option(websocket::stream_base::decorator([headers = headers_](websocket::request_type& request) {
+        ws.set_option(websocket::stream_base::timeout{timeout, websocket::stream_base::none(), false});
+        ws.set_option(websocket::stream_base::decorator([headers = headers](websocket::request_type& request) {
             for (const auto& [name, value] : headers) {
                 request.insert(name, value);
             }
         }));
-        ws.async_handshake(io_->upgradeResponse, url_.hostHeader, url_.target,
+        ws.async_handshake(io->upgradeResponse, url.hostHeader, url.target,
                            [self = this->shared_from_this()](boost::system::error_code ec) { self->onUpgraded(ec); });
     }
 
     void onUpgraded(boost::system::error_code ec) {
-        if (state_ != State::Connecting) {
+        if (state != State::Connecting) {
             return;
         }
         if (ec == websocket::error::upgrade_declined) {
-            doFailOpening("WebSocket upgrade refused by " + url_.text + ": HTTP " +
-                          std::to_string(io_->upgradeResponse.result_int()));
+            doFailOpening("WebSocket upgrade refused by " + url.text + ": HTTP " +
+                          std::to_string(io->upgradeResponse.result_int()));
             return;
         }
         if (ec) {
-            doFailOpening("WebSocket upgrade with " + url_.text + " failed: " + ec.message());
+            doFailOpening("WebSocket upgrade with " + url.text + " failed: " + ec.message());
             return;
         }
-        state_ = State::Open;
+        state = State::Open;
         auto self = this->shared_from_this();
         std::unique_ptr<Message> socket = std::make_unique<http::WebSocket>(
             std::make_shared<InboundPublisher>(self), std::make_shared<OutboundSubscriber>(self));
-        answer_.setValue(std::move(socket));
+        answerPromise.setValue(std::move(socket));
     }
 
     void doFailOpening(const std::string& text) {
-        state_ = State::Finished;
+        state = State::Finished;
         doCloseSocket();
-        answer_.setError(failure(text));
+        answerPromise.setError(failure(text));
     }
 
     // ---- reading, on the strand ------------------------------------------------
 
     void doAttachReader(std::shared_ptr<FrameSubscriber> reader) {
-        reader_ = reader;
-        reader->onSubscribe(std::weak_ptr<reactive_streams::Subscription>(readSubscription_));
-        if (state_ == State::Finished) {
+        frameReader = reader;
+        reader->onSubscribe(std::weak_ptr<reactive_streams::Subscription>(readSubscription));
+        if (state == State::Finished) {
             doSettleReader();
         }
     }
 
     void doRequest(unsigned long n) {
-        demand_ = reactive_streams::addDemand(demand_, n);
+        demand = reactive_streams::addDemand(demand, n);
         doReadNext();
     }
 
     void doReadNext() {
-        const bool readable = state_ == State::Open || state_ == State::Closing;
-        if (!readable || reading_ || !reader_ || demand_ == 0) {
+        const bool readable = state == State::Open || state == State::Closing;
+        if (!readable || reading || !frameReader || demand == 0) {
             return;
         }
-        reading_ = true;
-        io_->ws.async_read(io_->readBuffer, [self = this->shared_from_this()](boost::system::error_code ec,
+        reading = true;
+        io->ws.async_read(io->readBuffer, [self = this->shared_from_this()](boost::system::error_code ec,
                                                                               std::size_t) { self->onRead(ec); });
     }
 
     void onRead(boost::system::error_code ec) {
-        reading_ = false;
+        reading = false;
         if (ec) {
             doEnd(ec);
             return;
         }
         common::DataBuffer message;
-        const auto bytes = io_->readBuffer.data();
+        const auto bytes = io->readBuffer.data();
         message.append(static_cast<const char*>(bytes.data()), bytes.size());
-        io_->readBuffer.consume(io_->readBuffer.size());
-        if (!reader_ || state_ == State::Finished) {
+        io->readBuffer.consume(io->readBuffer.size());
+        if (!frameReader || state == State::Finished) {
             return;
         }
-        const unsigned char firstByte = io_->ws.got_text() ? 129 : 130;
-        --demand_;
-        std::shared_ptr<FrameSubscriber> reader = reader_;
+        const unsigned char firstByte = io->ws.got_text() ? 129 : 130;
+        --demand;
+        std::shared_ptr<FrameSubscriber> reader = frameReader;
         try {
             reader->onNext(http::WebSocketFrame(std::move(message), firstByte));
         } catch (const std::exception& error) {
             // The reader could not take this message; the stream goes on.
-            ++demand_;
-            std::cerr << "HTTP client: a message from " << url_.text << " was refused: " << error.what() << std::endl;
+            ++demand;
+            std::cerr << "HTTP client: a message from " << url.text << " was refused: " << error.what() << std::endl;
         }
         doReadNext();
     }
 
     void doCancelReading() {
-        if (!reader_) {
+        if (!frameReader) {
             return;
         }
-        reader_.reset();
-        doSettle(inboundSettled_, inboundDone_, nullptr, false);
+        frameReader.reset();
+        doSettle(inboundSettled, inboundDone, nullptr, false);
         doRequestClose(websocket::close_code::normal);
     }
 
     // Tells the reader how the stream ended, once.
     void doSettleReader() {
-        std::shared_ptr<FrameSubscriber> reader = std::move(reader_);
+        std::shared_ptr<FrameSubscriber> reader = std::move(frameReader);
         if (reader) {
-            if (endError_) {
-                reader->onError(endError_);
+            if (endError) {
+                reader->onError(endError);
             } else {
                 reader->onComplete();
             }
         }
-        doSettle(inboundSettled_, inboundDone_, endError_, true);
+        doSettle(inboundSettled, inboundDone, endError, true);
     }
 
     // ---- writing and closing, on the strand --------------------------------------
 
     void doAttachWriter(std::weak_ptr<reactive_streams::Subscription> source) {
-        writerSource_ = source;
-        if (state_ == State::Open) {
+        writerSource = source;
+        if (state == State::Open) {
             doRequestNextFrame();
         } else {
             doCancelWriter();
@@ -556,58 +558,58 @@ private:
     }
 
     void doRequestNextFrame() {
-        if (auto source = writerSource_.lock()) {
+        if (auto source = writerSource.lock()) {
             source->request(1);
         }
     }
 
     void doCancelWriter() {
-        std::shared_ptr<reactive_streams::Subscription> source = writerSource_.lock();
-        writerSource_.reset();
+        std::shared_ptr<reactive_streams::Subscription> source = writerSource.lock();
+        writerSource.reset();
         if (source) {
             source->cancel();
         }
     }
 
     void doQueueWrite(http::WebSocketFrame&& frame) {
-        if (state_ != State::Open) {
+        if (state != State::Open) {
             return;
         }
-        writes_.push_back(std::move(frame));
+        writes.push_back(std::move(frame));
         doWriteNext();
     }
 
     void doWriteNext() {
-        if (writing_ || closeStarted_ || state_ == State::Finished) {
+        if (writing || closeStarted || state == State::Finished) {
             return;
         }
-        if (writes_.empty()) {
-            if (state_ == State::Closing) {
+        if (writes.empty()) {
+            if (state == State::Closing) {
                 doStartClose();
             }
             return;
         }
-        writing_ = true;
+        writing = true;
         // Deque elements stay in place while others are appended behind them.
-        const http::WebSocketFrame& frame = writes_.front();
-        io_->ws.text((frame.firstByte & 0x0F) != 0x02);
-        io_->ws.async_write(asio::buffer(frame.data.data, frame.data.size),
+        const http::WebSocketFrame& frame = writes.front();
+        io->ws.text((frame.firstByte & 0x0F) != 0x02);
+        io->ws.async_write(asio::buffer(frame.data.data, frame.data.size),
                             [self = this->shared_from_this()](boost::system::error_code ec, std::size_t) {
                                 self->onWritten(ec);
                             });
     }
 
     void onWritten(boost::system::error_code ec) {
-        writing_ = false;
-        if (state_ == State::Finished) {
+        writing = false;
+        if (state == State::Finished) {
             return;
         }
         if (ec) {
             doEnd(ec);
             return;
         }
-        writes_.pop_front();
-        if (state_ == State::Open) {
+        writes.pop_front();
+        if (state == State::Open) {
             doRequestNextFrame();
         }
         doWriteNext();
@@ -615,10 +617,10 @@ private:
 
     // The writer ended: close after the queued frames, or at once after an error.
     void doFinishWriting(std::exception_ptr error) {
-        writerSource_.reset();
-        doSettle(outboundSettled_, outboundDone_, error, true);
+        writerSource.reset();
+        doSettle(outboundSettled, outboundDone, error, true);
         if (error) {
-            writes_.clear();
+            writes.clear();
             doRequestClose(websocket::close_code::internal_error);
         } else {
             doRequestClose(websocket::close_code::normal);
@@ -626,17 +628,17 @@ private:
     }
 
     void doRequestClose(websocket::close_code code) {
-        if (state_ != State::Open) {
+        if (state != State::Open) {
             return;
         }
-        state_ = State::Closing;
-        closeCode_ = code;
+        state = State::Closing;
+        closeCode = code;
         doWriteNext();
     }
 
     void doStartClose() {
-        closeStarted_ = true;
-        io_->ws.async_close(closeCode_,
+        closeStarted = true;
+        io->ws.async_close(closeCode,
                             [self = this->shared_from_this()](boost::system::error_code ec) { self->doEnd(ec); });
     }
 
@@ -645,34 +647,34 @@ private:
     // The socket is done: a close handshake (ours or the peer's) ends the streams
     // cleanly, anything else with an error.
     void doEnd(boost::system::error_code ec) {
-        if (state_ == State::Finished) {
+        if (state == State::Finished) {
             return;
         }
         const bool clean = !ec || ec == websocket::error::closed;
-        doFinish(clean ? nullptr : failure("WebSocket connection to " + url_.text + " failed: " + ec.message()));
+        doFinish(clean ? nullptr : failure("WebSocket connection to " + url.text + " failed: " + ec.message()));
     }
 
     void doFinish(std::exception_ptr error) {
-        state_ = State::Finished;
-        endError_ = error;
-        writes_.clear();
+        state = State::Finished;
+        endError = error;
+        writes.clear();
         doCloseSocket();
         doSettleReader();
         doCancelWriter();
-        doSettle(outboundSettled_, outboundDone_, nullptr, false);
+        doSettle(outboundSettled, outboundDone, nullptr, false);
     }
 
     void doAbort() {
-        if (state_ == State::Connecting) {
+        if (state == State::Connecting) {
             doFailOpening(kServiceStopped);
-        } else if (state_ != State::Finished) {
+        } else if (state != State::Finished) {
             doFinish(failure(kServiceStopped));
         }
     }
 
     void doCloseSocket() {
-        io_->resolver.cancel();
-        beast::get_lowest_layer(io_->ws).close();
+        io->resolver.cancel();
+        beast::get_lowest_layer(io->ws).close();
     }
 
     static void doSettle(bool& settled, Promise<bool>& done, std::exception_ptr error, bool value) {
@@ -687,34 +689,34 @@ private:
         }
     }
 
-    const WebSocketUrl url_;
-    const HeaderList headers_;
-    const std::chrono::milliseconds timeout_;
+    const WebSocketUrl url;
+    const HeaderList headers;
+    const std::chrono::milliseconds timeout;
     // Set once by create(), before the connection is shared.
-    std::shared_ptr<ReadSubscription> readSubscription_;
-    std::atomic<bool> readerAttached_{false};
-    Promise<std::unique_ptr<Message>> answer_;
-    Promise<bool> inboundDone_;
-    Promise<bool> outboundDone_;
+    std::shared_ptr<ReadSubscription> readSubscription;
+    std::atomic<bool> readerAttached{false};
+    Promise<std::unique_ptr<Message>> answerPromise;
+    Promise<bool> inboundDone;
+    Promise<bool> outboundDone;
 
-    // Guards whether `io_` is there; the strand's handlers use it without the lock,
+    // Guards whether `io` is there; the strand's handlers use it without the lock,
     // which is sound because it is released only after the I/O threads are joined.
-    std::mutex ioMutex_;
-    std::unique_ptr<Io> io_;
+    std::mutex ioMutex;
+    std::unique_ptr<Io> io;
 
     // Strand state.
-    State state_ = State::Connecting;
-    std::shared_ptr<FrameSubscriber> reader_;
-    std::weak_ptr<reactive_streams::Subscription> writerSource_;
-    std::deque<http::WebSocketFrame> writes_;
-    std::uint64_t demand_ = 0;
-    std::exception_ptr endError_;
-    websocket::close_code closeCode_ = websocket::close_code::normal;
-    bool reading_ = false;
-    bool writing_ = false;
-    bool closeStarted_ = false;
-    bool inboundSettled_ = false;
-    bool outboundSettled_ = false;
+    State state = State::Connecting;
+    std::shared_ptr<FrameSubscriber> frameReader;
+    std::weak_ptr<reactive_streams::Subscription> writerSource;
+    std::deque<http::WebSocketFrame> writes;
+    std::uint64_t demand = 0;
+    std::exception_ptr endError;
+    websocket::close_code closeCode = websocket::close_code::normal;
+    bool reading = false;
+    bool writing = false;
+    bool closeStarted = false;
+    bool inboundSettled = false;
+    bool outboundSettled = false;
 };
 
 ssl::context makeTlsContext(const std::string& extraCaFile) {
@@ -734,19 +736,19 @@ ssl::context makeTlsContext(const std::string& extraCaFile) {
 }  // namespace
 
 // Owns the I/O threads and everything the connections borrow from it (io_context,
-// TLS context). Threading: `mutex_` guards `connections_`; the rest is set in the
+// TLS context). Threading: `mutex` guards `connections`; the rest is set in the
 // constructor and only read until the destructor, which runs with no other call in
 // flight (the provider is gone by then).
 class HttpClientServiceProvider::Impl {
 public:
     explicit Impl(HttpClientOptions options)
-        : options_(std::move(options)),
-          io_(static_cast<int>(std::max<std::size_t>(options_.threadCount, 1))),
-          tls_(makeTlsContext(options_.extraCaFile)),
-          work_(asio::make_work_guard(io_)) {
-        const std::size_t threadCount = std::max<std::size_t>(options_.threadCount, 1);
+        : clientOptions(std::move(options)),
+          io(static_cast<int>(std::max<std::size_t>(clientOptions.threadCount, 1))),
+          tls(makeTlsContext(clientOptions.extraCaFile)),
+          work(asio::make_work_guard(io)) {
+        const std::size_t threadCount = std::max<std::size_t>(clientOptions.threadCount, 1);
         for (std::size_t i = 0; i < threadCount; ++i) {
-            threads_.emplace_back([this] { doRunIoThread(); });
+            threads.emplace_back([this] { doRunIoThread(); });
         }
     }
 
@@ -758,9 +760,9 @@ public:
         }
         aborted.wait();
         // Every connection is closed; what is still queued would find nothing to do.
-        work_.reset();
-        io_.stop();
-        for (auto& thread : threads_) {
+        work.reset();
+        io.stop();
+        for (auto& thread : threads) {
             thread.join();
         }
         // Sockets and strands must go before the io_context they belong to.
@@ -784,25 +786,25 @@ public:
 private:
     template <class Stream>
     Future<std::unique_ptr<Message>> doOpen(WebSocketUrl url, const http::Headers& headers) {
-        auto connection = WebSocketConnection<Stream>::create(std::move(url), upgradeHeaders(headers), io_, tls_,
-                                                              options_.handshakeTimeout);
+        auto connection = ClientWebSocketConnection<Stream>::create(std::move(url), upgradeHeaders(headers), io,
+                                                                    tls, clientOptions.handshakeTimeout);
         doTrack(connection);
         return connection->open();
     }
 
     // Remembers the connection for the destructor, forgetting those that are gone.
     void doTrack(const std::shared_ptr<Connection>& connection) {
-        std::lock_guard<std::mutex> guard(mutex_);
-        connections_.erase(std::remove_if(connections_.begin(), connections_.end(),
+        std::lock_guard<std::mutex> guard(mutex);
+        connections.erase(std::remove_if(connections.begin(), connections.end(),
                                           [](const std::weak_ptr<Connection>& known) { return known.expired(); }),
-                           connections_.end());
-        connections_.push_back(connection);
+                           connections.end());
+        connections.push_back(connection);
     }
 
     std::vector<std::shared_ptr<Connection>> doLiveConnections() {
-        std::lock_guard<std::mutex> guard(mutex_);
+        std::lock_guard<std::mutex> guard(mutex);
         std::vector<std::shared_ptr<Connection>> live;
-        for (const auto& known : connections_) {
+        for (const auto& known : connections) {
             if (auto connection = known.lock()) {
                 live.push_back(std::move(connection));
             }
@@ -814,7 +816,7 @@ private:
     void doRunIoThread() {
         for (;;) {
             try {
-                io_.run();
+                io.run();
                 return;
             } catch (const std::exception& error) {
                 std::cerr << "HTTP client: an I/O handler failed: " << error.what() << std::endl;
@@ -822,25 +824,25 @@ private:
         }
     }
 
-    const HttpClientOptions options_;
+    const HttpClientOptions clientOptions;
     // Declared before everything that uses it, so that it is destroyed after them.
-    asio::io_context io_;
-    ssl::context tls_;
-    asio::executor_work_guard<asio::io_context::executor_type> work_;
-    std::mutex mutex_;
-    std::vector<std::weak_ptr<Connection>> connections_;
-    std::vector<std::thread> threads_;
+    asio::io_context io;
+    ssl::context tls;
+    asio::executor_work_guard<asio::io_context::executor_type> work;
+    std::mutex mutex;
+    std::vector<std::weak_ptr<Connection>> connections;
+    std::vector<std::thread> threads;
 };
 
 HttpClientServiceProvider::HttpClientServiceProvider(HttpClientOptions options)
-    : impl_(std::make_unique<Impl>(std::move(options))) {}
+    : impl(std::make_unique<Impl>(std::move(options))) {}
 
 HttpClientServiceProvider::~HttpClientServiceProvider() = default;
 
 Future<std::unique_ptr<Message>> HttpClientServiceProvider::handle(std::unique_ptr<http::HttpRequest>&& request,
                                                                    Address&&, std::shared_ptr<Context>&&) {
     try {
-        return impl_->open(*request);
+        return impl->open(*request);
     } catch (const std::exception&) {
         return makeErrorFuture<std::unique_ptr<Message>>(std::current_exception());
     }

@@ -27,7 +27,7 @@
 #include "korvane/host/relay_subscriber.h"
 #include "korvane/host/server_state.h"
 #include "korvane/host/strand_link.h"
-#include "korvane/host/websocket_connection.h"
+#include "korvane/host/server_websocket_connection.h"
 
 namespace korvane::host {
 
@@ -135,8 +135,8 @@ void discardAnswer(const std::shared_ptr<Message>& answer) {
 
 // One connection: reads a request, answers it, and only then reads the next, so
 // that pipelined requests are answered in order. A Bayeux request goes to the
-// service, whose answer (on any thread) comes back through `link_`; a streaming
-// body's signals come back the same way through `body_`.
+// service, whose answer (on any thread) comes back through `link`; a streaming
+// body's signals come back the same way through `bodyRelay`.
 //
 // Threading: every member function but shutdown() and abandon() runs on the
 // connection's strand. shutdown() posts; abandon() runs on the stopping thread
@@ -147,22 +147,22 @@ public:
     using Executor = typename Stream::executor_type;
 
     HttpConnection(Stream&& stream, std::shared_ptr<ServerState> state)
-        : stream_(std::move(stream)), executor_(stream_.get_executor()), state_(std::move(state)) {}
+        : stream(std::move(stream)), strandExecutor(this->stream.get_executor()), state(std::move(state)) {}
 
-    ~HttpConnection() override { state_->connections.remove(trackerId_); }
+    ~HttpConnection() override { state->connections.remove(trackerId); }
 
-    const Executor& executor() const { return executor_; }
+    const Executor& executor() const { return strandExecutor; }
 
     void run() {
-        link_ = std::make_shared<StrandLink<HttpConnection>>(this->shared_from_this());
-        trackerId_ = state_->connections.add(this->weak_from_this());
-        if (trackerId_ == 0) {
+        link = std::make_shared<StrandLink<HttpConnection>>(this->shared_from_this());
+        trackerId = state->connections.add(this->weak_from_this());
+        if (trackerId == 0) {
             doClose();
             return;
         }
         if constexpr (isTls<Stream>) {
             lowest().expires_after(options().headerTimeout);
-            stream_.async_handshake(net::ssl::stream_base::server,
+            stream.async_handshake(net::ssl::stream_base::server,
                                     [self = this->shared_from_this()](beast::error_code error) {
                                         if (error) {
                                             self->doClose();
@@ -176,14 +176,14 @@ public:
     }
 
     void shutdown() override {
-        net::post(executor_, [self = this->shared_from_this()] { self->doClose(); });
+        net::post(strandExecutor, [self = this->shared_from_this()] { self->doClose(); });
     }
 
     void abandon() override { doClose(); }
 
 private:
-    const HttpServerOptions& options() const { return state_->options; }
-    beast::tcp_stream& lowest() { return beast::get_lowest_layer(stream_); }
+    const HttpServerOptions& options() const { return state->options; }
+    beast::tcp_stream& lowest() { return beast::get_lowest_layer(stream); }
     // A peer that does not take a response within the write timeout is cut.
     void doArmWriteTimeout() {
         if (options().writeTimeout.count() == 0) {
@@ -196,16 +196,16 @@ private:
     // ---- reading ----------------------------------------------------------------
 
     void doReadHeader() {
-        if (closed_) {
+        if (closed) {
             return;
         }
-        freshSession_ = false;
-        corsOrigin_.clear();
-        parser_.emplace();
-        parser_->header_limit(static_cast<std::uint32_t>(std::min<std::size_t>(options().maxHeaderBytes, UINT32_MAX)));
-        parser_->body_limit(options().maxBodyBytes);
+        freshSession = false;
+        corsOrigin.clear();
+        parser.emplace();
+        parser->header_limit(static_cast<std::uint32_t>(std::min<std::size_t>(options().maxHeaderBytes, UINT32_MAX)));
+        parser->body_limit(options().maxBodyBytes);
         lowest().expires_after(options().headerTimeout);
-        bhttp::async_read_header(stream_, buffer_, *parser_,
+        bhttp::async_read_header(stream, buffer, *parser,
                                  [self = this->shared_from_this()](beast::error_code error, std::size_t) {
                                      self->onHeader(error);
                                  });
@@ -216,14 +216,14 @@ private:
             doReadFailed(error);
             return;
         }
-        if (parser_->is_done()) {
+        if (parser->is_done()) {
             onRequest();
             return;
         }
-        if (beast::iequals(parser_->get()[bhttp::field::expect], "100-continue")) {
+        if (beast::iequals(parser->get()[bhttp::field::expect], "100-continue")) {
             // The client waits for a go-ahead before it sends the body.
             doArmWriteTimeout();
-            net::async_write(stream_, net::buffer(continueLine),
+            net::async_write(stream, net::buffer(continueLine),
                              [self = this->shared_from_this()](beast::error_code error, std::size_t) {
                                  if (error) {
                                      self->doClose();
@@ -238,7 +238,7 @@ private:
 
     void doReadBody() {
         lowest().expires_after(options().headerTimeout);
-        bhttp::async_read(stream_, buffer_, *parser_,
+        bhttp::async_read(stream, buffer, *parser,
                           [self = this->shared_from_this()](beast::error_code error, std::size_t) {
                               if (error) {
                                   self->doReadFailed(error);
@@ -249,10 +249,10 @@ private:
     }
 
     void doReadFailed(beast::error_code error) {
-        if (closed_) {
+        if (closed) {
             return;
         }
-        keepAlive_ = false;
+        keepAlive = false;
         if (error == bhttp::error::header_limit) {
             doSendText(bhttp::status::request_header_fields_too_large, "Request header too large");
         } else if (error == bhttp::error::body_limit) {
@@ -266,11 +266,11 @@ private:
     }
 
     void onRequest() {
-        request_ = parser_->release();
-        parser_.reset();
-        keepAlive_ = request_.keep_alive();
+        request = parser->release();
+        parser.reset();
+        keepAlive = request.keep_alive();
         doReadSession();
-        const std::string_view target = request_.target();
+        const std::string_view target = request.target();
         const std::string_view path = target.substr(0, target.find('?'));
         if (isBayeuxPath(path, options().bayeuxPath)) {
             doBayeux();
@@ -280,30 +280,30 @@ private:
     }
 
     void doReadSession() {
-        sessionId_.clear();
-        auto cookies = request_.equal_range(bhttp::field::cookie);
-        for (auto field = cookies.first; field != cookies.second && sessionId_.empty(); ++field) {
-            sessionId_ = findBrowserSessionId(field->value(), options().cookieName);
+        sessionId.clear();
+        auto cookies = request.equal_range(bhttp::field::cookie);
+        for (auto field = cookies.first; field != cookies.second && sessionId.empty(); ++field) {
+            sessionId = findBrowserSessionId(field->value(), options().cookieName);
         }
-        if (sessionId_.empty()) {
-            sessionId_ = newBrowserSessionId();
-            freshSession_ = true;
+        if (sessionId.empty()) {
+            sessionId = newBrowserSessionId();
+            freshSession = true;
         }
     }
 
     // ---- the Bayeux path -----------------------------------------------------------
 
     void doBayeux() {
-        const std::string_view origin = request_[bhttp::field::origin];
-        if (state_->origins.isListed(origin)) {
-            corsOrigin_ = std::string(origin);
-            if (request_.method() == bhttp::verb::options) {
+        const std::string_view origin = request[bhttp::field::origin];
+        if (state->origins.isListed(origin)) {
+            corsOrigin = std::string(origin);
+            if (request.method() == bhttp::verb::options) {
                 doPreflight();
                 return;
             }
         }
-        upgrade_ = isUpgrade(request_);
-        if (upgrade_ && !state_->origins.allowsUpgrade(origin, request_[bhttp::field::host])) {
+        upgrade = isUpgrade(request);
+        if (upgrade && !state->origins.allowsUpgrade(origin, request[bhttp::field::host])) {
             doSendText(bhttp::status::forbidden, "Origin not allowed");
             return;
         }
@@ -313,7 +313,7 @@ private:
     void doPreflight() {
         auto response = doMakeResponse(bhttp::status::no_content);
         response->set(bhttp::field::access_control_allow_methods, "POST, GET, OPTIONS");
-        const std::string_view requested = request_[bhttp::field::access_control_request_headers];
+        const std::string_view requested = request[bhttp::field::access_control_request_headers];
         response->set(bhttp::field::access_control_allow_headers, requested.empty() ? "Content-Type" : requested);
         response->set(bhttp::field::access_control_max_age, "86400");
         doWriteFull(std::move(response), false);
@@ -321,19 +321,19 @@ private:
 
     void doDeliver() {
         http::Headers headers;
-        for (const auto& field : request_) {
+        for (const auto& field : request) {
             headers.emplace(lowered(field.name_string()), std::string(field.value()));
         }
-        auto body = std::make_shared<reactive_streams::OneShotPublisher<DataBuffer>>(DataBuffer(request_.body()));
-        auto message = std::make_unique<http::HttpRequest>(lowered(request_.method_string()),
-                                                           std::string(request_.target()), std::move(headers),
+        auto body = std::make_shared<reactive_streams::OneShotPublisher<DataBuffer>>(DataBuffer(request.body()));
+        auto message = std::make_unique<http::HttpRequest>(lowered(request.method_string()),
+                                                           std::string(request.target()), std::move(headers),
                                                            std::move(body));
-        auto context = HostContext::create(state_->registry);
-        context->set("sessionId", boost::any(sessionId_));
+        auto context = HostContext::create(state->registry);
+        context->set("sessionId", boost::any(sessionId));
         Future<std::unique_ptr<Message>> answer =
             context->handle(std::unique_ptr<Message>(std::move(message)), Address(options().bayeuxAddress));
         // Runs on whichever thread resolves the answer.
-        answer.then([link = link_](Future<std::unique_ptr<Message>>&& resolved) {
+        answer.then([link = link](Future<std::unique_ptr<Message>>&& resolved) {
             std::shared_ptr<Message> message;
             std::string failure;
             try {
@@ -352,7 +352,7 @@ private:
     }
 
     void onAnswer(const std::shared_ptr<Message>& answer, const std::string& failure) {
-        if (closed_) {
+        if (closed) {
             discardAnswer(answer);
             return;
         }
@@ -361,7 +361,7 @@ private:
             return;
         }
         if (auto* socket = dynamic_cast<http::WebSocket*>(answer.get())) {
-            if (upgrade_ && socket->inbound && socket->outbound) {
+            if (upgrade && socket->inbound && socket->outbound) {
                 doHandOver(*socket);
             } else {
                 discardAnswer(answer);
@@ -378,12 +378,12 @@ private:
 
     void doHandOver(http::WebSocket& socket) {
         // The stream now belongs to the WebSocket connection; this one ends with its handlers.
-        closed_ = true;
-        link_->cut();
+        closed = true;
+        link->cut();
         std::string cookie =
-            freshSession_ ? browserSessionCookie(options().cookieName, sessionId_, isTls<Stream>) : std::string();
-        serveWebSocket<Stream>(std::move(stream_), std::move(request_), std::move(socket.inbound),
-                               std::move(socket.outbound), state_, std::move(cookie));
+            freshSession ? browserSessionCookie(options().cookieName, sessionId, isTls<Stream>) : std::string();
+        serveWebSocket<Stream>(std::move(stream), std::move(request), std::move(socket.inbound),
+                               std::move(socket.outbound), state, std::move(cookie));
     }
 
     // ---- responses ---------------------------------------------------------------
@@ -426,34 +426,34 @@ private:
 
     // Subscribes a relay to the body and asks for the first chunk; what came at once is returned.
     std::vector<BodySignal> doSubscribeBody(const std::shared_ptr<http::BodyPublisher>& body) {
-        bodyPublisher_ = body;
-        body_ = std::make_shared<RelaySubscriber<DataBuffer>>(
-            [link = link_, relay = ++relayCount_](BodySignal&& signal) {
+        bodyPublisher = body;
+        bodyRelay = std::make_shared<RelaySubscriber<DataBuffer>>(
+            [link = link, relay = ++relayCount](BodySignal&& signal) {
                 auto shared = std::make_shared<BodySignal>(std::move(signal));
                 link->post([relay, shared](HttpConnection& connection) {
                     connection.onBodySignal(relay, std::move(*shared));
                 });
             },
             true);
-        body->subscribe(body_);
-        body_->request(1);
-        return body_->takeCollected();
+        body->subscribe(bodyRelay);
+        bodyRelay->request(1);
+        return bodyRelay->takeCollected();
     }
 
     void doStartStreaming(http::HttpResponse& answer, std::vector<BodySignal>&& collected) {
-        head_ = std::make_unique<StreamHead>(static_cast<bhttp::status>(answer.status), request_.version());
-        doCopyHeaders(answer.headers, *head_);
-        doDecorate(*head_);
-        head_->keep_alive(keepAlive_);
-        head_->chunked(true);
-        headPending_ = true;
-        pendingBody_.clear();
+        streamHead = std::make_unique<StreamHead>(static_cast<bhttp::status>(answer.status), request.version());
+        doCopyHeaders(answer.headers, *streamHead);
+        doDecorate(*streamHead);
+        streamHead->keep_alive(keepAlive);
+        streamHead->chunked(true);
+        headPending = true;
+        pendingBody.clear();
         for (BodySignal& signal : collected) {
-            pendingBody_.push_back(std::move(signal));
+            pendingBody.push_back(std::move(signal));
         }
         // The first chunk is asked for already; the rest of the window lets chunks that are
         // made together wait here while a write is under way, and leave in one write.
-        body_->request(bodyWindow - 1);
+        bodyRelay->request(bodyWindow - 1);
         // The read side watches for the peer going away and never times out: a held
         // response lasts as long as the service keeps it.
         lowest().expires_never();
@@ -462,22 +462,22 @@ private:
     }
 
     void onBodySignal(std::uint64_t relay, BodySignal&& signal) {
-        if (closed_ || relay != relayCount_ || !body_) {
+        if (closed || relay != relayCount || !bodyRelay) {
             return;
         }
-        pendingBody_.push_back(std::move(signal));
+        pendingBody.push_back(std::move(signal));
         doSchedulePump();
     }
 
     // Pumps once the signals already queued on the strand are in: a held connect's
     // messages, its reply and the end of the body usually come together.
     void doSchedulePump() {
-        if (pumpScheduled_) {
+        if (pumpScheduled) {
             return;
         }
-        pumpScheduled_ = true;
-        net::post(executor_, [self = this->shared_from_this()] {
-            self->pumpScheduled_ = false;
+        pumpScheduled = true;
+        net::post(strandExecutor, [self = this->shared_from_this()] {
+            self->pumpScheduled = false;
             self->doPumpBody();
         });
     }
@@ -486,37 +486,37 @@ private:
     // end of the body; the head goes out alone when no chunk waits, so that a held response
     // shows at once. A failure waiting behind the chunks is handled once they are written.
     void doPumpBody() {
-        if (writing_ || closed_ || (pendingBody_.empty() && !headPending_)) {
+        if (writing || closed || (pendingBody.empty() && !headPending)) {
             return;
         }
-        outgoing_.clear();
+        outgoing.clear();
         std::size_t taken = 0;
         bool ended = false;
-        while (!pendingBody_.empty() && !ended && !pendingBody_.front().error) {
-            BodySignal& signal = pendingBody_.front();
+        while (!pendingBody.empty() && !ended && !pendingBody.front().error) {
+            BodySignal& signal = pendingBody.front();
             if (!signal.item) {
-                outgoing_ += beast::buffers_to_string(bhttp::make_chunk_last());
+                outgoing += beast::buffers_to_string(bhttp::make_chunk_last());
                 ended = true;
             } else {
                 ++taken;
                 // An empty chunk would read as the end of the body: it is only taken.
                 if (!signal.item->empty()) {
-                    appendChunk(signal.item->view(), outgoing_);
+                    appendChunk(signal.item->view(), outgoing);
                 }
             }
-            pendingBody_.pop_front();
+            pendingBody.pop_front();
         }
-        if (outgoing_.empty() && !headPending_) {
+        if (outgoing.empty() && !headPending) {
             doTakeEmptyChunksOrFail(taken);
             return;
         }
-        if (headPending_) {
-            headPending_ = false;
-            outgoing_.insert(0, serializedHead(*head_));
+        if (headPending) {
+            headPending = false;
+            outgoing.insert(0, serializedHead(*streamHead));
         }
-        writing_ = true;
+        writing = true;
         doArmWriteTimeout();
-        net::async_write(stream_, net::buffer(outgoing_),
+        net::async_write(stream, net::buffer(outgoing),
                          [self = this->shared_from_this(), taken, ended](beast::error_code error, std::size_t) {
                              self->onBodyWritten(error, taken, ended);
                          });
@@ -524,28 +524,28 @@ private:
 
     // Nothing to write: the chunks taken were empty, or a failure is at the front.
     void doTakeEmptyChunksOrFail(std::size_t taken) {
-        if (pendingBody_.empty()) {
+        if (pendingBody.empty()) {
             doRenewDemand(taken);
             return;
         }
         // The head is out (a body that fails at once is answered 500 before streaming
         // starts): the peer learns of the failure from a body that never ends.
-        KORVANE_LOG(logger, common::logFailure) << "Response body failed: " << failureText(pendingBody_.front().error);
+        KORVANE_LOG(logger, common::logFailure) << "Response body failed: " << failureText(pendingBody.front().error);
         doClose();
     }
 
     void onBodyWritten(beast::error_code error, std::size_t taken, bool ended) {
-        writing_ = false;
+        writing = false;
         if (error) {
             doClose();
             return;
         }
-        if (closed_) {
+        if (closed) {
             return;
         }
         if (ended) {
             doEndBody();
-            head_.reset();
+            streamHead.reset();
             doNextRequest();
             return;
         }
@@ -555,41 +555,41 @@ private:
 
     void doRenewDemand(std::size_t taken) {
         if (taken != 0) {
-            body_->request(taken);
+            bodyRelay->request(taken);
         }
     }
 
     // Drops the body's relay: cancels the stream unless it ended.
     void doEndBody() {
-        if (body_) {
-            body_->detach();
-            body_.reset();
+        if (bodyRelay) {
+            bodyRelay->detach();
+            bodyRelay.reset();
         }
-        bodyPublisher_.reset();
-        pendingBody_.clear();
+        bodyPublisher.reset();
+        pendingBody.clear();
     }
 
     // Reads ahead while a response streams, to see the peer go away. Pipelined
-    // requests that come meanwhile wait in `buffer_`.
+    // requests that come meanwhile wait in `buffer`.
     void doWatch() {
-        if (watching_ || closed_ || buffer_.size() >= options().maxHeaderBytes + options().maxBodyBytes) {
+        if (watching || closed || buffer.size() >= options().maxHeaderBytes + options().maxBodyBytes) {
             return;
         }
-        watching_ = true;
-        stream_.async_read_some(buffer_.prepare(watchReadBytes),
+        watching = true;
+        stream.async_read_some(buffer.prepare(watchReadBytes),
                                 [self = this->shared_from_this()](beast::error_code error, std::size_t bytes) {
                                     self->onWatch(error, bytes);
                                 });
     }
 
     void onWatch(beast::error_code error, std::size_t bytes) {
-        watching_ = false;
-        if (closed_) {
+        watching = false;
+        if (closed) {
             return;
         }
-        buffer_.commit(bytes);
-        if (resumeAfterWatch_) {
-            resumeAfterWatch_ = false;
+        buffer.commit(bytes);
+        if (resumeAfterWatch) {
+            resumeAfterWatch = false;
             if (!error || error == net::error::operation_aborted) {
                 doReadHeader();
             } else {
@@ -597,22 +597,22 @@ private:
             }
         } else if (error) {
             doClose();
-        } else if (body_) {
+        } else if (bodyRelay) {
             doWatch();
         }
     }
 
     void doNextRequest() {
-        if (!keepAlive_) {
+        if (!keepAlive) {
             // A watch read still waiting has taken what the peer sent: nothing is left to linger for.
-            if (watching_) {
+            if (watching) {
                 doClose();
             } else {
                 doLingerClose();
             }
-        } else if (watching_) {
+        } else if (watching) {
             // The watch read still waits; once cancelled, its handler reads the next request.
-            resumeAfterWatch_ = true;
+            resumeAfterWatch = true;
             lowest().cancel();
         } else {
             doReadHeader();
@@ -620,7 +620,7 @@ private:
     }
 
     std::unique_ptr<FullResponse> doMakeResponse(bhttp::status status) {
-        return std::make_unique<FullResponse>(status, request_.version() == 10 ? 10 : 11);
+        return std::make_unique<FullResponse>(status, request.version() == 10 ? 10 : 11);
     }
 
     template <class Head>
@@ -634,12 +634,12 @@ private:
 
     void doDecorate(bhttp::fields& fields) {
         fields.set(bhttp::field::server, "korvane");
-        if (freshSession_) {
+        if (freshSession) {
             fields.insert(bhttp::field::set_cookie,
-                          browserSessionCookie(options().cookieName, sessionId_, isTls<Stream>));
+                          browserSessionCookie(options().cookieName, sessionId, isTls<Stream>));
         }
-        if (!corsOrigin_.empty()) {
-            fields.set(bhttp::field::access_control_allow_origin, corsOrigin_);
+        if (!corsOrigin.empty()) {
+            fields.set(bhttp::field::access_control_allow_origin, corsOrigin);
             fields.set(bhttp::field::access_control_allow_credentials, "true");
             fields.set(bhttp::field::vary, "Origin");
         }
@@ -655,14 +655,14 @@ private:
     // Writes a whole response; with `withPayload` its Content-Length is that of its body.
     void doWriteFull(std::unique_ptr<FullResponse> response, bool withPayload) {
         doDecorate(*response);
-        response->keep_alive(keepAlive_);
+        response->keep_alive(keepAlive);
         if (withPayload) {
             response->prepare_payload();
         }
-        full_ = std::move(response);
+        full = std::move(response);
         doArmWriteTimeout();
-        bhttp::async_write(stream_, *full_, [self = this->shared_from_this()](beast::error_code error, std::size_t) {
-            self->full_.reset();
+        bhttp::async_write(stream, *full, [self = this->shared_from_this()](beast::error_code error, std::size_t) {
+            self->full.reset();
             if (error) {
                 self->doClose();
             } else {
@@ -674,14 +674,14 @@ private:
     // ---- static files ---------------------------------------------------------------
 
     void doStatic(std::string_view path) {
-        const bool head = request_.method() == bhttp::verb::head;
-        if (!head && request_.method() != bhttp::verb::get) {
+        const bool head = request.method() == bhttp::verb::head;
+        if (!head && request.method() != bhttp::verb::get) {
             auto response = doMakeResponse(bhttp::status::method_not_allowed);
             response->set(bhttp::field::allow, "GET, HEAD");
             doWriteFull(std::move(response), true);
             return;
         }
-        std::optional<StaticFile> file = state_->staticFiles.find(path);
+        std::optional<StaticFile> file = state->staticFiles.find(path);
         std::string content;
         if (file && !head && !readWholeFile(file->path, content)) {
             file.reset();
@@ -690,8 +690,8 @@ private:
             doSendText(bhttp::status::not_found, "Not Found");
             return;
         }
-        const bool current = StaticFiles::isNotModified(*file, request_[bhttp::field::if_none_match],
-                                                        request_[bhttp::field::if_modified_since]);
+        const bool current = StaticFiles::isNotModified(*file, request[bhttp::field::if_none_match],
+                                                        request[bhttp::field::if_modified_since]);
         auto response = doMakeResponse(current ? bhttp::status::not_modified : bhttp::status::ok);
         response->set(bhttp::field::etag, file->etag);
         response->set(bhttp::field::last_modified, file->lastModified);
@@ -723,7 +723,7 @@ private:
 
     // Sends no more, drops what the peer still sends for a moment, then closes.
     void doLingerClose() {
-        if (closed_) {
+        if (closed) {
             return;
         }
         beast::error_code ignored;
@@ -733,7 +733,7 @@ private:
     }
 
     void doLinger() {
-        lowest().async_read_some(net::buffer(scratch_),
+        lowest().async_read_some(net::buffer(scratch),
                                  [self = this->shared_from_this()](beast::error_code error, std::size_t) {
                                      if (error) {
                                          self->doClose();
@@ -744,46 +744,46 @@ private:
     }
 
     void doClose() {
-        if (closed_) {
+        if (closed) {
             return;
         }
-        closed_ = true;
+        closed = true;
         doEndBody();
-        link_->cut();
+        link->cut();
         lowest().close();
     }
 
-    Stream stream_;
-    const Executor executor_;
-    const std::shared_ptr<ServerState> state_;
-    std::shared_ptr<StrandLink<HttpConnection>> link_;
-    std::uint64_t trackerId_ = 0;
+    Stream stream;
+    const Executor strandExecutor;
+    const std::shared_ptr<ServerState> state;
+    std::shared_ptr<StrandLink<HttpConnection>> link;
+    std::uint64_t trackerId = 0;
 
-    beast::flat_buffer buffer_;
-    std::optional<bhttp::request_parser<bhttp::string_body>> parser_;
-    Request request_;
-    std::string sessionId_;
-    bool freshSession_ = false;
-    std::string corsOrigin_;
-    bool keepAlive_ = false;
-    bool upgrade_ = false;
+    beast::flat_buffer buffer;
+    std::optional<bhttp::request_parser<bhttp::string_body>> parser;
+    Request request;
+    std::string sessionId;
+    bool freshSession = false;
+    std::string corsOrigin;
+    bool keepAlive = false;
+    bool upgrade = false;
 
-    std::unique_ptr<FullResponse> full_;
-    std::unique_ptr<StreamHead> head_;
-    std::shared_ptr<http::BodyPublisher> bodyPublisher_;
-    std::shared_ptr<RelaySubscriber<DataBuffer>> body_;
+    std::unique_ptr<FullResponse> full;
+    std::unique_ptr<StreamHead> streamHead;
+    std::shared_ptr<http::BodyPublisher> bodyPublisher;
+    std::shared_ptr<RelaySubscriber<DataBuffer>> bodyRelay;
     // Numbers the bodies, so that a signal of an earlier one is not taken for the current one's.
-    std::uint64_t relayCount_ = 0;
-    common::RingQueue<BodySignal> pendingBody_;
+    std::uint64_t relayCount = 0;
+    common::RingQueue<BodySignal> pendingBody;
     // The bytes of the body write under way.
-    std::string outgoing_;
-    bool headPending_ = false;
-    bool pumpScheduled_ = false;
-    bool writing_ = false;
-    bool watching_ = false;
-    bool resumeAfterWatch_ = false;
-    bool closed_ = false;
-    std::array<char, 4096> scratch_{};
+    std::string outgoing;
+    bool headPending = false;
+    bool pumpScheduled = false;
+    bool writing = false;
+    bool watching = false;
+    bool resumeAfterWatch = false;
+    bool closed = false;
+    std::array<char, 4096> scratch{};
 };
 
 }  // namespace

@@ -253,54 +253,54 @@ struct HttpServer::Impl {
 };
 
 HttpServer::HttpServer(HttpServerOptions options, std::shared_ptr<ServiceRegistry> registry)
-    : impl_(std::make_unique<Impl>(std::move(options), std::move(registry))) {}
+    : impl(std::make_unique<Impl>(std::move(options), std::move(registry))) {}
 
 HttpServer::~HttpServer() { stop(); }
 
 void HttpServer::start() {
-    Impl& impl = *impl_;
-    if (impl.started) {
+    Impl& self = *impl;
+    if (self.started) {
         throw std::runtime_error("The HTTP server was started before.");
     }
-    impl.loadTls();
-    impl.listen();
-    impl.state = std::make_shared<ServerState>(impl.options, impl.registry, impl.tls.get());
-    impl.started = true;
-    impl.work.emplace(impl.io.get_executor());
-    net::post(impl.acceptStrand, [&impl] { impl.doAccept(); });
-    for (unsigned i = 0; i < impl.threadCount(); ++i) {
-        impl.threads.emplace_back([&impl] { impl.runIoThread(); });
+    self.loadTls();
+    self.listen();
+    self.state = std::make_shared<ServerState>(self.options, self.registry, self.tls.get());
+    self.started = true;
+    self.work.emplace(self.io.get_executor());
+    net::post(self.acceptStrand, [&self] { self.doAccept(); });
+    for (unsigned i = 0; i < self.threadCount(); ++i) {
+        self.threads.emplace_back([&self] { self.runIoThread(); });
     }
 }
 
-unsigned short HttpServer::port() const { return impl_->boundPort.load(); }
+unsigned short HttpServer::port() const { return impl->boundPort.load(); }
 
-std::string HttpServer::url() const { return impl_->baseUrl; }
+std::string HttpServer::url() const { return impl->baseUrl; }
 
 void HttpServer::stop() {
-    Impl& impl = *impl_;
-    if (!impl.started || impl.stopped) {
+    Impl& self = *impl;
+    if (!self.started || self.stopped) {
         return;
     }
-    impl.stopped = true;
-    impl.closeAcceptor();
-    impl.state->connections.shutdownAll();
-    const bool allEnded = impl.state->connections.waitUntilEmpty(std::chrono::steady_clock::now() + stopGrace);
-    impl.work.reset();
+    self.stopped = true;
+    self.closeAcceptor();
+    self.state->connections.shutdownAll();
+    const bool allEnded = self.state->connections.waitUntilEmpty(std::chrono::steady_clock::now() + stopGrace);
+    self.work.reset();
     if (!allEnded) {
-        KORVANE_LOG(logger, common::logWarning) << "Cutting " << impl.state->connections.count()
+        KORVANE_LOG(logger, common::logWarning) << "Cutting " << self.state->connections.count()
                                  << " connection(s) that did not end in time";
-        impl.io.stop();
+        self.io.stop();
     }
-    for (std::thread& thread : impl.threads) {
+    for (std::thread& thread : self.threads) {
         thread.join();
     }
-    impl.threads.clear();
+    self.threads.clear();
     // No I/O thread is left: what still lives is cut here, and the handlers that
     // remain run their ending paths on this thread.
-    impl.state->connections.abandonAll();
-    impl.io.restart();
-    impl.io.poll();
+    self.state->connections.abandonAll();
+    self.io.restart();
+    self.io.poll();
 }
 
 }  // namespace korvane::host

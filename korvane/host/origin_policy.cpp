@@ -27,10 +27,10 @@ std::string authority(std::string_view text, std::string_view scheme) {
 
 }  // namespace
 
-OriginPolicy::OriginPolicy(std::vector<std::string> allowedOrigins) : allowed_(std::move(allowedOrigins)) {}
+OriginPolicy::OriginPolicy(std::vector<std::string> allowedOrigins) : allowed(std::move(allowedOrigins)) {}
 
 bool OriginPolicy::isListed(std::string_view origin) const {
-    return !origin.empty() && std::find(allowed_.begin(), allowed_.end(), origin) != allowed_.end();
+    return !origin.empty() && std::find(allowed.begin(), allowed.end(), origin) != allowed.end();
 }
 
 bool OriginPolicy::allowsUpgrade(std::string_view origin, std::string_view host) const {

@@ -23,7 +23,7 @@ public:
     bool allowsUpgrade(std::string_view origin, std::string_view host) const;
 
 private:
-    std::vector<std::string> allowed_;
+    std::vector<std::string> allowed;
 };
 
 }  // namespace korvane::host

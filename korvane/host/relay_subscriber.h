@@ -9,8 +9,8 @@
 // complete at once. detach() ends the relay for good: upstream is cancelled unless
 // the stream already ended, and `deliver` (with whatever it holds) is dropped.
 //
-// Locking: `mutex_` guards every field; upstream is requested and cancelled with
-// it released. `donePromise_` is resolved with it held.
+// Locking: `mutex` guards every field; upstream is requested and cancelled with
+// it released. `donePromise` is resolved with it held.
 
 #include <exception>
 #include <functional>
@@ -39,11 +39,11 @@ public:
     using Signal = StreamSignal<T>;
     using Deliver = std::function<void(Signal&&)>;
 
-    RelaySubscriber(Deliver deliver, bool collecting) : deliver_(std::move(deliver)), collecting_(collecting) {}
+    RelaySubscriber(Deliver deliver, bool collecting) : deliver(std::move(deliver)), collecting(collecting) {}
 
     void onSubscribe(std::weak_ptr<reactive_streams::Subscription> subscription) override {
-        std::lock_guard<std::mutex> guard(mutex_);
-        upstream_ = std::move(subscription);
+        std::lock_guard<std::mutex> guard(mutex);
+        upstream = std::move(subscription);
     }
 
     void onNext(T&& value) override { doSignal(Signal{std::move(value), false, nullptr}); }
@@ -51,18 +51,18 @@ public:
     void onError(std::exception_ptr error) override { doSignal(Signal{std::nullopt, true, std::move(error)}); }
 
     Future<bool> getFuture() override {
-        std::lock_guard<std::mutex> guard(mutex_);
-        return donePromise_.getFuture();
+        std::lock_guard<std::mutex> guard(mutex);
+        return donePromise.getFuture();
     }
 
     void request(unsigned long n) {
         std::shared_ptr<reactive_streams::Subscription> source;
         {
-            std::lock_guard<std::mutex> guard(mutex_);
-            if (!deliver_) {
+            std::lock_guard<std::mutex> guard(mutex);
+            if (!deliver) {
                 return;
             }
-            source = upstream_.lock();
+            source = upstream.lock();
         }
         if (source) {
             source->request(n);
@@ -71,23 +71,23 @@ public:
 
     // The signals gathered so far; from now on signals are delivered.
     std::vector<Signal> takeCollected() {
-        std::lock_guard<std::mutex> guard(mutex_);
-        collecting_ = false;
-        return std::move(collected_);
+        std::lock_guard<std::mutex> guard(mutex);
+        collecting = false;
+        return std::move(collected);
     }
 
     void detach() {
         Deliver dropped;
         std::shared_ptr<reactive_streams::Subscription> source;
         {
-            std::lock_guard<std::mutex> guard(mutex_);
-            dropped = std::move(deliver_);
-            deliver_ = nullptr;
-            collected_.clear();
-            if (!ended_) {
-                ended_ = true;
-                donePromise_.setValue(false);
-                source = upstream_.lock();
+            std::lock_guard<std::mutex> guard(mutex);
+            dropped = std::move(deliver);
+            deliver = nullptr;
+            collected.clear();
+            if (!ended) {
+                ended = true;
+                donePromise.setValue(false);
+                source = upstream.lock();
             }
         }
         if (source) {
@@ -97,32 +97,32 @@ public:
 
 private:
     void doSignal(Signal&& signal) {
-        std::lock_guard<std::mutex> guard(mutex_);
-        if (ended_) {
+        std::lock_guard<std::mutex> guard(mutex);
+        if (ended) {
             return;
         }
         if (signal.ended) {
-            ended_ = true;
+            ended = true;
             if (signal.error) {
-                donePromise_.setError(signal.error);
+                donePromise.setError(signal.error);
             } else {
-                donePromise_.setValue(true);
+                donePromise.setValue(true);
             }
         }
-        if (collecting_) {
-            collected_.push_back(std::move(signal));
-        } else if (deliver_) {
-            deliver_(std::move(signal));
+        if (collecting) {
+            collected.push_back(std::move(signal));
+        } else if (deliver) {
+            deliver(std::move(signal));
         }
     }
 
-    std::mutex mutex_;
-    Deliver deliver_;
-    std::vector<Signal> collected_;
-    std::weak_ptr<reactive_streams::Subscription> upstream_;
-    Promise<bool> donePromise_;
-    bool collecting_;
-    bool ended_ = false;
+    std::mutex mutex;
+    Deliver deliver;
+    std::vector<Signal> collected;
+    std::weak_ptr<reactive_streams::Subscription> upstream;
+    Promise<bool> donePromise;
+    bool collecting;
+    bool ended = false;
 };
 
 }  // namespace korvane::host

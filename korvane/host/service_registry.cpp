@@ -40,8 +40,8 @@ void ServiceRegistry::add(const Address& address, std::shared_ptr<ServiceProvide
         throw std::invalid_argument("Cannot register a null service at address: " + address.name());
     }
     const Kind kind = kindOfProvider(*provider);
-    std::unique_lock<std::shared_mutex> lock(mutex_);
-    std::vector<Entry>& entries = byName_[address.name()];
+    std::unique_lock<std::shared_mutex> lock(mutex);
+    std::vector<Entry>& entries = byName[address.name()];
     for (const Entry& entry : entries) {
         if (entry.kind == kind) {
             throw std::invalid_argument("A service of this kind is already registered at address: " +
@@ -49,8 +49,8 @@ void ServiceRegistry::add(const Address& address, std::shared_ptr<ServiceProvide
         }
     }
     entries.push_back(Entry{kind, provider});
-    if (std::find(inOrder_.begin(), inOrder_.end(), provider) == inOrder_.end()) {
-        inOrder_.push_back(std::move(provider));
+    if (std::find(inOrder.begin(), inOrder.end(), provider) == inOrder.end()) {
+        inOrder.push_back(std::move(provider));
     }
 }
 
@@ -69,9 +69,9 @@ void ServiceRegistry::stopAll() {
 
 std::shared_ptr<ServiceProvider> ServiceRegistry::resolve(const Address& address, const Message* message) const {
     const Kind wanted = kindOfMessage(message);
-    std::shared_lock<std::shared_mutex> lock(mutex_);
-    auto found = byName_.find(address.name());
-    if (found == byName_.end() || found->second.empty()) {
+    std::shared_lock<std::shared_mutex> lock(mutex);
+    auto found = byName.find(address.name());
+    if (found == byName.end() || found->second.empty()) {
         return nullptr;
     }
     const std::vector<Entry>& entries = found->second;
@@ -86,8 +86,8 @@ std::shared_ptr<ServiceProvider> ServiceRegistry::resolve(const Address& address
 }
 
 std::vector<std::shared_ptr<ServiceProvider>> ServiceRegistry::doSnapshot() const {
-    std::shared_lock<std::shared_mutex> lock(mutex_);
-    return inOrder_;
+    std::shared_lock<std::shared_mutex> lock(mutex);
+    return inOrder;
 }
 
 }  // namespace korvane::host

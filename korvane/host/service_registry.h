@@ -8,7 +8,7 @@
 // reach the protocol service.
 //
 // Threading: every operation may be called from any thread. resolve() is the hot
-// path and takes `mutex_` shared; add() takes it exclusively. startAll() and
+// path and takes `mutex` shared; add() takes it exclusively. startAll() and
 // stopAll() call the providers' start and stop with no lock held, so a provider's
 // hooks may use the registry.
 
@@ -53,10 +53,10 @@ private:
     static Kind kindOfMessage(const Message* message);
     std::vector<std::shared_ptr<ServiceProvider>> doSnapshot() const;
 
-    mutable std::shared_mutex mutex_;
-    std::unordered_map<std::string, std::vector<Entry>> byName_;
+    mutable std::shared_mutex mutex;
+    std::unordered_map<std::string, std::vector<Entry>> byName;
     // Each provider once, in the order it was first added.
-    std::vector<std::shared_ptr<ServiceProvider>> inOrder_;
+    std::vector<std::shared_ptr<ServiceProvider>> inOrder;
 };
 
 }  // namespace korvane::host

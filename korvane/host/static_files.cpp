@@ -127,7 +127,7 @@ StaticFiles::StaticFiles(const std::string& root, const std::vector<Mount>& moun
         while (!prefix.empty() && prefix.back() == '/') {
             prefix.pop_back();
         }
-        folders_.push_back(Folder{std::move(prefix), std::move(canonical)});
+        folders.push_back(Folder{std::move(prefix), std::move(canonical)});
     };
     for (const Mount& mount : mounts) {
         addFolder(mount.first, mount.second);
@@ -135,7 +135,7 @@ StaticFiles::StaticFiles(const std::string& root, const std::vector<Mount>& moun
     if (!root.empty()) {
         addFolder("", root);
     }
-    std::stable_sort(folders_.begin(), folders_.end(),
+    std::stable_sort(folders.begin(), folders.end(),
                      [](const Folder& a, const Folder& b) { return a.prefix.size() > b.prefix.size(); });
 }
 
@@ -144,7 +144,7 @@ std::optional<StaticFile> StaticFiles::find(std::string_view path) const {
     if (!decoded || decoded->empty() || decoded->front() != '/') {
         return std::nullopt;
     }
-    for (const Folder& folder : folders_) {
+    for (const Folder& folder : folders) {
         const std::string_view text(*decoded);
         if (text.compare(0, folder.prefix.size(), folder.prefix) != 0 ||
             (text.size() > folder.prefix.size() && text[folder.prefix.size()] != '/')) {

@@ -52,7 +52,7 @@ private:
         std::filesystem::path canonical;
     };
 
-    std::vector<Folder> folders_;  // longest prefix first
+    std::vector<Folder> folders;  // longest prefix first
 };
 
 }  // namespace korvane::host

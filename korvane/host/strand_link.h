@@ -9,7 +9,7 @@
 // context goes, so nothing posts to a context that no longer exists.
 // Internal to the host's server: included only by its .cpp files.
 //
-// Locking: `mutex_` guards `target_` and is held across the post (which never runs
+// Locking: `mutex` guards `target` and is held across the post (which never runs
 // the work inline), so that a cut() that returned has no post in flight.
 
 #include <memory>
@@ -23,30 +23,30 @@ namespace korvane::host {
 template <class Target>
 class StrandLink {
 public:
-    explicit StrandLink(std::shared_ptr<Target> target) : target_(std::move(target)) {}
+    explicit StrandLink(std::shared_ptr<Target> target) : target(std::move(target)) {}
 
     // Runs `work(target)` on the target's strand; false when the link is cut.
     template <class Work>
     bool post(Work&& work) {
-        std::lock_guard<std::mutex> guard(mutex_);
-        if (!target_) {
+        std::lock_guard<std::mutex> guard(mutex);
+        if (!target) {
             return false;
         }
-        boost::asio::post(target_->executor(),
-                          [target = target_, work = std::forward<Work>(work)]() mutable { work(*target); });
+        boost::asio::post(target->executor(),
+                          [target = target, work = std::forward<Work>(work)]() mutable { work(*target); });
         return true;
     }
 
     // Drops the connection; the reference goes after the lock is released.
     void cut() {
         std::shared_ptr<Target> dropped;
-        std::lock_guard<std::mutex> guard(mutex_);
-        dropped.swap(target_);
+        std::lock_guard<std::mutex> guard(mutex);
+        dropped.swap(target);
     }
 
 private:
-    std::mutex mutex_;
-    std::shared_ptr<Target> target_;
+    std::mutex mutex;
+    std::shared_ptr<Target> target;
 };
 
 }  // namespace korvane::host

@@ -17,62 +17,62 @@ struct ThreadedTimerBackend::TimerThreadState {
     bool stopRequested = false;
 };
 
-ThreadedTimerBackend::ThreadedTimerBackend() : state_(std::make_shared<TimerThreadState>()) {}
+ThreadedTimerBackend::ThreadedTimerBackend() : state(std::make_shared<TimerThreadState>()) {}
 
 ThreadedTimerBackend::~ThreadedTimerBackend() {
-    std::lock_guard<std::mutex> threadGuard(threadMutex_);
-    if (!thread_.joinable()) {
+    std::lock_guard<std::mutex> threadGuard(threadMutex);
+    if (!thread.joinable()) {
         return;
     }
     {
-        std::lock_guard<std::mutex> guard(state_->mutex);
-        state_->stopRequested = true;
+        std::lock_guard<std::mutex> guard(state->mutex);
+        state->stopRequested = true;
     }
-    state_->wake.notify_all();
-    if (thread_.get_id() == std::this_thread::get_id()) {
+    state->wake.notify_all();
+    if (thread.get_id() == std::this_thread::get_id()) {
         // The last reference went with a callback on the timer thread: the thread holds
         // its own share of the state and leaves once that callback has returned.
-        thread_.detach();
+        thread.detach();
     } else {
-        thread_.join();
+        thread.join();
     }
 }
 
 void ThreadedTimerBackend::start() {
-    std::lock_guard<std::mutex> threadGuard(threadMutex_);
-    if (thread_.joinable()) {
+    std::lock_guard<std::mutex> threadGuard(threadMutex);
+    if (thread.joinable()) {
         return;
     }
     {
-        std::lock_guard<std::mutex> guard(state_->mutex);
-        state_->stopRequested = false;
+        std::lock_guard<std::mutex> guard(state->mutex);
+        state->stopRequested = false;
     }
-    thread_ = std::thread(&ThreadedTimerBackend::doRunTimerThread, state_);
+    thread = std::thread(&ThreadedTimerBackend::doRunTimerThread, state);
 }
 
 void ThreadedTimerBackend::stop() {
     std::thread stopping;
     {
-        std::lock_guard<std::mutex> threadGuard(threadMutex_);
-        if (!thread_.joinable()) {
+        std::lock_guard<std::mutex> threadGuard(threadMutex);
+        if (!thread.joinable()) {
             return;
         }
-        if (thread_.get_id() == std::this_thread::get_id()) {
+        if (thread.get_id() == std::this_thread::get_id()) {
             throw std::logic_error("ThreadedTimerBackend::stop called from its own timer thread.");
         }
         {
-            std::lock_guard<std::mutex> guard(state_->mutex);
-            state_->stopRequested = true;
+            std::lock_guard<std::mutex> guard(state->mutex);
+            state->stopRequested = true;
         }
-        stopping = std::move(thread_);
+        stopping = std::move(thread);
     }
-    state_->wake.notify_all();
+    state->wake.notify_all();
     stopping.join();
 }
 
 bool ThreadedTimerBackend::isRunning() const {
-    std::lock_guard<std::mutex> threadGuard(threadMutex_);
-    return thread_.joinable();
+    std::lock_guard<std::mutex> threadGuard(threadMutex);
+    return thread.joinable();
 }
 
 long long ThreadedTimerBackend::currentTick() {
@@ -84,7 +84,7 @@ common::TimerHandle ThreadedTimerBackend::schedule(common::TimerCallback callbac
                                                    std::chrono::milliseconds period) {
     bool becameEarliest = false;
     common::TimerHandle handle =
-        state_->queue->arm(std::move(callback), doNow() + firstDelay, period, &becameEarliest);
+        state->queue->arm(std::move(callback), doNow() + firstDelay, period, &becameEarliest);
     if (becameEarliest) {
         doWakeTimerThread();
     }
@@ -130,10 +130,10 @@ void ThreadedTimerBackend::doRunDue(common::TimerQueue& queue, Duration now) {
 
 void ThreadedTimerBackend::doWakeTimerThread() {
     {
-        std::lock_guard<std::mutex> guard(state_->mutex);
-        ++state_->wakeups;
+        std::lock_guard<std::mutex> guard(state->mutex);
+        ++state->wakeups;
     }
-    state_->wake.notify_one();
+    state->wake.notify_one();
 }
 
 }  // namespace korvane::host

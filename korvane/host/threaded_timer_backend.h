@@ -10,7 +10,7 @@
 // TimerThreadState that the thread holds too, so that the backend may be destroyed
 // on its own timer thread (a callback that held the last reference): the destructor
 // then asks the thread to stop and detaches it, and the thread leaves once the
-// running callback returns. `state_->mutex` guards the stop flag and the wake-up
+// running callback returns. `state->mutex` guards the stop flag and the wake-up
 // counter; the queue has its own lock, always taken after it and never held while
 // a callback runs. Timers armed while the service is stopped run once it is
 // started.
@@ -55,10 +55,10 @@ private:
     static void doRunDue(common::TimerQueue& queue, Duration now);
     void doWakeTimerThread();
 
-    std::shared_ptr<TimerThreadState> state_;
-    // Guards `thread_` against concurrent start() and stop().
-    mutable std::mutex threadMutex_;
-    std::thread thread_;
+    std::shared_ptr<TimerThreadState> state;
+    // Guards `thread` against concurrent start() and stop().
+    mutable std::mutex threadMutex;
+    std::thread thread;
 };
 
 }  // namespace korvane::host

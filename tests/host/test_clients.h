@@ -28,6 +28,14 @@ struct ClientResponse {
     std::string header(const std::string& name) const;
 };
 
+// A self-signed certificate for 127.0.0.1 (its files), made once for the whole run.
+struct TestCertificate {
+    TestCertificate();
+    ~TestCertificate();
+    std::string folder, cert, key;
+};
+const TestCertificate& certificate();
+
 class HttpTestClient {
 public:
     explicit HttpTestClient(unsigned short port, bool tls = false);

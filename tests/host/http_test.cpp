@@ -1,9 +1,10 @@
+#include "korvane/host/http_client.h"
 #include "korvane/host/http_server.h"
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <condition_variable>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -11,11 +12,15 @@
 #include <stdexcept>
 #include <thread>
 
+#include <boost/asio/ip/tcp.hpp>
+
 #include "korvane/frame/cached_value_publisher.h"
 #include "korvane/frame/callback_subscriber.h"
 #include "korvane/frame/http.h"
 #include "korvane/frame/one_shot_publisher.h"
 #include "korvane/frame/reducing_subscriber.h"
+#include "korvane/host/host.h"
+#include "support/recording_subscriber.h"
 #include "test_clients.h"
 
 namespace korvane::host {
@@ -56,6 +61,8 @@ public:
                                             std::shared_ptr<Context>&& context) override {
         auto upgrade = request->headers.find("upgrade");
         if (upgrade != request->headers.end() && upgrade->second == "websocket") {
+            std::lock_guard<std::mutex> guard(mutex);
+            upgrades.push_back(request->headers);
             return makeReadyFuture(echoSocket());
         }
         if (request->target.find("/stream") != std::string::npos) {
@@ -76,6 +83,8 @@ public:
             .then([heading](Future<DataBuffer>&& body) { return respond(200, heading + body.get().str()).get(); });
     }
 
+    std::vector<http::Headers> upgrades;  // the headers of each upgrade, under `mutex`
+
     // The publisher of the latest streamed body, once its request arrived.
     std::shared_ptr<BodyStream> waitForStream() {
         std::unique_lock<std::mutex> lock(mutex);
@@ -87,6 +96,8 @@ public:
         std::unique_lock<std::mutex> lock(mutex);
         return changed.wait_for(lock, 10s, [this, count] { return finished >= count; });
     }
+
+    std::mutex mutex;
 
 private:
     std::function<void()> noteFinished() {
@@ -131,7 +142,6 @@ private:
         return std::make_unique<http::WebSocket>(frames, keeper);
     }
 
-    std::mutex mutex;
     std::condition_variable changed;
     std::shared_ptr<BodyStream> stream;
     int finished = 0;
@@ -177,9 +187,19 @@ struct HttpServerFixture {
         options.threads = 2;
         return options;
     }
+    HttpServerOptions secure() const {
+        HttpServerOptions options = defaults();
+        options.tlsCert = test::certificate().cert;
+        options.tlsKey = test::certificate().key;
+        return options;
+    }
+    std::unique_ptr<HttpServer> launch(HttpServerOptions options) {
+        auto launched = std::make_unique<HttpServer>(std::move(options), registry);
+        launched->start();
+        return launched;
+    }
     HttpServer& start(HttpServerOptions options) {
-        server = std::make_unique<HttpServer>(std::move(options), registry);
-        server->start();
+        server = launch(std::move(options));
         return *server;
     }
     unsigned short port() const { return server->port(); }
@@ -509,16 +529,7 @@ TEST_F(HttpServerTest, AdmitsOnlyItsOwnAndListedOriginsAndAnswersTheirPreflight)
 }
 
 TEST_F(HttpServerTest, ServesHttpsAndWssWithASecureCookie) {
-    StaticFolder folder;
-    const std::string cert = (folder.base / "cert.pem").string();
-    const std::string key = (folder.base / "key.pem").string();
-    const std::string command = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 1 "
-                                "-subj /CN=127.0.0.1 -keyout " + key + " -out " + cert + " >/dev/null 2>&1";
-    ASSERT_EQ(std::system(command.c_str()), 0);
-    HttpServerOptions options = defaults();
-    options.tlsCert = cert;
-    options.tlsKey = key;
-    start(options);
+    start(secure());
     EXPECT_EQ(server->url(), "https://127.0.0.1:" + std::to_string(port()) + "/");
 
     HttpTestClient client(port(), true);
@@ -540,9 +551,8 @@ TEST_F(HttpServerTest, ServesHttpsAndWssWithASecureCookie) {
     EXPECT_EQ(socket.read(), "hello");
     socket.close();
 
-    HttpServerOptions broken = defaults();
-    broken.tlsCert = cert;
-    broken.tlsKey = (folder.base / "missing.pem").string();
+    HttpServerOptions broken = secure();
+    broken.tlsKey = test::certificate().key + ".missing";
     HttpServer refused(broken, registry);
     EXPECT_THROW(refused.start(), std::runtime_error);
 }
@@ -611,6 +621,293 @@ TEST(HttpServerConcurrency, ServesManyClientsAtOnce) {
         thread.join();
     }
     fixture.server->stop();
+}
+
+// Hands the client the frames to write, each only once the client asked for one. One mutex
+// guards the demand, the subscriber and the flag; the subscriber is called with it released.
+class FrameSource : public reactive_streams::PublisherAPI<http::WebSocketFrame>,
+                    public reactive_streams::Subscription,
+                    public std::enable_shared_from_this<FrameSource> {
+public:
+    void subscribe(std::shared_ptr<reactive_streams::SubscriberAPI<http::WebSocketFrame>> given) override {
+        (std::lock_guard<std::mutex>(mutex), subscriber = given);
+        given->onSubscribe(weak_from_this());
+    }
+    Future<bool> getFuture() override { return makeReadyFuture(true); }
+    void request(unsigned long n) override { (std::lock_guard<std::mutex>(mutex), demand += n), changed.notify_all(); }
+    void cancel() override { (std::lock_guard<std::mutex>(mutex), cancelled = true), changed.notify_all(); }
+
+    // False when the client asked for no frame in time.
+    bool send(const std::string& text) {
+        std::unique_lock<std::mutex> lock(mutex);
+        if (!changed.wait_for(lock, 10s, [&] { return demand > 0; })) {
+            return false;
+        }
+        --demand;
+        auto target = subscriber;
+        lock.unlock();
+        target->onNext(http::WebSocketFrame(DataBuffer(text), 129));
+        return true;
+    }
+    std::shared_ptr<reactive_streams::SubscriberAPI<http::WebSocketFrame>> target() {
+        return std::lock_guard<std::mutex>(mutex), subscriber;
+    }
+    bool waitForCancel() {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, 10s, [&] { return cancelled; });
+    }
+
+private:
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::shared_ptr<reactive_streams::SubscriberAPI<http::WebSocketFrame>> subscriber;
+    unsigned long demand = 0;
+    bool cancelled = false;
+};
+
+using FrameReader = test_support::RecordingSubscriber<http::WebSocketFrame>;
+
+// Both ends of an open client WebSocket, joined to the test's reader and source.
+struct OpenSocket {
+    std::shared_ptr<FrameReader> reader =
+        std::make_shared<FrameReader>(0, 0, [](const http::WebSocketFrame& frame) { return frame.data.str(); });
+    std::shared_ptr<FrameSource> source = std::make_shared<FrameSource>();
+
+    std::vector<std::string> waitForTexts(std::size_t count) {
+        reader->waitFor([count](FrameReader& r) { return r.seen().size() >= count; }, 10s);
+        return reader->seen();
+    }
+    // How the reader's stream ended ("complete" or "error <text>"), or "" when the wait gave up.
+    std::string waitForEnd() {
+        reader->waitFor([](FrameReader& r) { return r.count("complete") + r.count("error") > 0; }, 10s);
+        const auto events = reader->events();
+        return events.back().rfind("next ", 0) == 0 || events.back() == "subscribe" ? "" : events.back();
+    }
+};
+
+// The outbound client against this server, plain and over TLS.
+struct HttpClientTest : HttpServerTest {
+    void SetUp() override {
+        HttpClientOptions options;
+        options.threadCount = 2;
+        options.extraCaFile = test::certificate().cert;
+        useClient(options);
+    }
+    void useClient(HttpClientOptions options) {
+        clients = std::make_shared<ServiceRegistry>();
+        clients->add(kClientAddress, std::make_shared<HttpClientServiceProvider>(std::move(options)));
+        clients->startAll();
+    }
+    // "http://host:port/" gives "ws://host:port<path>", "https://..." gives "wss://...".
+    static std::string wsUrl(const HttpServer& server, const std::string& path) {
+        const std::string url = server.url();
+        return "ws" + url.substr(4, url.size() - 5) + path;
+    }
+    Future<std::unique_ptr<http::WebSocket>> open(const std::string& url, http::Headers headers = {},
+                                                  const std::string& method = "get") {
+        auto request = std::make_unique<http::HttpClientRequest>(url, method, nullptr);
+        request->headers = std::move(headers);
+        return HostContext::create(clients)->handle<http::WebSocket, http::HttpClientRequest>(
+            std::move(request), Address(kClientAddress));
+    }
+    OpenSocket connect(const std::string& url, http::Headers headers = {}) {
+        OpenSocket socket;
+        std::unique_ptr<http::WebSocket> webSocket = open(url, std::move(headers)).get();
+        webSocket->inbound->subscribe(socket.reader);
+        socket.source->subscribe(webSocket->outbound);
+        socket.reader->waitFor([](FrameReader& r) { return r.count("subscribe") == 1; }, 10s);
+        return socket;
+    }
+    std::string failureOf(const std::string& url, http::Headers headers = {}, const std::string& method = "get") {
+        return test_support::errorOf([&] { open(url, std::move(headers), method).get(); });
+    }
+
+    static inline const Address kClientAddress{"/http/client"};
+    std::shared_ptr<ServiceRegistry> clients;
+};
+using HttpClientConcurrency = HttpClientTest;
+
+TEST_F(HttpClientTest, ExchangesFramesInOrderOverWsAndWssWithTheRequestsHeadersAndClosesWhenTheWriterCompletes) {
+    int finished = 0;
+    for (const HttpServerOptions& options : {defaults(), secure()}) {
+        SCOPED_TRACE(options.tlsCert.empty() ? "ws" : "wss");
+        start(options);
+        OpenSocket socket = connect(wsUrl(*server, "/bayeux?x=1"),
+                                    {{"connection", "upgrade"}, {"upgrade", "websocket"}, {"tvapikey", "k1"}});
+        socket.reader->request(10);
+        for (const char* text : {"one", "two", "three"}) {
+            ASSERT_TRUE(socket.source->send(text));
+        }
+        EXPECT_EQ(socket.waitForTexts(3), (std::vector<std::string>{"one", "two", "three"}));
+        EXPECT_TRUE(socket.reader->read([](auto& frames) {
+            return std::all_of(frames.begin(), frames.end(), [](auto& frame) { return frame.firstByte == 129; });
+        }));
+        socket.source->target()->onComplete();
+        EXPECT_EQ(socket.waitForEnd(), "complete");
+        EXPECT_TRUE(service->waitForFinished(++finished));
+
+        std::lock_guard<std::mutex> guard(service->mutex);
+        const http::Headers& headers = service->upgrades.back();
+        ASSERT_EQ(headers.count("tvapikey"), 1u);
+        EXPECT_EQ(headers.find("tvapikey")->second, "k1");
+        // The upgrade's own headers are sent once, by the upgrade, not again from the request.
+        EXPECT_EQ(headers.count("upgrade"), 1u);
+        EXPECT_EQ(headers.count("connection"), 1u);
+        EXPECT_EQ(headers.find("host")->second, "127.0.0.1:" + std::to_string(port()));
+    }
+}
+
+TEST_F(HttpClientTest, ReadsTheNextMessageOnlyWhenTheReaderAskedForIt) {
+    start(defaults());
+    OpenSocket socket = connect(wsUrl(*server, "/bayeux"));
+    socket.reader->request(1);
+    for (const char* text : {"1", "2", "3"}) {
+        ASSERT_TRUE(socket.source->send(text));
+    }
+    EXPECT_EQ(socket.waitForTexts(1), std::vector<std::string>{"1"});
+    // The echoes of the other two are on their way; a client that read without demand would hand them over now.
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(socket.reader->seen(), std::vector<std::string>{"1"});
+    socket.reader->request(2);
+    EXPECT_EQ(socket.waitForTexts(3), (std::vector<std::string>{"1", "2", "3"}));
+}
+
+TEST_F(HttpClientTest, EndsBothStreamsWhenEitherSideCloses) {
+    struct Row {
+        const char* how;
+        std::size_t backlog;
+        std::function<void(OpenSocket&)> act;
+        const char* readerEnd;  // a prefix
+    };
+    const std::vector<Row> rows = {
+        // A backlog of the echo's 4 bytes holds it; one byte less cuts the connection without a close frame.
+        {"server ends its frames", 4, [](OpenSocket& s) { s.source->send("echo"), s.source->send("finish"); },
+         "complete"},
+        {"server fails its frames", 1 << 20, [](OpenSocket& s) { s.source->send("fail"); }, "complete"},
+        {"server cuts TCP past its backlog", 3, [](OpenSocket& s) { s.source->send("echo"); },
+         "error WebSocket connection to ws://127.0.0.1:"},
+        {"reader cancels", 1 << 20, [](OpenSocket& s) { s.reader->cancel(); }, ""},
+        {"writer fails",  1 << 20,
+         [](OpenSocket& s) { s.source->target()->onError(std::make_exception_ptr(std::runtime_error("broke"))); },
+         "complete"},
+    };
+    int finished = 0;
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.how);
+        HttpServerOptions options = defaults();
+        options.wsBacklogBytes = row.backlog;
+        start(options);
+        OpenSocket socket = connect(wsUrl(*server, "/bayeux"));
+        socket.reader->request(5);
+        row.act(socket);
+        EXPECT_TRUE(service->waitForFinished(++finished)) << "the server's socket stayed open";
+        if (*row.readerEnd != '\0') {
+            EXPECT_THAT(socket.waitForEnd(), ::testing::StartsWith(row.readerEnd));
+        }
+        // The writer is told that the socket is gone, or already ended itself.
+        EXPECT_TRUE(std::string(row.how) == "writer fails" || socket.source->waitForCancel());
+    }
+}
+
+TEST_F(HttpClientTest, FailsWithATextThatNamesTheCause) {
+    start(defaults());
+    std::unique_ptr<HttpServer> tls = launch(secure());
+    const std::string plain = wsUrl(*server, "/bayeux");
+    const std::string securePort = std::to_string(tls->port());
+    std::string closedPort;
+    {
+        boost::asio::io_context io;
+        boost::asio::ip::tcp::acceptor probe(io, {boost::asio::ip::make_address("127.0.0.1"), 0});
+        closedPort = std::to_string(probe.local_endpoint().port());
+    }
+    struct Row {
+        std::string url;
+        http::Headers headers;
+        std::string method;
+        std::string failure;  // a prefix
+    };
+    const std::vector<Row> rows = {
+        {"http://127.0.0.1/x", {}, "get",
+         "Unsupported URL scheme \"http\" in http://127.0.0.1/x: only ws and wss are supported"},
+        {"127.0.0.1:80/x", {}, "get", "Malformed WebSocket URL: 127.0.0.1:80/x"},
+        {"ws:///x", {}, "get", "Malformed WebSocket URL: ws:///x"},
+        {"ws://127.0.0.1:99999/x", {}, "get", "Malformed WebSocket URL: ws://127.0.0.1:99999/x"},
+        {"ws://[::1/x", {}, "get", "Malformed WebSocket URL: ws://[::1/x"},
+        {plain, {}, "post", "A WebSocket upgrade is a get request, not post: " + plain},
+        {"ws://no-such-host.invalid/x", {}, "get", "Unable to resolve host name no-such-host.invalid: "},
+        {"ws://127.0.0.1:" + closedPort + "/x", {}, "get",
+         "Unable to connect to 127.0.0.1:" + closedPort + ": Connection refused"},
+        {plain, {{"origin", "https://evil.example"}}, "get", "WebSocket upgrade refused by " + plain + ": HTTP 403"},
+        {"wss://localhost:" + securePort + "/bayeux", {}, "get",
+         "TLS certificate of localhost:" + securePort + " is not trusted: hostname mismatch"},
+    };
+    for (const Row& row : rows) {
+        EXPECT_THAT(failureOf(row.url, row.headers, row.method), ::testing::StartsWith(row.failure)) << row.url;
+    }
+    useClient(HttpClientOptions());
+    EXPECT_EQ(failureOf(wsUrl(*tls, "/bayeux")),
+              "TLS certificate of 127.0.0.1:" + securePort + " is not trusted: self-signed certificate");
+}
+
+TEST_F(HttpClientTest, StoppingTheServiceEndsOpenSocketsAndUpgradesInProgress) {
+    start(defaults());
+    OpenSocket socket = connect(wsUrl(*server, "/bayeux"));
+    socket.reader->request(5);
+    ASSERT_TRUE(socket.source->send("hello"));
+    ASSERT_EQ(socket.waitForTexts(1), std::vector<std::string>{"hello"});
+    // A listener that never answers holds the next upgrade in progress.
+    boost::asio::io_context io;
+    boost::asio::ip::tcp::acceptor silent(io, {boost::asio::ip::make_address("127.0.0.1"), 0});
+    Future<std::unique_ptr<http::WebSocket>> hanging =
+        open("ws://127.0.0.1:" + std::to_string(silent.local_endpoint().port()) + "/x");
+    std::this_thread::sleep_for(50ms);
+
+    clients.reset();
+    EXPECT_EQ(socket.waitForEnd(), "error The HTTP client service stopped");
+    EXPECT_EQ(test_support::errorOf([&] { hanging.get(); }), "The HTTP client service stopped");
+    EXPECT_TRUE(service->waitForFinished(1)) << "the server's socket stayed open";
+    EXPECT_TRUE(socket.source->waitForCancel());
+    // Calls from the library after the service is gone find no I/O and are dropped.
+    socket.reader->request(1);
+    socket.source->target()->onComplete();
+    EXPECT_EQ(socket.reader->seen().size(), 1u);
+}
+
+TEST_F(HttpClientConcurrency, ManyConnectionsFromSeveralThreadsExchangeInOrder) {
+    start(defaults());
+    std::unique_ptr<HttpServer> tls = launch(secure());
+    constexpr int kMessages = 20;
+    auto converse = [&](int thread) {
+        for (int index = 0; index < 3; ++index) {
+            OpenSocket socket = connect(wsUrl((thread + index) % 2 == 0 ? *server : *tls, "/bayeux"));
+            std::thread reader([&] {
+                for (int message = 0; message < kMessages; ++message) {
+                    socket.reader->request(1);
+                }
+            });
+            std::vector<std::string> expected;
+            for (int message = 0; message < kMessages; ++message) {
+                expected.push_back(std::to_string(thread) + "/" + std::to_string(index) + "/" + std::to_string(message));
+                EXPECT_TRUE(socket.source->send(expected.back()));
+            }
+            reader.join();
+            EXPECT_EQ(socket.waitForTexts(kMessages), expected);
+            if (index % 2 == 0) {
+                socket.source->target()->onComplete();
+                EXPECT_EQ(socket.waitForEnd(), "complete");
+            } else {
+                socket.reader->cancel();
+                EXPECT_TRUE(socket.source->waitForCancel());
+            }
+        }
+    };
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 4; ++thread) {
+        threads.emplace_back(converse, thread);
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
 }
 
 }  // namespace

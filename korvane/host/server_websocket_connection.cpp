@@ -1,4 +1,4 @@
-#include "korvane/host/websocket_connection.h"
+#include "korvane/host/server_websocket_connection.h"
 
 #include <exception>
 #include <limits>
@@ -39,76 +39,77 @@ constexpr unsigned char binaryFrame = 130;
 using FrameSignal = StreamSignal<WebSocketFrame>;
 
 // One accepted WebSocket. The service's frames (`inbound`) come through the relay
-// `writer_` and are written in order, through a CoalescingStream: frames that are ready
+// `writer` and are written in order, through a CoalescingStream: frames that are ready
 // together (a delivery and the connect reply behind it) leave in one socket write. The
 // peer's messages are read whole, one at a time and only within the demand the service
 // asked for, and handed to `outbound` on the strand. The first close (by the peer, the
 // service, an error or stop()) ends both streams.
 //
-// Bounds: the frames waiting for the socket (`queuedBytes_` here, and what the
+// Bounds: the frames waiting for the socket (`queuedBytes` here, and what the
 // CoalescingStream holds) may not exceed the server's wsBacklogBytes, and a socket write
 // may not take longer than its writeTimeout; past either, the connection is cut at once
 // (a peer that does not read would never see a close frame), which cancels the service's
 // frame stream and with it the client's connect.
 //
 // Threading: every member function but shutdown() and abandon() runs on the
-// connection's strand; signals from the service's threads come through `link_`.
+// connection's strand; signals from the service's threads come through `link`.
 // shutdown() posts; abandon() runs on the stopping thread once no I/O thread is
 // left. Nothing here takes a lock.
 template <class Stream>
-class WebSocketConnection : public ConnectionTracker::Tracked,
-                            public std::enable_shared_from_this<WebSocketConnection<Stream>> {
+class ServerWebSocketConnection : public ConnectionTracker::Tracked,
+                                  public std::enable_shared_from_this<ServerWebSocketConnection<Stream>> {
 public:
     using Executor = typename Stream::executor_type;
 
-    WebSocketConnection(Stream&& stream, std::shared_ptr<ServerState> state,
-                        std::shared_ptr<reactive_streams::PublisherAPI<WebSocketFrame>> inbound,
-                        std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound)
-        : socket_(std::move(stream)),
-          executor_(socket_.get_executor()),
-          state_(std::move(state)),
-          inbound_(std::move(inbound)),
-          outbound_(std::move(outbound)) {}
+    ServerWebSocketConnection(Stream&& stream, std::shared_ptr<ServerState> state,
+                              std::shared_ptr<reactive_streams::PublisherAPI<WebSocketFrame>> inbound,
+                              std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound)
+        : socket(std::move(stream)),
+          strandExecutor(socket.get_executor()),
+          state(std::move(state)),
+          inbound(std::move(inbound)),
+          outbound(std::move(outbound)) {}
 
-    ~WebSocketConnection() override { state_->connections.remove(trackerId_); }
+    ~ServerWebSocketConnection() override { state->connections.remove(trackerId); }
 
-    const Executor& executor() const { return executor_; }
+    const Executor& executor() const { return strandExecutor; }
 
     void run(UpgradeRequest&& upgrade, std::string setCookie) {
-        link_ = std::make_shared<StrandLink<WebSocketConnection>>(this->shared_from_this());
-        socket_.next_layer().setOwner(this->weak_from_this());
-        socket_.next_layer().setWriteTimeout(state_->options.writeTimeout);
-        trackerId_ = state_->connections.add(this->weak_from_this());
-        if (trackerId_ == 0) {
+        link = std::make_shared<StrandLink<ServerWebSocketConnection>>(this->shared_from_this());
+        socket.next_layer().setOwner(this->weak_from_this());
+        socket.next_layer().setWriteTimeout(state->options.writeTimeout);
+        trackerId = state->connections.add(this->weak_from_this());
+        if (trackerId == 0) {
             doFinish();
             return;
         }
-        upgrade_ = std::move(upgrade);
-        const HttpServerOptions& options = state_->options;
+        upgradeRequest = std::move(upgrade);
+        const HttpServerOptions& options = state->options;
         // The WebSocket keeps its own time: handshakes, idle pings and their answers.
-        beast::get_lowest_layer(socket_).expires_never();
+        beast::get_lowest_layer(socket).expires_never();
         websocket::stream_base::timeout timeouts{};
         timeouts.handshake_timeout = options.headerTimeout;
         timeouts.idle_timeout = options.wsIdle;
         timeouts.keep_alive_pings = true;
-        socket_.set_option(timeouts);
-        socket_.read_message_max(options.maxWsMessageBytes);
+        socket.set_option(timeouts);
+        socket.read_message_max(options.maxWsMessageBytes);
         websocket::permessage_deflate deflate;
         deflate.server_enable = options.wsDeflate;
-        socket_.set_option(deflate);
-        socket_.set_option(websocket::stream_base::decorator([cookie = std::move(setCookie)](websocket::response_type& response) {
+        socket.set_option(deflate);
+        socket.set_option(websocket::stream_base::decorator([cookie = std::move(setCookie)](websocket::response_type& response) {
             response.set(beast::http::field::server, "korvane");
             if (!cookie.empty()) {
                 response.insert(beast::http::field::set_cookie, cookie);
             }
         }));
-        socket_.async_accept(upgrade_, [self = this->shared_from_this()](beast::error_code error) {
+        socket.async_accept(upgradeRequest, [self = this->shared_from_this()](beast::error_code error) {
             self->onAccepted(error);
         });
     }
 
     void shutdown() override {
-        net::post(executor_, [self = this->shared_from_this()] { self->doCloseSocket(websocket::close_code::going_away); });
+        net::post(strandExecutor,
+                  [self = this->shared_from_this()] { self->doCloseSocket(websocket::close_code::going_away); });
     }
 
     void abandon() override { doFinish(); }
@@ -117,38 +118,41 @@ private:
     // The service's side of the peer's messages: demand and cancel come on any thread.
     class ReadSubscription : public reactive_streams::Subscription {
     public:
-        explicit ReadSubscription(std::shared_ptr<StrandLink<WebSocketConnection>> link) : link_(std::move(link)) {}
+        explicit ReadSubscription(std::shared_ptr<StrandLink<ServerWebSocketConnection>> link)
+            : link(std::move(link)) {}
 
         void request(unsigned long n) override {
-            link_->post([n](WebSocketConnection& connection) { connection.onReadDemand(n); });
+            link->post([n](ServerWebSocketConnection& connection) { connection.onReadDemand(n); });
         }
         void cancel() override {
-            link_->post([](WebSocketConnection& connection) {
+            link->post([](ServerWebSocketConnection& connection) {
                 connection.doCloseSocket(websocket::close_code::normal);
             });
         }
 
     private:
-        std::shared_ptr<StrandLink<WebSocketConnection>> link_;
+        std::shared_ptr<StrandLink<ServerWebSocketConnection>> link;
     };
 
     void onAccepted(beast::error_code error) {
-        upgrade_ = UpgradeRequest();
-        if (error || finished_) {
+        upgradeRequest = UpgradeRequest();
+        if (error || finished) {
             doFinish();
             return;
         }
-        writer_ = std::make_shared<RelaySubscriber<WebSocketFrame>>(
-            [link = link_](FrameSignal&& signal) {
+        writer = std::make_shared<RelaySubscriber<WebSocketFrame>>(
+            [link = link](FrameSignal&& signal) {
                 auto shared = std::make_shared<FrameSignal>(std::move(signal));
-                link->post([shared](WebSocketConnection& connection) { connection.onWriterSignal(std::move(*shared)); });
+                link->post([shared](ServerWebSocketConnection& connection) {
+                    connection.onWriterSignal(std::move(*shared));
+                });
             },
             false);
-        readSubscription_ = std::make_shared<ReadSubscription>(link_);
+        readSubscription = std::make_shared<ReadSubscription>(link);
         try {
-            inbound_->subscribe(writer_);
-            writer_->request(everyFrame);
-            outbound_->onSubscribe(readSubscription_);
+            inbound->subscribe(writer);
+            writer->request(everyFrame);
+            outbound->onSubscribe(readSubscription);
         } catch (const std::exception& failure) {
             KORVANE_LOG(logger, common::logFailure) << "WebSocket streams failed to start: " << failure.what();
             doCloseSocket(websocket::close_code::internal_error);
@@ -159,23 +163,23 @@ private:
 
     void onReadDemand(unsigned long n) {
         constexpr unsigned long unlimited = std::numeric_limits<unsigned long>::max();
-        readDemand_ = readDemand_ > unlimited - n ? unlimited : readDemand_ + n;
+        readDemand = readDemand > unlimited - n ? unlimited : readDemand + n;
         doRead();
     }
 
     void doRead() {
-        if (reading_ || finished_ || closeRequested_ || readDemand_ == 0) {
+        if (reading || finished || closeRequested || readDemand == 0) {
             return;
         }
-        reading_ = true;
-        socket_.async_read(readBuffer_, [self = this->shared_from_this()](beast::error_code error, std::size_t) {
+        reading = true;
+        socket.async_read(readBuffer, [self = this->shared_from_this()](beast::error_code error, std::size_t) {
             self->onRead(error);
         });
     }
 
     void onRead(beast::error_code error) {
-        reading_ = false;
-        if (finished_) {
+        reading = false;
+        if (finished) {
             return;
         }
         if (error) {
@@ -184,14 +188,14 @@ private:
             doFinish();
             return;
         }
-        const auto data = readBuffer_.data();
+        const auto data = readBuffer.data();
         DataBuffer message(std::string_view(static_cast<const char*>(data.data()), data.size()));
-        readBuffer_.consume(data.size());
-        if (readDemand_ != std::numeric_limits<unsigned long>::max()) {
-            --readDemand_;
+        readBuffer.consume(data.size());
+        if (readDemand != std::numeric_limits<unsigned long>::max()) {
+            --readDemand;
         }
         try {
-            outbound_->onNext(WebSocketFrame(std::move(message), socket_.got_text() ? textFrame : binaryFrame));
+            outbound->onNext(WebSocketFrame(std::move(message), socket.got_text() ? textFrame : binaryFrame));
         } catch (const std::exception& failure) {
             KORVANE_LOG(logger, common::logFailure) << "WebSocket message not taken: " << failure.what();
             doCloseSocket(websocket::close_code::internal_error);
@@ -203,16 +207,16 @@ private:
     // ---- to the peer -------------------------------------------------------------------
 
     void onWriterSignal(FrameSignal&& signal) {
-        if (finished_ || closeRequested_) {
+        if (finished || closeRequested) {
             return;
         }
         if (signal.item) {
-            queuedBytes_ += signal.item->data.size;
-            writeQueue_.push_back(std::move(*signal.item));
-            if (backlogBytes() > state_->options.wsBacklogBytes) {
+            queuedBytes += signal.item->data.size;
+            writeQueue.push_back(std::move(*signal.item));
+            if (backlogBytes() > state->options.wsBacklogBytes) {
                 KORVANE_LOG(logger, common::logWarning) << "WebSocket cut: " << backlogBytes()
                                          << " bytes waiting for a peer that does not read, over the limit of "
-                                         << state_->options.wsBacklogBytes;
+                                         << state->options.wsBacklogBytes;
                 doFinish();
                 return;
             }
@@ -222,7 +226,7 @@ private:
         }
     }
 
-    std::size_t backlogBytes() const { return queuedBytes_ + socket_.next_layer().bufferedBytes(); }
+    std::size_t backlogBytes() const { return queuedBytes + socket.next_layer().bufferedBytes(); }
 
     // A frame that was not UTF-8 has its own close code; any other failure is the server's.
     static websocket::close_code closeCodeFor(const std::exception_ptr& error) {
@@ -239,29 +243,29 @@ private:
     }
 
     void doWrite() {
-        if (writing_ || closing_ || finished_) {
+        if (writing || closing || finished) {
             return;
         }
-        if (writeQueue_.empty()) {
-            if (closeRequested_) {
+        if (writeQueue.empty()) {
+            if (closeRequested) {
                 doStartClose();
             }
             return;
         }
-        writing_ = true;
-        const WebSocketFrame& frame = writeQueue_.front();
-        socket_.text((frame.firstByte & 0x0f) != (binaryFrame & 0x0f));
-        socket_.async_write(net::const_buffer(frame.data.data, frame.data.size),
+        writing = true;
+        const WebSocketFrame& frame = writeQueue.front();
+        socket.text((frame.firstByte & 0x0f) != (binaryFrame & 0x0f));
+        socket.async_write(net::const_buffer(frame.data.data, frame.data.size),
                             [self = this->shared_from_this()](beast::error_code error, std::size_t) {
                                 self->onWritten(error);
                             });
     }
 
     void onWritten(beast::error_code error) {
-        writing_ = false;
-        queuedBytes_ -= writeQueue_.front().data.size;
-        writeQueue_.pop_front();
-        if (error || finished_) {
+        writing = false;
+        queuedBytes -= writeQueue.front().data.size;
+        writeQueue.pop_front();
+        if (error || finished) {
             doFinish();
             return;
         }
@@ -273,13 +277,13 @@ private:
     // Takes no more frames from the service, writes those already queued, then sends
     // the close frame.
     void doCloseSocket(websocket::close_code code) {
-        if (closeRequested_ || finished_) {
+        if (closeRequested || finished) {
             return;
         }
-        closeRequested_ = true;
-        closeCode_ = code;
-        if (writer_) {
-            writer_->detach();
+        closeRequested = true;
+        closeCode = code;
+        if (writer) {
+            writer->detach();
         }
         if (!accepted()) {
             doFinish();
@@ -288,66 +292,66 @@ private:
         doWrite();
     }
 
-    bool accepted() const { return writer_ != nullptr; }
+    bool accepted() const { return writer != nullptr; }
 
     void doStartClose() {
-        closing_ = true;
-        socket_.async_close(closeCode_, [self = this->shared_from_this()](beast::error_code) { self->doFinish(); });
+        closing = true;
+        socket.async_close(closeCode, [self = this->shared_from_this()](beast::error_code) { self->doFinish(); });
     }
 
     // Ends both streams and releases the service's ends: the subscription on
     // `inbound` is cancelled (unless it ended), `outbound` completes.
     void doFinish() {
-        if (finished_) {
+        if (finished) {
             return;
         }
-        finished_ = true;
+        finished = true;
         // The stalled write may have been the layer's own, with nothing of ours under way:
         // the cut is told here, wherever its failure was seen.
-        if (socket_.next_layer().timedOut()) {
+        if (socket.next_layer().timedOut()) {
             KORVANE_LOG(logger, common::logWarning) << "WebSocket cut: a write took longer than "
-                                     << state_->options.writeTimeout.count() << " ms";
+                                     << state->options.writeTimeout.count() << " ms";
         }
-        if (writer_) {
-            writer_->detach();
+        if (writer) {
+            writer->detach();
         }
         // A frame whose write is under way stays until the write completes: the socket
         // still reads its bytes, and onWritten pops it.
-        const std::size_t kept = writing_ ? 1 : 0;
-        while (writeQueue_.size() > kept) {
-            queuedBytes_ -= writeQueue_.back().data.size;
-            writeQueue_.pop_back();
+        const std::size_t kept = writing ? 1 : 0;
+        while (writeQueue.size() > kept) {
+            queuedBytes -= writeQueue.back().data.size;
+            writeQueue.pop_back();
         }
-        link_->cut();
-        std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound = std::move(outbound_);
-        inbound_.reset();
-        if (outbound) {
-            outbound->onComplete();
+        link->cut();
+        std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> reader = std::move(outbound);
+        inbound.reset();
+        if (reader) {
+            reader->onComplete();
         }
-        beast::get_lowest_layer(socket_).close();
+        beast::get_lowest_layer(socket).close();
     }
 
-    websocket::stream<CoalescingStream<Stream>> socket_;
-    const Executor executor_;
-    const std::shared_ptr<ServerState> state_;
-    std::shared_ptr<reactive_streams::PublisherAPI<WebSocketFrame>> inbound_;
-    std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound_;
-    std::shared_ptr<StrandLink<WebSocketConnection>> link_;
-    std::uint64_t trackerId_ = 0;
-    UpgradeRequest upgrade_;
+    websocket::stream<CoalescingStream<Stream>> socket;
+    const Executor strandExecutor;
+    const std::shared_ptr<ServerState> state;
+    std::shared_ptr<reactive_streams::PublisherAPI<WebSocketFrame>> inbound;
+    std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound;
+    std::shared_ptr<StrandLink<ServerWebSocketConnection>> link;
+    std::uint64_t trackerId = 0;
+    UpgradeRequest upgradeRequest;
 
-    std::shared_ptr<RelaySubscriber<WebSocketFrame>> writer_;
-    std::shared_ptr<ReadSubscription> readSubscription_;
-    beast::flat_buffer readBuffer_;
-    unsigned long readDemand_ = 0;
-    common::RingQueue<WebSocketFrame> writeQueue_;
-    std::size_t queuedBytes_ = 0;
-    websocket::close_code closeCode_ = websocket::close_code::normal;
-    bool reading_ = false;
-    bool writing_ = false;
-    bool closeRequested_ = false;
-    bool closing_ = false;
-    bool finished_ = false;
+    std::shared_ptr<RelaySubscriber<WebSocketFrame>> writer;
+    std::shared_ptr<ReadSubscription> readSubscription;
+    beast::flat_buffer readBuffer;
+    unsigned long readDemand = 0;
+    common::RingQueue<WebSocketFrame> writeQueue;
+    std::size_t queuedBytes = 0;
+    websocket::close_code closeCode = websocket::close_code::normal;
+    bool reading = false;
+    bool writing = false;
+    bool closeRequested = false;
+    bool closing = false;
+    bool finished = false;
 };
 
 }  // namespace
@@ -357,8 +361,8 @@ void serveWebSocket(Stream&& stream, UpgradeRequest&& upgrade,
                     std::shared_ptr<reactive_streams::PublisherAPI<WebSocketFrame>> inbound,
                     std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound,
                     std::shared_ptr<ServerState> state, std::string setCookie) {
-    auto connection = std::make_shared<WebSocketConnection<Stream>>(std::move(stream), std::move(state),
-                                                                    std::move(inbound), std::move(outbound));
+    auto connection = std::make_shared<ServerWebSocketConnection<Stream>>(std::move(stream), std::move(state),
+                                                                          std::move(inbound), std::move(outbound));
     connection->run(std::move(upgrade), std::move(setCookie));
 }
 

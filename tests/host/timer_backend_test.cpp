@@ -1,0 +1,355 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include "korvane/frame/manual_timer_backend.h"
+#include "korvane/host/threaded_timer_backend.h"
+
+namespace korvane::host {
+namespace {
+
+using namespace std::chrono_literals;
+using common::ManualTimerBackend;
+using common::TimerHandle;
+using Names = std::vector<std::string>;
+using Ticks = std::vector<long long>;
+
+// Drives either backend and collects what its callbacks note. The generous wait guards against a hang, it is
+// never a timing check.
+template <class Backend>
+struct TimerBackendTest : ::testing::Test {
+    static constexpr bool kManual = std::is_same_v<Backend, ManualTimerBackend>;
+    void SetUp() override {
+        if constexpr (!kManual) {
+            backend->start();
+        }
+    }
+
+    void note(std::string event) {
+        std::lock_guard<std::mutex> guard(mutex);
+        events.push_back(std::move(event));
+        reported.notify_all();
+    }
+    // What was noted once there are `count` notes, or when the wait gave up.
+    Names waitFor(std::size_t count) {
+        std::unique_lock<std::mutex> lock(mutex);
+        reported.wait_for(lock, 10s, [&] { return events.size() >= count; });
+        return events;
+    }
+    TimerHandle at(std::chrono::milliseconds delay, std::string event) {
+        return backend->schedule([this, event](long long) { note(event); }, delay, 0ms);
+    }
+    // What was noted once `window` has passed and everything due within it ran.
+    Names pass(std::chrono::milliseconds window) {
+        auto marker = at(window, "passed");
+        if constexpr (kManual) {
+            backend->advance(window);
+        }
+        std::unique_lock<std::mutex> lock(mutex);
+        reported.wait_for(lock, 10s, [&] { return !events.empty() && events.back() == "passed"; });
+        events.pop_back();
+        return events;
+    }
+
+    std::mutex mutex;
+    std::condition_variable reported;
+    Names events;
+    std::shared_ptr<Backend> backend = std::make_shared<Backend>();
+};
+using Backends = ::testing::Types<ManualTimerBackend, ThreadedTimerBackend>;
+TYPED_TEST_SUITE(TimerBackendTest, Backends);
+
+TYPED_TEST(TimerBackendTest, RunsTimersInDueOrderAndNothingBeforeItsTime) {
+    std::vector<TimerHandle> handles;
+    for (const auto& [name, delay] : std::vector<std::pair<std::string, std::chrono::milliseconds>>{
+             {"c", 30ms}, {"a", 5ms}, {"d", 30ms}, {"b", 15ms}, {"late", 1h}}) {
+        handles.push_back(this->at(delay, name));
+    }
+    EXPECT_EQ(this->pass(40ms), (Names{"a", "b", "c", "d"}));
+}
+
+TYPED_TEST(TimerBackendTest, ReleasedTimersNeverRunAndAReleaseAfterTheRunIsHarmless) {
+    auto kept = this->at(1ms, "kept");
+    auto released = this->at(1ms, "released");
+    auto releasedPeriodic = this->backend->schedule([this](long long) { this->note("periodic"); }, 1ms, 1ms);
+    released = nullptr;
+    releasedPeriodic = nullptr;
+    EXPECT_EQ(this->pass(20ms), Names{"kept"});
+    EXPECT_NO_THROW(kept = nullptr);
+}
+
+TYPED_TEST(TimerBackendTest, TimerReleasesItsOwnLastHandleFromInsideItsCallbackUnderItsOwnLock) {
+    for (bool isPeriodic : {false, true}) {
+        SCOPED_TRACE(isPeriodic ? "periodic" : "once");
+        // Like a sweep that ends itself when idle: the job drops its handle while it holds the mutex that also
+        // guards the handle's arming.
+        std::mutex jobMutex;
+        TimerHandle handle;
+        int runs = 0;
+        const int stopAfter = isPeriodic ? 3 : 1;
+        auto captured = std::make_shared<int>(7);
+        std::weak_ptr<int> capturedWatch = captured;
+        std::unique_lock<std::mutex> arming(jobMutex);
+        handle = this->backend->schedule(
+            [&, captured = std::move(captured)](long long) {
+                std::lock_guard<std::mutex> guard(jobMutex);
+                if (++runs == stopAfter) {
+                    handle = nullptr;
+                }
+                this->note("run " + std::to_string(runs));
+            },
+            2ms, isPeriodic ? 2ms : 0ms);
+        arming.unlock();
+        EXPECT_EQ(this->pass(20ms).size(), static_cast<std::size_t>(stopAfter));
+        EXPECT_EQ(runs, stopAfter);
+        EXPECT_TRUE(capturedWatch.expired()) << "the callback's captures outlived its timer";
+        std::lock_guard<std::mutex> guard(this->mutex);
+        this->events.clear();
+    }
+}
+
+TYPED_TEST(TimerBackendTest, CallbackOwningItsHandleIsFreedWithTheBackendAndHandlesOutliveIt) {
+    auto captured = std::make_shared<int>(1);
+    std::weak_ptr<int> capturedWatch = captured;
+    auto holder = std::make_shared<TimerHandle>();
+    *holder = this->backend->schedule([holder, captured](long long) {}, 1h, 1h);
+    holder.reset();
+    captured.reset();
+    EXPECT_FALSE(capturedWatch.expired());
+    auto outliving = this->at(1h, "never");
+    this->backend.reset();
+    EXPECT_TRUE(capturedWatch.expired());
+    EXPECT_NO_THROW(outliving.reset());
+}
+
+struct ManualTimerTest : TimerBackendTest<ManualTimerBackend> {
+    void SetUp() override { common::installTimerBackend(backend); }
+    void TearDown() override { common::installTimerBackend(nullptr); }
+};
+
+TEST_F(ManualTimerTest, CallbacksSeeTheTickOfTheirDueTimeAndEqualDueTimesRunInArmingOrder) {
+    std::vector<TimerHandle> handles;
+    for (const auto& [name, ms] :
+         std::vector<std::pair<std::string, int>>{{"c", 250}, {"a", 5}, {"d", 250}, {"b", 99}, {"e", 1000}}) {
+        handles.push_back(backend->schedule([this, name = name](long long tick) { note(name + std::to_string(tick)); },
+                                            std::chrono::milliseconds(ms), 0ms));
+    }
+    EXPECT_EQ(pass(1000ms), (Names{"a0", "b0", "c2", "d2", "e10"}));
+    EXPECT_EQ(backend->now(), 1000ms);
+    EXPECT_EQ(backend->currentTick(), 10);
+}
+
+TEST_F(ManualTimerTest, DelayPeriodicAndShortDelayFireOnTheirDueTimeOnly) {
+    Ticks seen;
+    auto delayed = common::delay([&seen](long long tick) { seen.insert(seen.end(), {common::getCurrentTick(), tick}); },
+                                 3);
+    backend->advanceTicks(2);
+    EXPECT_TRUE(seen.empty());
+    backend->advanceTicks(5);
+    EXPECT_EQ(seen, (Ticks{3, 3})) << "the callback sees the clock at its own due time";
+    EXPECT_EQ(common::getCurrentTick(), 7);
+
+    Ticks beats;  // armed at tick 7, every 100 ticks across a two-minute window
+    auto every = common::periodic([&beats](long long tick) { beats.push_back(tick); }, 100);
+    backend->advance(120000ms);
+    EXPECT_EQ(beats, (Ticks{107, 207, 307, 407, 507, 607, 707, 807, 907, 1007, 1107, 1207}));
+    EXPECT_EQ(backend->armedCount(), 1u);
+    every = nullptr;
+
+    int fired = 0;
+    auto shortDelay = common::shortMsDelay([&fired](long long) { ++fired; }, 5);
+    for (const auto& [step, firedAfter] : std::vector<std::pair<long long, int>>{{4, 0}, {1, 1}, {100, 1}}) {
+        backend->advance(std::chrono::milliseconds(step));
+        EXPECT_EQ(fired, firedAfter) << "after " << step << " ms more";
+    }
+    EXPECT_EQ(backend->armedCount(), 0u);
+}
+
+TEST_F(ManualTimerTest, TimersArmedByACallbackFireWithinTheSameAdvance) {
+    TimerHandle inner, beyond;
+    auto outer = backend->schedule(
+        [&](long long) {
+            note("outer");
+            inner = at(30ms, "inner");
+            beyond = at(80ms, "beyond");
+            at(0ms, "dropped at once");
+        },
+        10ms, 0ms);
+    EXPECT_EQ(pass(50ms), (Names{"outer", "inner"}));
+    EXPECT_EQ(pass(40ms), (Names{"outer", "inner", "beyond"}));
+}
+
+TEST_F(ManualTimerTest, CallbackMayMoveTheClockItselfWithoutDeadlock) {
+    TimerHandle passed = at(60ms, "passed by the nested advance");
+    TimerHandle later = at(300ms, "after both");
+    auto mover = backend->schedule(
+        [&](long long) {
+            note("mover");
+            backend->advance(100ms);
+            note("nested advance returned at " + std::to_string(backend->now().count()));
+        },
+        10ms, 0ms);
+    backend->advance(50ms);
+    EXPECT_EQ(waitFor(3), (Names{"mover", "passed by the nested advance", "nested advance returned at 110"}));
+    EXPECT_EQ(backend->now(), 110ms) << "the outer advance never moves the clock back";
+    EXPECT_EQ(pass(200ms).back(), "after both");
+}
+
+TEST_F(ManualTimerTest, ManyTimersReleasedAtRandomPlacesInTheQueueLeaveTheRestInDueOrder) {
+    std::mt19937 random(42);
+    std::vector<TimerHandle> handles;
+    std::vector<std::pair<long long, std::string>> expected;  // (due, name) of the kept ones
+    for (int index = 0; index < 2000; ++index) {
+        const long long due = random() % 5001;
+        handles.push_back(at(std::chrono::milliseconds(due), std::to_string(index)));
+        expected.emplace_back(due, std::to_string(index));
+    }
+    for (std::size_t index = 0; index < handles.size(); index += 1 + random() % 3) {
+        handles[index] = nullptr;
+        expected[index].first = -1;
+    }
+    expected.erase(std::remove_if(expected.begin(), expected.end(), [](auto& entry) { return entry.first < 0; }),
+                   expected.end());
+    EXPECT_EQ(backend->armedCount(), expected.size());
+    // Stable: equal due times keep the order they were armed in.
+    std::stable_sort(expected.begin(), expected.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    Names expectedNames;
+    for (const auto& entry : expected) {
+        expectedNames.push_back(entry.second);
+    }
+    EXPECT_EQ(pass(5000ms), expectedNames);
+}
+
+TEST_F(ManualTimerTest, CallbackExceptionReachesTheAdvancingTestAndRetiresTheTimer) {
+    auto failing = common::delay([](long long) { throw std::runtime_error("callback broke"); }, 1);
+    auto laterTimer = at(200ms, "later");
+    EXPECT_THROW(backend->advanceTicks(3), std::runtime_error);
+    EXPECT_EQ(backend->armedCount(), 1u);
+    EXPECT_EQ(pass(0ms), Names{}) << "the clock stopped at the failing timer's due time";
+    EXPECT_EQ(pass(100ms), Names{"later"});
+}
+
+TEST_F(ManualTimerTest, SetTickMovesTheClockAndRunsNothingUntilTheNextAdvance) {
+    Ticks ticks;
+    auto delayed = common::delay([&ticks](long long tick) { ticks.push_back(tick); }, 10);
+    auto every = common::periodic([&ticks](long long tick) { ticks.push_back(-tick); }, 4);
+    backend->setTick(50);
+    EXPECT_EQ(common::getCurrentTick(), 50);
+    EXPECT_TRUE(ticks.empty());
+    backend->advance(0ms);
+    // Overdue timers run at once, and a periodic one that fell behind skips the missed beats.
+    EXPECT_EQ(ticks, (Ticks{-50, 50}));
+    backend->advanceTicks(4);
+    EXPECT_EQ(ticks, (Ticks{-50, 50, -54}));
+    EXPECT_THROW(backend->advance(-1ms), std::invalid_argument);
+    EXPECT_EQ(ManualTimerBackend(7).currentTick(), 7);
+}
+
+TEST(TimerBackendInstallation, EveryTimerFunctionThrowsWithoutABackend) {
+    common::installTimerBackend(nullptr);
+    EXPECT_THROW(common::getCurrentTick(), std::runtime_error);
+    EXPECT_THROW(common::delay([](long long) {}, 1), std::runtime_error);
+    EXPECT_THROW(common::periodic([](long long) {}, 1), std::runtime_error);
+    EXPECT_THROW(common::shortMsDelay([](long long) {}, 5), std::runtime_error);
+    EXPECT_THROW(common::timerBackend(), std::runtime_error);
+}
+
+using ThreadedTimerBackendConcurrency = TimerBackendTest<ThreadedTimerBackend>;
+
+TEST_F(ThreadedTimerBackendConcurrency, EarlierTimersWakeTheThreadPastAThrowingOneThatCannotStopIt) {
+    // The thread first sleeps towards the hour-long timer: each earlier one has to wake it.
+    auto far = at(1h, "far");
+    auto refused = backend->schedule(
+        [this](long long) {
+            EXPECT_THROW(backend->stop(), std::logic_error);
+            note("refused");
+            throw std::runtime_error("broken callback");  // the timer thread outlives a throwing callback
+        },
+        0ms, 0ms);
+    const long long tickBefore = backend->currentTick();
+    auto early = backend->schedule(
+        [&](long long tick) { note(tick >= tickBefore && tick <= backend->currentTick() ? "10ms" : "wrong tick"); },
+        10ms, 0ms);
+    EXPECT_EQ(waitFor(2), (Names{"refused", "10ms"}));
+
+    backend->stop();
+    EXPECT_FALSE(backend->isRunning());
+    auto waiting = at(0ms, "after restart");
+    backend->start();
+    EXPECT_EQ(waitFor(3), (Names{"refused", "10ms", "after restart"}));
+}
+
+TEST_F(ThreadedTimerBackendConcurrency, ReleaseWaitsForTheCallbackRunningOnAnotherThreadAndFreesItsCaptures) {
+    auto captured = std::make_shared<int>(3);
+    std::weak_ptr<int> capturedWatch = captured;
+    auto handle = backend->schedule(
+        [this, captured = std::move(captured)](long long) {
+            note("entered");
+            waitFor(2);  // until the test opens the gate
+            note("finished");
+        },
+        0ms, 0ms);
+    ASSERT_EQ(waitFor(1).size(), 1u);
+    captured.reset();
+    std::thread releaser([&] {
+        handle = nullptr;
+        note(capturedWatch.expired() ? "released" : "released with the captures alive");
+    });
+    // Gives a release that fails to wait the time to return early, before the gate opens.
+    std::this_thread::sleep_for(20ms);
+    note("gate opened");
+    releaser.join();
+    EXPECT_EQ(waitFor(4), (Names{"entered", "gate opened", "finished", "released"}));
+}
+
+TEST_F(ThreadedTimerBackendConcurrency, NoCallbackStartsAfterItsReleaseReturnedOnAnyThread) {
+    std::atomic<int> ran{0}, ranAfterRelease{0};
+    auto armAndRelease = [&](int thread) {
+        for (int round = 0; round < 300; ++round) {
+            auto released = std::make_shared<std::atomic<bool>>(false);
+            auto handle = backend->schedule([&, released](long long) { ++ran; ranAfterRelease += *released ? 1 : 0; },
+                                            std::chrono::milliseconds(round % 3), std::chrono::milliseconds(thread % 2));
+            std::this_thread::sleep_for(round % 5 == 0 ? 500us : 0us);
+            handle = nullptr;
+            released->store(true);
+        }
+    };
+    std::thread threads[] = {std::thread(armAndRelease, 0), std::thread(armAndRelease, 1),
+                             std::thread(armAndRelease, 2), std::thread(armAndRelease, 3)};
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(pass(5ms), Names{});
+    EXPECT_EQ(ranAfterRelease.load(), 0);
+    EXPECT_GT(ran.load(), 0) << "no callback raced with its release";
+}
+
+TEST_F(ThreadedTimerBackendConcurrency, LastReferenceDroppedByItsOwnCallbackEndsTheThreadQuietly) {
+    // The callback owns the only reference once the test lets go: dropping it destroys the
+    // backend on its own timer thread, which must neither join itself nor touch freed state.
+    auto owner = std::make_shared<std::shared_ptr<ThreadedTimerBackend>>(backend);
+    auto handle = backend->schedule(
+        [this, owner](long long) {
+            owner->reset();
+            note("destroyed");
+        },
+        5ms, 0ms);
+    owner.reset();
+    backend.reset();
+    EXPECT_EQ(waitFor(1), Names{"destroyed"});
+    handle = nullptr;
+    // Lets the detached thread leave before the process checks for leaks.
+    std::this_thread::sleep_for(20ms);
+}
+
+}  // namespace
+}  // namespace korvane::host

@@ -1,6 +1,6 @@
 // Three korvane-bayeux servers sharing their channels through one redis-server, with
 // the cometd client on each: delivery across servers on both transports, no echo and no
-// duplicates, order per publisher, and Redis going away and back.
+// duplicates, and Redis going away and back, with order per publisher across it.
 
 import { after, before, describe, test } from "node:test";
 import assert from "node:assert/strict";
@@ -80,20 +80,6 @@ describe("servers sharing channels through Redis", () => {
             }
         });
     }
-
-    test("each publisher's messages arrive in order and once, however two publishers on two servers interleave", async () => {
-        const listener = await client(servers.a, "websocket");
-        const seen = { b: [], c: [] };
-        await subscribe(listener, "/order", (message) => seen[message.data.from].push(message.data.n));
-        const run = async (cometd, from) => {
-            for (let n = 0; n < 150; ++n) await publish(cometd, "/order", { from, n });
-        };
-        await Promise.all([run(await client(servers.b, "websocket"), "b"), run(await client(servers.c), "c")]);
-        await until(() => seen.b.length >= 150 && seen.c.length >= 150, 10000, "all messages");
-        await sleep(200);
-        const expected = Array.from({ length: 150 }, (_, n) => n);
-        assert.deepEqual(seen, { b: expected, c: expected });
-    });
 
     test("while Redis is away each server serves its own clients; delivery across servers resumes on its own", async () => {
         const [listener, neighbour, remote] = [await client(servers.a), await client(servers.a), await client(servers.b)];

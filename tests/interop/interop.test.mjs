@@ -111,25 +111,3 @@ for (const transport of ["long-polling", "websocket"]) {
         await server.stop();
     });
 }
-
-test("clients sharing one cookie jar count as one browser: past four held connects the rest short-poll", async () => {
-    const server = await startServer();
-    const members = [];
-    for (let index = 0; index < 6; ++index) {
-        const cometd = newClient(server.bayeux, "long-polling", { ownCookies: false });
-        await handshake(cometd);
-        const member = { cometd, seen: [], intervals: [] };
-        cometd.addListener("/meta/connect", (reply) => member.intervals.push(reply.advice?.interval));
-        await subscribe(cometd, "/shared/jar", (message) => member.seen.push(message.data.n));
-        members.push(member);
-    }
-    await sleep(500);
-    const publisher = newClient(server.bayeux, "long-polling");
-    await handshake(publisher);
-    await publish(publisher, "/shared/jar", { n: 1 });
-    await until(() => members.every((member) => member.seen.length === 1), 10000, "every shared-jar client");
-    const shortPolling = members.filter((member) => member.intervals.includes(200));
-    assert.ok(shortPolling.length >= 2, `at least two clients were turned into short polls (${shortPolling.length})`);
-    await Promise.all([...members.map((member) => disconnect(member.cometd)), disconnect(publisher)]);
-    await server.stop();
-});

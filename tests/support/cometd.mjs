@@ -6,15 +6,14 @@ import { CometD } from "cometd";
 
 adapt();
 
-// A client on one transport. With `ownCookies` (the default) it keeps its own cookie
-// jar, so that it counts as a browser of its own; otherwise it shares the process's.
-export function newClient(bayeuxUrl, transport, { ownCookies = true, config = {} } = {}) {
+// A client on one transport with a cookie jar of its own, so that it counts as a browser of its own.
+export function newClient(bayeuxUrl, transport, { config = {} } = {}) {
     const cometd = new CometD();
     for (const name of cometd.getTransportTypes()) {
         if (name !== transport) cometd.unregisterTransport(name);
     }
     cometd.configure({ url: bayeuxUrl, logLevel: "warn", ...config });
-    if (ownCookies) cometd.findTransport(transport).context = { cookieStore: {} };
+    cometd.findTransport(transport).context = { cookieStore: {} };
     return cometd;
 }
 

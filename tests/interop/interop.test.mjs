@@ -56,14 +56,12 @@ for (const transport of ["long-polling", "websocket"]) {
             const seen = [];
             await subscribe(listener, "/order/one", (message) => seen.push(message.data.seq));
             const sends = [];
+            const tens = (seq) => {
+                for (let n = seq; n < seq + 10; ++n) sends.push(publish(publisher, "/order/one", { seq: n }));
+            };
             for (let seq = 0; seq < 500; seq += 10) {
-                if (seq % 20) {
-                    publisher.batch(() => {
-                        for (let n = seq; n < seq + 10; ++n) sends.push(publish(publisher, "/order/one", { seq: n }));
-                    });
-                } else {
-                    for (let n = seq; n < seq + 10; ++n) sends.push(publish(publisher, "/order/one", { seq: n }));
-                }
+                if (seq % 20) publisher.batch(() => tens(seq));
+                else tens(seq);
             }
             await Promise.all(sends);
             await until(() => seen.length >= 500, 20000, "500 messages");

@@ -55,16 +55,14 @@ async function webSocketSubscriber(bayeux, onMessage) {
 }
 
 async function until(condition, ms) {
-    for (const end = Date.now() + ms; !condition() && Date.now() < end;) {
-        await sleep(100);
-    }
+    for (const end = Date.now() + ms; !condition() && Date.now() < end; await sleep(100));
     return condition();
 }
 
 test("peers that read nothing cost a bounded amount of memory, given back once they are cut", async () => {
     const server = await startServer({ args: ["--ws-backlog", String(backlogBytes), "--max-pending", String(maxPending)] });
     const rssKb = () => Number(/VmRSS:\s+(\d+)/.exec(readFileSync(`/proc/${server.pid}/status`, "utf8"))[1]);
-    const stalledConnects = [];
+    let stalledConnects;
     try {
         const before = rssKb();
         let received = 0;
@@ -73,7 +71,7 @@ test("peers that read nothing cost a bounded amount of memory, given back once t
 
         const stalled = await webSocketSubscriber(server.bayeux);
         stalled.socket._socket.pause();
-        stalledConnects.push(setInterval(() => stalled.socket.readyState === WebSocket.OPEN && stalled.connect(), 20));
+        stalledConnects = setInterval(() => stalled.socket.readyState === WebSocket.OPEN && stalled.connect(), 20);
 
         const quiet = await post(server.bayeux, [{ channel: "/meta/handshake", version: "1.0", supportedConnectionTypes: ["long-polling"] }]);
         const quietId = quiet.replies[0].clientId;
@@ -105,7 +103,7 @@ test("peers that read nothing cost a bounded amount of memory, given back once t
         reader.socket.terminate();
         stalled.socket.terminate();
     } finally {
-        stalledConnects.forEach(clearInterval);
+        clearInterval(stalledConnects);
         await server.stop();
     }
 });

@@ -83,7 +83,8 @@ TEST(ClusterFrame, MalformedFramesAreRefusedWithTheirReason) {
         {"one byte too many", good + "x", "Trailing bytes after cluster frame"},
     };
     for (const auto& c : cases) {
-        EXPECT_EQ(test_support::errorOf<std::invalid_argument>([&] { decodeClusterFrame(c.frame); }), c.error) << c.name;
+        EXPECT_EQ(test_support::errorOf<std::invalid_argument>([&] { decodeClusterFrame(c.frame); }), c.error)
+            << c.name;
     }
 }
 

@@ -55,9 +55,10 @@ public:
         BayeuxServiceOptions options;
         options.maxPendingMessages = fuzzPendingLimit;
         provider = std::make_shared<BayeuxServiceProviderImpl>(server, options);
-        auto made = std::make_shared<Services>(Services{{"bayeux", provider},
-                                                        {"long-poll", std::make_shared<BayeuxLongPollServiceProvider>()},
-                                                        {"websocket", std::make_shared<BayeuxWebSocketServiceProvider>()}});
+        auto made = std::make_shared<Services>(
+            Services{{"bayeux", provider},
+                     {"long-poll", std::make_shared<BayeuxLongPollServiceProvider>()},
+                     {"websocket", std::make_shared<BayeuxWebSocketServiceProvider>()}});
         for (auto& entry : *made) {
             entry.second->start();
         }

@@ -46,25 +46,18 @@ void addAdvice(Fields& fields, const std::shared_ptr<BayeuxAdvice>& advice) {
     }
     // An unset time is not written, so every negative value reads back as the default.
     const auto add = [&fields](const Advice& entry) {
-        fields.values.insert(fields.values.end(), {entry.reconnect, entry.multipleClients, std::max<std::int64_t>(entry.timeout, -1),
+        fields.values.insert(fields.values.end(), {entry.reconnect, entry.multipleClients,
+                                                   std::max<std::int64_t>(entry.timeout, -1),
                                                    std::max<std::int64_t>(entry.interval, -1)});
         fields.lists.push_back(entry.hosts);
     };
     add(*advice);
     fields.transportEntries = advice->transportAdvice.size();
-    for (const auto& [name, entry] : std::map<std::string, Advice>(advice->transportAdvice.begin(), advice->transportAdvice.end())) {
+    const std::map<std::string, Advice> byName(advice->transportAdvice.begin(), advice->transportAdvice.end());
+    for (const auto& [name, entry] : byName) {
         fields.strings.push_back(name);
         add(entry);
     }
-}
-
-template <class T>
-bool addSubscription(Fields& fields, const Message& message) {
-    auto* m = dynamic_cast<const T*>(&message);
-    if (m != nullptr) {
-        fields.strings.push_back(m->subscription);
-    }
-    return m != nullptr;
 }
 
 Fields fieldsOf(const Message& message) {
@@ -87,11 +80,16 @@ Fields fieldsOf(const Message& message) {
         addAdvice(fields, m->advice);
     } else if (auto* m = dynamic_cast<const ConnectStreamResponse*>(&message)) {
         addAdvice(fields, m->advice);
-    } else if (addSubscription<SubscribeRequest>(fields, message) || addSubscription<UnsubscribeRequest>(fields, message)) {
-    } else if (addSubscription<SubscribeResponse>(fields, message)) {
-        addAdvice(fields, dynamic_cast<const SubscribeResponse&>(message).advice);
-    } else if (addSubscription<UnsubscribeResponse>(fields, message)) {
-        addAdvice(fields, dynamic_cast<const UnsubscribeResponse&>(message).advice);
+    } else if (auto* m = dynamic_cast<const SubscribeRequest*>(&message)) {
+        fields.strings.push_back(m->subscription);
+    } else if (auto* m = dynamic_cast<const UnsubscribeRequest*>(&message)) {
+        fields.strings.push_back(m->subscription);
+    } else if (auto* m = dynamic_cast<const SubscribeResponse*>(&message)) {
+        fields.strings.push_back(m->subscription);
+        addAdvice(fields, m->advice);
+    } else if (auto* m = dynamic_cast<const UnsubscribeResponse*>(&message)) {
+        fields.strings.push_back(m->subscription);
+        addAdvice(fields, m->advice);
     } else if (auto* m = dynamic_cast<const PublishRequest*>(&message)) {
         if (m->data == nullptr) {
             fail("a publish read from the wire has no data buffer");
@@ -180,7 +178,8 @@ std::string checkRoundTrip(std::unique_ptr<Message>& message, bool isRequest) {
         return text;
     }
     if (!sameClass) {
-        fail(std::string("class differs: ") + typeid(originalMessage).name() + " became " + typeid(rereadMessage).name());
+        fail(std::string("class differs: ") + typeid(originalMessage).name() + " became " +
+             typeid(rereadMessage).name());
     }
     compareFields(original, fieldsOf(*reread));
     // Writing is idempotent: strings repaired on the first write are written the same way

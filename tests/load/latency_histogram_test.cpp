@@ -38,7 +38,8 @@ TEST(LatencyHistogram, SmallValuesAreExactAndLargeOnesWithinTheBucketError) {
                  {small, 1.0, 5, 0},        {uniform, 0.5, 500000, 3906}, {uniform, 0.9, 900000, 7031},
                  {uniform, 0.99, 990000, 7734}, {uniform, 0.999, 999000, 7804}, {uniform, 1.0, 1000000, 0}};
     for (const auto& c : cases) {
-        EXPECT_NEAR(static_cast<double>(c.histogram.valueAtQuantile(c.quantile)), c.value, c.error) << "q=" << c.quantile;
+        EXPECT_NEAR(static_cast<double>(c.histogram.valueAtQuantile(c.quantile)), c.value, c.error)
+            << "q=" << c.quantile;
     }
     EXPECT_EQ(small.count(), 5u);
     EXPECT_EQ(small.max(), 5u);

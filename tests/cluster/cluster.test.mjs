@@ -17,7 +17,7 @@ const client = async (server, transport = "long-polling") => {
     await handshake(cometd);
     return cometd;
 };
-const clusterWarnings = (server) => server.stderr().split("\n").filter((line) => line.includes("[korvane::cluster]"));
+const clusterWarnings = (server) => server.output().split("\n").filter((line) => line.includes("[korvane::cluster]"));
 
 describe("servers sharing channels through Redis", () => {
     const password = `pw-${randomBytes(6).toString("hex")}`;
@@ -109,7 +109,7 @@ describe("servers sharing channels through Redis", () => {
         assert.equal(new Set(remoteSeen).size, remoteSeen.length, "no duplicates");
         assert.deepEqual([...remoteSeen].sort((x, y) => x - y), remoteSeen, "in order");
         assert.deepEqual(remoteSeen.filter((value) => value >= resumed), Array.from({ length: 20 }, (_, k) => resumed + k), "nothing lost once back");
-        for (const server of Object.values(servers)) assert.ok(!server.stderr().includes(password), "the password is never logged");
+        for (const server of Object.values(servers)) assert.ok(!server.output().includes(password), "the password is never logged");
     });
 });
 

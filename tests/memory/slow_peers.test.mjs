@@ -89,7 +89,7 @@ test("peers that read nothing cost a bounded amount of memory, given back once t
         assert.ok(await until(() => received === messages, 30000), `the reader got ${received} of ${messages}`);
         clearInterval(sampler);
 
-        assert.match(server.stderr(), /WebSocket cut: \d+ bytes waiting for a peer that does not read/);
+        assert.match(server.output(), /WebSocket cut: \d+ bytes waiting for a peer that does not read/);
         const after = await post(server.bayeux, [{ channel: "/meta/connect", clientId: quietId, connectionType: "long-polling" }], quiet.cookie);
         assert.equal(after.replies[0].error, "No such clientId.", "the quiet long-polling client was dropped");
 

@@ -51,7 +51,8 @@ export async function startServer({ listen = "127.0.0.1:0", args = [], env = {} 
         url,
         port: Number(new URL(url).port),
         bayeux: new URL("/bayeux", url).href,
-        stderr: server.output,
+        // What the server wrote so far, on stdout and stderr.
+        output: server.output,
         // Stops the server as an operator does, by default, and checks that it exits
         // cleanly: a sanitizer build that found a fault exits otherwise.
         async stop(signal = "SIGTERM") {

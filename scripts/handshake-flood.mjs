@@ -5,7 +5,7 @@
 //   node scripts/handshake-flood.mjs [HANDSHAKES]      (KORVANE_SERVER names the binary)
 
 import { readFileSync } from "node:fs";
-import { startServer } from "../tests/interop/server.mjs";
+import { startServer } from "../tests/support/launch.mjs";
 
 const handshakes = Number(process.argv[2] ?? 100000);
 const concurrency = 32;

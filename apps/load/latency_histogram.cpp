@@ -36,35 +36,35 @@ std::uint64_t LatencyHistogram::widthOf(std::size_t bucket) {
 }
 
 void LatencyHistogram::record(std::uint64_t value) {
-    ++counts_[bucketOf(value)];
-    ++count_;
-    max_ = std::max(max_, value);
+    ++counts[bucketOf(value)];
+    ++recorded;
+    largest = std::max(largest, value);
 }
 
 void LatencyHistogram::merge(const LatencyHistogram& other) {
     for (std::size_t i = 0; i < kBucketCount; ++i) {
-        counts_[i] += other.counts_[i];
+        counts[i] += other.counts[i];
     }
-    count_ += other.count_;
-    max_ = std::max(max_, other.max_);
+    recorded += other.recorded;
+    largest = std::max(largest, other.largest);
 }
 
 void LatencyHistogram::clear() { *this = LatencyHistogram(); }
 
 std::uint64_t LatencyHistogram::valueAtQuantile(double q) const {
-    if (count_ == 0) {
+    if (recorded == 0) {
         return 0;
     }
     const double clamped = std::min(1.0, std::max(0.0, q));
-    const std::uint64_t rank = std::max<std::uint64_t>(1, static_cast<std::uint64_t>(std::ceil(clamped * count_)));
+    const std::uint64_t rank = std::max<std::uint64_t>(1, static_cast<std::uint64_t>(std::ceil(clamped * recorded)));
     std::uint64_t seen = 0;
     for (std::size_t i = 0; i < kBucketCount; ++i) {
-        seen += counts_[i];
+        seen += counts[i];
         if (seen >= rank) {
-            return std::min(max_, lowestValueOf(i) + widthOf(i) / 2);
+            return std::min(largest, lowestValueOf(i) + widthOf(i) / 2);
         }
     }
-    return max_;
+    return largest;
 }
 
 }  // namespace korvane::load

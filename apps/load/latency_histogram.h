@@ -22,8 +22,8 @@ public:
     void merge(const LatencyHistogram& other);
     void clear();
 
-    std::uint64_t count() const { return count_; }
-    std::uint64_t max() const { return max_; }
+    std::uint64_t count() const { return recorded; }
+    std::uint64_t max() const { return largest; }
     // The value at quantile `q` (0..1): the midpoint of the bucket holding the
     // ceil(q * count)-th smallest value, never above the largest recorded. 0 when empty.
     std::uint64_t valueAtQuantile(double q) const;
@@ -32,12 +32,12 @@ public:
     static std::size_t bucketOf(std::uint64_t value);
     static std::uint64_t lowestValueOf(std::size_t bucket);
     static std::uint64_t widthOf(std::size_t bucket);
-    std::uint64_t countAt(std::size_t bucket) const { return counts_[bucket]; }
+    std::uint64_t countAt(std::size_t bucket) const { return counts[bucket]; }
 
 private:
-    std::array<std::uint64_t, kBucketCount> counts_{};
-    std::uint64_t count_ = 0;
-    std::uint64_t max_ = 0;
+    std::array<std::uint64_t, kBucketCount> counts{};
+    std::uint64_t recorded = 0;
+    std::uint64_t largest = 0;
 };
 
 }  // namespace korvane::load

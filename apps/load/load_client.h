@@ -53,7 +53,7 @@ public:
     // Publishers start their schedule, churners their cycles; the plan's times are set.
     void startPublishing();
 
-    Role role() const { return setup_.role; }
+    Role role() const { return setup.role; }
 
 private:
     void openLink();
@@ -79,27 +79,27 @@ private:
     std::size_t randomRoom();
     std::string nextId();
 
-    boost::asio::io_context& io_;
-    ThreadStats& stats_;
-    RunPlan& plan_;
-    const ClientSetup setup_;
-    std::unique_ptr<Link> link_;
-    boost::asio::steady_timer connectTimer_;
-    boost::asio::steady_timer publishTimer_;
-    std::mt19937 random_;
-    std::string clientId_;
-    std::vector<bool> subscribed_;  // per entry of setup_.rooms, counted in the plan
-    std::size_t subscribedCount_ = 0;
-    bool up_ = false;
-    bool connectOutstanding_ = false;
-    bool firstConnect_ = true;
-    std::int64_t connectInterval_ = 0;
-    unsigned session_ = 0;  // bumped by every handshake: timers of an older session do nothing
-    std::uint64_t messageId_ = 0;
-    std::int64_t sequence_ = 0;
-    std::int64_t nextSend_ = 0;
-    std::vector<std::int64_t> lastSequence_;  // per publisher id, -1 before the first
-    std::string message_;                     // reused to build publishes
+    boost::asio::io_context& io;
+    ThreadStats& stats;
+    RunPlan& plan;
+    const ClientSetup setup;
+    std::unique_ptr<Link> link;
+    boost::asio::steady_timer connectTimer;
+    boost::asio::steady_timer publishTimer;
+    std::mt19937 random;
+    std::string clientId;
+    std::vector<bool> subscribed;  // per entry of setup.rooms, counted in the plan
+    std::size_t subscribedCount = 0;
+    bool up = false;
+    bool connectOutstanding = false;
+    bool firstConnect = true;
+    std::int64_t connectInterval = 0;
+    unsigned session = 0;  // bumped by every handshake: timers of an older session do nothing
+    std::uint64_t messageId = 0;
+    std::int64_t sequence = 0;
+    std::int64_t nextSend = 0;
+    std::vector<std::int64_t> lastSequence;  // per publisher id, -1 before the first
+    std::string publishText;                 // reused to build publishes
 };
 
 }  // namespace korvane::load

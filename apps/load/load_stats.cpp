@@ -20,17 +20,17 @@ void StatsSnapshot::add(const StatsSnapshot& other) {
 }
 
 StatsSnapshot ThreadStats::takeSecond() {
-    StatsSnapshot second = second_;
-    second.clientsUp = clientsUp_;
-    total_.add(second_);
-    second_ = StatsSnapshot();
-    return second;
+    StatsSnapshot taken = second;
+    taken.clientsUp = clientsUp;
+    totals.add(second);
+    second = StatsSnapshot();
+    return taken;
 }
 
 StatsSnapshot ThreadStats::total() const {
-    StatsSnapshot all = total_;
-    all.add(second_);
-    all.clientsUp = clientsUp_;
+    StatsSnapshot all = totals;
+    all.add(second);
+    all.clientsUp = clientsUp;
     return all;
 }
 

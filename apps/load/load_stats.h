@@ -34,10 +34,10 @@ struct StatsSnapshot {
 // Threading: one I/O thread's; see above.
 class ThreadStats {
 public:
-    LoadCounters& counters() { return second_.counters; }
-    void recordLatency(std::uint64_t micros) { second_.latency.record(micros); }
-    void clientUp() { ++clientsUp_; }
-    void clientDown() { --clientsUp_; }
+    LoadCounters& counters() { return second.counters; }
+    void recordLatency(std::uint64_t micros) { second.latency.record(micros); }
+    void clientUp() { ++clientsUp; }
+    void clientDown() { --clientsUp; }
 
     // The last second's figures; they are added to the totals and start again.
     StatsSnapshot takeSecond();
@@ -45,9 +45,9 @@ public:
     StatsSnapshot total() const;
 
 private:
-    StatsSnapshot second_;
-    StatsSnapshot total_;
-    std::int64_t clientsUp_ = 0;
+    StatsSnapshot second;
+    StatsSnapshot totals;
+    std::int64_t clientsUp = 0;
 };
 
 }  // namespace korvane::load

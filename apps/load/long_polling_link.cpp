@@ -26,16 +26,16 @@ namespace http = boost::beast::http;
 class HttpChannel : public std::enable_shared_from_this<HttpChannel> {
 public:
     HttpChannel(boost::asio::io_context& io, const LinkTarget& target, std::string& cookie, LinkEvents& events)
-        : io_(io), target_(target), cookie_(cookie), events_(events) {}
+        : io(io), target(target), cookie(cookie), events(events) {}
 
     void send(std::string message) {
-        queued_.push_back(std::move(message));
-        if (!busy_ && !flushPosted_) {
+        queued.push_back(std::move(message));
+        if (!busy && !flushPosted) {
             // Messages sent by the same handler go out together in one request.
-            flushPosted_ = true;
-            boost::asio::post(io_, [self = shared_from_this()] {
-                self->flushPosted_ = false;
-                if (!self->closed_ && !self->busy_ && !self->queued_.empty()) {
+            flushPosted = true;
+            boost::asio::post(io, [self = shared_from_this()] {
+                self->flushPosted = false;
+                if (!self->closed && !self->busy && !self->queued.empty()) {
                     self->startRequest();
                 }
             });
@@ -43,7 +43,7 @@ public:
     }
 
     void close() {
-        closed_ = true;
+        closed = true;
         dropConnection();
     }
 
@@ -51,26 +51,26 @@ private:
     using Stream = beast::tcp_stream;
 
     void startRequest() {
-        busy_ = true;
-        request_ = {http::verb::post, target_.path, 11};
-        request_.set(http::field::host, target_.hostHeader);
-        request_.set(http::field::content_type, "application/json;charset=UTF-8");
-        if (!cookie_.empty()) {
-            request_.set(http::field::cookie, cookie_);
+        busy = true;
+        request = {http::verb::post, target.path, 11};
+        request.set(http::field::host, target.hostHeader);
+        request.set(http::field::content_type, "application/json;charset=UTF-8");
+        if (!cookie.empty()) {
+            request.set(http::field::cookie, cookie);
         }
-        std::string& body = request_.body();
+        std::string& body = request.body();
         body.push_back('[');
-        for (std::size_t i = 0; i < queued_.size(); ++i) {
+        for (std::size_t i = 0; i < queued.size(); ++i) {
             if (i != 0) {
                 body.push_back(',');
             }
-            body += queued_[i];
+            body += queued[i];
         }
         body.push_back(']');
-        queued_.clear();
-        request_.prepare_payload();
-        retried_ = false;
-        if (stream_) {
+        queued.clear();
+        request.prepare_payload();
+        retried = false;
+        if (stream) {
             writeRequest();
         } else {
             connect();
@@ -78,16 +78,16 @@ private:
     }
 
     void connect() {
-        stream_ = std::make_shared<Stream>(io_);
-        ++generation_;
-        reused_ = false;
-        if (auto ec = prepareSocket(stream_->socket(), target_.server, target_.source)) {
-            boost::asio::post(io_, [self = shared_from_this(), what = "socket: " + ec.message()] { self->fail(what); });
+        stream = std::make_shared<Stream>(io);
+        ++generation;
+        reused = false;
+        if (auto ec = prepareSocket(stream->socket(), target.server, target.source)) {
+            boost::asio::post(io, [self = shared_from_this(), what = "socket: " + ec.message()] { self->fail(what); });
             return;
         }
-        stream_->async_connect(target_.server, [self = shared_from_this(), stream = stream_,
-                                                generation = generation_](beast::error_code ec) {
-            if (generation == self->generation_ && !self->closed_) {
+        stream->async_connect(target.server, [self = shared_from_this(), stream = stream,
+                                                generation = generation](beast::error_code ec) {
+            if (generation == self->generation && !self->closed) {
                 ec ? self->fail("connect: " + ec.message()) : self->writeRequest();
             }
         });
@@ -95,20 +95,20 @@ private:
 
     void writeRequest() {
         http::async_write(
-            *stream_, request_,
-            [self = shared_from_this(), stream = stream_, generation = generation_](beast::error_code ec, std::size_t) {
-                if (generation == self->generation_ && !self->closed_) {
+            *stream, request,
+            [self = shared_from_this(), stream = stream, generation = generation](beast::error_code ec, std::size_t) {
+                if (generation == self->generation && !self->closed) {
                     ec ? self->retryOrFail("write: " + ec.message()) : self->readResponse();
                 }
             });
     }
 
     void readResponse() {
-        response_ = {};
+        response = {};
         http::async_read(
-            *stream_, buffer_, response_,
-            [self = shared_from_this(), stream = stream_, generation = generation_](beast::error_code ec, std::size_t) {
-                if (generation == self->generation_ && !self->closed_) {
+            *stream, buffer, response,
+            [self = shared_from_this(), stream = stream, generation = generation](beast::error_code ec, std::size_t) {
+                if (generation == self->generation && !self->closed) {
                     ec ? self->retryOrFail("read: " + ec.message()) : self->onResponse();
                 }
             });
@@ -117,8 +117,8 @@ private:
     // A kept-alive connection the server closed while idle fails the next request
     // before any answer: that request goes again once on a new connection.
     void retryOrFail(const std::string& what) {
-        if (reused_ && !retried_) {
-            retried_ = true;
+        if (reused && !retried) {
+            retried = true;
             dropConnection();
             connect();
             return;
@@ -127,58 +127,58 @@ private:
     }
 
     void onResponse() {
-        reused_ = true;
-        const auto setCookie = response_.find(http::field::set_cookie);
-        if (setCookie != response_.end()) {
+        reused = true;
+        const auto setCookie = response.find(http::field::set_cookie);
+        if (setCookie != response.end()) {
             const std::string value(setCookie->value());
-            cookie_ = value.substr(0, value.find(';'));
+            cookie = value.substr(0, value.find(';'));
         }
-        if (!response_.keep_alive()) {
+        if (!response.keep_alive()) {
             dropConnection();
         }
-        if (response_.result() != http::status::ok) {
-            return fail("HTTP " + std::to_string(response_.result_int()));
+        if (response.result() != http::status::ok) {
+            return fail("HTTP " + std::to_string(response.result_int()));
         }
-        busy_ = false;
-        events_.onBody(response_.body());
-        if (!closed_ && !busy_ && !queued_.empty()) {
+        busy = false;
+        events.onBody(response.body());
+        if (!closed && !busy && !queued.empty()) {
             startRequest();
         }
     }
 
     void dropConnection() {
-        if (stream_) {
+        if (stream) {
             beast::error_code ignored;
-            stream_->socket().close(ignored);
-            stream_.reset();
+            stream->socket().close(ignored);
+            stream.reset();
         }
-        ++generation_;
-        buffer_.clear();
+        ++generation;
+        buffer.clear();
     }
 
     void fail(const std::string& what) {
         dropConnection();
-        busy_ = false;
-        queued_.clear();
-        events_.onFailure(what);
+        busy = false;
+        queued.clear();
+        events.onFailure(what);
     }
 
-    boost::asio::io_context& io_;
-    const LinkTarget& target_;
-    std::string& cookie_;
-    LinkEvents& events_;
-    std::shared_ptr<Stream> stream_;
+    boost::asio::io_context& io;
+    const LinkTarget& target;
+    std::string& cookie;
+    LinkEvents& events;
+    std::shared_ptr<Stream> stream;
     // Bumped when a connection is dropped, so that the handlers of the old one do nothing.
-    unsigned generation_ = 0;
-    http::request<http::string_body> request_;
-    http::response<http::string_body> response_;
-    beast::flat_buffer buffer_;
-    std::vector<std::string> queued_;
-    bool busy_ = false;
-    bool flushPosted_ = false;
-    bool reused_ = false;
-    bool retried_ = false;
-    bool closed_ = false;
+    unsigned generation = 0;
+    http::request<http::string_body> request;
+    http::response<http::string_body> response;
+    beast::flat_buffer buffer;
+    std::vector<std::string> queued;
+    bool busy = false;
+    bool flushPosted = false;
+    bool reused = false;
+    bool retried = false;
+    bool closed = false;
 };
 
 // The link's shared parts: the target, the cookie jar and the events both channels use.
@@ -192,23 +192,23 @@ struct LongPollingState {
 class LongPollingLink : public Link {
 public:
     LongPollingLink(boost::asio::io_context& io, const LinkTarget& target, LinkEvents events)
-        : state_(std::make_shared<LongPollingState>(target, std::move(events))),
-          commands_(std::make_shared<HttpChannel>(io, state_->target, state_->cookie, state_->events)),
-          connects_(std::make_shared<HttpChannel>(io, state_->target, state_->cookie, state_->events)) {}
+        : state(std::make_shared<LongPollingState>(target, std::move(events))),
+          commands(std::make_shared<HttpChannel>(io, state->target, state->cookie, state->events)),
+          connects(std::make_shared<HttpChannel>(io, state->target, state->cookie, state->events)) {}
     ~LongPollingLink() override { close(); }
 
     void send(std::string message, bool isConnect) override {
-        (isConnect ? connects_ : commands_)->send(std::move(message));
+        (isConnect ? connects : commands)->send(std::move(message));
     }
     void close() override {
-        commands_->close();
-        connects_->close();
+        commands->close();
+        connects->close();
     }
 
 private:
-    std::shared_ptr<LongPollingState> state_;
-    std::shared_ptr<HttpChannel> commands_;
-    std::shared_ptr<HttpChannel> connects_;
+    std::shared_ptr<LongPollingState> state;
+    std::shared_ptr<HttpChannel> commands;
+    std::shared_ptr<HttpChannel> connects;
 };
 
 }  // namespace

@@ -25,18 +25,18 @@ using tcp = boost::asio::ip::tcp;
 class WebSocketState : public std::enable_shared_from_this<WebSocketState> {
 public:
     WebSocketState(boost::asio::io_context& io, const LinkTarget& target, LinkEvents events)
-        : io_(io), target_(target), events_(std::move(events)) {}
+        : io(io), target(target), events(std::move(events)) {}
 
     void send(std::string message) {
-        queued_.push_back(std::move(message));
-        if (!stream_) {
+        queued.push_back(std::move(message));
+        if (!stream) {
             open();
-        } else if (open_ && !writing_ && !flushPosted_) {
+        } else if (isOpen && !writing && !flushPosted) {
             // Messages sent by the same handler go out together in one write.
-            flushPosted_ = true;
-            boost::asio::post(io_, [self = shared_from_this(), generation = generation_] {
-                self->flushPosted_ = false;
-                if (generation == self->generation_ && self->open_ && !self->writing_ && !self->queued_.empty()) {
+            flushPosted = true;
+            boost::asio::post(io, [self = shared_from_this(), generation = generation] {
+                self->flushPosted = false;
+                if (generation == self->generation && self->isOpen && !self->writing && !self->queued.empty()) {
                     self->writeQueued();
                 }
             });
@@ -44,168 +44,168 @@ public:
     }
 
     void close() {
-        closed_ = true;
-        if (stream_) {
+        closed = true;
+        if (stream) {
             beast::error_code ignored;
-            beast::get_lowest_layer(*stream_).socket().close(ignored);
+            beast::get_lowest_layer(*stream).socket().close(ignored);
         }
     }
 
 private:
     void open() {
-        stream_ = std::make_shared<websocket::stream<beast::tcp_stream>>(io_);
-        stream_->read_message_max(64 * 1024 * 1024);
-        auto& socket = beast::get_lowest_layer(*stream_).socket();
-        if (auto ec = prepareSocket(socket, target_.server, target_.source)) {
-            boost::asio::post(io_, [self = shared_from_this(), what = "socket: " + ec.message()] { self->fail(what); });
+        stream = std::make_shared<websocket::stream<beast::tcp_stream>>(io);
+        stream->read_message_max(64 * 1024 * 1024);
+        auto& socket = beast::get_lowest_layer(*stream).socket();
+        if (auto ec = prepareSocket(socket, target.server, target.source)) {
+            boost::asio::post(io, [self = shared_from_this(), what = "socket: " + ec.message()] { self->fail(what); });
             return;
         }
-        beast::get_lowest_layer(*stream_).async_connect(
-            target_.server,
-            [self = shared_from_this(), stream = stream_, generation = generation_](beast::error_code ec) {
-                if (generation == self->generation_) self->onConnected(ec);
+        beast::get_lowest_layer(*stream).async_connect(
+            target.server,
+            [self = shared_from_this(), stream = stream, generation = generation](beast::error_code ec) {
+                if (generation == self->generation) self->onConnected(ec);
             });
     }
 
     void onConnected(beast::error_code ec) {
-        if (closed_) {
+        if (closed) {
             return;
         }
         if (ec) {
             return fail("connect: " + ec.message());
         }
-        if (!cookie_.empty()) {
-            stream_->set_option(websocket::stream_base::decorator([cookie = cookie_](websocket::request_type& request) {
+        if (!cookie.empty()) {
+            stream->set_option(websocket::stream_base::decorator([cookie = cookie](websocket::request_type& request) {
                 request.set(beast::http::field::cookie, cookie);
             }));
         }
-        stream_->async_handshake(
-            upgrade_, target_.hostHeader, target_.path,
-            [self = shared_from_this(), stream = stream_, generation = generation_](beast::error_code ec) {
-                if (generation == self->generation_) self->onUpgraded(ec);
+        stream->async_handshake(
+            upgrade, target.hostHeader, target.path,
+            [self = shared_from_this(), stream = stream, generation = generation](beast::error_code ec) {
+                if (generation == self->generation) self->onUpgraded(ec);
             });
     }
 
     void onUpgraded(beast::error_code ec) {
-        if (closed_) {
+        if (closed) {
             return;
         }
         if (ec) {
             return fail("upgrade: " + ec.message());
         }
-        const auto setCookie = upgrade_.find(beast::http::field::set_cookie);
-        if (setCookie != upgrade_.end()) {
+        const auto setCookie = upgrade.find(beast::http::field::set_cookie);
+        if (setCookie != upgrade.end()) {
             const std::string value(setCookie->value());
-            cookie_ = value.substr(0, value.find(';'));
+            cookie = value.substr(0, value.find(';'));
         }
-        open_ = true;
+        isOpen = true;
         readNext();
-        if (!queued_.empty()) {
+        if (!queued.empty()) {
             writeQueued();
         }
     }
 
     void readNext() {
-        stream_->async_read(buffer_, [self = shared_from_this(), stream = stream_, generation = generation_](
+        stream->async_read(buffer, [self = shared_from_this(), stream = stream, generation = generation](
                                          beast::error_code ec, std::size_t) {
-            if (generation == self->generation_) {
+            if (generation == self->generation) {
                 self->onRead(ec);
             }
         });
     }
 
     void onRead(beast::error_code ec) {
-        if (closed_) {
+        if (closed) {
             return;
         }
         if (ec) {
             return fail("read: " + ec.message());
         }
-        const auto data = buffer_.cdata();
-        events_.onBody(std::string_view(static_cast<const char*>(data.data()), data.size()));
-        buffer_.consume(buffer_.size());
-        if (!closed_ && open_) {
+        const auto data = buffer.cdata();
+        events.onBody(std::string_view(static_cast<const char*>(data.data()), data.size()));
+        buffer.consume(buffer.size());
+        if (!closed && isOpen) {
             readNext();
         }
     }
 
     void writeQueued() {
-        writing_ = true;
-        outgoing_.clear();
-        outgoing_.push_back('[');
-        for (std::size_t i = 0; i < queued_.size(); ++i) {
+        writing = true;
+        outgoing.clear();
+        outgoing.push_back('[');
+        for (std::size_t i = 0; i < queued.size(); ++i) {
             if (i != 0) {
-                outgoing_.push_back(',');
+                outgoing.push_back(',');
             }
-            outgoing_ += queued_[i];
+            outgoing += queued[i];
         }
-        outgoing_.push_back(']');
-        queued_.clear();
-        stream_->text(true);
-        stream_->async_write(
-            boost::asio::buffer(outgoing_),
-            [self = shared_from_this(), stream = stream_, generation = generation_](beast::error_code ec, std::size_t) {
-                if (generation == self->generation_) {
+        outgoing.push_back(']');
+        queued.clear();
+        stream->text(true);
+        stream->async_write(
+            boost::asio::buffer(outgoing),
+            [self = shared_from_this(), stream = stream, generation = generation](beast::error_code ec, std::size_t) {
+                if (generation == self->generation) {
                     self->onWritten(ec);
                 }
             });
     }
 
     void onWritten(beast::error_code ec) {
-        writing_ = false;
-        if (closed_) {
+        writing = false;
+        if (closed) {
             return;
         }
         if (ec) {
             return fail("write: " + ec.message());
         }
-        if (!queued_.empty()) {
+        if (!queued.empty()) {
             writeQueued();
         }
     }
 
     // Drops the connection; the next send() opens a new one.
     void fail(const std::string& what) {
-        if (stream_) {
+        if (stream) {
             beast::error_code ignored;
-            beast::get_lowest_layer(*stream_).socket().close(ignored);
+            beast::get_lowest_layer(*stream).socket().close(ignored);
         }
-        stream_.reset();
-        ++generation_;
-        open_ = false;
-        writing_ = false;
-        queued_.clear();
-        events_.onFailure(what);
+        stream.reset();
+        ++generation;
+        isOpen = false;
+        writing = false;
+        queued.clear();
+        events.onFailure(what);
     }
 
-    boost::asio::io_context& io_;
-    const LinkTarget target_;
-    LinkEvents events_;
-    std::shared_ptr<websocket::stream<beast::tcp_stream>> stream_;
+    boost::asio::io_context& io;
+    const LinkTarget target;
+    LinkEvents events;
+    std::shared_ptr<websocket::stream<beast::tcp_stream>> stream;
     // Bumped when a stream is dropped, so that the handlers of the old one, which
     // keep it alive until they run, do nothing.
-    unsigned generation_ = 0;
-    websocket::response_type upgrade_;
-    beast::flat_buffer buffer_;
-    std::vector<std::string> queued_;
-    std::string outgoing_;
-    std::string cookie_;
-    bool open_ = false;
-    bool writing_ = false;
-    bool flushPosted_ = false;
-    bool closed_ = false;
+    unsigned generation = 0;
+    websocket::response_type upgrade;
+    beast::flat_buffer buffer;
+    std::vector<std::string> queued;
+    std::string outgoing;
+    std::string cookie;
+    bool isOpen = false;
+    bool writing = false;
+    bool flushPosted = false;
+    bool closed = false;
 };
 
 class WebSocketLink : public Link {
 public:
     WebSocketLink(boost::asio::io_context& io, const LinkTarget& target, LinkEvents events)
-        : state_(std::make_shared<WebSocketState>(io, target, std::move(events))) {}
-    ~WebSocketLink() override { state_->close(); }
-    void send(std::string message, bool) override { state_->send(std::move(message)); }
-    void close() override { state_->close(); }
+        : state(std::make_shared<WebSocketState>(io, target, std::move(events))) {}
+    ~WebSocketLink() override { state->close(); }
+    void send(std::string message, bool) override { state->send(std::move(message)); }
+    void close() override { state->close(); }
 
 private:
-    std::shared_ptr<WebSocketState> state_;
+    std::shared_ptr<WebSocketState> state;
 };
 
 }  // namespace

@@ -12,10 +12,10 @@
 #include "korvane/cluster/bounded_queue.h"
 #include "korvane/cluster/cluster_frame.h"
 #include "korvane/cluster/redis_connection.h"
-#include "korvane/cluster/warning_throttle.h"
 #include "korvane/frame/callback_subscriber.h"
 #include "korvane/frame/logger.h"
 #include "korvane/frame/random.h"
+#include "korvane/frame/warning_throttle.h"
 
 namespace korvane::cluster {
 
@@ -68,7 +68,7 @@ struct RedisBridge::Outbox {
 
     // Logs at most once per warning period, with the count of messages dropped meanwhile.
     void warn(const std::string& what) {
-        if (!throttle.allow(WarningThrottle::Clock::now())) {
+        if (!throttle.allow(common::WarningThrottle::Clock::now())) {
             return;
         }
         const std::uint64_t dropped = queue.takeDropped();
@@ -88,7 +88,7 @@ struct RedisBridge::Outbox {
     }
 
     BoundedQueue<Delivery> queue;
-    WarningThrottle throttle;
+    common::WarningThrottle throttle;
     // The context of messages that came in from Redis.
     const std::shared_ptr<Context> inboundMark;
 };

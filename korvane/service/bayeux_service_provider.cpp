@@ -20,8 +20,6 @@ common::diagnostic_logger logger("korvane::bayeux::service");
 constexpr const char* noSuchClientText = "No such clientId.";
 // Ticks between two sweeps (10 seconds).
 constexpr long long sweepPeriodTicks = 100;
-// Ticks between two warnings about clients dropped over the pending-message limit.
-constexpr long long dropWarningPeriodTicks = 10;
 
 bool readForceIdClear() {
     const char* value = std::getenv("TORVEX_KORVANE_BAYEUX_FORCE_ID_CLEAR");
@@ -168,13 +166,13 @@ void BayeuxServiceProviderImpl::dropOverflowingClient(const std::string& clientI
 }
 
 void BayeuxServiceProviderImpl::doWarnAboutDroppedClients(std::unique_lock<std::mutex>& /*lock*/, long long tick) {
-    if (droppedSinceWarning == 0 || (lastDropWarningTick && tick - *lastDropWarningTick < dropWarningPeriodTicks)) {
+    const common::WarningThrottle::Clock::time_point now(std::chrono::milliseconds(tick * common::tickMilliseconds));
+    if (droppedSinceWarning == 0 || !dropWarnings.allow(now)) {
         return;
     }
     KORVANE_LOG(logger, common::logWarning) << "Dropped " << droppedSinceWarning << " client(s) over the limit of "
                              << options.maxPendingMessages << " pending messages";
     droppedSinceWarning = 0;
-    lastDropWarningTick = tick;
 }
 
 // ---- sweep and limits ----

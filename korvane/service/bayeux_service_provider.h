@@ -19,10 +19,10 @@
 // releases the sweeper, which waits for a sweep running on another thread, before
 // any member is destroyed. The provider must be owned by a std::shared_ptr.
 
+#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -30,6 +30,7 @@
 #include "korvane/codec/bayeux_service.h"
 #include "korvane/codec/routing_interfaces.h"
 #include "korvane/frame/timers.h"
+#include "korvane/frame/warning_throttle.h"
 
 namespace korvane::bayeux {
 
@@ -142,9 +143,9 @@ private:
     const std::vector<std::string> idClearPrefixes;
     const bool forceIdClear;
     const BayeuxServiceOptions options;
-    // Clients dropped over the pending-message limit since the last warning, and its tick.
+    // Clients dropped over the pending-message limit since the last warning.
     std::size_t droppedSinceWarning = 0;
-    std::optional<long long> lastDropWarningTick;
+    common::WarningThrottle dropWarnings{std::chrono::seconds(1)};
 };
 
 }  // namespace korvane::bayeux

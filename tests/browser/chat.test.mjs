@@ -9,21 +9,13 @@ import { mkdirSync } from "node:fs";
 import path from "node:path";
 import { chromium } from "playwright-core";
 
-import { startServer } from "../interop/server.mjs";
+import { startServer } from "../support/launch.mjs";
 
 const artifacts = process.env.KORVANE_ARTIFACTS ?? path.resolve("build/browser");
 mkdirSync(artifacts, { recursive: true });
 
-const chromiumArgs = [
-    "--headless",
-    "--no-sandbox",
-    "--disable-gpu",
-    "--disable-quic",
-    "--no-first-run",
-    "--disable-background-networking",
-    "--disable-component-update",
-    "--disable-sync",
-];
+const chromiumArgs = ["--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+    "--disable-background-networking", "--disable-component-update", "--disable-sync"];
 
 describe("the chat page", () => {
     let server;
@@ -56,15 +48,9 @@ describe("the chat page", () => {
         await member.page.getByTestId("message-input").fill(text);
         await member.page.getByTestId("send-button").click();
     }
+    const heard = (member, text) => member.page.locator('[data-testid="message"]', { hasText: text }).waitFor({ timeout: 1000 });
 
-    function messages(member, text) {
-        return member.page.locator('[data-testid="message"]', { hasText: text });
-    }
-
-    for (const [transport, query] of [
-        ["websocket", ""],
-        ["long-polling", "?transport=long-polling"],
-    ]) {
+    for (const [transport, query] of [["websocket", ""], ["long-polling", "?transport=long-polling"]]) {
         test(`two pages in a room talk over ${transport}, a page in another room hears nothing`, async () => {
             const room = `room-${transport}`;
             const alice = await join("Alice", room, query);
@@ -75,9 +61,9 @@ describe("the chat page", () => {
             }
 
             await say(alice, `hello from Alice over ${transport}`);
-            await messages(bob, `hello from Alice over ${transport}`).waitFor({ timeout: 1000 });
+            await heard(bob, `hello from Alice over ${transport}`);
             await say(bob, "hi Alice");
-            await messages(alice, "hi Alice").waitFor({ timeout: 1000 });
+            await heard(alice, "hi Alice");
             await bob.page.locator('[data-testid="heartbeat"]', { hasText: /\d/ }).waitFor({ timeout: 3000 });
 
             // A page reloaded mid-conversation comes back to its room and keeps receiving.
@@ -85,7 +71,7 @@ describe("the chat page", () => {
             await bob.page.locator('[data-testid="status"][data-state="connected"]').waitFor({ timeout: 10000 });
             await bob.page.getByTestId("current-room").filter({ hasText: room }).waitFor({ timeout: 5000 });
             await say(alice, "welcome back, Bob");
-            await messages(bob, "welcome back, Bob").waitFor({ timeout: 1000 });
+            await heard(bob, "welcome back, Bob");
 
             await new Promise((resolve) => setTimeout(resolve, 300));
             assert.equal(await carol.page.locator('[data-testid="message"]').count(), 0, "carol's room stays quiet");

@@ -6,19 +6,17 @@
 #include <stdexcept>
 #include <string>
 
+#include "support/test_helpers.h"
+
 namespace korvane::cluster {
 namespace {
 
-struct FrameCase {
-    const char* name;
-    std::string origin;
-    std::string channel;
-    std::string id;
-    std::string clientId;
-    std::optional<std::string> data;
-};
-
 TEST(ClusterFrame, EveryFieldCrossesByteForByte) {
+    struct FrameCase {
+        const char* name;
+        std::string origin, channel, id, clientId;
+        std::optional<std::string> data;
+    };
     const std::string binary("\0\x01\xff\"\\\n", 6);
     const std::string large(70000, 'x');
     const FrameCase cases[] = {
@@ -72,8 +70,7 @@ TEST(ClusterFrame, MalformedFramesAreRefusedWithTheirReason) {
     const std::string good = encodeClusterFrame("origin", message);
     struct Bad {
         const char* name;
-        std::string frame;
-        const char* error;
+        std::string frame, error;
     };
     const Bad cases[] = {
         {"empty", "", "Truncated cluster frame"},
@@ -86,13 +83,8 @@ TEST(ClusterFrame, MalformedFramesAreRefusedWithTheirReason) {
         {"one byte too many", good + "x", "Trailing bytes after cluster frame"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        try {
-            decodeClusterFrame(c.frame);
-            ADD_FAILURE() << "accepted";
-        } catch (const std::invalid_argument& error) {
-            EXPECT_STREQ(error.what(), c.error);
-        }
+        EXPECT_EQ(test_support::errorOf<std::invalid_argument>([&] { decodeClusterFrame(c.frame); }), c.error)
+            << c.name;
     }
 }
 

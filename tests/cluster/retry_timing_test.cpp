@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "korvane/cluster/backoff.h"
-#include "korvane/cluster/warning_throttle.h"
+#include "korvane/frame/warning_throttle.h"
 
 namespace korvane::cluster {
 namespace {
@@ -24,13 +24,12 @@ TEST(Backoff, DoublesUpToTheCapAndStartsOverAfterASuccess) {
 }
 
 TEST(WarningThrottle, LetsOneWarningThroughPerPeriod) {
-    WarningThrottle throttle(seconds(10));
-    const WarningThrottle::Clock::time_point start{};
-    struct Step {
+    common::WarningThrottle throttle(seconds(10));
+    const common::WarningThrottle::Clock::time_point start{};
+    const struct {
         milliseconds at;
         bool allowed;
-    };
-    const Step steps[] = {
+    } steps[] = {
         {milliseconds(0), true},     {milliseconds(1), false},     {milliseconds(9999), false},
         {milliseconds(10000), true}, {milliseconds(15000), false}, {milliseconds(19999), false},
         {milliseconds(20000), true}, {milliseconds(95000), true},  {milliseconds(95001), false},

@@ -15,19 +15,17 @@
 //
 // Threading: single-threaded; the manual clock runs timers on the fuzzing thread.
 
+#include <algorithm>
 #include <chrono>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include <boost/any.hpp>
-
 #include "korvane/codec/utf8.h"
+#include "korvane/frame/logger.h"
 #include "korvane/frame/manual_timer_backend.h"
 #include "korvane/frame/timers.h"
 #include "korvane/routing/bayeux_server.h"
@@ -48,12 +46,6 @@ constexpr long long maxTicksPerStep = 1500;
     std::abort();
 }
 
-inline void checkWritten(std::string_view text, const char* where) {
-    if (!isValidUtf8(text.data(), text.size())) {
-        fail(std::string("the server wrote bytes that are not UTF-8 in ") + where);
-    }
-}
-
 using test_support::TestContext;
 using test_support::Services;
 
@@ -63,10 +55,10 @@ public:
         BayeuxServiceOptions options;
         options.maxPendingMessages = fuzzPendingLimit;
         provider = std::make_shared<BayeuxServiceProviderImpl>(server, options);
-        auto made = std::make_shared<Services>();
-        (*made)["bayeux"] = provider;
-        (*made)["long-poll"] = std::make_shared<BayeuxLongPollServiceProvider>();
-        (*made)["websocket"] = std::make_shared<BayeuxWebSocketServiceProvider>();
+        auto made = std::make_shared<Services>(
+            Services{{"bayeux", provider},
+                     {"long-poll", std::make_shared<BayeuxLongPollServiceProvider>()},
+                     {"websocket", std::make_shared<BayeuxWebSocketServiceProvider>()}});
         for (auto& entry : *made) {
             entry.second->start();
         }
@@ -85,26 +77,30 @@ public:
     // Runs every step of the script: `send` gets each body or frame with its client ids filled in.
     template <class Send>
     void run(std::string_view script, Send&& send) {
-        std::size_t start = 0;
-        while (start <= script.size()) {
-            std::size_t end = script.find('\n', start);
-            if (end == std::string_view::npos) {
-                end = script.size();
+        for (std::size_t start = 0, end = 0; start <= script.size(); start = end + 1) {
+            end = std::min(script.find('\n', start), script.size());
+            const std::string_view piece = script.substr(start, end - start);
+            if (!piece.empty() && piece.front() == '+') {
+                const long long ticks = std::strtoll(std::string(piece.substr(1)).c_str(), nullptr, 10);
+                clock->advanceTicks(ticks < 0 ? 0 : ticks % (maxTicksPerStep + 1));
+            } else {
+                send(withClientIds(piece));
+                clock->advance(std::chrono::milliseconds(5));
             }
-            step(script.substr(start, end - start), send);
-            start = end + 1;
         }
     }
 
-    // Learns the client id of each handshake reply in a text written by the server.
-    void learnClientIds(std::string_view written) {
+    // Checks a text written by the server and learns the client id of each handshake reply in it.
+    void heard(std::string_view written, const char* where) {
+        if (!isValidUtf8(written.data(), written.size())) {
+            fail(std::string("the server wrote bytes that are not UTF-8 in ") + where);
+        }
         const std::string_view handshake = "\"channel\":\"/meta/handshake\"";
         const std::string_view key = "\"clientId\":\"";
         for (std::size_t at = written.find(handshake); at != std::string_view::npos;
              at = written.find(handshake, at + 1)) {
-            const std::size_t objectEnd = written.find('}', at);
             const std::size_t id = written.find(key, at);
-            if (id != std::string_view::npos && id < objectEnd && id + key.size() + 16 <= written.size()) {
+            if (id != std::string_view::npos && id < written.find('}', at) && id + key.size() + 16 <= written.size()) {
                 clientIds.emplace_back(written.substr(id + key.size(), 16));
             }
         }
@@ -113,17 +109,6 @@ public:
     std::shared_ptr<Context> requestContext() const { return context; }
 
 private:
-    template <class Send>
-    void step(std::string_view piece, Send& send) {
-        if (!piece.empty() && piece.front() == '+') {
-            long long ticks = std::strtoll(std::string(piece.substr(1)).c_str(), nullptr, 10);
-            clock->advanceTicks(ticks < 0 ? 0 : ticks % (maxTicksPerStep + 1));
-            return;
-        }
-        send(withClientIds(piece));
-        clock->advance(std::chrono::milliseconds(5));
-    }
-
     std::string withClientIds(std::string_view piece) const {
         std::string text;
         text.reserve(piece.size());
@@ -150,3 +135,9 @@ private:
 };
 
 }  // namespace korvane::bayeux::fuzzing
+
+// The server's warnings would go to the console on every refusal; the run needs none of them.
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    korvane::common::setLogLevels(0);
+    return 0;
+}

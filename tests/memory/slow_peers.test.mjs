@@ -8,15 +8,14 @@ import { test } from "node:test";
 import assert from "node:assert/strict";
 import { readFileSync } from "node:fs";
 import WebSocket from "ws";
-import { startServer } from "../interop/server.mjs";
+import { startServer } from "../support/launch.mjs";
+import { sleep } from "../support/cometd.mjs";
 
 const MiB = 1024;  // in kB
 const backlogBytes = 4 * 1024 * 1024;
 const maxPending = 500;
 const messages = 1500;
 const bytes = 10000;
-
-const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 
 async function post(bayeux, body, cookie = "") {
     const response = await fetch(bayeux, {
@@ -27,15 +26,14 @@ async function post(bayeux, body, cookie = "") {
     return { replies: await response.json(), cookie: response.headers.get("set-cookie")?.split(";")[0] ?? cookie };
 }
 
-// A WebSocket subscriber of /room speaking Bayeux by hand.
-async function webSocketSubscriber(bayeux, { onMessage = () => {}, onConnectReply = () => {} } = {}) {
+// A WebSocket subscriber of /room speaking Bayeux by hand; a reader sends its next
+// connect on each connect reply.
+async function webSocketSubscriber(bayeux, onMessage) {
     const socket = new WebSocket(bayeux.replace("http", "ws"));
-    await new Promise((resolve, reject) => {
-        socket.on("open", resolve);
-        socket.on("error", reject);
-    });
+    await new Promise((resolve, reject) => socket.once("open", resolve).once("error", reject));
     socket.on("error", () => {});
     const send = (message) => socket.send(JSON.stringify([message]));
+    const connect = () => send({ channel: "/meta/connect", connectionType: "websocket" });
     const subscribed = new Promise((resolve) => {
         socket.on("message", (data) => {
             for (const message of JSON.parse(data)) {
@@ -43,45 +41,37 @@ async function webSocketSubscriber(bayeux, { onMessage = () => {}, onConnectRepl
                     send({ channel: "/meta/subscribe", clientId: message.clientId, subscription: "/room" });
                 } else if (message.channel === "/meta/subscribe") {
                     resolve();
-                } else if (message.channel === "/meta/connect") {
-                    onConnectReply();
+                } else if (message.channel === "/meta/connect" && onMessage) {
+                    connect();
                 } else if (message.channel === "/room") {
-                    onMessage(message);
+                    onMessage?.(message);
                 }
             }
         });
     });
     send({ channel: "/meta/handshake", version: "1.0", supportedConnectionTypes: ["websocket"] });
     await subscribed;
-    return { socket, connect: () => send({ channel: "/meta/connect", connectionType: "websocket" }) };
+    return { socket, connect };
 }
 
 async function until(condition, ms) {
-    for (const end = Date.now() + ms; !condition() && Date.now() < end;) {
-        await sleep(100);
-    }
+    for (const end = Date.now() + ms; !condition() && Date.now() < end; await sleep(100));
     return condition();
 }
 
 test("peers that read nothing cost a bounded amount of memory, given back once they are cut", async () => {
     const server = await startServer({ args: ["--ws-backlog", String(backlogBytes), "--max-pending", String(maxPending)] });
     const rssKb = () => Number(/VmRSS:\s+(\d+)/.exec(readFileSync(`/proc/${server.pid}/status`, "utf8"))[1]);
-    const stalledConnects = [];
+    let stalledConnects;
     try {
         const before = rssKb();
         let received = 0;
-        const reader = await webSocketSubscriber(server.bayeux, {
-            onMessage: (message) => {
-                assert.equal(message.data.n, received, "in order");
-                received++;
-            },
-            onConnectReply: () => reader.connect(),
-        });
+        const reader = await webSocketSubscriber(server.bayeux, (message) => assert.equal(message.data.n, received++, "in order"));
         reader.connect();
 
         const stalled = await webSocketSubscriber(server.bayeux);
         stalled.socket._socket.pause();
-        stalledConnects.push(setInterval(() => stalled.socket.readyState === WebSocket.OPEN && stalled.connect(), 20));
+        stalledConnects = setInterval(() => stalled.socket.readyState === WebSocket.OPEN && stalled.connect(), 20);
 
         const quiet = await post(server.bayeux, [{ channel: "/meta/handshake", version: "1.0", supportedConnectionTypes: ["long-polling"] }]);
         const quietId = quiet.replies[0].clientId;
@@ -93,16 +83,13 @@ test("peers that read nothing cost a bounded amount of memory, given back once t
         let highest = before;
         const sampler = setInterval(() => (highest = Math.max(highest, rssKb())), 50);
         for (let n = 0; n < messages; n += 20) {
-            const batch = [];
-            for (let k = n; k < Math.min(messages, n + 20); k++) {
-                batch.push({ channel: "/room", clientId: publisherId, data: { n: k, text } });
-            }
+            const batch = Array.from({ length: 20 }, (_, k) => ({ channel: "/room", clientId: publisherId, data: { n: n + k, text } }));
             await post(server.bayeux, batch, publisher.cookie);
         }
         assert.ok(await until(() => received === messages, 30000), `the reader got ${received} of ${messages}`);
         clearInterval(sampler);
 
-        assert.match(server.stderr(), /WebSocket cut: \d+ bytes waiting for a peer that does not read/);
+        assert.match(server.output(), /WebSocket cut: \d+ bytes waiting for a peer that does not read/);
         const after = await post(server.bayeux, [{ channel: "/meta/connect", clientId: quietId, connectionType: "long-polling" }], quiet.cookie);
         assert.equal(after.replies[0].error, "No such clientId.", "the quiet long-polling client was dropped");
 
@@ -116,7 +103,7 @@ test("peers that read nothing cost a bounded amount of memory, given back once t
         reader.socket.terminate();
         stalled.socket.terminate();
     } finally {
-        stalledConnects.forEach(clearInterval);
+        clearInterval(stalledConnects);
         await server.stop();
     }
 });

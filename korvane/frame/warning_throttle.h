@@ -1,8 +1,8 @@
 #pragma once
 
-// Lets a warning through at most once per period, so that a fault that lasts
-// (a Redis server that is down) is reported without flooding the log. The caller
-// passes the time, which keeps the throttle free of any clock.
+// Lets a warning through at most once per period, so that a fault that lasts (a Redis
+// server that is down, clients dropped one after another) is reported without flooding
+// the log. The caller passes the time, which keeps the throttle free of any clock.
 //
 // Locking: one mutex guards `lastAllowed`; any thread may ask.
 
@@ -10,7 +10,7 @@
 #include <mutex>
 #include <optional>
 
-namespace korvane::cluster {
+namespace korvane::common {
 
 class WarningThrottle {
 public:
@@ -34,4 +34,4 @@ private:
     std::optional<Clock::time_point> lastAllowed;
 };
 
-}  // namespace korvane::cluster
+}  // namespace korvane::common

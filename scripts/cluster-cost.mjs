@@ -1,37 +1,19 @@
-// Measures what the Redis bridge costs: run by hand (node tests/cluster/measure.mjs),
+// Measures what the Redis bridge costs: run by hand (node scripts/cluster-cost.mjs),
 // not by the test runner. Two servers on one redis-server; a websocket client on each
 // subscribes to a room and a client on B publishes into it at a steady pace. Prints
 // the p50/p90 of publish-to-delivery on B (local) and on A (across Redis), and the
 // CPU time each server used per message, next to a lone server under the same load.
 
-import { spawn } from "node:child_process";
 import { readFileSync } from "node:fs";
 
-import { serverBinary } from "../interop/server.mjs";
-import { handshake, newClient, publish, sleep, subscribe, until } from "../interop/client.mjs";
-import { startRedis } from "./redis.mjs";
+import { startRedis, startServer } from "../tests/support/launch.mjs";
+import { handshake, newClient, publish, sleep, subscribe, until } from "../tests/support/cometd.mjs";
 
 const messages = Number(process.env.MEASURE_MESSAGES ?? 1000);
 const pauseMs = Number(process.env.MEASURE_PAUSE_MS ?? 10);
 const transport = process.env.MEASURE_TRANSPORT ?? "websocket";
 const ticksPerSecond = 100;
-
-function launch(args) {
-    const child = spawn(serverBinary, ["--listen", "127.0.0.1:0", "--heartbeat", "0", "--threads", "1", ...args], {
-        stdio: ["ignore", "pipe", "ignore"],
-    });
-    return new Promise((resolve, reject) => {
-        let out = "";
-        child.stdout.on("data", (chunk) => {
-            out += chunk;
-            const found = out.match(/(http:\/\/[^\s]+)/);
-            if (found) {
-                resolve({ child, bayeux: new URL("/bayeux", found[1]).href });
-            }
-        });
-        child.on("exit", (code) => reject(new Error(`server exited with ${code}`)));
-    });
-}
+const launch = (args) => startServer({ args: ["--threads", "1", ...args] });
 
 // User plus system CPU seconds of a process so far.
 function cpuSeconds(pid) {
@@ -64,13 +46,13 @@ async function run(publisherServer, listenerServers) {
     }
     latencies.forEach((list) => list.splice(0));
     const servers = [publisherServer, ...listenerServers.filter((server) => server !== publisherServer)];
-    const cpuBefore = servers.map((server) => cpuSeconds(server.child.pid));
+    const cpuBefore = servers.map((server) => cpuSeconds(server.pid));
     for (let i = 0; i < messages; ++i) {
         await publish(publisher, "/measure", { sent: String(process.hrtime.bigint()), i });
         await sleep(pauseMs);
     }
     await until(() => latencies.every((list) => list.length >= messages), 30000, "every delivery");
-    const cpu = servers.map((server, i) => ((cpuSeconds(server.child.pid) - cpuBefore[i]) / messages) * 1e6);
+    const cpu = servers.map((server, i) => ((cpuSeconds(server.pid) - cpuBefore[i]) / messages) * 1e6);
     return { latencies, cpu };
 }
 
@@ -81,7 +63,7 @@ const alone = await launch([]);
 const baseline = await run(alone, [alone]);
 report("lone server, local delivery", baseline.latencies[0]);
 console.log(`lone server CPU: ${baseline.cpu[0].toFixed(1)} us per message`);
-alone.child.kill();
+await alone.stop();
 
 const redis = await startRedis();
 const url = `redis://127.0.0.1:${redis.port}`;
@@ -91,7 +73,7 @@ const clustered = await run(b, [b, a]);
 report("clustered, local delivery on B", clustered.latencies[0]);
 report("clustered, delivery on A across Redis", clustered.latencies[1]);
 console.log(`clustered CPU: B (publisher's server) ${clustered.cpu[0].toFixed(1)} us, A ${clustered.cpu[1].toFixed(1)} us per message`);
-a.child.kill();
-b.child.kill();
+await a.stop();
+await b.stop();
 await redis.stop();
 process.exit(0);

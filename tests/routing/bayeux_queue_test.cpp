@@ -7,12 +7,9 @@
 #include <cstdio>
 #include <functional>
 #include <limits>
-#include <memory>
 #include <mutex>
 #include <stdexcept>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "korvane/codec/messages.h"
 #include "korvane/frame/logger.h"
@@ -31,14 +28,13 @@ std::unique_ptr<Message> message(const std::string& channel, std::shared_ptr<com
 }
 
 // Records every event as text in a log that several subscribers may share; a nested or
-// overlapping onNext shows up as "overlap". `mutex` guards the log only, so that
-// onComplete may race with onNext; `onEvent` runs after each record, without it, so
-// that a test can act from inside a callback.
+// overlapping onNext shows up as "overlap". `mutex` guards the log only, so that onComplete
+// may race with onNext; `onEvent` runs after each record, without it, so that a test can act
+// from inside a callback.
 class RecordingSubscriber : public BayeuxQueue::Subscriber {
 public:
     explicit RecordingSubscriber(Events& sharedLog, unsigned long requestOnSubscribe = 0)
         : log(sharedLog), initialRequest(requestOnSubscribe) {}
-
     void onSubscribe(std::weak_ptr<Subscription> handed) override {
         subscription = handed;
         record("subscribe");
@@ -66,7 +62,6 @@ public:
     }
     void onComplete() override { record("complete"); }
     Future<bool> getFuture() override { return makeReadyFuture(true); }
-
     void record(const std::string& event) {
         std::unique_lock<std::mutex> hold(mutex);
         log.push_back(event);
@@ -97,13 +92,16 @@ protected:
             queue->setValue(message(channel));
         }
     }
-    // The queue's end shows up in the log, at the moment it happens, as "end true" or "end false".
-    void watchEnd() {
+    // A fresh queue whose end shows up in the log, when it happens, as "end true" or "end false".
+    void renew() {
+        log.clear();
+        queue = std::make_shared<BayeuxQueue>("test");
         end = queue->getFuture().then([this](Future<bool>&& result) {
             log.push_back(result.get() ? "end true" : "end false");
             return true;
         });
     }
+    void fail(const char* text) { queue->setError(std::make_exception_ptr(std::runtime_error(text))); }
 
     Events log;  // first in, last out: the queue's destructor still records into it
     std::shared_ptr<BayeuxQueue> queue = std::make_shared<BayeuxQueue>("test");
@@ -137,7 +135,6 @@ TEST_F(BayeuxQueueTest, RequestOrCancelFromOnNextTakesEffectWithoutRecursion) {
     requester->onEvent = [&requester](const std::string&) { requester->request(1); };
     queue->subscribe(requester);
     EXPECT_EQ(log, (Events{"subscribe", "next /0", "next /1", "next /2", "next /3", "next /4"}));
-
     requester->cancel();
     push({"/5", "/6"});
     queue->subscribe(subscriber);
@@ -152,17 +149,16 @@ TEST_F(BayeuxQueueTest, AnEndedQueueIgnoresEverythingAfter) {
         log.clear();
         queue = std::make_shared<BayeuxQueue>("ended");
         subscriber = makeSubscriber();
-        Future<bool> end = queue->getFuture();
+        Future<bool> ended = queue->getFuture();
         queue->subscribe(subscriber);
         push({"/dropped"});
-        failing ? queue->setError(std::make_exception_ptr(std::runtime_error("broken"))) : queue->done();
+        failing ? fail("broken") : queue->done();
         EXPECT_EQ(log, (Events{"subscribe", failing ? "error broken" : "complete"}));
-        EXPECT_EQ(end.get(), !failing);
-
+        EXPECT_EQ(ended.get(), !failing);
         auto late = message("/late");
         queue->setValue(std::move(late));
         EXPECT_NE(late, nullptr) << "an ended queue leaves the message with its caller";
-        queue->setError(std::make_exception_ptr(std::runtime_error("late")));
+        fail("late");
         queue->doneWhenEmpty();
         queue->done();
         subscriber->request(10);
@@ -175,30 +171,23 @@ TEST_F(BayeuxQueueTest, AnEndedQueueIgnoresEverythingAfter) {
     EXPECT_EQ(log.size(), 2u);
 }
 
-TEST_F(BayeuxQueueTest, DoneWhenEmptyEndsAfterTheLastMessage) {
-    watchEnd();
+TEST_F(BayeuxQueueTest, DoneWhenEmptyEndsAfterTheLastMessageAndAnEarlyEndReachesEveryLaterSubscriber) {
+    renew();
     queue->subscribe(subscriber);
     push({"/1"});
     queue->doneWhenEmpty();
     push({"/2"});
-    queue->setError(std::make_exception_ptr(std::runtime_error("ignored")));
+    fail("ignored");
     EXPECT_EQ(log, Events{"subscribe"}) << "without demand the queue stays open";
     subscriber->request(2);
     EXPECT_EQ(log, (Events{"subscribe", "next /1", "next /2", "complete", "end true"}));
-
-    queue = std::make_shared<BayeuxQueue>("empty");
-    log.clear();
+    renew();
     queue->subscribe(makeSubscriber());
     queue->doneWhenEmpty();
-    EXPECT_EQ(log, (Events{"subscribe", "complete"})) << "an empty queue ends at once, without demand";
-}
-
-TEST_F(BayeuxQueueTest, AnEndWithoutSubscriberReachesEveryLaterOne) {
+    EXPECT_EQ(log, (Events{"subscribe", "complete", "end true"})) << "an empty queue ends at once, without demand";
     for (const bool failing : {false, true}) {
-        log.clear();
-        queue = std::make_shared<BayeuxQueue>("unsubscribed");
-        watchEnd();
-        failing ? queue->setError(std::make_exception_ptr(std::runtime_error("early"))) : queue->doneWhenEmpty();
+        renew();
+        failing ? fail("early") : queue->doneWhenEmpty();
         queue->subscribe(makeSubscriber(1));
         queue->subscribe(makeSubscriber(1));
         const char* const told = failing ? "error early" : "complete";
@@ -207,7 +196,7 @@ TEST_F(BayeuxQueueTest, AnEndWithoutSubscriberReachesEveryLaterOne) {
 }
 
 TEST_F(BayeuxQueueTest, OneSubscriberAtATimeAndCancelKeepsMessagesForTheNext) {
-    watchEnd();
+    renew();
     queue->subscribe(subscriber);
     try {
         queue->subscribe(makeSubscriber(1));
@@ -244,9 +233,8 @@ TEST_F(BayeuxQueueTest, ThrowingSubscriberLosesOnlyTheMessageInFlight) {
 }
 
 TEST_F(BayeuxQueueTest, DestructionCompletesAnOpenQueueAndFreesEveryMessage) {
-    const auto delivered = std::make_shared<common::DataBuffer>();
-    const auto undelivered = std::make_shared<common::DataBuffer>();
-    watchEnd();
+    const auto delivered = std::make_shared<common::DataBuffer>(), undelivered = std::make_shared<common::DataBuffer>();
+    renew();
     queue->subscribe(subscriber);
     subscriber->request(1);
     queue->setValue(message("/delivered", delivered));
@@ -283,25 +271,28 @@ TEST_F(BayeuxQueueTest, SubscriptionWithoutItsQueueRefusesLoudly) {
     expectRefused([&] { kept->cancel(); }, "No publisher, can not cancel!");
 }
 
-// Starts `count` threads that each push `each` messages "/<thread>/<sequence>".
-std::vector<std::thread> startProducers(const std::shared_ptr<BayeuxQueue>& queue, int count, int each) {
-    std::vector<std::thread> producers;
+// Runs `count` threads that each push `each` messages "/<thread>/<sequence>", plus `also`.
+void runProducers(const std::shared_ptr<BayeuxQueue>& queue, int count, int each, std::function<void()> also) {
+    std::vector<std::thread> threads;
     for (int p = 0; p < count; ++p) {
-        producers.emplace_back([queue, p, each] {
+        threads.emplace_back([queue, p, each] {
             for (int i = 0; i < each; ++i) {
                 queue->setValue(message("/" + std::to_string(p) + "/" + std::to_string(i)));
             }
         });
     }
-    return producers;
+    threads.emplace_back(std::move(also));
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
 }
 
-// How many messages of each producer arrived; fails unless they came in push order.
+// How many messages of each producer arrived; fails unless they came in push order, without overlap.
 std::vector<int> countInPushOrder(const Events& events, int producers) {
+    EXPECT_EQ(std::count(events.begin(), events.end(), "overlap"), 0);
     std::vector<int> next(producers, 0);
     for (const std::string& event : events) {
-        int producer = 0;
-        int sequence = 0;
+        int producer = 0, sequence = 0;
         if (std::sscanf(event.c_str(), "next /%d/%d", &producer, &sequence) == 2) {
             EXPECT_EQ(sequence, next[producer]++) << "producer " << producer;
         }
@@ -310,16 +301,13 @@ std::vector<int> countInPushOrder(const Events& events, int producers) {
 }
 
 TEST(BayeuxQueueConcurrency, ProducersAndARequesterOnSeparateThreads) {
-    constexpr int producerCount = 4;
-    constexpr int messagesEach = 20000;
-    constexpr int batch = 16;
+    constexpr int producerCount = 4, messagesEach = 20000, batch = 16;
     const auto queue = std::make_shared<BayeuxQueue>("concurrency");
     Future<bool> end = queue->getFuture();
     Events log;
     const auto subscriber = std::make_shared<RecordingSubscriber>(log);
     queue->subscribe(subscriber);
-    const std::shared_ptr<Subscription> subscription = subscriber->subscription.lock();
-    std::thread requester([&subscriber, &subscription] {
+    runProducers(queue, producerCount, messagesEach, [&subscriber, subscription = subscriber->subscription.lock()] {
         for (long requested = 0; subscriber->received.load() < producerCount * messagesEach;) {
             if (requested - subscriber->received.load() < batch) {
                 requested += batch;
@@ -329,34 +317,23 @@ TEST(BayeuxQueueConcurrency, ProducersAndARequesterOnSeparateThreads) {
             }
         }
     });
-    for (std::thread& producer : startProducers(queue, producerCount, messagesEach)) {
-        producer.join();
-    }
-    requester.join();
     queue->doneWhenEmpty();
     EXPECT_EQ(countInPushOrder(log, producerCount), std::vector<int>(producerCount, messagesEach));
-    EXPECT_EQ(std::count(log.begin(), log.end(), "overlap"), 0);
     EXPECT_EQ(log.back(), "complete");
     EXPECT_TRUE(end.get());
 }
 
 TEST(BayeuxQueueConcurrency, EndingRacesWithProducersAndEndsOnce) {
-    constexpr int producerCount = 3;
     for (int round = 0; round < 200; ++round) {
         const auto queue = std::make_shared<BayeuxQueue>("race");
         Future<bool> end = queue->getFuture();
         Events log;
         queue->subscribe(std::make_shared<RecordingSubscriber>(log, unlimited));
-        std::vector<std::thread> threads = startProducers(queue, producerCount, 50);
-        threads.emplace_back([&queue, round] { round % 2 == 0 ? queue->doneWhenEmpty() : queue->done(); });
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
+        runProducers(queue, 3, 50, [&queue, round] { round % 2 == 0 ? queue->doneWhenEmpty() : queue->done(); });
         queue->done();
         ASSERT_TRUE(end.get());
         ASSERT_EQ(std::count(log.begin(), log.end(), "complete"), 1);
-        ASSERT_EQ(std::count(log.begin(), log.end(), "overlap"), 0);
-        countInPushOrder(log, producerCount);
+        countInPushOrder(log, 3);
     }
 }
 

@@ -34,7 +34,7 @@
 #include "korvane/service/bayeux_service_provider.h"
 #include "korvane/transport/long_poll_provider.h"
 #include "korvane/transport/websocket_provider.h"
-#include "support/routing_context.h"
+#include "support/test_context.h"
 
 namespace korvane::bayeux::fuzzing {
 
@@ -54,7 +54,7 @@ inline void checkWritten(std::string_view text, const char* where) {
     }
 }
 
-using test_support::RoutingContext;
+using test_support::TestContext;
 using test_support::Services;
 
 class FuzzWorld {
@@ -71,7 +71,7 @@ public:
             entry.second->start();
         }
         services = made;
-        context = std::make_shared<RoutingContext>(services, "fuzz-browser");
+        context = std::make_shared<TestContext>(services, "fuzz-browser");
     }
     ~FuzzWorld() {
         context.reset();
@@ -145,7 +145,7 @@ private:
     const std::shared_ptr<BayeuxServerImpl> server = std::make_shared<BayeuxServerImpl>();
     std::shared_ptr<BayeuxServiceProviderImpl> provider;
     std::shared_ptr<const Services> services;
-    std::shared_ptr<RoutingContext> context;
+    std::shared_ptr<TestContext> context;
     std::vector<std::string> clientIds;
 };
 

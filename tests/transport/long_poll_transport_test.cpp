@@ -149,7 +149,7 @@ TEST_F(LongPollTransport, DispatchSendsUpgradesAndPostsToTheirTransportsAndRefus
                                                                      Address(test.webSocket ? "websocket" : ""));
         dispatch->start();
         (*services)["http"] = dispatch;
-        auto context = std::make_shared<RoutingContext>(services, "browser-1");
+        auto context = std::make_shared<TestContext>(services, "browser-1");
         std::unique_ptr<Message> reply =
             context
                 ->handle<Message, http::HttpRequest>(

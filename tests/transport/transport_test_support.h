@@ -23,11 +23,11 @@
 #include "korvane/transport/long_poll_provider.h"
 #include "korvane/transport/websocket_provider.h"
 #include "session/session_test_support.h"
-#include "support/routing_context.h"
+#include "support/test_context.h"
 
 namespace korvane::bayeux::testing {
 
-using test_support::RoutingContext;
+using test_support::TestContext;
 using test_support::Services;
 
 inline std::string textOf(const common::DataBuffer& buffer) { return buffer.str(); }
@@ -166,7 +166,7 @@ protected:
     }
 
     std::shared_ptr<Context> browser(const std::string& sessionId = "browser-1") const {
-        return std::make_shared<RoutingContext>(routes, sessionId);
+        return std::make_shared<TestContext>(routes, sessionId);
     }
     static Answer read(std::unique_ptr<Message>&& message) {
         Answer answer;

@@ -52,7 +52,7 @@ protected:
         (*services)["http-client"] = client;
     }
     Future<std::unique_ptr<Message>> connect(std::unique_ptr<Message> message, const boost::any& apiKey = {}) {
-        auto context = std::make_shared<RoutingContext>(services, "browser-1");
+        auto context = std::make_shared<TestContext>(services, "browser-1");
         if (!apiKey.empty()) {
             context->set("tvapikey", apiKey);
         }

@@ -116,10 +116,7 @@ TEST_F(BayeuxServiceProviderConcurrency, ClientsOfSeveralThreadsLiveWhileTheCloc
 }
 
 TEST_F(BayeuxServiceProviderConcurrency, ClientsPastThePendingLimitAreDroppedWhilePublishesAndDisconnectsRace) {
-    BayeuxServiceOptions options;
-    options.maxPendingMessages = 5;
-    provider = std::make_shared<BayeuxServiceProviderImpl>(server, options);
-    provider->start();
+    provider = makeProvider(server, BayeuxServiceOptions{5});
     std::vector<std::string> idle;
     for (int client = 0; client < 20; ++client) {
         idle.push_back(handshake());
@@ -130,7 +127,7 @@ TEST_F(BayeuxServiceProviderConcurrency, ClientsPastThePendingLimitAreDroppedWhi
         threads.emplace_back([this, publisher] {
             const std::string sender = handshake();
             for (int message = 0; message < 30; ++message) {
-                EXPECT_TRUE(publish(sender, "/flood/" + std::to_string(publisher), "")->successful);
+                EXPECT_TRUE(publish(sender, "/flood/" + std::to_string(publisher))->successful);
             }
         });
     }

@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -17,6 +16,7 @@
 #include "korvane/routing/bayeux_queue.h"
 #include "korvane/routing/bayeux_server.h"
 #include "routing/routing_test_support.h"
+#include "support/recording_subscriber.h"
 
 namespace korvane::bayeux::testing {
 
@@ -66,83 +66,36 @@ struct ManualClock {
     const std::shared_ptr<common::TimerBackend> previous;
 };
 
-// Keeps every item, and its text, and counts the ends. Asks for `initialDemand` items on
-// subscription and `refill` more after each, as a host writing a body chunk by chunk does,
-// and hands each text to `onText`, outside its lock.
+// The shared recording subscriber, with an item's text given by `describe` and the questions
+// these tests ask of it. Asks for everything unless told otherwise.
 template <class T>
-class Recorder : public reactive_streams::SubscriberAPI<T> {
+class Recorder : public test_support::RecordingSubscriber<T> {
 public:
-    explicit Recorder(unsigned long initialDemand = ~0ul, unsigned long refill = 0,
-                      std::function<void(const std::string&)> onText = nullptr)
-        : initialDemand(initialDemand), refill(refill), onText(std::move(onText)) {}
-
-    void onSubscribe(std::weak_ptr<reactive_streams::Subscription> subscription) override {
-        lock(), upstream = subscription;
-        if (initialDemand != 0) {
-            request(initialDemand);
-        }
+    using Base = test_support::RecordingSubscriber<T>;
+    explicit Recorder(unsigned long initialDemand = ~0ul, unsigned long refill = 0)
+        : Base(initialDemand, refill, [](const T& item) { return describe(item); }) {}
+    std::size_t size() { return this->seen().size(); }
+    long completionCount() { return this->count("complete"); }
+    long errorCount() { return this->count("error"); }
+    // A connect still held: nothing carried, not ended.
+    bool isHeld() { return this->events() == test_support::Log{"subscribe"}; }
+    bool waitCompleted(std::chrono::milliseconds limit) {
+        return this->waitFor([](Base& recorder) { return recorder.count("complete") > 0; }, limit);
     }
-    void onNext(T&& value) override {
-        const std::string text = describe(value);
-        lock(), items.push_back(std::move(value)), texts.push_back(text), changed.notify_all();
-        if (onText) {
-            onText(text);
-        }
-        if (refill != 0) {
-            request(refill);
-        }
-    }
-    void onError(std::exception_ptr) override { lock(), ++errors, changed.notify_all(); }
-    void onComplete() override { lock(), ++completions, changed.notify_all(); }
-    Future<bool> getFuture() override { return makeReadyFuture(true); }
-
-    void request(unsigned long n) {
-        if (auto source = (lock(), upstream.lock())) {
-            source->request(n);
-        }
-    }
-    void cancel() {
-        if (auto source = (lock(), upstream.lock())) {
-            source->cancel();
-        }
-    }
-    std::size_t size() { return lock(), items.size(); }
-    Texts seen() { return lock(), texts; }
     std::string joined() {
         std::string all;
-        for (const std::string& text : seen()) {
+        for (const std::string& text : this->seen()) {
             all += text;
         }
         return all;
     }
-    int errorCount() { return lock(), errors; }
-    int completionCount() { return lock(), completions; }
-    // A connect still held: nothing carried, not ended.
-    bool isHeld() { return lock(), items.empty() && completions == 0 && errors == 0; }
-    bool waitCompleted(std::chrono::milliseconds limit) {
-        std::unique_lock<std::mutex> guard(mutex);
-        return changed.wait_for(guard, limit, [this] { return completions > 0; });
-    }
     // The message at `index` as `U`, or null if missing or of another type; it lives as long as the recorder.
     template <class U>
     const U* at(std::size_t index) {
-        return lock(), index < items.size() ? dynamic_cast<const U*>(items[index].get()) : nullptr;
+        return this->read([&](const auto& items) {
+            return index < items.size() ? dynamic_cast<const U*>(items[index].get()) : nullptr;
+        });
     }
-
-private:
-    // The guard holds `mutex` to the end of the full expression: `lock(), expr` runs expr under it.
-    std::unique_lock<std::mutex> lock() { return std::unique_lock<std::mutex>(mutex); }
-
-    std::mutex mutex;
-    std::condition_variable changed;
-    const unsigned long initialDemand;
-    const unsigned long refill;
-    const std::function<void(const std::string&)> onText;
-    std::weak_ptr<reactive_streams::Subscription> upstream;
-    std::vector<T> items;
-    Texts texts;
-    int errors = 0;
-    int completions = 0;
 };
 
 using StreamRecorder = Recorder<std::unique_ptr<Message>>;

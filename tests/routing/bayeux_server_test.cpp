@@ -75,14 +75,6 @@ TEST_F(BayeuxServerTest, RefusesMalformedPublishesAndKeepsThemWithTheCaller) {
     }
 }
 
-TEST_F(BayeuxServerTest, SplitsTheChannelOnceForEverySession) {
-    const auto first = add("first");
-    const auto second = add("second");
-    first->onPublish = [&](const PublishRequest&) { EXPECT_EQ(*first->lastSegments, (Segments{"a", "b"})); };
-    second->onPublish = [&](const PublishRequest&) { EXPECT_EQ(second->lastSegments, first->lastSegments); };
-    EXPECT_EQ(logOf("//a//b").size(), 2u);
-}
-
 TEST_F(BayeuxServerTest, PriorityTierFirstHostBeforeDeclaringSenderSkippedNoticesToHostSessionsOnly) {
     for (const auto& [id, priority] : {std::pair{"me", false}, {"p1", true}, {"", false}, {"p2", true}}) {
         add(id, priority);

@@ -13,6 +13,7 @@
 
 #include "korvane/codec/messages.h"
 #include "korvane/frame/logger.h"
+#include "support/recording_subscriber.h"
 
 namespace korvane::bayeux {
 namespace {
@@ -27,59 +28,29 @@ std::unique_ptr<Message> message(const std::string& channel, std::shared_ptr<com
     return request;
 }
 
-// Records every event as text in a log that several subscribers may share; a nested or
-// overlapping onNext shows up as "overlap". `mutex` guards the log only, so that onComplete
-// may race with onNext; `onEvent` runs after each record, without it, so that a test can act
-// from inside a callback.
-class RecordingSubscriber : public BayeuxQueue::Subscriber {
+// The shared recording subscriber, with a message's channel for its text, that also keeps its
+// subscription weakly to see it released.
+class RecordingSubscriber : public test_support::RecordingSubscriber<std::unique_ptr<Message>> {
 public:
-    explicit RecordingSubscriber(Events& sharedLog, unsigned long requestOnSubscribe = 0)
-        : log(sharedLog), initialRequest(requestOnSubscribe) {}
-    void onSubscribe(std::weak_ptr<Subscription> handed) override {
-        subscription = handed;
-        record("subscribe");
-        if (initialRequest != 0) {
-            request(initialRequest);
-        }
+    RecordingSubscriber(Events& log, unsigned long initialDemand = 0, unsigned long refill = 0)
+        : test_support::RecordingSubscriber<std::unique_ptr<Message>>(
+              initialDemand, refill, [](auto& item) { return dynamic_cast<PublishRequest&>(*item).channel; }, &log) {}
+    void onSubscribe(std::weak_ptr<Subscription> given) override {
+        subscription = given;
+        test_support::RecordingSubscriber<std::unique_ptr<Message>>::onSubscribe(given);
     }
-    void onNext(std::unique_ptr<Message>&& value) override {
-        struct Leave {
-            std::atomic<bool>& inside;
-            ~Leave() { inside = false; }
-        } leave{inside};
-        if (inside.exchange(true)) {
-            record("overlap");
-        }
-        ++received;
-        record("next " + dynamic_cast<PublishRequest&>(*value).channel);
+    // Runs `act` for each item, counting the items that arrive while it runs for another.
+    void actOnEachItem(std::function<void()> act) {
+        onItem = [this, act = std::move(act)](auto&) {
+            overlaps += inside.exchange(true);
+            act();
+            inside = false;
+        };
     }
-    void onError(std::exception_ptr error) override {
-        try {
-            std::rethrow_exception(error);
-        } catch (const std::exception& caught) {
-            record(std::string("error ") + caught.what());
-        }
-    }
-    void onComplete() override { record("complete"); }
-    Future<bool> getFuture() override { return makeReadyFuture(true); }
-    void record(const std::string& event) {
-        std::unique_lock<std::mutex> hold(mutex);
-        log.push_back(event);
-        hold.unlock();
-        if (onEvent) {
-            onEvent(event);
-        }
-    }
-    void request(unsigned long n) { subscription.lock()->request(n); }
-    void cancel() { subscription.lock()->cancel(); }
 
-    Events& log;
-    const unsigned long initialRequest;
     std::weak_ptr<Subscription> subscription;
-    std::mutex mutex;
-    std::function<void(const std::string&)> onEvent;
     std::atomic<bool> inside{false};
-    std::atomic<int> received{0};
+    std::atomic<int> overlaps{0};
 };
 
 class BayeuxQueueTest : public testing::Test {
@@ -131,14 +102,15 @@ TEST_F(BayeuxQueueTest, DeliversInPushOrderWithinDemandThatSaturates) {
 
 TEST_F(BayeuxQueueTest, RequestOrCancelFromOnNextTakesEffectWithoutRecursion) {
     push({"/0", "/1", "/2", "/3", "/4"});
-    const auto requester = makeSubscriber();
-    requester->onEvent = [&requester](const std::string&) { requester->request(1); };
+    const auto requester = makeSubscriber(1);
+    requester->actOnEachItem([&requester] { requester->request(1); });
     queue->subscribe(requester);
     EXPECT_EQ(log, (Events{"subscribe", "next /0", "next /1", "next /2", "next /3", "next /4"}));
+    EXPECT_EQ(requester->overlaps, 0) << "a request from onNext does not recurse";
     requester->cancel();
     push({"/5", "/6"});
     queue->subscribe(subscriber);
-    subscriber->onEvent = [this](const std::string&) { subscriber->cancel(); };
+    subscriber->onItem = [this](auto&) { subscriber->cancel(); };
     subscriber->request(2);
     EXPECT_EQ(log.back(), "next /5");
     EXPECT_EQ(queue->bufferSize(), 1u);
@@ -221,9 +193,9 @@ TEST_F(BayeuxQueueTest, OneSubscriberAtATimeAndCancelKeepsMessagesForTheNext) {
 TEST_F(BayeuxQueueTest, ThrowingSubscriberLosesOnlyTheMessageInFlight) {
     queue->subscribe(subscriber);
     subscriber->request(2);
-    subscriber->onEvent = [](const std::string&) { throw std::runtime_error("subscriber failed"); };
+    subscriber->onItem = [](auto&) { throw std::runtime_error("subscriber failed"); };
     EXPECT_NO_THROW(push({"/lost"}));
-    subscriber->onEvent = nullptr;
+    subscriber->onItem = nullptr;
     push({"/2", "/3"});
     EXPECT_EQ(log, (Events{"subscribe", "next /lost", "next /2"})) << "the lost message spent its demand";
     EXPECT_EQ(queue->bufferSize(), 1u);
@@ -238,7 +210,7 @@ TEST_F(BayeuxQueueTest, DestructionCompletesAnOpenQueueAndFreesEveryMessage) {
     queue->subscribe(subscriber);
     subscriber->request(1);
     queue->setValue(message("/delivered", delivered));
-    EXPECT_EQ(delivered.use_count(), 1) << "what onNext leaves in the message is destroyed by the queue";
+    EXPECT_EQ(delivered.use_count(), 2) << "the queue keeps nothing of a delivered message";
     queue->setValue(message("/undelivered", undelivered));
     queue.reset();
     EXPECT_EQ(log, (Events{"subscribe", "next /delivered", "complete", "end true"}));
@@ -264,7 +236,6 @@ TEST_F(BayeuxQueueTest, SubscriptionWithoutItsQueueRefusesLoudly) {
         EXPECT_EQ(trace.back(), '\n');
     };
     const auto request = [&] { kept->request(1); };
-    subscriber->onEvent = [&](const std::string&) { expectRefused(request, "No publisher, can not request!"); };
     queue.reset();
     EXPECT_EQ(log, (Events{"subscribe", "complete"}));
     expectRefused(request, "No publisher, can not request!");
@@ -287,9 +258,8 @@ void runProducers(const std::shared_ptr<BayeuxQueue>& queue, int count, int each
     }
 }
 
-// How many messages of each producer arrived; fails unless they came in push order, without overlap.
+// How many messages of each producer arrived; fails unless they came in push order.
 std::vector<int> countInPushOrder(const Events& events, int producers) {
-    EXPECT_EQ(std::count(events.begin(), events.end(), "overlap"), 0);
     std::vector<int> next(producers, 0);
     for (const std::string& event : events) {
         int producer = 0, sequence = 0;
@@ -306,10 +276,12 @@ TEST(BayeuxQueueConcurrency, ProducersAndARequesterOnSeparateThreads) {
     Future<bool> end = queue->getFuture();
     Events log;
     const auto subscriber = std::make_shared<RecordingSubscriber>(log);
+    std::atomic<long> received{0};
+    subscriber->actOnEachItem([&received] { ++received; });
     queue->subscribe(subscriber);
-    runProducers(queue, producerCount, messagesEach, [&subscriber, subscription = subscriber->subscription.lock()] {
-        for (long requested = 0; subscriber->received.load() < producerCount * messagesEach;) {
-            if (requested - subscriber->received.load() < batch) {
+    runProducers(queue, producerCount, messagesEach, [&received, subscription = subscriber->subscription.lock()] {
+        for (long requested = 0; received.load() < producerCount * messagesEach;) {
+            if (requested - received.load() < batch) {
                 requested += batch;
                 subscription->request(batch);
             } else {
@@ -319,6 +291,7 @@ TEST(BayeuxQueueConcurrency, ProducersAndARequesterOnSeparateThreads) {
     });
     queue->doneWhenEmpty();
     EXPECT_EQ(countInPushOrder(log, producerCount), std::vector<int>(producerCount, messagesEach));
+    EXPECT_EQ(subscriber->overlaps, 0);
     EXPECT_EQ(log.back(), "complete");
     EXPECT_TRUE(end.get());
 }
@@ -328,11 +301,14 @@ TEST(BayeuxQueueConcurrency, EndingRacesWithProducersAndEndsOnce) {
         const auto queue = std::make_shared<BayeuxQueue>("race");
         Future<bool> end = queue->getFuture();
         Events log;
-        queue->subscribe(std::make_shared<RecordingSubscriber>(log, unlimited));
+        const auto subscriber = std::make_shared<RecordingSubscriber>(log, unlimited);
+        subscriber->actOnEachItem([] {});
+        queue->subscribe(subscriber);
         runProducers(queue, 3, 50, [&queue, round] { round % 2 == 0 ? queue->doneWhenEmpty() : queue->done(); });
         queue->done();
         ASSERT_TRUE(end.get());
         ASSERT_EQ(std::count(log.begin(), log.end(), "complete"), 1);
+        ASSERT_EQ(subscriber->overlaps, 0);
         countInPushOrder(log, 3);
     }
 }

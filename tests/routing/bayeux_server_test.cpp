@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <map>
 #include <stdexcept>
-#include <thread>
 
 #include "routing/routing_test_support.h"
 
@@ -239,96 +237,6 @@ TEST_F(BayeuxServerTest, IndexSessionAddedOrDeclaringDuringAPublishJoinsAtTheNex
     EXPECT_EQ(sorted(Log(second.begin(), second.begin() + 2)), (Log{"latePriority:/x", "priority:/x"}));
     EXPECT_EQ(sorted(Log(second.begin() + 2, second.end())),
               (Log{"addedByOrdinary:/x", "addedByPriority:/x", "declaredByOrdinary:/x", "ordinary:/x"}));
-}
-
-// While sessions are added, removed and die and one pattern flaps, a session whose patterns stay
-// put gets each matching message exactly once and no other, a host's session every message once,
-// and the flapping pattern's session each of its messages at most once.
-TEST(BayeuxServerConcurrency, OffersFollowDeclaresWithdrawsAddsRemovesAndDeaths) {
-    constexpr int publisherCount = 2, publishesEach = 1500;
-    const std::vector<std::string> channels{"/load/a", "/load/b", "/load/a/b"};
-    const std::vector<std::vector<std::string>> patterns{{"/load/*"}, {"/load/**"}, {"/load/a", "/load/*"},
-                                                         {"/load/a/*", "/load/a/b", "/**"}, {"/other"}, {}, {}};
-    // How often a session was offered each message, by its data "publisher/index".
-    struct Offers {
-        std::mutex mutex;
-        std::map<std::string, int> byMessage;
-    };
-    const auto server = std::make_shared<BayeuxServerImpl>();
-    std::vector<Offers> offers(patterns.size());
-    std::vector<std::shared_ptr<RecordingSession>> sessions;
-    for (std::size_t i = 0; i < patterns.size(); ++i) {
-        // The last one flaps "/load/b"; the one before is a host's session, offered everything.
-        auto session = i + 2 == patterns.size() ? std::make_shared<RecordingSession>("host", nullptr)
-                                                : std::make_shared<DeclaringSession>(server, "declaring", nullptr);
-        for (const std::string& pattern : patterns[i]) {
-            static_cast<DeclaringSession&>(*session).hold(pattern);
-        }
-        session->onPublish = [&counted = offers[i]](const PublishRequest& message) {
-            const std::lock_guard<std::mutex> guard(counted.mutex);
-            ++counted.byMessage[message.data->str()];
-        };
-        i % 2 == 0 ? server->addSession(session) : server->addPrioritySession(session);
-        sessions.push_back(std::move(session));
-    }
-    std::atomic<int> liveDying{0};
-    std::atomic<bool> running{true};
-    std::thread flapper([&, &flapping = static_cast<DeclaringSession&>(*sessions.back())] {
-        while (running.load()) {
-            flapping.hold("/load/b");
-            std::this_thread::yield();
-            flapping.drop("/load/b");
-        }
-    });
-    std::thread churn([&] {
-        const CountingAllocator<DeclaringSession> allocator(liveDying);
-        for (int round = 0; running.load(); ++round) {
-            auto session = std::allocate_shared<DeclaringSession>(allocator, server, "dying", nullptr);
-            session->hold("/load/**");
-            round % 2 == 0 ? server->addSession(session) : server->addPrioritySession(session);
-            session->hold("/load/a");
-            const auto transient = std::make_shared<RecordingSession>("transient", nullptr);
-            server->addSession(transient);
-            server->removeSession(round % 3 == 0 ? session : transient);
-        }
-    });
-    std::vector<std::thread> publishers;
-    for (int p = 0; p < publisherCount; ++p) {
-        publishers.emplace_back([&, p] {
-            for (int i = 0; i < publishesEach; ++i) {
-                auto request = publish(channels[i % channels.size()]);
-                request->data = std::make_shared<common::DataBuffer>(std::to_string(p) + "/" + std::to_string(i));
-                ASSERT_TRUE(server->deliver(std::move(request)));
-            }
-        });
-    }
-    for (std::thread& publisher : publishers) {
-        publisher.join();
-    }
-    running = false;
-    churn.join();
-    flapper.join();
-    EXPECT_EQ(liveDying, 0) << "dead sessions leave nothing behind in the server";
-    std::vector<int> wrong(patterns.size(), 0);
-    for (std::size_t k = 0; k < patterns.size(); ++k) {
-        Channel model;
-        for (const std::string& pattern : patterns[k]) {
-            model.pushPattern(pattern);
-        }
-        for (int p = 0; p < publisherCount; ++p) {
-            for (int i = 0; i < publishesEach; ++i) {
-                const std::string& channel = channels[i % channels.size()];
-                const auto found = offers[k].byMessage.find(std::to_string(p) + "/" + std::to_string(i));
-                const int offered = found == offers[k].byMessage.end() ? 0 : found->second;
-                if (k + 1 == patterns.size()) {
-                    wrong[k] += offered > (channel == "/load/b" ? 1 : 0);
-                } else {
-                    wrong[k] += offered != (k + 2 == patterns.size() || model.channelMatches(splitChannel(channel)));
-                }
-            }
-        }
-    }
-    EXPECT_EQ(wrong, std::vector<int>(patterns.size(), 0)) << "wrong offers, by session";
 }
 
 }  // namespace

@@ -53,8 +53,8 @@ void expectGaplessSequences(const SessionLife& life, bool fromTheStart) {
 
 // Publishes run while clients drop, replace and reconnect their sessions, the first session of
 // every client adds and drops patterns that overlap its steady "/load/*", short-lived sessions
-// subscribe, join and die, and a timer thread moves the clock: every session gets every message
-// once and in order, however many of its patterns match it meanwhile.
+// subscribe, join either tier, are removed and die, and a timer thread moves the clock: every
+// session gets every message once and in order, however many of its patterns match it meanwhile.
 TEST(LongPollSessionConcurrency, EveryAcceptedMessageReachesTheStreamsOnceAndInOrder) {
     ManualClock clock;
     auto server = std::make_shared<BayeuxServerImpl>();
@@ -69,7 +69,12 @@ TEST(LongPollSessionConcurrency, EveryAcceptedMessageReachesTheStreamsOnceAndInO
         }
         steady.push_back(lives[c][0].session);
     }
-    std::atomic<int> publishersDone{0};
+    // A host's session, offered everything, counts the publishes; the short-lived sessions count their allocations.
+    std::atomic<int> publishersDone{0}, offeredToHost{0}, liveShortLived{0};
+    const CountingAllocator<LongPollSession> allocator(liveShortLived);
+    const auto host = std::make_shared<RecordingSession>("host", nullptr);
+    host->onPublish = [&offeredToHost](const PublishRequest&) { ++offeredToHost; };
+    server->addPrioritySession(host);
     std::vector<std::thread> threads;
     threads.emplace_back([&] {
         while (publishersDone.load() < publisherCount) {
@@ -86,10 +91,13 @@ TEST(LongPollSessionConcurrency, EveryAcceptedMessageReachesTheStreamsOnceAndInO
             for (const auto& session : steady) {
                 EXPECT_TRUE(session->unsubscribe(exact) && session->unsubscribe("/load/**"));
             }
-            auto shortLived = std::make_shared<LongPollSession>(server, nullptr);
+            auto shortLived = std::allocate_shared<LongPollSession>(allocator, server, nullptr);
             shortLived->subscribe("/load/**");
-            server->addSession(shortLived);
+            round % 2 == 0 ? server->addSession(shortLived) : server->addPrioritySession(shortLived);
             shortLived->subscribe("/load/0");
+            const auto transient = std::make_shared<RecordingSession>("transient", nullptr);
+            server->addSession(transient);
+            server->removeSession(round % 3 == 0 ? std::shared_ptr<BayeuxSession>(shortLived) : transient);
         }
     });
     for (int p = 0; p < publisherCount; ++p) {
@@ -125,6 +133,8 @@ TEST(LongPollSessionConcurrency, EveryAcceptedMessageReachesTheStreamsOnceAndInO
     for (auto& thread : threads) {
         thread.join();
     }
+    EXPECT_EQ(offeredToHost, publisherCount * messagesPerPublisher);
+    EXPECT_EQ(liveShortLived, 0) << "dead sessions leave nothing behind in the server";
     steady.clear();
     for (auto& client : lives) {
         for (auto& life : client) {

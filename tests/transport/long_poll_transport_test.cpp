@@ -21,12 +21,6 @@ TEST_F(LongPollTransport, AnswersEachBodyWithAJsonArrayOrAPlainText500) {
          R"({"channel":"/b","id":"2","clientId":"ME","data":{"x":[1,2]}}])",
          ok + R"([{"channel":"/meta/subscribe","clientId":"ME","successful":true,"subscription":"/b"},)"
               R"({"channel":"/b","id":"2","clientId":"ME","successful":true}])"},
-        {R"({"channel":"/meta/unsubscribe","clientId":"ME","subscription":"/never"})",
-         ok + R"([{"channel":"/meta/unsubscribe","clientId":"ME","successful":false,"error":"No such subscription.",)"
-              R"("subscription":"/never"}])"},
-        {R"({"channel":"/meta/connect","connectionType":"long-polling","clientId":"unknown-client-1"})",
-         ok + R"([{"channel":"/meta/connect","clientId":"unknown-client-1","successful":false,)"
-              R"("error":"No such clientId.","advice":{"reconnect":"handshake","multipleClients":false}}])"},
         {"", error + "JSON parsing error, expected array or object"},
         {"{\"channel\":", error + "Invalid JSON, expected '\"'"},
         {R"({"id":"1"})", error + "JSON parsing error, invalid bayeux request"},

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <typeinfo>
 
+#include "korvane/codec/utf8.h"
 #include "korvane/frame/type_name.h"
 
 namespace korvane::bayeux {
@@ -76,51 +77,8 @@ void appendEscapedAscii(DataBuffer& out, std::uint32_t codePoint) {
     appendByte(out, static_cast<char>(codePoint));
 }
 
-// The length of the UTF-8 sequence that `lead` opens, and the payload bits of the lead;
-// 0 for a byte that cannot open a multi-byte sequence.
-std::size_t sequenceLength(std::uint8_t lead, std::uint32_t& bits) {
-    if ((lead & 0xE0) == 0xC0) {
-        bits = lead & 0x1F;
-        return 2;
-    }
-    if ((lead & 0xF0) == 0xE0) {
-        bits = lead & 0x0F;
-        return 3;
-    }
-    if ((lead & 0xF8) == 0xF0) {
-        bits = lead & 0x07;
-        return 4;
-    }
-    if ((lead & 0xFC) == 0xF8) {
-        bits = lead & 0x03;
-        return 5;
-    }
-    if ((lead & 0xFE) == 0xFC) {
-        bits = lead & 0x01;
-        return 6;
-    }
-    return 0;
-}
-
-// Decodes the multi-byte sequence at `at`; returns its length, or 0 if it is broken or
-// above U+10FFFF. Overlong forms and surrogates pass.
-std::size_t decodeSequence(std::string_view text, std::size_t at, std::uint32_t& codePoint) {
-    std::size_t length = sequenceLength(static_cast<std::uint8_t>(text[at]), codePoint);
-    if (length == 0 || length > text.size() - at) {
-        return 0;
-    }
-    for (std::size_t k = 1; k < length; ++k) {
-        std::uint8_t next = static_cast<std::uint8_t>(text[at + k]);
-        if ((next & 0xC0) != 0x80) {
-            return 0;
-        }
-        codePoint = (codePoint << 6) | (next & 0x3F);
-    }
-    return codePoint > 0x10FFFF ? 0 : length;
-}
-
-// A quoted string value: UTF-8 in, escapes where needed, each byte of a broken
-// sequence replaced by U+FFFD and looked at again from the byte behind its lead.
+// A quoted string value: UTF-8 in, escapes where needed, each byte that does not start
+// a well-formed sequence (see utf8.h) replaced by U+FFFD, the bytes behind it looked at again.
 void appendEscaped(DataBuffer& out, std::string_view text) {
     out.reserve(out.size + text.size() + 10);
     appendByte(out, '"');
@@ -141,17 +99,12 @@ void appendEscaped(DataBuffer& out, std::string_view text) {
             ++i;
             continue;
         }
-        std::uint32_t codePoint = 0;
-        std::size_t length = decodeSequence(text, i, codePoint);
+        const std::size_t length = utf8SequenceLength(text.data() + i, text.size() - i);
         if (length == 0) {
             appendLiteral(out, "\xEF\xBF\xBD");
             ++i;
         } else {
-            if (codePoint < 0x80) {
-                appendEscapedAscii(out, codePoint);
-            } else {
-                appendBytes(out, text.data() + i, length);
-            }
+            appendBytes(out, text.data() + i, length);
             i += length;
         }
     }

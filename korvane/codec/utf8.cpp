@@ -19,15 +19,19 @@ constexpr std::uint64_t highBits = 0x8080808080808080ULL;
 
 bool isContinuation(unsigned char byte) { return (byte & 0xC0) == 0x80; }
 
-// The length of the sequence that starts at `at`, or 0 if it is malformed. The
-// second byte's range carries the rules against overlongs, surrogates and code
+}  // namespace
+
+// The second byte's range carries the rules against overlongs, surrogates and code
 // points above U+10FFFF, as in Unicode's table of well-formed byte sequences.
-std::size_t sequenceLength(const unsigned char* at, std::size_t left) {
+std::size_t utf8SequenceLength(const char* bytes, std::size_t left) {
+    const auto* at = reinterpret_cast<const unsigned char*>(bytes);
     const unsigned char lead = at[0];
     std::size_t length;
     unsigned char secondMin = 0x80;
     unsigned char secondMax = 0xBF;
-    if (lead >= 0xC2 && lead <= 0xDF) {
+    if (lead < 0x80) {
+        return 1;
+    } else if (lead >= 0xC2 && lead <= 0xDF) {
         length = 2;
     } else if (lead >= 0xE0 && lead <= 0xEF) {
         length = 3;
@@ -57,26 +61,19 @@ std::size_t sequenceLength(const unsigned char* at, std::size_t left) {
     return length;
 }
 
-}  // namespace
-
 bool isValidUtf8(const char* bytes, std::size_t size) {
-    const auto* at = reinterpret_cast<const unsigned char*>(bytes);
-    const unsigned char* const end = at + size;
-    while (at < end) {
+    std::size_t at = 0;
+    while (at < size) {
         // Plain ASCII, the bulk of any Bayeux text, is skipped eight bytes at a time.
-        if (end - at >= 8) {
+        if (size - at >= 8) {
             std::uint64_t word;
-            std::memcpy(&word, at, sizeof word);
+            std::memcpy(&word, bytes + at, sizeof word);
             if ((word & highBits) == 0) {
                 at += 8;
                 continue;
             }
         }
-        if (*at < 0x80) {
-            ++at;
-            continue;
-        }
-        const std::size_t length = sequenceLength(at, static_cast<std::size_t>(end - at));
+        const std::size_t length = utf8SequenceLength(bytes + at, size - at);
         if (length == 0) {
             return false;
         }

@@ -2,7 +2,8 @@
 
 // Validation of UTF-8, for the transports to refuse bodies and frames that are not
 // text, so that no client's bytes can make the server write text that is not UTF-8
-// to another client. Stateless: safe from any thread.
+// to another client, and for the writer to replace what is not. Stateless: safe from
+// any thread.
 
 #include <cstddef>
 #include <memory>
@@ -17,6 +18,10 @@ namespace korvane::bayeux {
 // surrogate code points (U+D800 to U+DFFF), nothing above U+10FFFF, none cut off at
 // the end. Escapes such as "\ud800" inside JSON strings are plain ASCII here.
 bool isValidUtf8(const char* bytes, std::size_t size);
+
+// The length of the well-formed sequence that starts `bytes` (1 for ASCII), or 0 if it is
+// malformed or cut off by `size`, as isValidUtf8 judges it. `size` must not be 0.
+std::size_t utf8SequenceLength(const char* bytes, std::size_t size);
 
 // The refusal of a request that is not UTF-8, so that a WebSocket host can close with
 // the code the WebSocket protocol has for it (1007) rather than a server error.

@@ -15,15 +15,15 @@ long long millisecondsOf(Duration time) { return std::chrono::duration_cast<std:
 }  // namespace
 
 ManualTimerBackend::ManualTimerBackend(long long startTick)
-    : queue_(std::make_shared<TimerQueue>()), nowMilliseconds_(startTick * tickMilliseconds) {}
+    : timers(std::make_shared<TimerQueue>()), elapsedMilliseconds(startTick * tickMilliseconds) {}
 
 ManualTimerBackend::~ManualTimerBackend() = default;
 
-long long ManualTimerBackend::currentTick() { return nowMilliseconds_.load() / tickMilliseconds; }
+long long ManualTimerBackend::currentTick() { return elapsedMilliseconds.load() / tickMilliseconds; }
 
 TimerHandle ManualTimerBackend::schedule(TimerCallback callback, std::chrono::milliseconds firstDelay,
                                          std::chrono::milliseconds period) {
-    return queue_->arm(std::move(callback), now() + firstDelay, period);
+    return timers->arm(std::move(callback), now() + firstDelay, period);
 }
 
 void ManualTimerBackend::advance(std::chrono::milliseconds duration) {
@@ -33,27 +33,27 @@ void ManualTimerBackend::advance(std::chrono::milliseconds duration) {
     const Duration target = now() + duration;
     // Each step stops at the next due time, so callbacks see the clock at their own
     // due time and may arm timers that fall due later in the same window.
-    for (std::optional<Duration> next = queue_->nextDue(); next && *next <= target; next = queue_->nextDue()) {
+    for (std::optional<Duration> next = timers->nextDue(); next && *next <= target; next = timers->nextDue()) {
         doMoveForwardTo(millisecondsOf(*next));
-        queue_->runDue(now());
+        timers->runDue(now());
     }
     doMoveForwardTo(millisecondsOf(target));
 }
 
 void ManualTimerBackend::doMoveForwardTo(long long milliseconds) {
-    long long seen = nowMilliseconds_.load();
-    while (seen < milliseconds && !nowMilliseconds_.compare_exchange_weak(seen, milliseconds)) {
+    long long seen = elapsedMilliseconds.load();
+    while (seen < milliseconds && !elapsedMilliseconds.compare_exchange_weak(seen, milliseconds)) {
     }
 }
 
 void ManualTimerBackend::advanceTicks(long long ticks) { advance(std::chrono::milliseconds(ticks * tickMilliseconds)); }
 
-void ManualTimerBackend::setTick(long long tick) { nowMilliseconds_.store(tick * tickMilliseconds); }
+void ManualTimerBackend::setTick(long long tick) { elapsedMilliseconds.store(tick * tickMilliseconds); }
 
 std::chrono::milliseconds ManualTimerBackend::now() const {
-    return std::chrono::milliseconds(nowMilliseconds_.load());
+    return std::chrono::milliseconds(elapsedMilliseconds.load());
 }
 
-std::size_t ManualTimerBackend::armedCount() const { return queue_->armedCount(); }
+std::size_t ManualTimerBackend::armedCount() const { return timers->armedCount(); }
 
 }  // namespace korvane::common

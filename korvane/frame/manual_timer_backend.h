@@ -49,8 +49,8 @@ private:
     // Moves the clock to `milliseconds` unless another advance already went further.
     void doMoveForwardTo(long long milliseconds);
 
-    std::shared_ptr<TimerQueue> queue_;
-    std::atomic<long long> nowMilliseconds_;
+    std::shared_ptr<TimerQueue> timers;
+    std::atomic<long long> elapsedMilliseconds;
 };
 
 }  // namespace korvane::common

@@ -34,43 +34,43 @@ public:
     RingQueue& operator=(const RingQueue&) = delete;
     ~RingQueue() { release(); }
 
-    bool empty() const { return count_ == 0; }
-    std::size_t size() const { return count_; }
+    bool empty() const { return count == 0; }
+    std::size_t size() const { return count; }
 
     // The oldest and the newest value; the queue must not be empty.
-    T& front() { return slots_[head_]; }
-    const T& front() const { return slots_[head_]; }
-    T& back() { return slots_[slot(count_ - 1)]; }
-    const T& back() const { return slots_[slot(count_ - 1)]; }
+    T& front() { return slots[head]; }
+    const T& front() const { return slots[head]; }
+    T& back() { return slots[slot(count - 1)]; }
+    const T& back() const { return slots[slot(count - 1)]; }
 
     void push_back(T value) {
-        if (count_ == capacity_) {
+        if (count == capacity) {
             grow();
         }
-        new (slots_ + slot(count_)) T(std::move(value));
-        ++count_;
+        new (slots + slot(count)) T(std::move(value));
+        ++count;
     }
 
     void pop_front() {
-        slots_[head_].~T();
-        head_ = slot(1);
-        --count_;
+        slots[head].~T();
+        head = slot(1);
+        --count;
         afterRemoval();
     }
 
     void pop_back() {
-        slots_[slot(count_ - 1)].~T();
-        --count_;
+        slots[slot(count - 1)].~T();
+        --count;
         afterRemoval();
     }
 
     void clear() { release(); }
 
     void swap(RingQueue& other) noexcept {
-        std::swap(slots_, other.slots_);
-        std::swap(capacity_, other.capacity_);
-        std::swap(head_, other.head_);
-        std::swap(count_, other.count_);
+        std::swap(slots, other.slots);
+        std::swap(capacity, other.capacity);
+        std::swap(head, other.head);
+        std::swap(count, other.count);
     }
 
 private:
@@ -78,53 +78,53 @@ private:
     static constexpr std::size_t keptSlots = 16;
 
     // Capacities are powers of two, so that wrapping is a mask.
-    std::size_t slot(std::size_t offset) const { return (head_ + offset) & (capacity_ - 1); }
+    std::size_t slot(std::size_t offset) const { return (head + offset) & (capacity - 1); }
 
     void grow() {
-        const std::size_t capacity = capacity_ == 0 ? firstSlots : capacity_ * 2;
+        const std::size_t larger = capacity == 0 ? firstSlots : capacity * 2;
         std::allocator<T> allocator;
-        T* slots = allocator.allocate(capacity);
-        for (std::size_t index = 0; index != count_; ++index) {
-            T& value = slots_[slot(index)];
-            new (slots + index) T(std::move(value));
+        T* ring = allocator.allocate(larger);
+        for (std::size_t index = 0; index != count; ++index) {
+            T& value = slots[slot(index)];
+            new (ring + index) T(std::move(value));
             value.~T();
         }
-        if (slots_ != nullptr) {
-            allocator.deallocate(slots_, capacity_);
+        if (slots != nullptr) {
+            allocator.deallocate(slots, capacity);
         }
-        slots_ = slots;
-        capacity_ = capacity;
-        head_ = 0;
+        slots = ring;
+        capacity = larger;
+        head = 0;
     }
 
     void afterRemoval() {
-        if (count_ != 0) {
+        if (count != 0) {
             return;
         }
-        head_ = 0;
-        if (capacity_ > keptSlots) {
+        head = 0;
+        if (capacity > keptSlots) {
             release();
         }
     }
 
     // Destroys what is left and returns the ring.
     void release() {
-        for (std::size_t index = 0; index != count_; ++index) {
-            slots_[slot(index)].~T();
+        for (std::size_t index = 0; index != count; ++index) {
+            slots[slot(index)].~T();
         }
-        if (slots_ != nullptr) {
-            std::allocator<T>().deallocate(slots_, capacity_);
+        if (slots != nullptr) {
+            std::allocator<T>().deallocate(slots, capacity);
         }
-        slots_ = nullptr;
-        capacity_ = 0;
-        head_ = 0;
-        count_ = 0;
+        slots = nullptr;
+        capacity = 0;
+        head = 0;
+        count = 0;
     }
 
-    T* slots_ = nullptr;
-    std::size_t capacity_ = 0;
-    std::size_t head_ = 0;
-    std::size_t count_ = 0;
+    T* slots = nullptr;
+    std::size_t capacity = 0;
+    std::size_t head = 0;
+    std::size_t count = 0;
 };
 
 }  // namespace korvane::common

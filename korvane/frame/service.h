@@ -29,15 +29,15 @@ namespace korvane {
 class Address {
 public:
     Address() = default;
-    explicit Address(std::string name) : name_(std::move(name)) {}
+    explicit Address(std::string name) : serviceName(std::move(name)) {}
 
-    const std::string& name() const noexcept { return name_; }
-    explicit operator bool() const noexcept { return !name_.empty(); }
-    bool operator==(const Address& other) const noexcept { return name_ == other.name_; }
-    bool operator!=(const Address& other) const noexcept { return name_ != other.name_; }
+    const std::string& name() const noexcept { return serviceName; }
+    explicit operator bool() const noexcept { return !serviceName.empty(); }
+    bool operator==(const Address& other) const noexcept { return serviceName == other.serviceName; }
+    bool operator!=(const Address& other) const noexcept { return serviceName != other.serviceName; }
 
 private:
-    std::string name_;
+    std::string serviceName;
 };
 
 namespace common {

@@ -33,17 +33,17 @@ namespace {
 class QueuedTimer final : public Timer {
 public:
     QueuedTimer(std::weak_ptr<TimerQueue> queue, std::shared_ptr<TimerQueue::Entry> entry)
-        : queue_(std::move(queue)), entry_(std::move(entry)) {}
+        : queue(std::move(queue)), entry(std::move(entry)) {}
 
     ~QueuedTimer() override {
-        if (auto queue = queue_.lock()) {
-            queue->cancel(entry_);
+        if (auto owner = queue.lock()) {
+            owner->cancel(entry);
         }
     }
 
 private:
-    std::weak_ptr<TimerQueue> queue_;
-    std::shared_ptr<TimerQueue::Entry> entry_;
+    std::weak_ptr<TimerQueue> queue;
+    std::shared_ptr<TimerQueue::Entry> entry;
 };
 
 }  // namespace
@@ -54,12 +54,12 @@ TimerQueue::~TimerQueue() {
     // Callbacks may own handles (even their own); destroying them here breaks such
     // cycles. Those handles find the queue gone and do nothing.
     std::vector<TimerCallback> retired;
-    retired.reserve(heap_.size());
-    for (auto& entry : heap_) {
+    retired.reserve(heap.size());
+    for (auto& entry : heap) {
         entry->heapIndex = notInHeap;
         retired.push_back(std::move(entry->callback));
     }
-    heap_.clear();
+    heap.clear();
 }
 
 TimerHandle TimerQueue::arm(TimerCallback callback, Duration due, Duration period, bool* becameEarliest) {
@@ -68,8 +68,8 @@ TimerHandle TimerQueue::arm(TimerCallback callback, Duration due, Duration perio
     entry->due = due;
     entry->period = period;
     {
-        std::lock_guard<std::mutex> guard(mutex_);
-        entry->sequence = nextSequence_++;
+        std::lock_guard<std::mutex> guard(mutex);
+        entry->sequence = nextSequence++;
         doPush(entry);
         if (becameEarliest != nullptr) {
             *becameEarliest = entry->heapIndex == 0;
@@ -96,21 +96,21 @@ std::size_t TimerQueue::runDue(Duration now) {
 }
 
 std::optional<TimerQueue::Duration> TimerQueue::nextDue() const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    if (heap_.empty()) {
+    std::lock_guard<std::mutex> guard(mutex);
+    if (heap.empty()) {
         return std::nullopt;
     }
-    return heap_.front()->due;
+    return heap.front()->due;
 }
 
 std::size_t TimerQueue::armedCount() const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return heap_.size();
+    std::lock_guard<std::mutex> guard(mutex);
+    return heap.size();
 }
 
 void TimerQueue::cancel(const std::shared_ptr<Entry>& entry) {
     TimerCallback retired;
-    std::unique_lock<std::mutex> lock(mutex_);
+    std::unique_lock<std::mutex> lock(mutex);
     entry->cancelled = true;
     if (entry->heapIndex != notInHeap) {
         doRemoveAt(entry->heapIndex);
@@ -119,17 +119,17 @@ void TimerQueue::cancel(const std::shared_ptr<Entry>& entry) {
         // Released from inside its own callback: the run retires it on return.
         return;
     }
-    finished_.wait(lock, [&entry] { return !entry->running; });
+    runFinished.wait(lock, [&entry] { return !entry->running; });
     retired = std::move(entry->callback);
     lock.unlock();
 }
 
 std::shared_ptr<TimerQueue::Entry> TimerQueue::doTakeDue(Duration now) {
-    std::lock_guard<std::mutex> guard(mutex_);
-    if (heap_.empty() || heap_.front()->due > now) {
+    std::lock_guard<std::mutex> guard(mutex);
+    if (heap.empty() || heap.front()->due > now) {
         return nullptr;
     }
-    std::shared_ptr<Entry> entry = heap_.front();
+    std::shared_ptr<Entry> entry = heap.front();
     doRemoveAt(0);
     entry->running = true;
     entry->runner = std::this_thread::get_id();
@@ -137,11 +137,11 @@ std::shared_ptr<TimerQueue::Entry> TimerQueue::doTakeDue(Duration now) {
 }
 
 void TimerQueue::doFinishRun(const std::shared_ptr<Entry>& entry, Duration now) {
-    std::unique_lock<std::mutex> lock(mutex_);
+    std::unique_lock<std::mutex> lock(mutex);
     if (!entry->cancelled && entry->period > Duration::zero()) {
         Duration next = entry->due + entry->period;
         entry->due = next > now ? next : now + entry->period;
-        entry->sequence = nextSequence_++;
+        entry->sequence = nextSequence++;
         doPush(entry);
         doMarkFinished(entry, lock);
         return;
@@ -158,23 +158,23 @@ void TimerQueue::doFinishRun(const std::shared_ptr<Entry>& entry, Duration now) 
 void TimerQueue::doMarkFinished(const std::shared_ptr<Entry>& entry, std::unique_lock<std::mutex>& lock) {
     entry->running = false;
     lock.unlock();
-    finished_.notify_all();
+    runFinished.notify_all();
 }
 
 void TimerQueue::doPush(const std::shared_ptr<Entry>& entry) {
-    entry->heapIndex = heap_.size();
-    heap_.push_back(entry);
+    entry->heapIndex = heap.size();
+    heap.push_back(entry);
     doSiftUp(entry->heapIndex);
 }
 
 void TimerQueue::doRemoveAt(std::size_t index) {
-    std::size_t last = heap_.size() - 1;
+    std::size_t last = heap.size() - 1;
     if (index != last) {
         doSwap(index, last);
     }
-    heap_.back()->heapIndex = notInHeap;
-    heap_.pop_back();
-    if (index < heap_.size()) {
+    heap.back()->heapIndex = notInHeap;
+    heap.pop_back();
+    if (index < heap.size()) {
         doSiftDown(index);
         doSiftUp(index);
     }
@@ -196,10 +196,10 @@ void TimerQueue::doSiftDown(std::size_t index) {
         std::size_t earliest = index;
         std::size_t left = 2 * index + 1;
         std::size_t right = left + 1;
-        if (left < heap_.size() && doEarlier(left, earliest)) {
+        if (left < heap.size() && doEarlier(left, earliest)) {
             earliest = left;
         }
-        if (right < heap_.size() && doEarlier(right, earliest)) {
+        if (right < heap.size() && doEarlier(right, earliest)) {
             earliest = right;
         }
         if (earliest == index) {
@@ -211,14 +211,14 @@ void TimerQueue::doSiftDown(std::size_t index) {
 }
 
 void TimerQueue::doSwap(std::size_t left, std::size_t right) {
-    std::swap(heap_[left], heap_[right]);
-    heap_[left]->heapIndex = left;
-    heap_[right]->heapIndex = right;
+    std::swap(heap[left], heap[right]);
+    heap[left]->heapIndex = left;
+    heap[right]->heapIndex = right;
 }
 
 bool TimerQueue::doEarlier(std::size_t left, std::size_t right) const {
-    const Entry& a = *heap_[left];
-    const Entry& b = *heap_[right];
+    const Entry& a = *heap[left];
+    const Entry& b = *heap[right];
     return a.due != b.due ? a.due < b.due : a.sequence < b.sequence;
 }
 

@@ -69,7 +69,7 @@ private:
     // Marks the entry as no longer running and wakes releases waiting for it.
     void doMarkFinished(const std::shared_ptr<Entry>& entry, std::unique_lock<std::mutex>& lock);
 
-    // Heap operations; entered with `mutex_` held.
+    // Heap operations; entered with `mutex` held.
     void doPush(const std::shared_ptr<Entry>& entry);
     void doRemoveAt(std::size_t index);
     void doSiftUp(std::size_t index);
@@ -77,12 +77,12 @@ private:
     void doSwap(std::size_t left, std::size_t right);
     bool doEarlier(std::size_t left, std::size_t right) const;
 
-    mutable std::mutex mutex_;
+    mutable std::mutex mutex;
     // Signalled whenever a callback returns, for releases waiting on it.
-    std::condition_variable finished_;
+    std::condition_variable runFinished;
     // A binary min-heap on (due, sequence); each entry knows its own index.
-    std::vector<std::shared_ptr<Entry>> heap_;
-    std::uint64_t nextSequence_ = 0;
+    std::vector<std::shared_ptr<Entry>> heap;
+    std::uint64_t nextSequence = 0;
 };
 
 }  // namespace korvane::common

@@ -129,10 +129,9 @@ TEST(Serialize, StringsAreEscapedForHtmlAndBrokenUtf8IsReplaced) {
         {"\n\t\r\b\f", "\\n\\t\\r\\b\\f"}, {std::string("\0\x1f\x01", 3), "\\u0000\\u001f\\u0001"},
         {"\x7F~ ", "\x7F~ "}, {"\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80", "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80"},
         {"\xC3(", bad + "("}, {"\x80", bad}, {"\xFE\xFF", bad + bad}, {"\xE2\x82", bad + bad},
-        {"\xF4\x90\x80\x80", bad + bad + bad + bad}, {"\xC1\x81\xC0\xA2\xC0\x80", "A\\\"\\u0000"},
-        {"\xE0\x80\xA6", "\\u0026"}, {"\xF8\x80\x80\x81\x81\xFC\x80\x80\x80\x81\x81", "AA"},
-        {"\xF8\x88\x80\x80\x80", bad + bad + bad + bad + bad},
-        {"\xED\xA0\x80", "\xED\xA0\x80"}, {"\xE0\x82\xA9", "\xE0\x82\xA9"},
+        {"\xF4\x90\x80\x80", bad + bad + bad + bad}, {"\xC0\xA2\xC1\x81", bad + bad + bad + bad},
+        {"\xE0\x80\xA6", bad + bad + bad}, {"\xF8\x88\x80\x80\x80", bad + bad + bad + bad + bad},
+        {"\xED\xA0\x80", bad + bad + bad}, {"\xE0\xA0\x80\xF0\x90\x80\x80", "\xE0\xA0\x80\xF0\x90\x80\x80"},
     };
     for (const auto& [raw, escaped] : cases) {
         EXPECT_EQ(textOf(with<DisconnectRequest>([&raw = raw](auto& m) { m.clientId = raw; })),

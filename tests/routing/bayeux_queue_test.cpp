@@ -7,15 +7,13 @@
 #include <cstdio>
 #include <functional>
 #include <limits>
-#include <memory>
 #include <mutex>
 #include <stdexcept>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "korvane/codec/messages.h"
 #include "korvane/frame/logger.h"
+#include "support/recording_subscriber.h"
 
 namespace korvane::bayeux {
 namespace {
@@ -30,61 +28,29 @@ std::unique_ptr<Message> message(const std::string& channel, std::shared_ptr<com
     return request;
 }
 
-// Records every event as text in a log that several subscribers may share; a nested or
-// overlapping onNext shows up as "overlap". `mutex` guards the log only, so that
-// onComplete may race with onNext; `onEvent` runs after each record, without it, so
-// that a test can act from inside a callback.
-class RecordingSubscriber : public BayeuxQueue::Subscriber {
+// The shared recording subscriber, with a message's channel for its text, that also keeps its
+// subscription weakly to see it released.
+class RecordingSubscriber : public test_support::RecordingSubscriber<std::unique_ptr<Message>> {
 public:
-    explicit RecordingSubscriber(Events& sharedLog, unsigned long requestOnSubscribe = 0)
-        : log(sharedLog), initialRequest(requestOnSubscribe) {}
+    RecordingSubscriber(Events& log, unsigned long initialDemand = 0, unsigned long refill = 0)
+        : test_support::RecordingSubscriber<std::unique_ptr<Message>>(
+              initialDemand, refill, [](auto& item) { return dynamic_cast<PublishRequest&>(*item).channel; }, &log) {}
+    void onSubscribe(std::weak_ptr<Subscription> given) override {
+        subscription = given;
+        test_support::RecordingSubscriber<std::unique_ptr<Message>>::onSubscribe(given);
+    }
+    // Runs `act` for each item, counting the items that arrive while it runs for another.
+    void actOnEachItem(std::function<void()> act) {
+        onItem = [this, act = std::move(act)](auto&) {
+            overlaps += inside.exchange(true);
+            act();
+            inside = false;
+        };
+    }
 
-    void onSubscribe(std::weak_ptr<Subscription> handed) override {
-        subscription = handed;
-        record("subscribe");
-        if (initialRequest != 0) {
-            request(initialRequest);
-        }
-    }
-    void onNext(std::unique_ptr<Message>&& value) override {
-        struct Leave {
-            std::atomic<bool>& inside;
-            ~Leave() { inside = false; }
-        } leave{inside};
-        if (inside.exchange(true)) {
-            record("overlap");
-        }
-        ++received;
-        record("next " + dynamic_cast<PublishRequest&>(*value).channel);
-    }
-    void onError(std::exception_ptr error) override {
-        try {
-            std::rethrow_exception(error);
-        } catch (const std::exception& caught) {
-            record(std::string("error ") + caught.what());
-        }
-    }
-    void onComplete() override { record("complete"); }
-    Future<bool> getFuture() override { return makeReadyFuture(true); }
-
-    void record(const std::string& event) {
-        std::unique_lock<std::mutex> hold(mutex);
-        log.push_back(event);
-        hold.unlock();
-        if (onEvent) {
-            onEvent(event);
-        }
-    }
-    void request(unsigned long n) { subscription.lock()->request(n); }
-    void cancel() { subscription.lock()->cancel(); }
-
-    Events& log;
-    const unsigned long initialRequest;
     std::weak_ptr<Subscription> subscription;
-    std::mutex mutex;
-    std::function<void(const std::string&)> onEvent;
     std::atomic<bool> inside{false};
-    std::atomic<int> received{0};
+    std::atomic<int> overlaps{0};
 };
 
 class BayeuxQueueTest : public testing::Test {
@@ -97,13 +63,16 @@ protected:
             queue->setValue(message(channel));
         }
     }
-    // The queue's end shows up in the log, at the moment it happens, as "end true" or "end false".
-    void watchEnd() {
+    // A fresh queue whose end shows up in the log, when it happens, as "end true" or "end false".
+    void renew() {
+        log.clear();
+        queue = std::make_shared<BayeuxQueue>("test");
         end = queue->getFuture().then([this](Future<bool>&& result) {
             log.push_back(result.get() ? "end true" : "end false");
             return true;
         });
     }
+    void fail(const char* text) { queue->setError(std::make_exception_ptr(std::runtime_error(text))); }
 
     Events log;  // first in, last out: the queue's destructor still records into it
     std::shared_ptr<BayeuxQueue> queue = std::make_shared<BayeuxQueue>("test");
@@ -133,15 +102,15 @@ TEST_F(BayeuxQueueTest, DeliversInPushOrderWithinDemandThatSaturates) {
 
 TEST_F(BayeuxQueueTest, RequestOrCancelFromOnNextTakesEffectWithoutRecursion) {
     push({"/0", "/1", "/2", "/3", "/4"});
-    const auto requester = makeSubscriber();
-    requester->onEvent = [&requester](const std::string&) { requester->request(1); };
+    const auto requester = makeSubscriber(1);
+    requester->actOnEachItem([&requester] { requester->request(1); });
     queue->subscribe(requester);
     EXPECT_EQ(log, (Events{"subscribe", "next /0", "next /1", "next /2", "next /3", "next /4"}));
-
+    EXPECT_EQ(requester->overlaps, 0) << "a request from onNext does not recurse";
     requester->cancel();
     push({"/5", "/6"});
     queue->subscribe(subscriber);
-    subscriber->onEvent = [this](const std::string&) { subscriber->cancel(); };
+    subscriber->onItem = [this](auto&) { subscriber->cancel(); };
     subscriber->request(2);
     EXPECT_EQ(log.back(), "next /5");
     EXPECT_EQ(queue->bufferSize(), 1u);
@@ -152,17 +121,16 @@ TEST_F(BayeuxQueueTest, AnEndedQueueIgnoresEverythingAfter) {
         log.clear();
         queue = std::make_shared<BayeuxQueue>("ended");
         subscriber = makeSubscriber();
-        Future<bool> end = queue->getFuture();
+        Future<bool> ended = queue->getFuture();
         queue->subscribe(subscriber);
         push({"/dropped"});
-        failing ? queue->setError(std::make_exception_ptr(std::runtime_error("broken"))) : queue->done();
+        failing ? fail("broken") : queue->done();
         EXPECT_EQ(log, (Events{"subscribe", failing ? "error broken" : "complete"}));
-        EXPECT_EQ(end.get(), !failing);
-
+        EXPECT_EQ(ended.get(), !failing);
         auto late = message("/late");
         queue->setValue(std::move(late));
         EXPECT_NE(late, nullptr) << "an ended queue leaves the message with its caller";
-        queue->setError(std::make_exception_ptr(std::runtime_error("late")));
+        fail("late");
         queue->doneWhenEmpty();
         queue->done();
         subscriber->request(10);
@@ -175,30 +143,23 @@ TEST_F(BayeuxQueueTest, AnEndedQueueIgnoresEverythingAfter) {
     EXPECT_EQ(log.size(), 2u);
 }
 
-TEST_F(BayeuxQueueTest, DoneWhenEmptyEndsAfterTheLastMessage) {
-    watchEnd();
+TEST_F(BayeuxQueueTest, DoneWhenEmptyEndsAfterTheLastMessageAndAnEarlyEndReachesEveryLaterSubscriber) {
+    renew();
     queue->subscribe(subscriber);
     push({"/1"});
     queue->doneWhenEmpty();
     push({"/2"});
-    queue->setError(std::make_exception_ptr(std::runtime_error("ignored")));
+    fail("ignored");
     EXPECT_EQ(log, Events{"subscribe"}) << "without demand the queue stays open";
     subscriber->request(2);
     EXPECT_EQ(log, (Events{"subscribe", "next /1", "next /2", "complete", "end true"}));
-
-    queue = std::make_shared<BayeuxQueue>("empty");
-    log.clear();
+    renew();
     queue->subscribe(makeSubscriber());
     queue->doneWhenEmpty();
-    EXPECT_EQ(log, (Events{"subscribe", "complete"})) << "an empty queue ends at once, without demand";
-}
-
-TEST_F(BayeuxQueueTest, AnEndWithoutSubscriberReachesEveryLaterOne) {
+    EXPECT_EQ(log, (Events{"subscribe", "complete", "end true"})) << "an empty queue ends at once, without demand";
     for (const bool failing : {false, true}) {
-        log.clear();
-        queue = std::make_shared<BayeuxQueue>("unsubscribed");
-        watchEnd();
-        failing ? queue->setError(std::make_exception_ptr(std::runtime_error("early"))) : queue->doneWhenEmpty();
+        renew();
+        failing ? fail("early") : queue->doneWhenEmpty();
         queue->subscribe(makeSubscriber(1));
         queue->subscribe(makeSubscriber(1));
         const char* const told = failing ? "error early" : "complete";
@@ -207,7 +168,7 @@ TEST_F(BayeuxQueueTest, AnEndWithoutSubscriberReachesEveryLaterOne) {
 }
 
 TEST_F(BayeuxQueueTest, OneSubscriberAtATimeAndCancelKeepsMessagesForTheNext) {
-    watchEnd();
+    renew();
     queue->subscribe(subscriber);
     try {
         queue->subscribe(makeSubscriber(1));
@@ -232,9 +193,9 @@ TEST_F(BayeuxQueueTest, OneSubscriberAtATimeAndCancelKeepsMessagesForTheNext) {
 TEST_F(BayeuxQueueTest, ThrowingSubscriberLosesOnlyTheMessageInFlight) {
     queue->subscribe(subscriber);
     subscriber->request(2);
-    subscriber->onEvent = [](const std::string&) { throw std::runtime_error("subscriber failed"); };
+    subscriber->onItem = [](auto&) { throw std::runtime_error("subscriber failed"); };
     EXPECT_NO_THROW(push({"/lost"}));
-    subscriber->onEvent = nullptr;
+    subscriber->onItem = nullptr;
     push({"/2", "/3"});
     EXPECT_EQ(log, (Events{"subscribe", "next /lost", "next /2"})) << "the lost message spent its demand";
     EXPECT_EQ(queue->bufferSize(), 1u);
@@ -244,13 +205,12 @@ TEST_F(BayeuxQueueTest, ThrowingSubscriberLosesOnlyTheMessageInFlight) {
 }
 
 TEST_F(BayeuxQueueTest, DestructionCompletesAnOpenQueueAndFreesEveryMessage) {
-    const auto delivered = std::make_shared<common::DataBuffer>();
-    const auto undelivered = std::make_shared<common::DataBuffer>();
-    watchEnd();
+    const auto delivered = std::make_shared<common::DataBuffer>(), undelivered = std::make_shared<common::DataBuffer>();
+    renew();
     queue->subscribe(subscriber);
     subscriber->request(1);
     queue->setValue(message("/delivered", delivered));
-    EXPECT_EQ(delivered.use_count(), 1) << "what onNext leaves in the message is destroyed by the queue";
+    EXPECT_EQ(delivered.use_count(), 2) << "the queue keeps nothing of a delivered message";
     queue->setValue(message("/undelivered", undelivered));
     queue.reset();
     EXPECT_EQ(log, (Events{"subscribe", "next /delivered", "complete", "end true"}));
@@ -276,32 +236,33 @@ TEST_F(BayeuxQueueTest, SubscriptionWithoutItsQueueRefusesLoudly) {
         EXPECT_EQ(trace.back(), '\n');
     };
     const auto request = [&] { kept->request(1); };
-    subscriber->onEvent = [&](const std::string&) { expectRefused(request, "No publisher, can not request!"); };
     queue.reset();
     EXPECT_EQ(log, (Events{"subscribe", "complete"}));
     expectRefused(request, "No publisher, can not request!");
     expectRefused([&] { kept->cancel(); }, "No publisher, can not cancel!");
 }
 
-// Starts `count` threads that each push `each` messages "/<thread>/<sequence>".
-std::vector<std::thread> startProducers(const std::shared_ptr<BayeuxQueue>& queue, int count, int each) {
-    std::vector<std::thread> producers;
+// Runs `count` threads that each push `each` messages "/<thread>/<sequence>", plus `also`.
+void runProducers(const std::shared_ptr<BayeuxQueue>& queue, int count, int each, std::function<void()> also) {
+    std::vector<std::thread> threads;
     for (int p = 0; p < count; ++p) {
-        producers.emplace_back([queue, p, each] {
+        threads.emplace_back([queue, p, each] {
             for (int i = 0; i < each; ++i) {
                 queue->setValue(message("/" + std::to_string(p) + "/" + std::to_string(i)));
             }
         });
     }
-    return producers;
+    threads.emplace_back(std::move(also));
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
 }
 
 // How many messages of each producer arrived; fails unless they came in push order.
 std::vector<int> countInPushOrder(const Events& events, int producers) {
     std::vector<int> next(producers, 0);
     for (const std::string& event : events) {
-        int producer = 0;
-        int sequence = 0;
+        int producer = 0, sequence = 0;
         if (std::sscanf(event.c_str(), "next /%d/%d", &producer, &sequence) == 2) {
             EXPECT_EQ(sequence, next[producer]++) << "producer " << producer;
         }
@@ -310,18 +271,17 @@ std::vector<int> countInPushOrder(const Events& events, int producers) {
 }
 
 TEST(BayeuxQueueConcurrency, ProducersAndARequesterOnSeparateThreads) {
-    constexpr int producerCount = 4;
-    constexpr int messagesEach = 20000;
-    constexpr int batch = 16;
+    constexpr int producerCount = 4, messagesEach = 20000, batch = 16;
     const auto queue = std::make_shared<BayeuxQueue>("concurrency");
     Future<bool> end = queue->getFuture();
     Events log;
     const auto subscriber = std::make_shared<RecordingSubscriber>(log);
+    std::atomic<long> received{0};
+    subscriber->actOnEachItem([&received] { ++received; });
     queue->subscribe(subscriber);
-    const std::shared_ptr<Subscription> subscription = subscriber->subscription.lock();
-    std::thread requester([&subscriber, &subscription] {
-        for (long requested = 0; subscriber->received.load() < producerCount * messagesEach;) {
-            if (requested - subscriber->received.load() < batch) {
+    runProducers(queue, producerCount, messagesEach, [&received, subscription = subscriber->subscription.lock()] {
+        for (long requested = 0; received.load() < producerCount * messagesEach;) {
+            if (requested - received.load() < batch) {
                 requested += batch;
                 subscription->request(batch);
             } else {
@@ -329,34 +289,27 @@ TEST(BayeuxQueueConcurrency, ProducersAndARequesterOnSeparateThreads) {
             }
         }
     });
-    for (std::thread& producer : startProducers(queue, producerCount, messagesEach)) {
-        producer.join();
-    }
-    requester.join();
     queue->doneWhenEmpty();
     EXPECT_EQ(countInPushOrder(log, producerCount), std::vector<int>(producerCount, messagesEach));
-    EXPECT_EQ(std::count(log.begin(), log.end(), "overlap"), 0);
+    EXPECT_EQ(subscriber->overlaps, 0);
     EXPECT_EQ(log.back(), "complete");
     EXPECT_TRUE(end.get());
 }
 
 TEST(BayeuxQueueConcurrency, EndingRacesWithProducersAndEndsOnce) {
-    constexpr int producerCount = 3;
     for (int round = 0; round < 200; ++round) {
         const auto queue = std::make_shared<BayeuxQueue>("race");
         Future<bool> end = queue->getFuture();
         Events log;
-        queue->subscribe(std::make_shared<RecordingSubscriber>(log, unlimited));
-        std::vector<std::thread> threads = startProducers(queue, producerCount, 50);
-        threads.emplace_back([&queue, round] { round % 2 == 0 ? queue->doneWhenEmpty() : queue->done(); });
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
+        const auto subscriber = std::make_shared<RecordingSubscriber>(log, unlimited);
+        subscriber->actOnEachItem([] {});
+        queue->subscribe(subscriber);
+        runProducers(queue, 3, 50, [&queue, round] { round % 2 == 0 ? queue->doneWhenEmpty() : queue->done(); });
         queue->done();
         ASSERT_TRUE(end.get());
         ASSERT_EQ(std::count(log.begin(), log.end(), "complete"), 1);
-        ASSERT_EQ(std::count(log.begin(), log.end(), "overlap"), 0);
-        countInPushOrder(log, producerCount);
+        ASSERT_EQ(subscriber->overlaps, 0);
+        countInPushOrder(log, 3);
     }
 }
 

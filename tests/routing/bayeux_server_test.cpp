@@ -3,32 +3,43 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "routing/routing_test_support.h"
 
 namespace korvane::bayeux::testing {
 namespace {
 
+Log sorted(Log log) {
+    std::sort(log.begin(), log.end());
+    return log;
+}
+
 class BayeuxServerTest : public ::testing::Test {
 protected:
     // Made sessions live as long as the test.
-    std::shared_ptr<RecordingSession> makeSession(const std::string& id) {
-        return made.emplace_back(std::make_shared<RecordingSession>(id, &log));
+    std::shared_ptr<RecordingSession> host(const std::string& id) {
+        return hosts.emplace_back(std::make_shared<RecordingSession>(id, &log));
     }
     std::shared_ptr<RecordingSession> add(const std::string& id, bool priority = false) {
-        const auto session = makeSession(id);
+        const auto session = host(id);
         priority ? server->addPrioritySession(session) : server->addSession(session);
         return session;
+    }
+    std::shared_ptr<DeclaringSession> declaring(const std::string& id) {
+        return declared.emplace_back(std::make_shared<DeclaringSession>(server, id, &log));
+    }
+    // Publishes once and returns what the sessions logged for this publish alone.
+    Log logOf(const std::string& channel, const std::string& clientId = "publisher") {
+        log.clear();
+        EXPECT_TRUE(server->deliver(publish(channel, clientId))) << channel;
+        return log;
     }
 
     std::shared_ptr<BayeuxServerImpl> server = std::make_shared<BayeuxServerImpl>();
     Log log;
-    std::vector<std::shared_ptr<RecordingSession>> made;
+    std::vector<std::shared_ptr<RecordingSession>> hosts;
+    std::vector<std::shared_ptr<DeclaringSession>> declared;
 };
 
 TEST_F(BayeuxServerTest, RefusesMalformedPublishesAndKeepsThemWithTheCaller) {
@@ -62,27 +73,24 @@ TEST_F(BayeuxServerTest, RefusesMalformedPublishesAndKeepsThemWithTheCaller) {
     }
 }
 
-TEST_F(BayeuxServerTest, SplitsTheChannelOnceForEverySession) {
-    const auto first = add("first");
-    const auto second = add("second");
-    first->onPublish = [&](const PublishRequest&) { EXPECT_EQ(*first->lastSegments, (Segments{"a", "b"})); };
-    second->onPublish = [&](const PublishRequest&) { EXPECT_EQ(second->lastSegments, first->lastSegments); };
-    EXPECT_TRUE(server->deliver(publish("//a//b")));
-    EXPECT_EQ(log.size(), 2u);
-}
-
-TEST_F(BayeuxServerTest, ServesPrioritySessionsFirstAndSkipsTheSender) {
-    for (const auto& [id, priority] : {std::pair{"me", false}, {"p1", true}, {"", false}, {"p2", true}, {"o", false}}) {
+TEST_F(BayeuxServerTest, PriorityTierFirstHostBeforeDeclaringSenderSkippedNoticesToHostSessionsOnly) {
+    for (const auto& [id, priority] : {std::pair{"me", false}, {"p1", true}, {"", false}, {"p2", true}}) {
         add(id, priority);
     }
-    server->deliver(publish("/x", "me"));
+    server->addSession(declaring("ordinary"));
+    server->addPrioritySession(declaring("priority"));
+    server->addSession(declaring("other"));
+    add("o");
+    for (const auto& session : declared) {
+        session->hold(session->id == "other" ? "/y" : "/x/*");
+    }
+    EXPECT_EQ(logOf("/x/1", "me"), (Log{"p1:/x/1", "p2:/x/1", "priority:/x/1", ":/x/1", "o:/x/1", "ordinary:/x/1"}));
+    EXPECT_EQ(logOf("/z", ""), (Log{"p1:/z", "p2:/z", "me:/z", "o:/z"})) << "a host's session is offered everything";
+    log.clear();
     server->deliver(std::make_unique<SubscribeRequest>("/s", "me"));
-    server->deliver(std::make_unique<UnsubscribeRequest>("/s", "me"));
-    server->deliver(publish("/y", ""));
-    EXPECT_EQ(log, (Log{"p1:/x", "p2:/x", ":/x", "o:/x",                                                 //
-                        "p1:subscribe /s", "p2:subscribe /s", ":subscribe /s", "o:subscribe /s",          //
-                        "p1:unsubscribe /s", "p2:unsubscribe /s", ":unsubscribe /s", "o:unsubscribe /s",  //
-                        "p1:/y", "p2:/y", "me:/y", "o:/y"}));
+    server->deliver(std::make_unique<UnsubscribeRequest>("/s", "o"));
+    EXPECT_EQ(log, (Log{"p1:subscribe /s", "p2:subscribe /s", ":subscribe /s", "o:subscribe /s",  //
+                        "p1:unsubscribe /s", "p2:unsubscribe /s", "me:unsubscribe /s", ":unsubscribe /s"}));
 }
 
 TEST_F(BayeuxServerTest, DeadSessionsArePrunedOnlyOnAddOrRemoveAndDuplicatesAreServedTwice) {
@@ -97,7 +105,6 @@ TEST_F(BayeuxServerTest, DeadSessionsArePrunedOnlyOnAddOrRemoveAndDuplicatesAreS
     server->addPrioritySession(twice);
     dying.reset();
     dyingPriority.reset();
-
     server->deliver(publish("/x"));
     server->deliver(std::make_unique<SubscribeRequest>("/s", "publisher"));
     EXPECT_EQ(log, (Log{"twice:/x", "twice:/x", "twice:/x", "twice:subscribe /s", "twice:subscribe /s",
@@ -105,27 +112,24 @@ TEST_F(BayeuxServerTest, DeadSessionsArePrunedOnlyOnAddOrRemoveAndDuplicatesAreS
     EXPECT_EQ(live, 2) << "a walk leaves dead entries in place";
     add("added", true);
     EXPECT_EQ(live, 1) << "an add prunes its own list";
-    server->removeSession(makeSession("neverAdded"));
+    server->removeSession(host("neverAdded"));
     EXPECT_EQ(live, 0) << "a remove prunes both lists";
-    log.clear();
-    server->deliver(publish("/y"));
+    EXPECT_EQ(logOf("/y"), (Log{"twice:/y", "added:/y", "twice:/y", "twice:/y"})) << "pruning keeps the order";
     server->removeSession(twice);
-    server->deliver(publish("/z"));
-    EXPECT_EQ(log, (Log{"twice:/y", "added:/y", "twice:/y", "twice:/y", "added:/z"}))
-        << "pruning keeps live entries in order, a remove takes every one of them";
+    EXPECT_EQ(logOf("/z"), Log{"added:/z"}) << "a remove takes every entry";
 }
 
 TEST_F(BayeuxServerTest, ReentrantCallsTakeEffectAtTheNextSnapshotAndExceptionsStopTheWalk) {
     const auto priority = add("priority", true);
     const auto ordinary = add("ordinary");
     const auto removed = add("removed");
-    const auto addedByPriority = makeSession("addedByPriority");
+    const auto addedByPriority = host("addedByPriority");
     priority->onPublish = [&](const PublishRequest&) {
         server->addSession(addedByPriority);
-        server->addPrioritySession(makeSession("lateToThisWalk"));
+        server->addPrioritySession(host("lateToThisWalk"));
     };
     ordinary->onPublish = [&](const PublishRequest&) {
-        server->addSession(makeSession("addedByOrdinary"));
+        server->addSession(host("addedByOrdinary"));
         server->removeSession(removed);
         priority->onPublish = nullptr;
         server->deliver(publish("/inner", "ordinary"));
@@ -136,53 +140,103 @@ TEST_F(BayeuxServerTest, ReentrantCallsTakeEffectAtTheNextSnapshotAndExceptionsS
     EXPECT_EQ(log, (Log{"priority:/x", "ordinary:/x", "priority:/inner", "lateToThisWalk:/inner",
                         "addedByPriority:/inner", "addedByOrdinary:/inner", "removed:/x", "addedByPriority:/x",
                         "priority:/y", "lateToThisWalk:/y", "ordinary:/y", "addedByPriority:/y", "addedByOrdinary:/y"}));
-
     addedByPriority->onPublish = [](const PublishRequest&) { throw std::runtime_error("session failed"); };
     EXPECT_THROW(server->deliver(publish("/z")), std::runtime_error) << "the exception reaches the publisher";
     EXPECT_EQ(log.back(), "addedByPriority:/z") << "and the sessions after the thrower are not served";
 }
 
-TEST(BayeuxServerConcurrency, PublishesRunWhileSessionsComeAndGo) {
-    constexpr int publisherCount = 3;
-    constexpr int publishesEach = 3000;
-    const auto server = std::make_shared<BayeuxServerImpl>();
-    std::vector<Log> logs(8);
-    std::vector<std::shared_ptr<RecordingSession>> steady;
-    for (int i = 0; i < 8; ++i) {
-        steady.push_back(std::make_shared<RecordingSession>("steady" + std::to_string(i), &logs[i]));
-        i % 2 == 0 ? server->addPrioritySession(steady.back()) : server->addSession(steady.back());
+TEST_F(BayeuxServerTest, IndexOffersExactlyWhatTheSessionsPatternsMatchOnceEachAtEveryDepth) {
+    const std::vector<std::string> patterns{"/a",     "/a/b",    "/a/*", "/a/**", "/*",  "/**", "/a/b/*",
+                                            "/a/b/**", "/a//b/", "/a*",  "/*/b",  "/b/**", "a/c"};
+    std::vector<Channel> models(patterns.size());
+    const auto everything = declaring("all");
+    for (std::size_t i = 0; i < patterns.size(); ++i) {
+        models[i].pushPattern(patterns[i]);
+        server->addSession(declaring(patterns[i]));
+        declared.back()->hold(patterns[i]);
+        everything->hold(patterns[i]).hold(patterns[i]);
     }
-    std::atomic<bool> publishing{true};
-    std::thread churn([&] {
-        while (publishing.load()) {
-            const auto transient = std::make_shared<RecordingSession>("transient", nullptr);
-            server->addSession(transient);
-            server->addPrioritySession(std::make_shared<RecordingSession>("shortLived", nullptr));
-            server->removeSession(transient);
-        }
-    });
-    std::vector<std::thread> publishers;
-    for (int p = 0; p < publisherCount; ++p) {
-        publishers.emplace_back([&server, p] {
-            for (int i = 0; i < publishesEach; ++i) {
-                ASSERT_TRUE(server->deliver(publish("/load/" + std::to_string(p))));
-                if (i % 100 == 0) {
-                    server->deliver(std::make_unique<SubscribeRequest>("/load/*", "publisher"));
-                }
+    server->addSession(everything);  // declared before it was added, unlike the others
+    for (const std::string channel :
+         {"/a", "/b", "/c", "/a/b", "/a/c", "/b/b", "/a/b/c", "/b/c/d", "//a//b", "/a%b", "/a/b/c/d"}) {
+        Log expected;
+        for (std::size_t i = 0; i < patterns.size(); ++i) {
+            if (models[i].channelMatches(splitChannel(channel))) {
+                expected.push_back(patterns[i] + ":" + channel);
             }
-        });
+        }
+        if (!expected.empty()) {
+            expected.push_back("all:" + channel);
+        }
+        EXPECT_EQ(sorted(logOf(channel)), sorted(expected)) << channel;
     }
-    for (std::thread& publisher : publishers) {
-        publisher.join();
+}
+
+TEST_F(BayeuxServerTest, IndexFollowsWithdrawsRemovesAndDeathsAndIgnoresSessionsNeverAdded) {
+    std::atomic<int> live{0};
+    const CountingAllocator<DeclaringSession> allocator(live);
+    auto session = std::allocate_shared<DeclaringSession>(allocator, server, "s", &log);
+    session->hold("/a/*").hold("/a/*").hold("/a//b");
+    server->addSession(session);
+    EXPECT_EQ(logOf("/a/b"), Log{"s:/a/b"}) << "three holds of two matching patterns, one offer";
+    session->drop("/a/*");
+    EXPECT_EQ(logOf("/a/c"), Log{"s:/a/c"}) << "one hold is left";
+    session->drop("/a/*").drop("/a/*").drop("/never");
+    EXPECT_EQ(logOf("/a/c"), Log{});
+    EXPECT_EQ(logOf("/a/b"), Log{"s:/a/b"});
+    session->drop("/a/b");
+    EXPECT_EQ(logOf("/a/b"), Log{}) << "any spelling of the pattern withdraws it";
+
+    session->hold("/x/**");
+    server->addSession(session);
+    server->addPrioritySession(session);
+    EXPECT_EQ(logOf("/x/y"), (Log{"s:/x/y", "s:/x/y", "s:/x/y"})) << "one offer per place in the lists";
+    EXPECT_EQ(logOf("/x/y", "s"), Log{}) << "the sender is skipped";
+    server->removeSession(session);
+    EXPECT_EQ(logOf("/x/y"), Log{});
+    server->addSession(session);
+    EXPECT_EQ(logOf("/x/y"), Log{"s:/x/y"}) << "removal keeps the patterns for the next add";
+    session.reset();
+    EXPECT_EQ(live, 0) << "the session's death drops every reference the server held";
+    EXPECT_EQ(logOf("/x/y"), Log{});
+
+    auto neverAdded = std::allocate_shared<DeclaringSession>(allocator, server, "neverAdded", &log);
+    neverAdded->hold("/x/**");
+    EXPECT_EQ(logOf("/x/y"), Log{}) << "declared patterns route nothing before the session is added";
+    neverAdded.reset();
+    EXPECT_EQ(live, 0);
+}
+
+TEST_F(BayeuxServerTest, IndexSessionAddedOrDeclaringDuringAPublishJoinsAtTheNextSnapshot) {
+    const auto priority = declaring("priority"), ordinary = declaring("ordinary");
+    const auto byPriority = declaring("addedByPriority"), latePriority = declaring("latePriority");
+    const auto byOrdinary = declaring("addedByOrdinary"), declaredLate = declaring("declaredByOrdinary");
+    for (const auto& session : {priority, ordinary, byPriority, latePriority, byOrdinary}) {
+        session->hold("/x");
     }
-    publishing = false;
-    churn.join();
-    for (const Log& log : logs) {
-        const auto isNotice = [](const std::string& event) { return event.find(":subscribe ") != std::string::npos; };
-        const long notices = std::count_if(log.begin(), log.end(), isNotice);
-        EXPECT_EQ(notices, publisherCount * (publishesEach / 100));
-        EXPECT_EQ(static_cast<long>(log.size()) - notices, publisherCount * publishesEach);
-    }
+    server->addPrioritySession(priority);
+    server->addSession(ordinary);
+    server->addSession(declaredLate);
+    priority->onPublish = [&](const PublishRequest&) {
+        server->addSession(byPriority);
+        server->addPrioritySession(latePriority);
+        priority->onPublish = nullptr;
+    };
+    ordinary->onPublish = [&](const PublishRequest&) {
+        server->addSession(byOrdinary);
+        declaredLate->hold("/x");
+        ordinary->onPublish = nullptr;
+    };
+    const Log first = logOf("/x");
+    ASSERT_EQ(first.size(), 3u);
+    EXPECT_EQ(first[0], "priority:/x");
+    EXPECT_EQ(sorted(Log(first.begin() + 1, first.end())), (Log{"addedByPriority:/x", "ordinary:/x"}))
+        << "the ordinary tier is read after the priority walk";
+    const Log second = logOf("/x");
+    ASSERT_EQ(second.size(), 6u);
+    EXPECT_EQ(sorted(Log(second.begin(), second.begin() + 2)), (Log{"latePriority:/x", "priority:/x"}));
+    EXPECT_EQ(sorted(Log(second.begin() + 2, second.end())),
+              (Log{"addedByOrdinary:/x", "addedByPriority:/x", "declaredByOrdinary:/x", "ordinary:/x"}));
 }
 
 }  // namespace

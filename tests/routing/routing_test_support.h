@@ -1,12 +1,11 @@
 #pragma once
 
-// Sessions and helpers for the routing core's tests. RecordingSession is a host's own
-// session that declares nothing and so is offered everything; DeclaringSession declares
-// its patterns and records every publish that the index offers it, matching or not.
-// Both record under their own mutex and may be used from several threads.
+// Sessions for the routing core's tests. RecordingSession is a host's own session: it declares
+// nothing and so is offered everything; DeclaringSession declares its patterns and records every
+// publish that the index offers it, matching or not. Both log "id:event" into a log they may share
+// (nothing without one), under their own mutex, and run `onPublish` inside their deliver.
 
 #include <atomic>
-#include <cstddef>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -16,19 +15,16 @@
 #include "korvane/codec/channel.h"
 #include "korvane/codec/routing_interfaces.h"
 #include "korvane/frame/data_buffer.h"
+#include "korvane/routing/bayeux_server.h"
 
 namespace korvane::bayeux::testing {
 
 using Segments = std::vector<std::string>;
 using Log = std::vector<std::string>;
 
-// Records in a log, which several sessions may share, which session received what
-// (nothing without a log), and runs an optional hook inside its deliver. `mutex`
-// guards `lastSegments` and the log, for sessions that have a log of their own.
 class RecordingSession : public BayeuxSession {
 public:
     RecordingSession(std::string sessionId, Log* sharedLog) : id(std::move(sessionId)), log(sharedLog) {}
-
     std::shared_ptr<Context> getContext() const override { return nullptr; }
     std::string getId() const override { return id; }
     void deliver(const Segments& segments, const std::shared_ptr<const PublishRequest>& message) override {
@@ -61,44 +57,28 @@ inline std::unique_ptr<PublishRequest> publish(const std::string& channel, const
     return request;
 }
 
-// A host's session that declares its patterns to `server` and records every publish
-// offered to it, so that a test sees what the index chose rather than what a Channel
-// would have let through. Its patterns are whatever the test declares: it keeps none.
 class DeclaringSession : public RecordingSession {
 public:
     DeclaringSession(std::shared_ptr<BayeuxServer> server, std::string sessionId, Log* sharedLog)
         : RecordingSession(std::move(sessionId), sharedLog), server(std::move(server)) {}
     ~DeclaringSession() override { server->forgetSession(*this); }
-
     bool declaresPatternsTo(const BayeuxServer& routing) const override { return &routing == server.get(); }
-    DeclaringSession& hold(const std::string& pattern) {
-        server->declarePattern(*this, pattern);
-        return *this;
-    }
-    DeclaringSession& drop(const std::string& pattern) {
-        server->withdrawPattern(*this, pattern);
-        return *this;
-    }
+    DeclaringSession& hold(const std::string& pattern) { return server->declarePattern(*this, pattern), *this; }
+    DeclaringSession& drop(const std::string& pattern) { return server->withdrawPattern(*this, pattern), *this; }
 
     const std::shared_ptr<BayeuxServer> server;
 };
 
-// Counts live allocations, so that a test can see when the last weak reference
-// to a dead session's control block is gone, on whichever thread that happens.
+// Counts live allocations, so that a test sees when the last weak reference to a dead
+// session's control block is gone, on whichever thread that happens.
 template <class T>
 struct CountingAllocator {
     using value_type = T;
     explicit CountingAllocator(std::atomic<int>& liveCount) : live(&liveCount) {}
     template <class U>
     CountingAllocator(const CountingAllocator<U>& other) : live(other.live) {}
-    T* allocate(std::size_t n) {
-        ++*live;
-        return std::allocator<T>().allocate(n);
-    }
-    void deallocate(T* p, std::size_t n) {
-        --*live;
-        std::allocator<T>().deallocate(p, n);
-    }
+    T* allocate(std::size_t n) { return ++*live, std::allocator<T>().allocate(n); }
+    void deallocate(T* p, std::size_t n) { --*live, std::allocator<T>().deallocate(p, n); }
     template <class U>
     bool operator==(const CountingAllocator<U>& other) const { return live == other.live; }
     template <class U>

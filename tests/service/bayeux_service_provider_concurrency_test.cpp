@@ -21,8 +21,7 @@ public:
     }
 
     std::once_flag enteredOnce;
-    std::promise<void> entered;
-    std::promise<void> gate;
+    std::promise<void> entered, gate;
     std::shared_future<void> opened = gate.get_future().share();
 };
 
@@ -35,21 +34,19 @@ TEST_F(BayeuxServiceProviderConcurrency, ASweepDestroysWhatItDropsOutsideTheLock
     ASSERT_TRUE(subscribe(stale, "/a")->successful);
     clock->advanceTicks(1150);
     const std::string fresh = handshake();
-
     // The sweep at startTick + 1200 drops `stale`, whose dying session blocks in its notice.
     std::thread timerThread([this] { clock->advanceTicks(50); });
     gated->entered.get_future().wait();
     // The registry is usable while the sweep is stuck: it holds no lock any more.
     EXPECT_EQ(handshake().size(), 16u);
-    EXPECT_TRUE(publish(fresh, "/b", "")->successful);
-
+    EXPECT_TRUE(publish(fresh, "/b")->successful);
     std::atomic<bool> destroyed{false};
     std::thread destroyer([owner = std::move(provider), &destroyed]() mutable {
         owner.reset();
         destroyed = true;
     });
-    // `fresh` keeps the sweep alive, so the destructor has to wait for the sweep
-    // that is still running on the timer thread.
+    // `fresh` keeps the sweep alive, so the destructor has to wait for the sweep that is still
+    // running on the timer thread.
     std::this_thread::sleep_for(50ms);
     EXPECT_FALSE(destroyed.load());
     gated->gate.set_value();
@@ -67,8 +64,8 @@ TEST_F(BayeuxServiceProviderConcurrency, ProviderDestroyedWhileItsSweepIsDueOnAn
             ASSERT_TRUE(subscribe(client, "/a/**")->successful);
             connect(client);
         }
-        // Some rounds cross the client timeout, so that the sweep also releases
-        // its own handle while the provider goes.
+        // Some rounds cross the client timeout, so that the sweep also releases its own handle
+        // while the provider goes.
         std::thread timerThread([this, periods = 1 + round % 16] {
             for (int i = 0; i < periods; ++i) {
                 clock->advanceTicks(100);
@@ -83,7 +80,16 @@ TEST_F(BayeuxServiceProviderConcurrency, ProviderDestroyedWhileItsSweepIsDueOnAn
     }
 }
 
-TEST_F(BayeuxServiceProviderConcurrency, ClientsOfSeveralThreadsLiveWhileTheClockRuns) {
+// Workers on several threads live whole client lives while the clock runs, idle clients past
+// the pending limit are dropped as publishes flood them, and half of those leave by themselves,
+// racing their drop.
+TEST_F(BayeuxServiceProviderConcurrency, ClientsLiveDropAndLeaveOnSeveralThreadsWhileTheClockRuns) {
+    provider = makeProvider(server, BayeuxServiceOptions{5});
+    std::vector<std::string> idle;
+    for (int client = 0; client < 20; ++client) {
+        idle.push_back(handshake());
+        ASSERT_TRUE(subscribe(idle.back(), "/flood/**")->successful);
+    }
     std::atomic<bool> stop{false};
     std::thread timerThread([this, &stop] {
         while (!stop.load()) {
@@ -91,50 +97,22 @@ TEST_F(BayeuxServiceProviderConcurrency, ClientsOfSeveralThreadsLiveWhileTheCloc
             std::this_thread::sleep_for(200us);
         }
     });
-    std::vector<std::thread> workers;
+    std::vector<std::thread> threads;
     for (int worker = 0; worker < 4; ++worker) {
-        workers.emplace_back([this, worker] {
+        threads.emplace_back([this, worker] {
             auto context = std::make_shared<TestContext>("browser-" + std::to_string(worker % 2));
             for (int round = 0; round < 40; ++round) {
                 const std::string receiver = handshake(context), sender = handshake(context);
-                EXPECT_TRUE(subscribe(receiver, "/load/**", context)->successful);
-                const char* type = worker % 2 == 0 ? "long-polling" : "websocket";
-                auto stream = open(connect(receiver, type, std::nullopt, context));
+                EXPECT_TRUE(subscribe(receiver, "/load/" + std::to_string(worker), context)->successful);
+                auto stream = open(connect(receiver, worker % 2 == 0 ? "long-polling" : "websocket", {}, context));
                 EXPECT_TRUE(publish(sender, "/load/" + std::to_string(worker), "", context)->successful);
+                EXPECT_TRUE(publish(sender, "/flood/" + std::to_string(worker), "", context)->successful);
                 EXPECT_TRUE(disconnect(sender, context)->successful && disconnect(receiver, context)->successful);
                 // The dying receiver answers its connect, whatever the clock has done meanwhile.
                 EXPECT_TRUE(stream->waitCompleted(5s));
             }
         });
     }
-    for (auto& thread : workers) {
-        thread.join();
-    }
-    stop = true;
-    timerThread.join();
-    EXPECT_EQ(provider->getActiveConnectCountForSessionId("browser-0", "long-polling"), 0u);
-}
-
-TEST_F(BayeuxServiceProviderConcurrency, ClientsPastThePendingLimitAreDroppedWhilePublishesAndDisconnectsRace) {
-    BayeuxServiceOptions options;
-    options.maxPendingMessages = 5;
-    provider = std::make_shared<BayeuxServiceProviderImpl>(server, options);
-    provider->start();
-    std::vector<std::string> idle;
-    for (int client = 0; client < 20; ++client) {
-        idle.push_back(handshake());
-        ASSERT_TRUE(subscribe(idle.back(), "/flood/**")->successful);
-    }
-    std::vector<std::thread> threads;
-    for (int publisher = 0; publisher < 3; ++publisher) {
-        threads.emplace_back([this, publisher] {
-            const std::string sender = handshake();
-            for (int message = 0; message < 30; ++message) {
-                EXPECT_TRUE(publish(sender, "/flood/" + std::to_string(publisher), "")->successful);
-            }
-        });
-    }
-    // Half of the idle clients leave by themselves, racing their drop.
     threads.emplace_back([this, &idle] {
         for (std::size_t client = 0; client < idle.size(); client += 2) {
             disconnect(idle[client]);
@@ -143,6 +121,9 @@ TEST_F(BayeuxServiceProviderConcurrency, ClientsPastThePendingLimitAreDroppedWhi
     for (auto& thread : threads) {
         thread.join();
     }
+    stop = true;
+    timerThread.join();
+    EXPECT_EQ(provider->getActiveConnectCountForSessionId("browser-0", "long-polling"), 0u);
     for (const std::string& client : idle) {
         EXPECT_FALSE(provider->getSession(client, "")) << client;
     }

@@ -2,29 +2,20 @@
 
 // The protocol-service tests' fixture: a provider on a fresh routing core and a manual clock,
 // spoken to through its typed dispatch as a transport does. Requests go out in the context
-// `browser` unless a test names another.
+// `browser`, which routes nowhere, unless a test names another.
 
 #include <optional>
-#include <stdexcept>
 #include <type_traits>
 
 #include <boost/any.hpp>
 
 #include "korvane/service/bayeux_service_provider.h"
 #include "session/session_test_support.h"
+#include "support/test_context.h"
 
 namespace korvane::bayeux::testing {
 
-// A request context that routes nowhere; it only carries its property bag.
-class TestContext : public Context {
-public:
-    TestContext() = default;
-    explicit TestContext(const std::string& sessionId) { set("sessionId", boost::any(sessionId)); }
-    Future<std::unique_ptr<Message>> handle(std::unique_ptr<Message>&&, Address&& address) override {
-        return makeErrorFuture<std::unique_ptr<Message>>(
-            std::make_exception_ptr(std::runtime_error("TestContext routes nowhere: " + address.name())));
-    }
-};
+using test_support::TestContext;
 
 template <class Response, class = void>
 struct HasAdvice : std::false_type {};
@@ -48,8 +39,9 @@ protected:
     static constexpr long long startTick = 5000;
 
     void SetUp() override { provider = makeProvider(server); }
-    static std::shared_ptr<BayeuxServiceProviderImpl> makeProvider(std::shared_ptr<BayeuxServer> core) {
-        auto made = std::make_shared<BayeuxServiceProviderImpl>(std::move(core));
+    static std::shared_ptr<BayeuxServiceProviderImpl> makeProvider(std::shared_ptr<BayeuxServer> core,
+                                                                   BayeuxServiceOptions options = {}) {
+        auto made = std::make_shared<BayeuxServiceProviderImpl>(std::move(core), options);
         made->start();
         return made;
     }
@@ -58,7 +50,6 @@ protected:
         EXPECT_EQ(stream.seen(), Texts{"response:c-" + clientId + " advice:0/200/-1"});
         EXPECT_EQ(stream.completionCount(), 1);
     }
-
     // Sends one request the way a transport does; null, and a failure, for a reply of another type.
     template <class Response, class Request>
     std::unique_ptr<Response> ask(std::unique_ptr<Request> request, std::shared_ptr<Context> context = nullptr) {
@@ -99,7 +90,7 @@ protected:
         return ask<UnsubscribeResponse>(std::make_unique<UnsubscribeRequest>(pattern, clientId));
     }
     std::unique_ptr<PublishResponse> publish(const std::string& clientId, const std::string& channel,
-                                             const std::string& id, std::shared_ptr<Context> context = nullptr) {
+                                             const std::string& id = "", std::shared_ptr<Context> context = nullptr) {
         auto request = makePublish(channel, "{\"text\":\"hi\"}", clientId);
         request->id = id;
         return ask<PublishResponse>(std::move(request), std::move(context));

@@ -1,11 +1,13 @@
-// WebSocket and long-poll clients on real threads publish to one another through the
-// whole server side in memory, while a clock thread drives the batching and hold
-// timers: every message reaches every other client once, in its publisher's order.
+// WebSocket clients on real threads publish to one another through the whole server side in
+// memory, each socket fed by its own thread and written by the others' publishes, while a clock
+// thread drives the batching and hold timers: every message reaches every other client once,
+// in its publisher's order.
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <map>
+#include <numeric>
 #include <regex>
 #include <thread>
 
@@ -16,33 +18,24 @@ namespace {
 
 constexpr int messagesPerClient = 40;
 constexpr auto deadline = std::chrono::seconds(60);
+const std::string connectFrame = R"({"channel":"/meta/connect","advice":{"timeout":1000}})";
 
 // What one client received: the sequence numbers of each publisher, in arrival order.
 class Inbox {
 public:
     void take(const std::string& text) {
         static const std::regex delivery(R"re("data":\{"from":"(\w+)","seq":(\d+)\})re");
-        std::lock_guard<std::mutex> guard(mutex);
+        const std::lock_guard<std::mutex> guard(mutex);
         for (std::sregex_iterator it(text.begin(), text.end(), delivery), end; it != end; ++it) {
             bySender[(*it)[1]].push_back(std::stoi((*it)[2]));
+            ++total;
         }
     }
-    std::size_t count() {
-        std::lock_guard<std::mutex> guard(mutex);
-        std::size_t total = 0;
-        for (const auto& entry : bySender) {
-            total += entry.second.size();
-        }
-        return total;
-    }
-    std::map<std::string, std::vector<int>> received() {
-        std::lock_guard<std::mutex> guard(mutex);
-        return bySender;
-    }
+    std::size_t count() { return std::lock_guard<std::mutex>(mutex), total; }
 
-private:
     std::mutex mutex;
     std::map<std::string, std::vector<int>> bySender;
+    std::size_t total = 0;
 };
 
 std::string publishOf(const std::string& name, int seq) {
@@ -51,128 +44,71 @@ std::string publishOf(const std::string& name, int seq) {
 
 class TransportConcurrency : public TransportFixture {
 protected:
-    // One WebSocket client: this thread alone feeds its socket, reconnecting after each
+    // One WebSocket client: this thread alone feeds its socket, connecting again after each
     // connect reply and publishing in between.
     void runWebSocketClient(const std::string& name, Inbox& inbox, std::size_t expected) {
-        std::mutex mutex;
-        std::condition_variable wake;
-        bool reconnect = false;
-        Socket socket = upgrade(browser(name), [&](const std::string& frame) {
-            inbox.take(frame);
-            if (frame.find("\"/meta/connect\"") != std::string::npos) {
-                std::lock_guard<std::mutex> guard(mutex);
-                reconnect = true;
-                wake.notify_all();
-            }
-        });
+        std::atomic<bool> reconnect{false};
+        Socket socket = upgrade(browser(name));
+        socket.written->onItem = [&](const http::WebSocketFrame& frame) {
+            inbox.take(frame.data.str());
+            reconnect = reconnect || frame.data.str().find("\"/meta/connect\"") != std::string::npos;
+        };
         socket.send(R"({"channel":"/meta/handshake"})");
         socket.send(R"({"channel":"/meta/subscribe","subscription":"/room"})");
-        ready.fetch_add(1);
-        while (ready.load() < clients) {
+        for (ready.fetch_add(1); ready.load() < clients;) {
             std::this_thread::yield();
         }
-        socket.send(R"({"channel":"/meta/connect","advice":{"timeout":1000}})");
+        socket.send(connectFrame);
         const auto stop = std::chrono::steady_clock::now() + deadline;
-        for (int seq = 0; inbox.count() < expected || seq < messagesPerClient;) {
-            if (std::chrono::steady_clock::now() > stop) {
-                break;
-            }
-            bool connectNow = false;
-            {
-                std::unique_lock<std::mutex> guard(mutex);
-                if (!reconnect && seq == messagesPerClient) {
-                    wake.wait_for(guard, std::chrono::milliseconds(5));
-                }
-                connectNow = std::exchange(reconnect, false);
-            }
-            if (connectNow) {
-                socket.send(R"({"channel":"/meta/connect","advice":{"timeout":1000}})");
+        for (int seq = 0; (inbox.count() < expected || seq < messagesPerClient) && std::chrono::steady_clock::now() < stop;) {
+            if (reconnect.exchange(false)) {
+                socket.send(connectFrame);
             } else if (seq < messagesPerClient) {
                 socket.send(publishOf(name, seq++));
+            } else {
+                std::this_thread::sleep_for(1ms);
             }
         }
         socket.written->cancel();
     }
 
-    // One long-poll client: a connect loop on this thread, publishes from a second one.
-    void runLongPollClient(const std::string& name, Inbox& inbox, std::size_t expected) {
-        std::shared_ptr<Context> context = browser(name);
-        const std::string id = handshake(context);
-        post(R"({"channel":"/meta/subscribe","subscription":"/room","clientId":")" + id + R"("})", context);
-        ready.fetch_add(1);
-        while (ready.load() < clients) {
-            std::this_thread::yield();
-        }
-        std::thread publisher([&] {
-            for (int seq = 0; seq < messagesPerClient; ++seq) {
-                std::string message = publishOf(name, seq);
-                message.insert(1, R"("clientId":")" + id + R"(",)");
-                post(message, context);
-            }
-        });
-        const auto stop = std::chrono::steady_clock::now() + deadline;
-        while (inbox.count() < expected && std::chrono::steady_clock::now() < stop) {
-            Answer held = post(R"({"channel":"/meta/connect","clientId":")" + id + R"(","advice":{"timeout":1000}})",
-                               context);
-            held.body->waitFor([](BodyRecorder& body) { return body.completionCount() > 0; }, deadline);
-            inbox.take(held.body->joined());
-        }
-        publisher.join();
-    }
-
     std::atomic<int> ready{0};
-    int clients = 0;
+    const int clients = 4;
 };
 
-TEST_F(TransportConcurrency, EveryMessageReachesEveryOtherClientOnceInOrderOverBothTransports) {
-    const std::vector<std::string> webSocketClients = {"ws0", "ws1", "ws2"};
-    const std::vector<std::string> longPollClients = {"lp0", "lp1", "lp2"};
-    clients = static_cast<int>(webSocketClients.size() + longPollClients.size());
-    const std::size_t expected = static_cast<std::size_t>((clients - 1) * messagesPerClient);
+TEST_F(TransportConcurrency, EveryMessageReachesEveryOtherWebSocketClientOnceInOrder) {
+    const std::size_t expected = (clients - 1) * messagesPerClient;
     // Every inbox exists before the threads start, so the map itself is only read.
     std::map<std::string, Inbox> inboxes;
-    for (const auto* names : {&webSocketClients, &longPollClients}) {
-        for (const std::string& name : *names) {
-            inboxes[name];
-        }
-    }
-
     std::atomic<bool> running{true};
     // The clock never runs ahead of real time, so that a client starved of CPU (under a
     // sanitizer, on a busy machine) is not swept for silence in the middle of the run.
-    std::thread ticker([&] {
+    std::vector<std::thread> threads;
+    threads.emplace_back([&] {
         while (running.load()) {
             clock->advance(1ms);
             std::this_thread::sleep_for(1ms);
         }
     });
-    std::vector<std::thread> threads;
-    for (const std::string& name : webSocketClients) {
-        threads.emplace_back([&, name] { runWebSocketClient(name, inboxes.at(name), expected); });
+    for (const std::string name : {"ws0", "ws1", "ws2", "ws3"}) {
+        inboxes[name];
     }
-    for (const std::string& name : longPollClients) {
-        threads.emplace_back([&, name] { runLongPollClient(name, inboxes.at(name), expected); });
+    for (auto& [name, inbox] : inboxes) {
+        threads.emplace_back([&, name = name] { runWebSocketClient(name, inbox, expected); });
     }
-    for (std::thread& thread : threads) {
-        thread.join();
+    for (std::size_t i = 1; i < threads.size(); ++i) {
+        threads[i].join();
     }
     running = false;
-    ticker.join();
-
+    threads[0].join();
     std::vector<int> inOrder(messagesPerClient);
-    for (int seq = 0; seq < messagesPerClient; ++seq) {
-        inOrder[seq] = seq;
-    }
+    std::iota(inOrder.begin(), inOrder.end(), 0);
     for (auto& [receiver, inbox] : inboxes) {
-        const auto received = inbox.received();
         for (const auto& [sender, unused] : inboxes) {
-            auto found = received.find(sender);
-            if (sender == receiver) {
-                EXPECT_EQ(found, received.end()) << receiver << " received its own messages";
-            } else {
-                EXPECT_EQ(found == received.end() ? std::vector<int>() : found->second, inOrder)
-                    << receiver << " from " << sender;
-            }
+            const auto found = inbox.bySender.find(sender);
+            EXPECT_EQ(found == inbox.bySender.end() ? std::vector<int>() : found->second,
+                      sender == receiver ? std::vector<int>() : inOrder)
+                << receiver << " from " << sender;
         }
     }
 }

@@ -5,7 +5,7 @@
 import { test } from "node:test";
 import assert from "node:assert/strict";
 import { readFileSync } from "node:fs";
-import { startServer } from "../interop/server.mjs";
+import { startServer } from "../support/launch.mjs";
 
 // The GLIBC_TUNABLES the server was started with. glibc cuts the variable apart in place
 // as it parses it, so /proc shows each further tunable as an entry of its own.

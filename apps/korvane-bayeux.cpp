@@ -112,7 +112,7 @@ std::vector<Flag> flags() {
              }
              options.host.http.bayeuxPath = value;
          }},
-        {"--threads", "N", "one per hardware thread", "I/O threads", setNumber(&host::HttpServerOptions::threads, 1024)},
+        {"--threads", "N", "one per usable CPU", "I/O threads", setNumber(&host::HttpServerOptions::threads, 1024)},
         {"--static", "DIR", "the bundled web/ folder", "files served for every other path",
          setText(&host::HttpServerOptions::staticRoot)},
         {"--log-levels", "[CHANNEL=]MASK", describe(defaultLogSettings),

@@ -58,6 +58,11 @@ UnsubscribeRequest::UnsubscribeRequest(const std::string& subscription, const st
 UnsubscribeResponse::UnsubscribeResponse() : BayeuxResponse(unsubscribeChannel) {}
 PublishRequest::PublishRequest(const std::string& channel) : BayeuxBase(channel) {}
 PublishRequest::PublishRequest(const PublishRequest& other) = default;
+PublishRequest::PublishRequest(const PublishRequest& other, WithoutSender)
+    : BayeuxBase(other.channel), BayeuxMessage(other), data(other.data) {
+    id = other.id;
+    context = other.context;
+}
 PublishResponse::PublishResponse(const std::string& channel) : BayeuxResponse(channel) {}
 BayeuxContainer::BayeuxContainer() = default;
 BayeuxContainer::~BayeuxContainer() = default;

@@ -180,9 +180,14 @@ public:
 
 class PublishRequest : public BayeuxBase, public BayeuxMessage {
 public:
+    // Selects the copy that a receiver gets: everything but the sender's clientId.
+    struct WithoutSender {};
+    static constexpr WithoutSender withoutSender{};
+
     explicit PublishRequest(const std::string& channel);
     // Shares `data` with the original: the bytes are never changed once published.
     PublishRequest(const PublishRequest& other);
+    PublishRequest(const PublishRequest& other, WithoutSender);
     KORVANE_BAYEUX_DISPATCH;
 
     // The message's data value as raw JSON text, never parsed.

@@ -31,6 +31,13 @@ public:
     // A published message, with its channel already split into segments.
     virtual void deliver(const std::vector<std::string>& segments,
                          const std::shared_ptr<const PublishRequest>& message) = 0;
+    // A published message that one of the patterns this session declared to the calling
+    // server matched when the server looked it up. A session that has withdrawn no
+    // pattern since need not match it again. By default the same as deliver.
+    virtual void deliverDeclaredMatch(const std::vector<std::string>& segments,
+                                      const std::shared_ptr<const PublishRequest>& message) {
+        deliver(segments, message);
+    }
     // Notices that some other session subscribed or unsubscribed.
     virtual void deliver(const std::shared_ptr<const SubscribeRequest>& message) = 0;
     virtual void deliver(const std::shared_ptr<const UnsubscribeRequest>& message) = 0;

@@ -1,5 +1,8 @@
 #include "korvane/host/http_server.h"
 
+#include <sched.h>
+
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <exception>
@@ -67,6 +70,16 @@ ListenAddress parseListen(const std::string& listen) {
     return parsed;
 }
 
+// The CPUs this process may run on (taskset, cgroup cpusets): more I/O threads than
+// that only hand work to each other.
+unsigned usableCpuCount() {
+    cpu_set_t allowed;
+    if (sched_getaffinity(0, sizeof(allowed), &allowed) == 0 && CPU_COUNT(&allowed) > 0) {
+        return static_cast<unsigned>(CPU_COUNT(&allowed));
+    }
+    return std::max(1u, std::thread::hardware_concurrency());
+}
+
 }  // namespace
 
 // Threading: start() and stop() run on the owner's thread; the acceptor and its
@@ -81,10 +94,7 @@ struct HttpServer::Impl {
           acceptor(acceptStrand),
           retryTimer(acceptStrand) {}
 
-    unsigned threadCount() const {
-        const unsigned wanted = options.threads != 0 ? options.threads : std::thread::hardware_concurrency();
-        return wanted != 0 ? wanted : 1;
-    }
+    unsigned threadCount() const { return options.threads != 0 ? options.threads : usableCpuCount(); }
 
     void loadTls() {
         if (options.tlsCert.empty() && options.tlsKey.empty()) {

@@ -31,7 +31,7 @@ struct HttpServerOptions {
     // Requests to this path or below it go to the Bayeux service; never served from disk.
     std::string bayeuxPath = "/bayeux";
     Address bayeuxAddress;
-    // I/O threads; 0 means one per hardware thread.
+    // I/O threads; 0 means one per CPU the process may run on.
     unsigned threads = 0;
     // Folder served at "/"; empty serves no files there.
     std::string staticRoot;

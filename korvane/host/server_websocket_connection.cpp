@@ -2,6 +2,8 @@
 
 #include <exception>
 #include <limits>
+#include <mutex>
+#include <vector>
 #include <string_view>
 
 #include <boost/asio/ssl.hpp>
@@ -52,9 +54,9 @@ using FrameSignal = StreamSignal<WebSocketFrame>;
 // frame stream and with it the client's connect.
 //
 // Threading: every member function but shutdown() and abandon() runs on the
-// connection's strand; signals from the service's threads come through `link`.
-// shutdown() posts; abandon() runs on the stopping thread once no I/O thread is
-// left. Nothing here takes a lock.
+// connection's strand; signals from the service's threads come through `inbox` and
+// `link`. shutdown() posts; abandon() runs on the stopping thread once no I/O thread
+// is left. Nothing here takes a lock but the inbox's own.
 template <class Stream>
 class ServerWebSocketConnection : public ConnectionTracker::Tracked,
                                   public std::enable_shared_from_this<ServerWebSocketConnection<Stream>> {
@@ -115,6 +117,30 @@ public:
     void abandon() override { doFinish(); }
 
 private:
+    // The service's frames on their way from its threads to the strand. One post
+    // carries every frame that arrived before the strand took them, typically a
+    // delivery and the connect reply behind it. `mutex` guards `signals`; it is a
+    // leaf lock, taken under the relay's.
+    class SignalInbox {
+    public:
+        // True when the inbox was empty: the caller posts the strand's turn to take it.
+        bool put(FrameSignal&& signal) {
+            std::lock_guard<std::mutex> guard(mutex);
+            signals.push_back(std::move(signal));
+            return signals.size() == 1;
+        }
+        // Hands every waiting signal over in arrival order; `into` must be empty and
+        // leaves its storage here for the next ones.
+        void takeAll(std::vector<FrameSignal>& into) {
+            std::lock_guard<std::mutex> guard(mutex);
+            into.swap(signals);
+        }
+
+    private:
+        std::mutex mutex;
+        std::vector<FrameSignal> signals;
+    };
+
     // The service's side of the peer's messages: demand and cancel come on any thread.
     class ReadSubscription : public reactive_streams::Subscription {
     public:
@@ -141,11 +167,10 @@ private:
             return;
         }
         writer = std::make_shared<RelaySubscriber<WebSocketFrame>>(
-            [link = link](FrameSignal&& signal) {
-                auto shared = std::make_shared<FrameSignal>(std::move(signal));
-                link->post([shared](ServerWebSocketConnection& connection) {
-                    connection.onWriterSignal(std::move(*shared));
-                });
+            [link = link, inbox = inbox](FrameSignal&& signal) {
+                if (inbox->put(std::move(signal))) {
+                    link->post([](ServerWebSocketConnection& connection) { connection.onInboxReady(); });
+                }
             },
             false);
         readSubscription = std::make_shared<ReadSubscription>(link);
@@ -205,6 +230,14 @@ private:
     }
 
     // ---- to the peer -------------------------------------------------------------------
+
+    void onInboxReady() {
+        inbox->takeAll(arrived);
+        for (FrameSignal& signal : arrived) {
+            onWriterSignal(std::move(signal));
+        }
+        arrived.clear();
+    }
 
     void onWriterSignal(FrameSignal&& signal) {
         if (finished || closeRequested) {
@@ -341,6 +374,8 @@ private:
     UpgradeRequest upgradeRequest;
 
     std::shared_ptr<RelaySubscriber<WebSocketFrame>> writer;
+    const std::shared_ptr<SignalInbox> inbox = std::make_shared<SignalInbox>();
+    std::vector<FrameSignal> arrived;
     std::shared_ptr<ReadSubscription> readSubscription;
     beast::flat_buffer readBuffer;
     unsigned long readDemand = 0;

@@ -211,6 +211,9 @@ void BayeuxServerImpl::doDeliver(const std::shared_ptr<const PublishRequest>& re
     const std::vector<std::string> segments = splitChannel(request->channel);
     const std::vector<std::string> paths = SubscriptionIndex::pathsOf(segments);
     auto visit = [&segments, &request](BayeuxSession& session) { session.deliver(segments, request); };
+    auto visitMatched = [&segments, &request](BayeuxSession& session) {
+        session.deliverDeclaredMatch(segments, request);
+    };
     // The ordinary tier is read only after the priority walk, so a session added to it
     // meanwhile is served by this publish.
     for (Tier& tier : tiers) {
@@ -222,7 +225,7 @@ void BayeuxServerImpl::doDeliver(const std::shared_ptr<const PublishRequest>& re
             tier.byPattern.collect(paths, matched);
         }
         offerEach(*list, request->clientId, visit);
-        offerMatched(matched, request->clientId, visit);
+        offerMatched(matched, request->clientId, visitMatched);
     }
 }
 

@@ -93,16 +93,28 @@ void LongPollSession::deliver(const std::vector<std::string>& segments,
     if (pendingLimitExceeded || !channels.channelMatches(segments)) {
         return;
     }
-    KORVANE_LOG(logger, common::logTrace) << "deliver: " << id << ", " << message->channel << ", "
-                           << dataText(*message).substr(0, deliverLogDataLimit) << ", " << bufferResponses;
-    // The session's own copy; the shared original stays untouched for the other sessions.
-    auto copy = std::make_unique<PublishRequest>(*message);
-    copy->clientId.clear();
-    if (!copy->id.empty()) {
-        KORVANE_LOG(logger, common::logWarning) << "Delivering message with set id. JS client will ignore it: '" << copy->channel
-                                 << "'";
+    doDeliver(lock, *message);
+}
+
+void LongPollSession::deliverDeclaredMatch(const std::vector<std::string>& segments,
+                                           const std::shared_ptr<const PublishRequest>& message) {
+    std::unique_lock<std::mutex> lock(mutex);
+    // Patterns only grow until one is withdrawn, so until then the server's match stands.
+    if (pendingLimitExceeded || (patternWithdrawn && !channels.channelMatches(segments))) {
+        return;
     }
-    pendingMessages.push_back(std::move(copy));
+    doDeliver(lock, *message);
+}
+
+void LongPollSession::doDeliver(std::unique_lock<std::mutex>& lock, const PublishRequest& message) {
+    KORVANE_LOG(logger, common::logTrace) << "deliver: " << id << ", " << message.channel << ", "
+                           << dataText(message).substr(0, deliverLogDataLimit) << ", " << bufferResponses;
+    if (!message.id.empty()) {
+        KORVANE_LOG(logger, common::logWarning) << "Delivering message with set id. JS client will ignore it: '"
+                                                << message.channel << "'";
+    }
+    // The session's own copy, without the sender's id; the shared original stays untouched for the others.
+    pendingMessages.push_back(std::make_unique<PublishRequest>(message, PublishRequest::withoutSender));
     const bool limitExceeded = doCheckPendingLimit(lock);
     if (bufferResponses) {
         setBufferTimeout(lock);
@@ -163,6 +175,7 @@ bool LongPollSession::unsubscribe(const std::string& pattern) {
         if (!channels.popPattern(pattern)) {
             return false;
         }
+        patternWithdrawn = true;
         server->withdrawPattern(*this, pattern);
     }
     auto notice = std::make_unique<UnsubscribeRequest>(pattern, id);

@@ -66,6 +66,8 @@ public:
     bool hasId(const std::string& other) const override;
     void deliver(const std::vector<std::string>& segments,
                  const std::shared_ptr<const PublishRequest>& message) override;
+    void deliverDeclaredMatch(const std::vector<std::string>& segments,
+                              const std::shared_ptr<const PublishRequest>& message) override;
     void deliver(const std::shared_ptr<const SubscribeRequest>& message) override;
     void deliver(const std::shared_ptr<const UnsubscribeRequest>& message) override;
     bool declaresPatternsTo(const BayeuxServer& routing) const override;
@@ -101,6 +103,8 @@ private:
     void doCompleteQueue(std::unique_lock<std::mutex>& lock);
     void doSendConnectResponse(std::unique_lock<std::mutex>& lock);
     void doNotifyQueue(std::unique_lock<std::mutex>& lock);
+    // Queues the session's copy of a publish that matched it; `lock` is released on return.
+    void doDeliver(std::unique_lock<std::mutex>& lock, const PublishRequest& message);
     // True the one time that the pending messages first exceed the limit.
     bool doCheckPendingLimit(std::unique_lock<std::mutex>& lock);
     void doDrainPending(std::unique_lock<std::mutex>& lock, const std::shared_ptr<BayeuxQueue>& queue);
@@ -134,6 +138,8 @@ private:
     std::shared_ptr<BayeuxQueue> connectQueue;
     std::unordered_map<unsigned long, std::shared_ptr<BayeuxQueue>> tempPublishers;
     Channel channels;
+    // A pattern was withdrawn: an index match found before that may be stale.
+    bool patternWithdrawn = false;
     common::TimerHandle connectTimer;
     common::TimerHandle bufferTimer;
     const std::shared_ptr<BayeuxServer> server;

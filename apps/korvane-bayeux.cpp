@@ -3,7 +3,7 @@
 //
 // Threads: main parses flags, starts the host and waits for SIGINT or SIGTERM (both
 // blocked before any thread starts, so only sigwait sees them); the host's I/O
-// threads and timer thread do the rest, the heartbeat among it.
+// threads do the rest, the timers and the heartbeat among it.
 
 #include <algorithm>
 #include <cerrno>

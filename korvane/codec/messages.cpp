@@ -57,11 +57,12 @@ UnsubscribeRequest::UnsubscribeRequest(const std::string& subscription, const st
 }
 UnsubscribeResponse::UnsubscribeResponse() : BayeuxResponse(unsubscribeChannel) {}
 PublishRequest::PublishRequest(const std::string& channel) : BayeuxBase(channel) {}
-PublishRequest::PublishRequest(const PublishRequest& other) = default;
-PublishRequest::PublishRequest(const PublishRequest& other, WithoutSender)
-    : BayeuxBase(other.channel), BayeuxMessage(other), data(other.data) {
-    id = other.id;
-    context = other.context;
+PublishRequest::PublishRequest(const PublishRequest& other)
+    : BayeuxBase(other), BayeuxMessage(other), data(other.data), original(other.original) {}
+PublishRequest::PublishRequest(const std::shared_ptr<const PublishRequest>& source, WithoutSender)
+    : BayeuxBase(source->channel), BayeuxMessage(*source), data(source->data), original(source) {
+    id = source->id;
+    context = source->context;
 }
 PublishResponse::PublishResponse(const std::string& channel) : BayeuxResponse(channel) {}
 BayeuxContainer::BayeuxContainer() = default;

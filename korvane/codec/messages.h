@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -187,11 +188,24 @@ public:
     explicit PublishRequest(const std::string& channel);
     // Shares `data` with the original: the bytes are never changed once published.
     PublishRequest(const PublishRequest& other);
-    PublishRequest(const PublishRequest& other, WithoutSender);
+    // A receiver's copy of `source`; it keeps `source` as its original, whose delivered
+    // text all such copies share.
+    PublishRequest(const std::shared_ptr<const PublishRequest>& source, WithoutSender);
+    PublishRequest& operator=(const PublishRequest&) = delete;
     KORVANE_BAYEUX_DISPATCH;
 
     // The message's data value as raw JSON text, never parsed.
     std::shared_ptr<common::DataBuffer> data;
+    // Set on a receiver's copy: the published message it was made from.
+    std::shared_ptr<const PublishRequest> original;
+
+    // The text every receiver gets (clientId written as null), built by the first
+    // transport that writes a copy and kept for the others. Thread-safe.
+    const common::DataBuffer& deliveredText() const;
+
+private:
+    mutable std::once_flag deliveredOnce;
+    mutable common::DataBuffer delivered;
 };
 
 class PublishResponse : public BayeuxResponse, public BayeuxMessage {

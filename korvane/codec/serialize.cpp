@@ -200,15 +200,17 @@ void appendOptionalAdviceMember(DataBuffer& out, const std::shared_ptr<BayeuxAdv
     appendByte(out, '}');
 }
 
-void appendRequestHead(DataBuffer& out, const BayeuxBase& message) {
+void appendRequestHead(DataBuffer& out, const BayeuxBase& message, const std::string& clientId) {
     appendStringMember(out, "{\"channel\":", message.channel);
     appendOptionalStringMember(out, ",\"id\":", message.id);
-    if (message.clientId.empty()) {
+    if (clientId.empty()) {
         appendLiteral(out, ",\"clientId\":null");
     } else {
-        appendStringMember(out, ",\"clientId\":", message.clientId);
+        appendStringMember(out, ",\"clientId\":", clientId);
     }
 }
+
+void appendRequestHead(DataBuffer& out, const BayeuxBase& message) { appendRequestHead(out, message, message.clientId); }
 
 void appendResponseHead(DataBuffer& out, const BayeuxResponse& message) {
     appendRequestHead(out, message);
@@ -275,17 +277,42 @@ const Exact* exactly(const Message* message, const std::type_info& type) {
     return type == typeid(Exact) ? static_cast<const Exact*>(message) : nullptr;
 }
 
-}  // namespace
-
-void serializePublishRequest(PublishRequest* request, DataBuffer& out) {
-    bool hasData = request->data && !request->data->empty();
-    out.reserve(out.size + request->channel.size() + 14 + (hasData ? request->data->size + 8 : 0));
-    appendRequestHead(out, *request);
+// A publish with `clientId` in place of its own, its `data` bytes unchanged; reserved once.
+void writePublish(const PublishRequest& request, const std::string& clientId, DataBuffer& out) {
+    const bool hasData = request.data && !request.data->empty();
+    out.reserve(out.size + request.channel.size() + clientId.size() + 22 + (hasData ? request.data->size + 8 : 0));
+    appendRequestHead(out, request, clientId);
     if (hasData) {
         appendLiteral(out, ",\"data\":");
-        appendBytes(out, request->data->chars(), request->data->size);
+        appendBytes(out, request.data->chars(), request.data->size);
     }
     appendByte(out, '}');
+}
+
+// A receiver's copy that still says what its original says writes the original's shared text.
+const PublishRequest* unchangedOriginal(const PublishRequest& request) {
+    const PublishRequest* original = request.original.get();
+    if (original == nullptr || !request.clientId.empty() || request.data != original->data ||
+        request.channel != original->channel || request.id != original->id) {
+        return nullptr;
+    }
+    return original;
+}
+
+}  // namespace
+
+const DataBuffer& PublishRequest::deliveredText() const {
+    std::call_once(deliveredOnce, [this] { writePublish(*this, std::string(), delivered); });
+    return delivered;
+}
+
+void serializePublishRequest(PublishRequest* request, DataBuffer& out) {
+    if (const PublishRequest* original = unchangedOriginal(*request)) {
+        const DataBuffer& text = original->deliveredText();
+        appendBytes(out, text.chars(), text.size);
+        return;
+    }
+    writePublish(*request, request->clientId, out);
 }
 
 void serializeBayeuxMessage(std::unique_ptr<Message>&& message, DataBuffer& out) {

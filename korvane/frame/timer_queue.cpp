@@ -1,5 +1,7 @@
 #include "korvane/frame/timer_queue.h"
 
+#include <exception>
+#include <iostream>
 #include <limits>
 #include <thread>
 #include <utility>
@@ -94,6 +96,18 @@ std::size_t TimerQueue::runDue(Duration now) {
     }
     return ran;
 }
+
+void TimerQueue::runDueReportingFailures(Duration now) noexcept {
+    try {
+        runDue(now);
+    } catch (const std::exception& error) {
+        std::cerr << "Timer callback failed: " << error.what() << std::endl;
+    } catch (...) {
+        std::cerr << "Timer callback failed with a non-standard exception." << std::endl;
+    }
+}
+
+TimerQueue::Duration TimerQueue::steadyNow() noexcept { return std::chrono::steady_clock::now().time_since_epoch(); }
 
 std::optional<TimerQueue::Duration> TimerQueue::nextDue() const {
     std::lock_guard<std::mutex> guard(mutex);

@@ -51,6 +51,13 @@ public:
     // behind. Returns how many callbacks ran.
     std::size_t runDue(Duration now);
 
+    // runDue for a backend that runs timers on threads of its own: an exception from a
+    // callback is reported on the standard error stream and ends this run only; the
+    // timers still due run in the next.
+    void runDueReportingFailures(Duration now) noexcept;
+    // The clock of the host's backends: the steady clock's time since its epoch.
+    static Duration steadyNow() noexcept;
+
     // Due time of the first armed timer, or nothing when none is armed.
     std::optional<Duration> nextDue() const;
     // Timers waiting to run: a running one-shot timer has left the queue, a

@@ -9,7 +9,9 @@
 // reference cancels the timer. Once that release returns the callback will not
 // start; if the callback is running on another thread the release waits for it;
 // a release from inside the callback itself neither waits nor deadlocks.
-// Callbacks run on the backend's timer thread, never under a lock of the caller.
+// Callbacks run on the backend's threads (a timer thread of its own, or the I/O
+// threads of the loop it is attached to), one at a time, never under a lock of the
+// caller.
 
 #include <chrono>
 #include <functional>

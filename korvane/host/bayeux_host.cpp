@@ -4,7 +4,7 @@
 
 #include "korvane/bayeux.h"
 #include "korvane/host/host_context.h"
-#include "korvane/host/threaded_timer_backend.h"
+#include "korvane/host/loop_timer_backend.h"
 
 namespace korvane::host {
 
@@ -15,7 +15,7 @@ const Address BayeuxHost::httpClientAddress("/http/client");
 const Address BayeuxHost::webSocketClientAddress("/bayeux/client");
 
 BayeuxHost::BayeuxHost(BayeuxHostOptions options)
-    : timers(std::make_shared<ThreadedTimerBackend>()), serviceRegistry(std::make_shared<ServiceRegistry>()) {
+    : timers(std::make_shared<LoopTimerBackend>()), serviceRegistry(std::make_shared<ServiceRegistry>()) {
     // The protocol service arms its sweep in its constructor: the clock comes first.
     common::installTimerBackend(timers);
     routingCore = std::make_shared<bayeux::BayeuxServerImpl>();
@@ -35,7 +35,7 @@ BayeuxHost::BayeuxHost(BayeuxHostOptions options)
     serviceRegistry->add(webSocketClientAddress, httpClient);
     serviceRegistry->add(webSocketClientAddress, std::make_shared<bayeux::WebSocketClientConnectionServiceProvider>());
     options.http.bayeuxAddress = dispatchAddress;
-    server = std::make_unique<HttpServer>(std::move(options.http), serviceRegistry);
+    server = std::make_unique<HttpServer>(std::move(options.http), serviceRegistry, timers);
 }
 
 BayeuxHost::~BayeuxHost() {
@@ -46,11 +46,9 @@ BayeuxHost::~BayeuxHost() {
     serviceRegistry.reset();
     routingCore.reset();
     common::installTimerBackend(nullptr);
-    timers->stop();
 }
 
 void BayeuxHost::start() {
-    timers->start();
     serviceRegistry->startAll();
     server->start();
     started = true;

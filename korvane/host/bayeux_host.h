@@ -1,9 +1,10 @@
 #pragma once
 
 // A whole Bayeux server on the reference host, composed as an embedding application
-// composes it: the timer thread, the routing core, the protocol service, the
-// long-poll, WebSocket and dispatch transports, the outbound WebSocket client, and
-// the HTTP/WebSocket server in front of them. The server binary is this class plus
+// composes it: the clock and timers (run by the HTTP server's I/O threads while it
+// runs), the routing core, the protocol service, the long-poll, WebSocket and dispatch
+// transports, the outbound WebSocket client, and the HTTP/WebSocket server in front of
+// them. The server binary is this class plus
 // flags; an application that embeds the server makes one and adds its own
 // in-process sessions with makeLocalSession().
 //
@@ -34,7 +35,7 @@ class LocalBayeuxSession;
 
 namespace korvane::host {
 
-class ThreadedTimerBackend;
+class LoopTimerBackend;
 
 struct BayeuxHostOptions {
     // bayeuxAddress is set by the host itself.
@@ -58,7 +59,7 @@ public:
     BayeuxHost(const BayeuxHost&) = delete;
     BayeuxHost& operator=(const BayeuxHost&) = delete;
 
-    // Starts the timer thread, the services and the listener. Throws
+    // Starts the services and the listener, whose I/O threads run the timers. Throws
     // std::runtime_error when the listener cannot be bound.
     void start();
     // Stops accepting, ends held connects and open WebSockets, stops the services.
@@ -74,7 +75,7 @@ public:
     std::shared_ptr<bayeux::LocalBayeuxSession> makeLocalSession();
 
 private:
-    std::shared_ptr<ThreadedTimerBackend> timers;
+    std::shared_ptr<LoopTimerBackend> timers;
     std::shared_ptr<ServiceRegistry> serviceRegistry;
     std::shared_ptr<bayeux::BayeuxServer> routingCore;
     std::shared_ptr<bayeux::BayeuxServiceProviderImpl> protocolService;

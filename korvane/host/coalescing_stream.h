@@ -194,7 +194,9 @@ private:
 
     void onWritten(boost::beast::error_code error, std::shared_ptr<void> owner) {
         writing = false;
-        sending.clear();
+        // Its storage goes too: most connections sit idle between writes, and the next
+        // write's bytes are gathered in `pending` anyway.
+        std::string().swap(sending);
         if (error && !writeError) {
             writeError = error;
             pending.clear();

@@ -22,6 +22,7 @@
 
 #include "korvane/frame/logger.h"
 #include "korvane/host/http_connection.h"
+#include "korvane/host/loop_timer_backend.h"
 #include "korvane/host/server_state.h"
 
 namespace korvane::host {
@@ -253,6 +254,7 @@ struct HttpServer::Impl {
     boost::system::error_code bindError;
     std::shared_ptr<ServerState> state;
     std::optional<net::executor_work_guard<net::io_context::executor_type>> work;
+    std::shared_ptr<LoopTimerBackend> timers;
     std::vector<std::thread> threads;
     std::atomic<unsigned short> boundPort{0};
     std::string baseUrl;
@@ -262,8 +264,11 @@ struct HttpServer::Impl {
     bool stopped = false;
 };
 
-HttpServer::HttpServer(HttpServerOptions options, std::shared_ptr<ServiceRegistry> registry)
-    : impl(std::make_unique<Impl>(std::move(options), std::move(registry))) {}
+HttpServer::HttpServer(HttpServerOptions options, std::shared_ptr<ServiceRegistry> registry,
+                       std::shared_ptr<LoopTimerBackend> timers)
+    : impl(std::make_unique<Impl>(std::move(options), std::move(registry))) {
+    impl->timers = std::move(timers);
+}
 
 HttpServer::~HttpServer() { stop(); }
 
@@ -277,6 +282,9 @@ void HttpServer::start() {
     self.state = std::make_shared<ServerState>(self.options, self.registry, self.tls.get());
     self.started = true;
     self.work.emplace(self.io.get_executor());
+    if (self.timers) {
+        self.timers->attach(self.io);
+    }
     net::post(self.acceptStrand, [&self] { self.doAccept(); });
     for (unsigned i = 0; i < self.threadCount(); ++i) {
         self.threads.emplace_back([&self] { self.runIoThread(); });
@@ -296,6 +304,10 @@ void HttpServer::stop() {
     self.closeAcceptor();
     self.state->connections.shutdownAll();
     const bool allEnded = self.state->connections.waitUntilEmpty(std::chrono::steady_clock::now() + stopGrace);
+    // The timers' wait would keep the I/O threads running.
+    if (self.timers) {
+        self.timers->detach();
+    }
     self.work.reset();
     if (!allEnded) {
         KORVANE_LOG(logger, common::logWarning) << "Cutting " << self.state->connections.count()

@@ -61,9 +61,13 @@ struct HttpServerOptions {
     std::string cookieName = "korvane-browser";
 };
 
+class LoopTimerBackend;
+
 class HttpServer {
 public:
-    HttpServer(HttpServerOptions options, std::shared_ptr<ServiceRegistry> registry);
+    // `timers`, when given, run on the server's I/O threads while the server runs.
+    HttpServer(HttpServerOptions options, std::shared_ptr<ServiceRegistry> registry,
+               std::shared_ptr<LoopTimerBackend> timers = nullptr);
     // Stops the server if it runs.
     ~HttpServer();
     HttpServer(const HttpServer&) = delete;

@@ -1,7 +1,5 @@
 #include "korvane/host/threaded_timer_backend.h"
 
-#include <exception>
-#include <iostream>
 #include <optional>
 #include <stdexcept>
 
@@ -76,7 +74,7 @@ bool ThreadedTimerBackend::isRunning() const {
 }
 
 long long ThreadedTimerBackend::currentTick() {
-    return doNow() / std::chrono::milliseconds(common::tickMilliseconds);
+    return common::TimerQueue::steadyNow() / std::chrono::milliseconds(common::tickMilliseconds);
 }
 
 common::TimerHandle ThreadedTimerBackend::schedule(common::TimerCallback callback,
@@ -84,15 +82,11 @@ common::TimerHandle ThreadedTimerBackend::schedule(common::TimerCallback callbac
                                                    std::chrono::milliseconds period) {
     bool becameEarliest = false;
     common::TimerHandle handle =
-        state->queue->arm(std::move(callback), doNow() + firstDelay, period, &becameEarliest);
+        state->queue->arm(std::move(callback), common::TimerQueue::steadyNow() + firstDelay, period, &becameEarliest);
     if (becameEarliest) {
         doWakeTimerThread();
     }
     return handle;
-}
-
-ThreadedTimerBackend::Duration ThreadedTimerBackend::doNow() {
-    return std::chrono::steady_clock::now().time_since_epoch();
 }
 
 void ThreadedTimerBackend::doRunTimerThread(std::shared_ptr<TimerThreadState> state) {
@@ -100,10 +94,10 @@ void ThreadedTimerBackend::doRunTimerThread(std::shared_ptr<TimerThreadState> st
     while (!state->stopRequested) {
         const std::uint64_t seenWakeups = state->wakeups;
         const std::optional<Duration> next = state->queue->nextDue();
-        const Duration now = doNow();
+        const Duration now = common::TimerQueue::steadyNow();
         if (next && *next <= now) {
             lock.unlock();
-            doRunDue(*state->queue, now);
+            state->queue->runDueReportingFailures(now);
             lock.lock();
             continue;
         }
@@ -115,16 +109,6 @@ void ThreadedTimerBackend::doRunTimerThread(std::shared_ptr<TimerThreadState> st
         } else {
             state->wake.wait(lock, woken);
         }
-    }
-}
-
-void ThreadedTimerBackend::doRunDue(common::TimerQueue& queue, Duration now) {
-    try {
-        queue.runDue(now);
-    } catch (const std::exception& error) {
-        std::cerr << "Timer callback failed: " << error.what() << std::endl;
-    } catch (...) {
-        std::cerr << "Timer callback failed with a non-standard exception." << std::endl;
     }
 }
 

@@ -47,12 +47,8 @@ private:
     using Duration = common::TimerQueue::Duration;
     struct TimerThreadState;
 
-    static Duration doNow();
     // The body of the timer thread; it owns a share of `state` for its whole run.
     static void doRunTimerThread(std::shared_ptr<TimerThreadState> state);
-    // Runs what is due, reporting a callback's exception on the standard error stream
-    // so that one failing callback does not end the timer thread.
-    static void doRunDue(common::TimerQueue& queue, Duration now);
     void doWakeTimerThread();
 
     std::shared_ptr<TimerThreadState> state;

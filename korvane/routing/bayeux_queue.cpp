@@ -21,10 +21,6 @@ common::diagnostic_logger logger("korvane::bayeux::queue");
 
 constexpr int maxTraceFrames = 128;
 
-std::string makeId(const std::string& name, const void* address) {
-    return name + "_" + std::to_string(reinterpret_cast<unsigned long>(address));
-}
-
 // A subscription used after its queue died marks a lifetime fault in the
 // subscriber: leave a trace of who did it before refusing.
 [[noreturn]] void refuseWithoutPublisher(const char* text) {
@@ -60,13 +56,13 @@ void BayeuxQueue::BayeuxQueueSubscription::cancel() {
     refuseWithoutPublisher("No publisher, can not cancel!");
 }
 
-BayeuxQueue::BayeuxQueue(const std::string& name) : id(makeId(name, this)) {
-    KORVANE_LOG(logger, common::logTrace) << "Bayeux queue constructor: " << id;
+BayeuxQueue::BayeuxQueue(std::string name) : name(std::move(name)) {
+    KORVANE_LOG(logger, common::logTrace) << "Bayeux queue constructor: " << name << "_" << reinterpret_cast<unsigned long>(this);
 }
 
 BayeuxQueue::~BayeuxQueue() {
     std::unique_lock<std::mutex> lock(mutex);
-    KORVANE_LOG(logger, common::logTrace) << "Bayeux queue destructor: " << id;
+    KORVANE_LOG(logger, common::logTrace) << "Bayeux queue destructor: " << name << "_" << reinterpret_cast<unsigned long>(this);
     try {
         doDone(lock);
     } catch (...) {
@@ -119,7 +115,7 @@ void BayeuxQueue::subscribe(std::shared_ptr<Subscriber> newSubscriber) {
 
 void BayeuxQueue::setValue(std::unique_ptr<Message>&& message) {
     std::unique_lock<std::mutex> lock(mutex);
-    KORVANE_LOG(logger, common::logTrace) << "setValue: " << id << " " << common::mangledTypeName(typeid(*message));
+    KORVANE_LOG(logger, common::logTrace) << "setValue: " << name << "_" << reinterpret_cast<unsigned long>(this) << " " << common::mangledTypeName(typeid(*message));
     if (state == Done || state == Failed) {
         return;
     }
@@ -129,7 +125,7 @@ void BayeuxQueue::setValue(std::unique_ptr<Message>&& message) {
 
 void BayeuxQueue::setError(std::exception_ptr&& failure) {
     std::unique_lock<std::mutex> lock(mutex);
-    KORVANE_LOG(logger, common::logTrace) << "setError: " << id;
+    KORVANE_LOG(logger, common::logTrace) << "setError: " << name << "_" << reinterpret_cast<unsigned long>(this);
     if (state != Open) {
         return;
     }
@@ -152,7 +148,7 @@ void BayeuxQueue::done() {
 }
 
 void BayeuxQueue::doneWhenEmpty() {
-    KORVANE_LOG(logger, common::logTrace) << "doneWhenEmpty: " << id;
+    KORVANE_LOG(logger, common::logTrace) << "doneWhenEmpty: " << name << "_" << reinterpret_cast<unsigned long>(this);
     std::unique_lock<std::mutex> lock(mutex);
     if (state != Open) {
         return;
@@ -189,7 +185,7 @@ void BayeuxQueue::deliver(std::unique_lock<std::mutex>& lock) {
     }
     delivering = true;
     try {
-        KORVANE_LOG(logger, common::logTrace) << "deliver: " << id << ", " << static_cast<std::int32_t>(state) << ", " << demand
+        KORVANE_LOG(logger, common::logTrace) << "deliver: " << name << "_" << reinterpret_cast<unsigned long>(this) << ", " << static_cast<std::int32_t>(state) << ", " << demand
                                << ", " << messages.size();
         doDrainLoop(lock);
         checkComplete(lock);
@@ -211,7 +207,7 @@ void BayeuxQueue::doDrainLoop(std::unique_lock<std::mutex>& lock) {
         --demand;
         std::unique_ptr<Message> message = std::move(messages.front());
         messages.pop_front();
-        KORVANE_LOG(logger, common::logTrace) << "onNext: " << id << ", " << common::mangledTypeName(typeid(*message));
+        KORVANE_LOG(logger, common::logTrace) << "onNext: " << name << "_" << reinterpret_cast<unsigned long>(this) << ", " << common::mangledTypeName(typeid(*message));
         // The copy keeps the subscriber alive through onNext even if it cancels meanwhile.
         std::shared_ptr<Subscriber> current = subscriber;
         lock.unlock();
@@ -233,7 +229,7 @@ void BayeuxQueue::doDone(std::unique_lock<std::mutex>& lock) {
         return;
     }
     state = Done;
-    KORVANE_LOG(logger, common::logTrace) << "doDone: " << id;
+    KORVANE_LOG(logger, common::logTrace) << "doDone: " << name << "_" << reinterpret_cast<unsigned long>(this);
     if (subscriber) {
         const std::shared_ptr<Subscriber> current = subscriber;
         lock.unlock();

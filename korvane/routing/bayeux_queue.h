@@ -5,7 +5,7 @@
 // subscriber receives messages in push order and never more than it requested.
 // The end is told to the subscriber (onComplete/onError) and through getFuture().
 //
-// Locking: `mutex` guards every field but `id`, and is released around every
+// Locking: `mutex` guards every field but `name`, and is released around every
 // subscriber callback, so a callback may call back into the queue. The drain loop
 // is never entered twice: the `delivering` flag keeps one thread in it, and any
 // other caller only updates the FIFO or the demand and leaves, so onNext calls of
@@ -49,8 +49,8 @@ public:
         std::weak_ptr<BayeuxQueue> queue;
     };
 
-    // `name` prefixes the diagnostic id, which ends in "_" and this object's address.
-    explicit BayeuxQueue(const std::string& name);
+    // `name` prefixes the id in the queue's log lines, which ends in "_" and this object's address.
+    explicit BayeuxQueue(std::string name);
     // Completes a queue that is still open: the subscriber gets onComplete and the
     // future true; messages still queued are dropped.
     ~BayeuxQueue() override;
@@ -86,7 +86,7 @@ private:
     void doDrainLoop(std::unique_lock<std::mutex>& lock);
 
     std::mutex mutex;
-    std::string id;
+    const std::string name;
     common::RingQueue<std::unique_ptr<Message>> messages;
     Promise<bool> promise;
     std::exception_ptr error;

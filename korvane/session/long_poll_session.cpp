@@ -93,7 +93,7 @@ void LongPollSession::deliver(const std::vector<std::string>& segments,
     if (pendingLimitExceeded || !channels.channelMatches(segments)) {
         return;
     }
-    doDeliver(lock, *message);
+    doDeliver(lock, message);
 }
 
 void LongPollSession::deliverDeclaredMatch(const std::vector<std::string>& segments,
@@ -103,15 +103,16 @@ void LongPollSession::deliverDeclaredMatch(const std::vector<std::string>& segme
     if (pendingLimitExceeded || (patternWithdrawn && !channels.channelMatches(segments))) {
         return;
     }
-    doDeliver(lock, *message);
+    doDeliver(lock, message);
 }
 
-void LongPollSession::doDeliver(std::unique_lock<std::mutex>& lock, const PublishRequest& message) {
-    KORVANE_LOG(logger, common::logTrace) << "deliver: " << id << ", " << message.channel << ", "
-                           << dataText(message).substr(0, deliverLogDataLimit) << ", " << bufferResponses;
-    if (!message.id.empty()) {
+void LongPollSession::doDeliver(std::unique_lock<std::mutex>& lock,
+                                const std::shared_ptr<const PublishRequest>& message) {
+    KORVANE_LOG(logger, common::logTrace) << "deliver: " << id << ", " << message->channel << ", "
+                           << dataText(*message).substr(0, deliverLogDataLimit) << ", " << bufferResponses;
+    if (!message->id.empty()) {
         KORVANE_LOG(logger, common::logWarning) << "Delivering message with set id. JS client will ignore it: '"
-                                                << message.channel << "'";
+                                                << message->channel << "'";
     }
     // The session's own copy, without the sender's id; the shared original stays untouched for the others.
     pendingMessages.push_back(std::make_unique<PublishRequest>(message, PublishRequest::withoutSender));
@@ -214,13 +215,13 @@ std::shared_ptr<BayeuxQueue> LongPollSession::korvaneShortPoll(const std::string
     KORVANE_LOG(logger, common::logTrace) << "Connect short poll: " << id << ", " << messageId;
     doCompleteQueue(lock);
     doNotifyQueue(lock);
-    const std::string name = id + "_" + connectMessageId;
+    std::string name = id + "_" + connectMessageId;
     common::RingQueue<std::unique_ptr<Message>> taken;
     taken.swap(pendingMessages);
     lock.unlock();
     // The queue is fresh and reachable by no other thread, so it is filled with the lock released: no queue
     // mutex is ever taken under the session's.
-    TempPublisher publisher = makeTempPublisher(name);
+    TempPublisher publisher = makeTempPublisher(std::move(name));
     for (; !taken.empty(); taken.pop_front()) {
         publisher.queue->setValue(std::move(taken.front()));
     }
@@ -247,8 +248,8 @@ void LongPollSession::flush() {
     doCompleteQueue(lock);
 }
 
-LongPollSession::TempPublisher LongPollSession::makeTempPublisher(const std::string& name) {
-    TempPublisher publisher{std::make_shared<BayeuxQueue>(name), publisherCounter.fetch_add(1)};
+LongPollSession::TempPublisher LongPollSession::makeTempPublisher(std::string name) {
+    TempPublisher publisher{std::make_shared<BayeuxQueue>(std::move(name)), publisherCounter.fetch_add(1)};
     std::weak_ptr<LongPollSession> weakSelf(shared_from_this());
     const unsigned long key = publisher.key;
     // Runs when the queue ends, under the queue's mutex: queue mutex before session mutex.

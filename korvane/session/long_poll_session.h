@@ -97,14 +97,14 @@ private:
         std::shared_ptr<BayeuxQueue> queue;
         unsigned long key;
     };
-    TempPublisher makeTempPublisher(const std::string& name);
+    TempPublisher makeTempPublisher(std::string name);
     // Keeps the queue alive in tempPublishers until it ends.
     std::shared_ptr<BayeuxQueue> saveTempPublisher(std::unique_lock<std::mutex>& lock, TempPublisher&& publisher);
     void doCompleteQueue(std::unique_lock<std::mutex>& lock);
     void doSendConnectResponse(std::unique_lock<std::mutex>& lock);
     void doNotifyQueue(std::unique_lock<std::mutex>& lock);
     // Queues the session's copy of a publish that matched it; `lock` is released on return.
-    void doDeliver(std::unique_lock<std::mutex>& lock, const PublishRequest& message);
+    void doDeliver(std::unique_lock<std::mutex>& lock, const std::shared_ptr<const PublishRequest>& message);
     // True the one time that the pending messages first exceed the limit.
     bool doCheckPendingLimit(std::unique_lock<std::mutex>& lock);
     void doDrainPending(std::unique_lock<std::mutex>& lock, const std::shared_ptr<BayeuxQueue>& queue);

@@ -17,6 +17,8 @@ common::diagnostic_logger logger("korvane::bayeux::websocket");
 
 constexpr std::int64_t defaultConnectTimeoutMilliseconds = 14000;
 constexpr unsigned char textFrame = 129;
+// Room for most frames at once: a delivery or a reply rarely needs more.
+constexpr std::size_t typicalFrameBytes = 256;
 
 bool isUpgradeRequest(const Message* message) {
     auto* request = dynamic_cast<const http::HttpRequest*>(message);
@@ -143,6 +145,7 @@ void WebSocketConnection::sendMessage(std::unique_ptr<Message>&& message) {
         clientId = bayeux->clientId;
     }
     common::DataBuffer text;
+    text.reserve(typicalFrameBytes);
     text.push_back('[');
     serializeBayeuxMessage(std::move(message), text);
     text.push_back(']');

@@ -136,6 +136,31 @@ TEST(Serialize, StringsAreEscapedForHtmlAndBrokenUtf8IsReplaced) {
     }
 }
 
+TEST(Serialize, ReceiversCopiesShareTheOriginalsTextUntilTheyDiffer) {
+    auto original = std::make_shared<PublishRequest>("/room");
+    original->id = "7";
+    original->clientId = "sender";
+    original->data = std::make_shared<DataBuffer>(std::string("{\"n\":1}"));
+    const std::shared_ptr<const PublishRequest> published = original;
+    const std::string delivered = "{\"channel\":\"/room\",\"id\":\"7\",\"clientId\":null,\"data\":{\"n\":1}}";
+    using Change = void (*)(PublishRequest&);
+    const std::pair<Change, std::string> cases[] = {
+        {[](PublishRequest&) {}, delivered},
+        {[](PublishRequest& m) { m.clientId = "k"; }, "{\"channel\":\"/room\",\"id\":\"7\",\"clientId\":\"k\",\"data\":{\"n\":1}}"},
+        {[](PublishRequest& m) { m.channel = "/other"; }, "{\"channel\":\"/other\",\"id\":\"7\",\"clientId\":null,\"data\":{\"n\":1}}"},
+        {[](PublishRequest& m) { m.id.clear(); }, "{\"channel\":\"/room\",\"clientId\":null,\"data\":{\"n\":1}}"},
+        {[](PublishRequest& m) { m.data = std::make_shared<DataBuffer>(std::string("2")); },
+         "{\"channel\":\"/room\",\"id\":\"7\",\"clientId\":null,\"data\":2}"},
+    };
+    for (const auto& [change, expected] : cases) {
+        auto copy = std::make_unique<PublishRequest>(published, PublishRequest::withoutSender);
+        change(*copy);
+        EXPECT_EQ(textOf(std::move(copy)), expected);
+    }
+    EXPECT_EQ(textOf(std::make_unique<PublishRequest>(*original)), "{\"channel\":\"/room\",\"id\":\"7\",\"clientId\":\"sender\",\"data\":{\"n\":1}}")
+        << "the original itself still carries its sender";
+}
+
 TEST(Serialize, RefusesWhatIsNoSingleMessageAndKeepsTheBuffer) {
     DataBuffer out(std::string("[x"));
     auto batch = with<BayeuxContainer>([](auto& m) { m.messages.push_back(std::make_unique<DisconnectResponse>()); });

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <optional>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -11,7 +12,11 @@
 #include <type_traits>
 #include <vector>
 
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+
 #include "korvane/frame/manual_timer_backend.h"
+#include "korvane/host/loop_timer_backend.h"
 #include "korvane/host/threaded_timer_backend.h"
 
 namespace korvane::host {
@@ -23,7 +28,36 @@ using common::TimerHandle;
 using Names = std::vector<std::string>;
 using Ticks = std::vector<long long>;
 
-// Drives either backend and collects what its callbacks note. The generous wait guards against a hang, it is
+// The loop backend attached to a loop of its own, run by two threads as the server's I/O threads run it.
+class LoopDrivenTimers : public LoopTimerBackend {
+public:
+    ~LoopDrivenTimers() override { stop(); }
+    void start() {
+        attach(loop);
+        work.emplace(loop.get_executor());
+        for (std::thread& thread : threads) {
+            thread = std::thread([this] { loop.run(); });
+        }
+    }
+    // The threads leave the loop only if nothing of the backend is left waiting on it.
+    void stop() {
+        detach();
+        work.reset();
+        for (std::thread& thread : threads) {
+            if (thread.joinable()) {
+                thread.join();
+            }
+        }
+        loop.restart();
+    }
+
+private:
+    boost::asio::io_context loop;
+    std::optional<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>> work;
+    std::thread threads[2];
+};
+
+// Drives any backend and collects what its callbacks note. The generous wait guards against a hang, it is
 // never a timing check.
 template <class Backend>
 struct TimerBackendTest : ::testing::Test {
@@ -65,7 +99,7 @@ struct TimerBackendTest : ::testing::Test {
     Names events;
     std::shared_ptr<Backend> backend = std::make_shared<Backend>();
 };
-using Backends = ::testing::Types<ManualTimerBackend, ThreadedTimerBackend>;
+using Backends = ::testing::Types<ManualTimerBackend, ThreadedTimerBackend, LoopDrivenTimers>;
 TYPED_TEST_SUITE(TimerBackendTest, Backends);
 
 TYPED_TEST(TimerBackendTest, RunsTimersInDueOrderAndNothingBeforeItsTime) {
@@ -263,6 +297,12 @@ TEST(TimerBackendInstallation, EveryTimerFunctionThrowsWithoutABackend) {
     EXPECT_THROW(common::timerBackend(), std::runtime_error);
 }
 
+// The backends whose callbacks run on threads of their own, against the real clock.
+template <class Backend>
+using RealClockTimerConcurrency = TimerBackendTest<Backend>;
+using RealClockBackends = ::testing::Types<ThreadedTimerBackend, LoopDrivenTimers>;
+TYPED_TEST_SUITE(RealClockTimerConcurrency, RealClockBackends);
+
 using ThreadedTimerBackendConcurrency = TimerBackendTest<ThreadedTimerBackend>;
 
 TEST_F(ThreadedTimerBackendConcurrency, EarlierTimersWakeTheThreadPastAThrowingOneThatCannotStopIt) {
@@ -288,36 +328,42 @@ TEST_F(ThreadedTimerBackendConcurrency, EarlierTimersWakeTheThreadPastAThrowingO
     EXPECT_EQ(waitFor(3), (Names{"refused", "10ms", "after restart"}));
 }
 
-TEST_F(ThreadedTimerBackendConcurrency, ReleaseWaitsForTheCallbackRunningOnAnotherThreadAndFreesItsCaptures) {
+TYPED_TEST(RealClockTimerConcurrency, ReleaseWaitsForTheCallbackRunningOnAnotherThreadAndFreesItsCaptures) {
     auto captured = std::make_shared<int>(3);
     std::weak_ptr<int> capturedWatch = captured;
-    auto handle = backend->schedule(
+    auto handle = this->backend->schedule(
         [this, captured = std::move(captured)](long long) {
-            note("entered");
-            waitFor(2);  // until the test opens the gate
-            note("finished");
+            this->note("entered");
+            this->waitFor(2);  // until the test opens the gate
+            this->note("finished");
         },
         0ms, 0ms);
-    ASSERT_EQ(waitFor(1).size(), 1u);
+    ASSERT_EQ(this->waitFor(1).size(), 1u);
     captured.reset();
     std::thread releaser([&] {
         handle = nullptr;
-        note(capturedWatch.expired() ? "released" : "released with the captures alive");
+        this->note(capturedWatch.expired() ? "released" : "released with the captures alive");
     });
     // Gives a release that fails to wait the time to return early, before the gate opens.
     std::this_thread::sleep_for(20ms);
-    note("gate opened");
+    this->note("gate opened");
     releaser.join();
-    EXPECT_EQ(waitFor(4), (Names{"entered", "gate opened", "finished", "released"}));
+    EXPECT_EQ(this->waitFor(4), (Names{"entered", "gate opened", "finished", "released"}));
 }
 
-TEST_F(ThreadedTimerBackendConcurrency, NoCallbackStartsAfterItsReleaseReturnedOnAnyThread) {
-    std::atomic<int> ran{0}, ranAfterRelease{0};
+TYPED_TEST(RealClockTimerConcurrency, NoCallbackStartsAfterItsReleaseReturnedAndNoneOverlapAnother) {
+    std::atomic<int> ran{0}, ranAfterRelease{0}, running{0}, overlaps{0};
     auto armAndRelease = [&](int thread) {
         for (int round = 0; round < 300; ++round) {
             auto released = std::make_shared<std::atomic<bool>>(false);
-            auto handle = backend->schedule([&, released](long long) { ++ran; ranAfterRelease += *released ? 1 : 0; },
-                                            std::chrono::milliseconds(round % 3), std::chrono::milliseconds(thread % 2));
+            auto handle = this->backend->schedule(
+                [&, released](long long) {
+                    overlaps += running++ != 0 ? 1 : 0;
+                    ++ran;
+                    ranAfterRelease += *released ? 1 : 0;
+                    --running;
+                },
+                std::chrono::milliseconds(round % 3), std::chrono::milliseconds(thread % 2));
             std::this_thread::sleep_for(round % 5 == 0 ? 500us : 0us);
             handle = nullptr;
             released->store(true);
@@ -328,9 +374,34 @@ TEST_F(ThreadedTimerBackendConcurrency, NoCallbackStartsAfterItsReleaseReturnedO
     for (auto& thread : threads) {
         thread.join();
     }
-    EXPECT_EQ(pass(5ms), Names{});
+    EXPECT_EQ(this->pass(5ms), Names{});
     EXPECT_EQ(ranAfterRelease.load(), 0);
+    EXPECT_EQ(overlaps.load(), 0) << "callbacks ran on two threads at once";
     EXPECT_GT(ran.load(), 0) << "no callback raced with its release";
+}
+
+TEST(LoopTimerBackendConcurrency, RunsNothingWhileDetachedAndWhatCameDueOnceAttachedAgain) {
+    auto timers = std::make_shared<LoopDrivenTimers>();
+    std::atomic<int> ran{0};
+    auto early = timers->schedule([&](long long) { ++ran; }, 0ms, 0ms);
+    std::this_thread::sleep_for(10ms);
+    EXPECT_EQ(ran.load(), 0) << "ran before any loop was attached";
+    timers->start();
+    auto hourly = timers->schedule([&](long long) { ++ran; }, 1h, 0ms);
+    for (int waited = 0; ran.load() == 0 && waited < 1000; ++waited) {
+        std::this_thread::sleep_for(1ms);
+    }
+    EXPECT_EQ(ran.load(), 1);
+    // The hour-long wait must not keep the loop's threads: stop() joins them.
+    timers->stop();
+    auto whileDetached = timers->schedule([&](long long) { ++ran; }, 0ms, 0ms);
+    std::this_thread::sleep_for(10ms);
+    EXPECT_EQ(ran.load(), 1) << "ran while detached";
+    timers->start();
+    for (int waited = 0; ran.load() == 1 && waited < 1000; ++waited) {
+        std::this_thread::sleep_for(1ms);
+    }
+    EXPECT_EQ(ran.load(), 2);
 }
 
 TEST_F(ThreadedTimerBackendConcurrency, LastReferenceDroppedByItsOwnCallbackEndsTheThreadQuietly) {

@@ -1,0 +1,106 @@
+#include "korvane/host/loop_timer_backend.h"
+
+#include <mutex>
+#include <optional>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+#include "korvane/frame/timer_queue.h"
+
+namespace korvane::host {
+
+namespace {
+
+using Duration = common::TimerQueue::Duration;
+
+std::chrono::steady_clock::time_point timePointOf(Duration since) {
+    return std::chrono::steady_clock::time_point(std::chrono::duration_cast<std::chrono::steady_clock::duration>(since));
+}
+
+}  // namespace
+
+struct LoopTimerBackend::LoopState : std::enable_shared_from_this<LoopState> {
+    const std::shared_ptr<common::TimerQueue> queue = std::make_shared<common::TimerQueue>();
+    std::mutex mutex;
+    // The loop's timer while attached, waiting for `waitingFor`.
+    std::optional<boost::asio::steady_timer> loopTimer;
+    std::optional<Duration> waitingFor;
+    // An I/O thread is running due callbacks; it arms the loop's timer when done.
+    bool running = false;
+
+    // Entered with `mutex` held: makes the loop's timer wait for the first due time,
+    // unless it already waits for that or callbacks are running.
+    void doArm() {
+        if (!loopTimer || running) {
+            return;
+        }
+        const std::optional<Duration> next = queue->nextDue();
+        if (next == waitingFor) {
+            return;
+        }
+        waitingFor = next;
+        if (!next) {
+            loopTimer->cancel();
+            return;
+        }
+        // Setting the expiry cancels the wait under way; that wait's completion does nothing.
+        loopTimer->expires_at(timePointOf(*next));
+        loopTimer->async_wait([self = shared_from_this()](const boost::system::error_code& error) {
+            if (!error) {
+                self->onDue();
+            }
+        });
+    }
+
+    void onDue() {
+        {
+            std::lock_guard<std::mutex> guard(mutex);
+            if (!loopTimer || running) {
+                return;
+            }
+            running = true;
+            waitingFor.reset();
+        }
+        queue->runDueReportingFailures(common::TimerQueue::steadyNow());
+        std::lock_guard<std::mutex> guard(mutex);
+        running = false;
+        doArm();
+    }
+};
+
+LoopTimerBackend::LoopTimerBackend() : state(std::make_shared<LoopState>()) {}
+
+LoopTimerBackend::~LoopTimerBackend() = default;
+
+void LoopTimerBackend::attach(boost::asio::io_context& loop) {
+    std::lock_guard<std::mutex> guard(state->mutex);
+    state->loopTimer.emplace(loop);
+    state->waitingFor.reset();
+    state->doArm();
+}
+
+void LoopTimerBackend::detach() {
+    std::lock_guard<std::mutex> guard(state->mutex);
+    // Destroying the timer cancels its wait, whose completion then does nothing.
+    state->loopTimer.reset();
+    state->waitingFor.reset();
+}
+
+long long LoopTimerBackend::currentTick() {
+    return common::TimerQueue::steadyNow() / std::chrono::milliseconds(common::tickMilliseconds);
+}
+
+common::TimerHandle LoopTimerBackend::schedule(common::TimerCallback callback, std::chrono::milliseconds firstDelay,
+                                               std::chrono::milliseconds period) {
+    bool becameEarliest = false;
+    common::TimerHandle handle =
+        state->queue->arm(std::move(callback), common::TimerQueue::steadyNow() + firstDelay, period, &becameEarliest);
+    if (becameEarliest) {
+        std::lock_guard<std::mutex> guard(state->mutex);
+        state->doArm();
+    }
+    return handle;
+}
+
+}  // namespace korvane::host

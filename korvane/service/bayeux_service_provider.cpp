@@ -184,7 +184,8 @@ void BayeuxServiceProviderImpl::doWarnAboutDroppedClients(std::unique_lock<std::
     if (droppedSinceWarning == 0 || !dropWarnings.allow(now)) {
         return;
     }
-    std::string limit = options.maxPendingMessages == 0 ? "" : std::to_string(options.maxPendingMessages) + " pending messages";
+    std::string limit =
+        options.maxPendingMessages == 0 ? "" : std::to_string(options.maxPendingMessages) + " pending messages";
     if (options.maxPendingBytes != 0) {
         limit += (limit.empty() ? "" : " or ") + std::to_string(options.maxPendingBytes) + " pending bytes";
     }

@@ -15,10 +15,10 @@
 // lock and the session's own the inner one. A session calls back into the provider
 // only when its client exceeds the pending limit, from its deliver with no
 // session lock held, through a callback that holds the provider weakly. The policy
-// and the incoming hook are called with no lock held (see bayeux_policy.h). Sessions and the sweeper handle are always let go of after `mutex` is
-// released. The sweep callback holds the provider by plain pointer: the destructor
-// releases the sweeper, which waits for a sweep running on another thread, before
-// any member is destroyed. The provider must be owned by a std::shared_ptr.
+// and the incoming hook are called with no lock held (see bayeux_policy.h). Sessions
+// and the sweeper handle are always let go of after `mutex` is released. The sweep
+// callback holds the provider by plain pointer: the destructor releases the sweeper,
+// which waits for a sweep running on another thread, before any member is destroyed. The provider must be owned by a std::shared_ptr.
 
 #include <chrono>
 #include <cstddef>

@@ -111,6 +111,51 @@ TEST_F(BayeuxHostTest, LongPollingFromHandshakeToAHeldConnectAnsweredAfterAnothe
     EXPECT_THAT(quiet.body, HasSubstr(R"("channel":"/meta/connect")"));
 }
 
+// A policy on the host is handed the HTTP request behind each Bayeux request, and a refused
+// handshake reaches the wire with its text and advice.
+TEST_F(BayeuxHostTest, APolicySeesEachRequestsHeadersCookiesAndRemoteAddress) {
+    class Recorder : public bayeux::BayeuxPolicy {
+    public:
+        bayeux::HandshakeDecision mayHandshake(const std::shared_ptr<Context>& context, std::string_view ext) override {
+            const auto headers = boost::any_cast<http::Headers>(context->get("headers"));
+            const auto cookie = headers.find("cookie");
+            std::lock_guard<std::mutex> guard(mutex);
+            seen.push_back(boost::any_cast<std::string>(context->get("remoteAddress")) + " " +
+                           headers.find("content-type")->second + " " +
+                           (cookie == headers.end() ? "no cookie" : cookie->second.substr(0, 16)) + " " +
+                           std::string(ext));
+            bayeux::HandshakeDecision decision;
+            decision.allowed = !ext.empty();
+            return decision;
+        }
+        bayeux::PolicyDecision maySubscribe(const bayeux::PolicyClient&, const std::string&,
+                                            const std::shared_ptr<Context>&) override {
+            return bayeux::PolicyDecision::allow();
+        }
+        bayeux::PolicyDecision mayPublish(const bayeux::PolicyClient&, const std::string&,
+                                          const std::shared_ptr<Context>&) override {
+            return bayeux::PolicyDecision::allow();
+        }
+        std::mutex mutex;
+        std::vector<std::string> seen;
+    };
+    auto policy = std::make_shared<Recorder>();
+    BayeuxHostOptions options;
+    options.policy = policy;
+    start(std::move(options));
+    Browser client = browser();
+    EXPECT_EQ(client.post("/bayeux", R"([{"channel":"/meta/handshake","id":"1"}])").body,
+              R"([{"channel":"/meta/handshake","id":"1","clientId":null,"successful":false,)"
+              R"("error":"403::handshake denied","version":"1.0","minimumVersion":"1.0","supportedConnectionTypes":["long-polling","websocket"],)"
+              R"("advice":{"reconnect":"none","multipleClients":false}}])");
+    EXPECT_EQ(clientIdIn(client.post("/bayeux", R"([{"channel":"/meta/handshake","ext":{"token":"t"}}])").body).size(),
+              16u);
+    std::lock_guard<std::mutex> guard(policy->mutex);
+    EXPECT_EQ(policy->seen, (std::vector<std::string>{
+                                "127.0.0.1 application/json no cookie ",
+                                "127.0.0.1 application/json korvane-browser= {\"token\":\"t\"}"}));
+}
+
 TEST_F(BayeuxHostTest, AnswersWhatIsNoBayeuxAsTheTransportsSay) {
     start();
     Browser client = browser();

@@ -224,7 +224,8 @@ TEST_F(BayeuxServiceProviderTest, HostHooksChangeOrDropMessagesOnTheirWayInAndOu
     EXPECT_EQ(outcome(publish(sender, "/hidden")), "ok");
     EXPECT_EQ(outcome(publish(sender, "/room")), "ok");
     clock->advance(5ms);
-    for (const auto& [client, stream] : {std::pair{held, heldStream}, {polled, open(connect(polled, "short-polling"))}}) {
+    auto polledStream = open(connect(polled, "short-polling"));
+    for (const auto& [client, stream] : {std::pair{held, heldStream}, {polled, polledStream}}) {
         EXPECT_EQ(stream->seen().front(), "{\"to\":\"" + client + "\",\"data\":{\"in\":{\"text\":\"hi\"}}}");
         EXPECT_EQ(stream->seen().size(), 2u) << "the dropped messages are followed by the connect's response";
     }

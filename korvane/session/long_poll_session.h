@@ -61,7 +61,8 @@ struct PendingLimit {
 
 // The embedding host's look at a message on its way out to a client, before it is written:
 // it may change the message, or drop it by returning false. The data is shared with the
-// other receivers: replace `data` rather than write into it.
+// other receivers: replace `data` rather than write into it. It runs on the thread that
+// drains the session and must answer at once, without blocking.
 using OutgoingHook = std::function<bool(const std::string& clientId, PublishRequest& message)>;
 
 class LongPollSession : public BayeuxSession, public std::enable_shared_from_this<LongPollSession> {

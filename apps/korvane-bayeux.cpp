@@ -23,6 +23,7 @@
 #include "command_line.h"
 #include "korvane/bayeux.h"
 #include "korvane/cluster/redis_bridge.h"
+#include "korvane/host/allow_list_policy.h"
 #include "korvane/host/bayeux_host.h"
 
 namespace {
@@ -55,6 +56,9 @@ struct Options {
     unsigned heartbeatSeconds = 1;
     bool clustered = false;
     cluster::RedisBridgeOptions cluster;
+    // Patterns that anonymous clients may subscribe to and publish on; empty: any.
+    std::vector<std::string> subscribeAllowed;
+    std::vector<std::string> publishAllowed;
 };
 
 using Flag = apps::Flag<Options>;
@@ -92,6 +96,20 @@ Flag::Setter setSeconds(std::chrono::milliseconds host::HttpServerOptions::*fiel
     };
 }
 
+// A channel path or pattern: "/" and at least one more character, not ending in "/".
+const std::string& requirePath(const std::string& name, const std::string& value) {
+    if (value.size() < 2 || value[0] != '/' || value.back() == '/') {
+        throw std::invalid_argument("invalid value for " + name + ": '" + value + "'");
+    }
+    return value;
+}
+
+Flag::Setter addPattern(std::vector<std::string> Options::*list) {
+    return [list](Options& options, const std::string& name, const std::string& value) {
+        (options.*list).push_back(requirePath(name, value));
+    };
+}
+
 Flag::Setter setText(std::string host::HttpServerOptions::*field) {
     return [field](Options& options, const std::string&, const std::string& value) { options.host.http.*field = value; };
 }
@@ -107,10 +125,7 @@ std::vector<Flag> flags() {
          setText(&host::HttpServerOptions::listen)},
         {"--path", "PATH", http.bayeuxPath, "the Bayeux endpoint; requests below it are Bayeux too",
          [](Options& options, const std::string& name, const std::string& value) {
-             if (value.size() < 2 || value[0] != '/' || value.back() == '/') {
-                 throw std::invalid_argument("invalid value for " + name + ": '" + value + "'");
-             }
-             options.host.http.bayeuxPath = value;
+             options.host.http.bayeuxPath = requirePath(name, value);
          }},
         {"--threads", "N", "one per usable CPU", "I/O threads", setNumber(&host::HttpServerOptions::threads, 1024)},
         {"--static", "DIR", "the bundled web/ folder", "files served for every other path",
@@ -153,6 +168,18 @@ std::vector<Flag> flags() {
          [](Options& options, const std::string& name, const std::string& value) {
              options.host.maxPendingMessages = static_cast<std::size_t>(parseNumber(name, value, 1ULL << 32));
          }},
+        {"--max-pending-bytes", "BYTES", count(host::BayeuxHostOptions().maxPendingBytes),
+         "bytes of the messages waiting for one client (channel and data); beyond this it is dropped as "
+         "past --max-pending (0: no limit)",
+         [](Options& options, const std::string& name, const std::string& value) {
+             options.host.maxPendingBytes = static_cast<std::size_t>(parseNumber(name, value, 1ULL << 40));
+         }},
+        {"--subscribe-allow", "PATTERN", "any channel",
+         "clients may subscribe only within these patterns (/* one segment, /** any depth; repeatable)",
+         addPattern(&Options::subscribeAllowed)},
+        {"--publish-allow", "PATTERN", "any channel",
+         "clients may publish only on channels these patterns match (/* one segment, /** any depth; repeatable)",
+         addPattern(&Options::publishAllowed)},
         {"--allow-origin", "ORIGIN", "none", "a cross-origin site allowed to use the Bayeux path (repeatable)",
          [](Options& options, const std::string&, const std::string& value) {
              options.host.http.allowOrigins.push_back(value);
@@ -199,6 +226,9 @@ Options parseOptions(int argc, char** argv) {
     apps::applyFlags(argc, argv, synopsis, flags(), options);
     if (options.host.http.tlsCert.empty() != options.host.http.tlsKey.empty()) {
         throw std::invalid_argument("--tls-cert and --tls-key go together");
+    }
+    if (!options.subscribeAllowed.empty() || !options.publishAllowed.empty()) {
+        options.host.policy = std::make_shared<host::AllowListPolicy>(options.subscribeAllowed, options.publishAllowed);
     }
     return options;
 }

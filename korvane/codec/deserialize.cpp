@@ -47,6 +47,13 @@ void walkObject(std::uint64_t& cursor, const DataBuffer& buffer, ReadMember&& re
     }
 }
 
+// Skips one value and gives its raw text, which stays in `buffer`.
+std::string_view rawValue(std::uint64_t& cursor, const DataBuffer& buffer) {
+    const std::uint64_t start = cursor;
+    json::skipValue(cursor, buffer);
+    return std::string_view(reinterpret_cast<const char*>(buffer.data) + start, cursor - start);
+}
+
 // Reads a list member; a repeated member replaces the earlier list.
 void readList(std::uint64_t& cursor, const DataBuffer& buffer, std::vector<std::string>& list) {
     list.clear();
@@ -138,7 +145,9 @@ bool readHandshakeMember(Key key, std::uint64_t& cursor, const DataBuffer& buffe
 std::unique_ptr<Message> parseHandshakeRequest(std::uint64_t& cursor, const DataBuffer& buffer) {
     auto message = std::make_unique<HandshakeRequest>();
     walkObject(cursor, buffer, [&](Key key) {
-        if (!readBaseMember(key, cursor, buffer, *message)) {
+        if (key == "ext") {
+            message->ext = rawValue(cursor, buffer);
+        } else if (!readBaseMember(key, cursor, buffer, *message)) {
             readHandshakeMember(key, cursor, buffer, *message);
         }
     });
@@ -264,10 +273,9 @@ std::unique_ptr<Message> parsePublish(std::uint64_t& cursor, const DataBuffer& b
         } else if (key == "clientId") {
             clientId = json::readStringOrNull(cursor, buffer);
         } else if (key == "data") {
-            std::uint64_t start = cursor;
-            json::skipValue(cursor, buffer);
+            const std::string_view text = rawValue(cursor, buffer);
             data = std::make_shared<DataBuffer>();
-            data->append(reinterpret_cast<const char*>(buffer.data) + start, cursor - start);
+            data->append(text);
         } else if (key == "error") {
             error = json::readStringOrNull(cursor, buffer);
         } else if (key == "successful") {

@@ -79,6 +79,9 @@ public:
     std::string version;
     std::string minimumVersion;
     std::vector<std::string> supportedConnectionTypes;
+    // The ext member's value as raw JSON text, never parsed; empty when absent. Only a
+    // host's policy reads it, and no reply carries it back.
+    std::string ext;
 };
 
 class HandshakeResponse : public BayeuxResponse, public BayeuxMessage {

@@ -21,6 +21,10 @@ BayeuxHost::BayeuxHost(BayeuxHostOptions options)
     routingCore = std::make_shared<bayeux::BayeuxServerImpl>();
     bayeux::BayeuxServiceOptions serviceOptions;
     serviceOptions.maxPendingMessages = options.maxPendingMessages;
+    serviceOptions.maxPendingBytes = options.maxPendingBytes;
+    serviceOptions.policy = options.policy;
+    serviceOptions.incoming = std::move(options.incoming);
+    serviceOptions.outgoing = std::move(options.outgoing);
     protocolService = std::make_shared<bayeux::BayeuxServiceProviderImpl>(routingCore, serviceOptions);
     serviceRegistry->add(dispatchAddress,
                    std::make_shared<bayeux::BayeuxHttpServiceProvider>(longPollAddress, webSocketAddress));
@@ -35,6 +39,7 @@ BayeuxHost::BayeuxHost(BayeuxHostOptions options)
     serviceRegistry->add(webSocketClientAddress, httpClient);
     serviceRegistry->add(webSocketClientAddress, std::make_shared<bayeux::WebSocketClientConnectionServiceProvider>());
     options.http.bayeuxAddress = dispatchAddress;
+    options.http.requestInContext = options.policy != nullptr;
     server = std::make_unique<HttpServer>(std::move(options.http), serviceRegistry, timers);
 }
 

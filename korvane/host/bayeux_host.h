@@ -26,6 +26,8 @@
 #include "korvane/host/http_client.h"
 #include "korvane/host/http_server.h"
 #include "korvane/host/service_registry.h"
+#include "korvane/service/bayeux_policy.h"
+#include "korvane/session/long_poll_session.h"
 
 namespace korvane::bayeux {
 class BayeuxServer;
@@ -44,6 +46,16 @@ struct BayeuxHostOptions {
     // Messages that may wait in one session for its client before the client is
     // dropped (it must handshake again); 0 means no limit.
     std::size_t maxPendingMessages = 10000;
+    // Bytes of those messages (channel name plus data text of each) past which the client is
+    // dropped alike; 0 means no limit.
+    std::size_t maxPendingBytes = 8 << 20;
+    // Asked before each handshake, subscribe and publish; none allows everything. Given one,
+    // the host puts each request's headers and remote address in its context.
+    std::shared_ptr<bayeux::BayeuxPolicy> policy;
+    // Requests from clients before they act, and messages to clients before they are
+    // written (see bayeux_policy.h and long_poll_session.h); either may be unset.
+    bayeux::IncomingHook incoming;
+    bayeux::OutgoingHook outgoing;
 };
 
 class BayeuxHost {

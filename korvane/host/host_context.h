@@ -9,6 +9,12 @@
 // A HostContext must be held by a std::shared_ptr (use create()): it hands itself
 // to the provider with every message.
 //
+// The property bag of a Bayeux request's context: "sessionId", the browser session
+// (std::string); and, when the server is told to (HttpServerOptions::requestInContext),
+// "headers", the request's headers with lower-case names, cookies among them
+// (http::Headers), and "remoteAddress", the peer's IP address (std::string). A
+// WebSocket's messages all come with the context of its upgrade request.
+//
 // Threading: handle() may be called from any thread; the property bag has its own
 // lock (ContextState).
 

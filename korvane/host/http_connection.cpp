@@ -324,12 +324,15 @@ private:
         for (const auto& field : request) {
             headers.emplace(lowered(field.name_string()), std::string(field.value()));
         }
+        auto context = HostContext::create(state->registry);
+        context->set("sessionId", boost::any(sessionId));
+        if (options().requestInContext) {
+            doDescribeRequest(*context, headers);
+        }
         auto body = std::make_shared<reactive_streams::OneShotPublisher<DataBuffer>>(DataBuffer(request.body()));
         auto message = std::make_unique<http::HttpRequest>(lowered(request.method_string()),
                                                            std::string(request.target()), std::move(headers),
                                                            std::move(body));
-        auto context = HostContext::create(state->registry);
-        context->set("sessionId", boost::any(sessionId));
         Future<std::unique_ptr<Message>> answer =
             context->handle(std::unique_ptr<Message>(std::move(message)), Address(options().bayeuxAddress));
         // Runs on whichever thread resolves the answer.
@@ -349,6 +352,13 @@ private:
             }
             return true;
         });
+    }
+
+    void doDescribeRequest(Context& context, const http::Headers& headers) {
+        context.set("headers", boost::any(headers));
+        boost::system::error_code error;
+        const auto peer = lowest().socket().remote_endpoint(error);
+        context.set("remoteAddress", boost::any(error ? std::string() : peer.address().to_string()));
     }
 
     void onAnswer(const std::shared_ptr<Message>& answer, const std::string& failure) {

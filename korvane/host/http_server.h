@@ -59,6 +59,9 @@ struct HttpServerOptions {
     std::string tlsCert;
     std::string tlsKey;
     std::string cookieName = "korvane-browser";
+    // Put each request's headers and remote address in its context (see host_context.h),
+    // for a policy that reads them; off, a request pays nothing for it.
+    bool requestInContext = false;
 };
 
 class LoopTimerBackend;

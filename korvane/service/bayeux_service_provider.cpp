@@ -53,6 +53,11 @@ Future<std::unique_ptr<Message>> resolved(std::unique_ptr<Response>&& response) 
     return makeReadyFuture<std::unique_ptr<Message>>(std::unique_ptr<Message>(std::move(response)));
 }
 
+// A refusal's error: "403:<args>:<message>", the policy's reason as the message if it gave one.
+std::string deniedText(const std::string& args, const PolicyDecision& decision, const char* defaultMessage) {
+    return "403:" + args + ":" + (decision.reason.empty() ? defaultMessage : decision.reason);
+}
+
 // The answer to a request that names a client the registry does not know.
 void refuseUnknownClient(BayeuxResponse& response) {
     KORVANE_LOG(logger, common::logFailure) << "No session with id: " << response.clientId;
@@ -62,7 +67,9 @@ void refuseUnknownClient(BayeuxResponse& response) {
 
 }  // namespace
 
-BayeuxServiceProviderImpl::ClientAttachment::~ClientAttachment() = default;
+ClientGrant::~ClientGrant() = default;
+
+BayeuxPolicy::~BayeuxPolicy() = default;
 
 BayeuxServiceProviderImpl::BayeuxServiceProviderImpl(std::shared_ptr<BayeuxServer> server,
                                                      BayeuxServiceOptions options)
@@ -97,10 +104,12 @@ BayeuxServiceProviderImpl::~BayeuxServiceProviderImpl() {
 // ---- registry ----
 
 std::shared_ptr<LongPollSession> BayeuxServiceProviderImpl::createSession(const std::string& sessionId,
-                                                                          std::shared_ptr<Context>& context) {
+                                                                          std::shared_ptr<Context>& context,
+                                                                          std::shared_ptr<const ClientGrant> grant) {
     PendingLimit pendingLimit;
     pendingLimit.maxMessages = options.maxPendingMessages;
-    if (pendingLimit.maxMessages != 0) {
+    pendingLimit.maxBytes = options.maxPendingBytes;
+    if (pendingLimit.maxMessages != 0 || pendingLimit.maxBytes != 0) {
         std::weak_ptr<ServiceProvider> weakSelf = weak_from_this();
         pendingLimit.onExceeded = [weakSelf](const std::string& clientId) {
             if (std::shared_ptr<ServiceProvider> self = weakSelf.lock()) {
@@ -108,7 +117,7 @@ std::shared_ptr<LongPollSession> BayeuxServiceProviderImpl::createSession(const 
             }
         };
     }
-    auto session = std::make_shared<LongPollSession>(server, context, std::move(pendingLimit));
+    auto session = std::make_shared<LongPollSession>(server, context, std::move(pendingLimit), options.outgoing);
     server->addSession(std::weak_ptr<BayeuxSession>(session));
     std::string clientId = session->getId();
 
@@ -117,6 +126,7 @@ std::shared_ptr<LongPollSession> BayeuxServiceProviderImpl::createSession(const 
     clientsBySession[sessionId].emplace(clientId, &info);
     info.sessionId = sessionId;
     info.session = session;
+    info.grant = std::move(grant);
     info.tick = common::getCurrentTick();
     startSweeping(lock);
     KORVANE_LOG(logger, common::logLifecycle) << "New session with id: " << clientId;
@@ -124,7 +134,8 @@ std::shared_ptr<LongPollSession> BayeuxServiceProviderImpl::createSession(const 
 }
 
 std::shared_ptr<LongPollSession> BayeuxServiceProviderImpl::getSession(const std::string& clientId,
-                                                                       const std::string& connectionType) {
+                                                                       const std::string& connectionType,
+                                                                       std::shared_ptr<const ClientGrant>* grant) {
     std::lock_guard<std::mutex> lock(mutex);
     auto found = clients.find(clientId);
     if (found == clients.end()) {
@@ -136,6 +147,9 @@ std::shared_ptr<LongPollSession> BayeuxServiceProviderImpl::getSession(const std
         info.connectionType = connectionType;
     }
     KORVANE_LOG(logger, common::logFrequent) << "Tick updated for client: " << clientId << " to " << info.tick;
+    if (grant != nullptr) {
+        *grant = info.grant;
+    }
     return info.session;
 }
 
@@ -170,8 +184,13 @@ void BayeuxServiceProviderImpl::doWarnAboutDroppedClients(std::unique_lock<std::
     if (droppedSinceWarning == 0 || !dropWarnings.allow(now)) {
         return;
     }
+    std::string limit =
+        options.maxPendingMessages == 0 ? "" : std::to_string(options.maxPendingMessages) + " pending messages";
+    if (options.maxPendingBytes != 0) {
+        limit += (limit.empty() ? "" : " or ") + std::to_string(options.maxPendingBytes) + " pending bytes";
+    }
     KORVANE_LOG(logger, common::logWarning) << "Dropped " << droppedSinceWarning << " client(s) over the limit of "
-                             << options.maxPendingMessages << " pending messages";
+                                            << limit;
     droppedSinceWarning = 0;
 }
 
@@ -265,18 +284,68 @@ void BayeuxServiceProviderImpl::flush() {
 
 // ---- requests ----
 
+bool BayeuxServiceProviderImpl::admitted(BayeuxBase& request, BayeuxResponse& response,
+                                         const std::shared_ptr<Context>& context) const {
+    if (!options.incoming || options.incoming(request, context)) {
+        return true;
+    }
+    KORVANE_LOG(logger, common::logFailure) << "Message dropped by the host: " << request.channel << ", "
+                                            << request.clientId;
+    response.successful = false;
+    response.error = "403:" + request.channel + ":message dropped";
+    return false;
+}
+
+template <class Ask>
+std::shared_ptr<LongPollSession> BayeuxServiceProviderImpl::permittedSession(const std::string& clientId,
+                                                                             const std::string& target,
+                                                                             const char* deniedMessage,
+                                                                             BayeuxResponse& response, Ask&& ask) {
+    std::shared_ptr<const ClientGrant> grant;
+    std::shared_ptr<LongPollSession> session = getSession(clientId, std::string(), options.policy ? &grant : nullptr);
+    if (!session) {
+        refuseUnknownClient(response);
+        return nullptr;
+    }
+    if (!options.policy) {
+        return session;
+    }
+    const PolicyDecision decision = ask(*options.policy, PolicyClient{clientId, grant.get()});
+    if (decision.allowed) {
+        return session;
+    }
+    KORVANE_LOG(logger, common::logFailure) << "Session with id: " << clientId << " denied " << target << ": "
+                                            << decision.reason;
+    response.successful = false;
+    response.error = deniedText(target, decision, deniedMessage);
+    return nullptr;
+}
+
 Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_ptr<HandshakeRequest>&& request,
                                                                    Address&& /*address*/,
                                                                    std::shared_ptr<Context>&& context) {
     std::string sessionId = hostSessionIdOf(context);
-    std::shared_ptr<LongPollSession> session = createSession(sessionId, context);
-
     auto response = std::make_unique<HandshakeResponse>();
     response->id = request->id;
     response->version = version;
     response->minimumVersion = minimumVersion;
     response->supportedConnectionTypes = supportedConnectionTypes;
-    response->clientId = session->getId();
+    if (!admitted(*request, *response, context)) {
+        return resolved(std::move(response));
+    }
+    HandshakeDecision decision;
+    if (options.policy) {
+        decision = options.policy->mayHandshake(context, request->ext);
+    }
+    if (!decision.allowed) {
+        KORVANE_LOG(logger, common::logFailure) << "Handshake denied: " << decision.reason;
+        response->error = deniedText(std::string(), decision, "handshake denied");
+        // A client that retried would only be refused again.
+        response->advice = std::make_shared<BayeuxAdvice>();
+        response->advice->reconnect = Advice::None;
+        return resolved(std::move(response));
+    }
+    response->clientId = createSession(sessionId, context, std::move(decision.grant))->getId();
     response->successful = true;
     return resolved(std::move(response));
 }
@@ -338,8 +407,11 @@ Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_p
 
 Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_ptr<DisconnectRequest>&& request,
                                                                    Address&& /*address*/,
-                                                                   std::shared_ptr<Context>&& /*context*/) {
+                                                                   std::shared_ptr<Context>&& context) {
     auto response = respondTo(*request, std::make_unique<DisconnectResponse>());
+    if (!admitted(*request, *response, context)) {
+        return resolved(std::move(response));
+    }
     if (deleteSession(request->clientId)) {
         KORVANE_LOG(logger, common::logLifecycle) << "Disconnect session with id: " << request->clientId;
         response->successful = true;
@@ -351,12 +423,18 @@ Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_p
 
 Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_ptr<SubscribeRequest>&& request,
                                                                    Address&& /*address*/,
-                                                                   std::shared_ptr<Context>&& /*context*/) {
+                                                                   std::shared_ptr<Context>&& context) {
     auto response = respondTo(*request, std::make_unique<SubscribeResponse>());
     response->subscription = request->subscription;
-    std::shared_ptr<LongPollSession> session = getSession(request->clientId, std::string());
+    if (!admitted(*request, *response, context)) {
+        return resolved(std::move(response));
+    }
+    std::shared_ptr<LongPollSession> session = permittedSession(
+        request->clientId, request->subscription, "subscription denied", *response,
+        [&](BayeuxPolicy& policy, const PolicyClient& client) {
+            return policy.maySubscribe(client, request->subscription, context);
+        });
     if (!session) {
-        refuseUnknownClient(*response);
         return resolved(std::move(response));
     }
     KORVANE_LOG(logger, common::logLifecycle) << "Subscribe session with id: " << request->clientId
@@ -373,9 +451,12 @@ Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_p
 
 Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_ptr<UnsubscribeRequest>&& request,
                                                                    Address&& /*address*/,
-                                                                   std::shared_ptr<Context>&& /*context*/) {
+                                                                   std::shared_ptr<Context>&& context) {
     auto response = respondTo(*request, std::make_unique<UnsubscribeResponse>());
     response->subscription = request->subscription;
+    if (!admitted(*request, *response, context)) {
+        return resolved(std::move(response));
+    }
     std::shared_ptr<LongPollSession> session = getSession(request->clientId, std::string());
     if (!session) {
         refuseUnknownClient(*response);
@@ -399,14 +480,20 @@ void BayeuxServiceProviderImpl::clearPublishedId(PublishRequest& request) const 
 
 Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_ptr<PublishRequest>&& request,
                                                                    Address&& /*address*/,
-                                                                   std::shared_ptr<Context>&& /*context*/) {
+                                                                   std::shared_ptr<Context>&& context) {
     // The response keeps the client's id, whatever the clearing below does.
     auto response = respondTo(*request, std::make_unique<PublishResponse>(request->channel));
+    if (!admitted(*request, *response, context)) {
+        return resolved(std::move(response));
+    }
     clearPublishedId(*request);
 
-    std::shared_ptr<LongPollSession> session = getSession(request->clientId, std::string());
+    std::shared_ptr<LongPollSession> session = permittedSession(
+        request->clientId, request->channel, "publish denied", *response,
+        [&](BayeuxPolicy& policy, const PolicyClient& client) {
+            return policy.mayPublish(client, request->channel, context);
+        });
     if (!session) {
-        refuseUnknownClient(*response);
         return resolved(std::move(response));
     }
 

@@ -13,11 +13,12 @@
 // for starting the sweep. Calls into a session are made with `mutex` released,
 // except in getActiveConnectCountForSessionId and flush, where `mutex` is the outer
 // lock and the session's own the inner one. A session calls back into the provider
-// only when its client exceeds the pending-message limit, from its deliver with no
-// session lock held, through a callback that holds the provider weakly. Sessions and the sweeper handle are always let go of after `mutex` is
-// released. The sweep callback holds the provider by plain pointer: the destructor
-// releases the sweeper, which waits for a sweep running on another thread, before
-// any member is destroyed. The provider must be owned by a std::shared_ptr.
+// only when its client exceeds the pending limit, from its deliver with no
+// session lock held, through a callback that holds the provider weakly. The policy
+// and the incoming hook are called with no lock held (see bayeux_policy.h). Sessions
+// and the sweeper handle are always let go of after `mutex` is released. The sweep
+// callback holds the provider by plain pointer: the destructor releases the sweeper,
+// which waits for a sweep running on another thread, before any member is destroyed. The provider must be owned by a std::shared_ptr.
 
 #include <chrono>
 #include <cstddef>
@@ -31,16 +32,25 @@
 #include "korvane/codec/routing_interfaces.h"
 #include "korvane/frame/timers.h"
 #include "korvane/frame/warning_throttle.h"
+#include "korvane/service/bayeux_policy.h"
+#include "korvane/session/long_poll_session.h"
 
 namespace korvane::bayeux {
-
-class LongPollSession;
 
 // The bounds that an embedding host sets on the protocol service.
 struct BayeuxServiceOptions {
     // Messages that may wait in one session for its client; past it the client is
     // dropped from the registry as if it had timed out. 0 means no limit.
     std::size_t maxPendingMessages = 0;
+    // Bytes of the messages waiting in one session (channel name plus data text of each),
+    // past which the client is dropped as past maxPendingMessages. 0 means no limit.
+    std::size_t maxPendingBytes = 0;
+    // Asked before each handshake, subscribe and publish; none allows everything.
+    std::shared_ptr<BayeuxPolicy> policy;
+    // Requests from clients before they act, and messages to clients before they are
+    // written; either may be unset.
+    IncomingHook incoming;
+    OutgoingHook outgoing;
 };
 
 class BayeuxServiceProviderImpl : public BayeuxServiceProvider {
@@ -68,11 +78,13 @@ public:
                                             std::shared_ptr<Context>&& context) override;
 
     // Makes a session, registers it with the routing core and the registry, and
-    // (re)starts the sweep.
-    std::shared_ptr<LongPollSession> createSession(const std::string& sessionId, std::shared_ptr<Context>& context);
+    // (re)starts the sweep. `grant` is what the policy attached to the client.
+    std::shared_ptr<LongPollSession> createSession(const std::string& sessionId, std::shared_ptr<Context>& context,
+                                                   std::shared_ptr<const ClientGrant> grant = nullptr);
     // The client's session, or null if unknown. Counts as contact; a non-empty
-    // connection type replaces the stored one.
-    std::shared_ptr<LongPollSession> getSession(const std::string& clientId, const std::string& connectionType);
+    // connection type replaces the stored one. A non-null `grant` receives the client's.
+    std::shared_ptr<LongPollSession> getSession(const std::string& clientId, const std::string& connectionType,
+                                                std::shared_ptr<const ClientGrant>* grant = nullptr);
     // True if the client existed. The last removal ends the sweep.
     bool deleteSession(const std::string& clientId);
 
@@ -87,18 +99,12 @@ public:
     void flush();
 
 private:
-    // A per-client extension slot; no operation fills it. Destroyed with its record.
-    class ClientAttachment {
-    public:
-        virtual ~ClientAttachment();
-    };
-
     struct ClientInfo {
         std::string sessionId;
         std::string connectionType;
         long long tick = 0;
         std::shared_ptr<LongPollSession> session;
-        std::unique_ptr<ClientAttachment> attachment;
+        std::shared_ptr<const ClientGrant> grant;
     };
 
     using ClientMap = std::unordered_map<std::string, ClientInfo>;
@@ -121,6 +127,14 @@ private:
     // Entered with `mutex` held: writes the warning if there is something to say and a
     // second has passed since the last one.
     void doWarnAboutDroppedClients(std::unique_lock<std::mutex>& lock, long long tick);
+    // False, with the refusal in `response`, when the incoming hook drops the request.
+    bool admitted(BayeuxBase& request, BayeuxResponse& response, const std::shared_ptr<Context>& context) const;
+    // The session of a subscribe or publish that the policy allows to touch `target`, or null
+    // with the refusal in `response` (unknown client, or "403:<target>:<deniedMessage>").
+    // `ask` puts the question to the policy.
+    template <class Ask>
+    std::shared_ptr<LongPollSession> permittedSession(const std::string& clientId, const std::string& target,
+                                                      const char* deniedMessage, BayeuxResponse& response, Ask&& ask);
     // Drops the request's id where the channel, or forceIdClear, asks for it.
     void clearPublishedId(PublishRequest& request) const;
     // The hold time of a long-poll connect, in ticks.

@@ -24,6 +24,9 @@ std::string_view dataText(const PublishRequest& request) {
     return request.data ? request.data->view() : std::string_view();
 }
 
+// What one waiting message counts toward PendingLimit::maxBytes.
+std::size_t pendingSize(const PublishRequest& message) { return message.channel.size() + dataText(message).size(); }
+
 // A remote client's pattern: "/..." not ending in "/", with a wildcard only at the very end
 // ("*" or "**").
 bool isValidPattern(const std::string& pattern) {
@@ -57,11 +60,12 @@ void forEachHeldPattern(const Channel& node, const std::string& path, Send& send
 std::atomic<unsigned long> LongPollSession::publisherCounter{0};
 
 LongPollSession::LongPollSession(std::shared_ptr<BayeuxServer> server, std::shared_ptr<Context> context,
-                                 PendingLimit pendingLimit)
+                                 PendingLimit pendingLimit, OutgoingHook outgoing)
     : id(common::randomString(16)),
       server(std::move(server)),
       context(std::move(context)),
-      pendingLimit(std::move(pendingLimit)) {
+      pendingLimit(std::move(pendingLimit)),
+      outgoing(std::move(outgoing)) {
     KORVANE_LOG(logger, common::logTrace) << "Create: " << id;
 }
 
@@ -116,6 +120,7 @@ void LongPollSession::doDeliver(std::unique_lock<std::mutex>& lock,
     }
     // The session's own copy, without the sender's id; the shared original stays untouched for the others.
     pendingMessages.push_back(std::make_unique<PublishRequest>(message, PublishRequest::withoutSender));
+    pendingBytes += pendingSize(*message);
     const bool limitExceeded = doCheckPendingLimit(lock);
     if (bufferResponses) {
         setBufferTimeout(lock);
@@ -129,11 +134,14 @@ void LongPollSession::doDeliver(std::unique_lock<std::mutex>& lock,
 }
 
 bool LongPollSession::doCheckPendingLimit(std::unique_lock<std::mutex>&) {
-    if (pendingLimit.maxMessages == 0 || pendingMessages.size() <= pendingLimit.maxMessages) {
+    const bool tooMany = pendingLimit.maxMessages != 0 && pendingMessages.size() > pendingLimit.maxMessages;
+    const bool tooLarge = pendingLimit.maxBytes != 0 && pendingBytes > pendingLimit.maxBytes;
+    if (!tooMany && !tooLarge) {
         return false;
     }
     pendingLimitExceeded = true;
-    KORVANE_LOG(logger, common::logLifecycle) << "Pending message limit exceeded: " << id << ", " << pendingMessages.size();
+    KORVANE_LOG(logger, common::logLifecycle) << "Pending message limit exceeded: " << id << ", "
+                                              << pendingMessages.size() << " messages, " << pendingBytes << " bytes";
     return static_cast<bool>(pendingLimit.onExceeded);
 }
 
@@ -216,14 +224,15 @@ std::shared_ptr<BayeuxQueue> LongPollSession::korvaneShortPoll(const std::string
     doCompleteQueue(lock);
     doNotifyQueue(lock);
     std::string name = id + "_" + connectMessageId;
-    common::RingQueue<std::unique_ptr<Message>> taken;
+    common::RingQueue<std::unique_ptr<PublishRequest>> taken;
     taken.swap(pendingMessages);
+    pendingBytes = 0;
     lock.unlock();
     // The queue is fresh and reachable by no other thread, so it is filled with the lock released: no queue
     // mutex is ever taken under the session's.
     TempPublisher publisher = makeTempPublisher(std::move(name));
     for (; !taken.empty(); taken.pop_front()) {
-        publisher.queue->setValue(std::move(taken.front()));
+        sendOut(*publisher.queue, std::move(taken.front()));
     }
     auto response = std::make_unique<ConnectResponse>();
     response->id = messageId;
@@ -350,12 +359,20 @@ void LongPollSession::doAnswerOpenConnect(std::unique_lock<std::mutex>& lock) {
 void LongPollSession::doDrainPending(std::unique_lock<std::mutex>& lock, const std::shared_ptr<BayeuxQueue>& queue) {
     // Messages that arrive while the lock is open join the back of the queue and go out in this same loop.
     while (!pendingMessages.empty()) {
-        std::unique_ptr<Message> message = std::move(pendingMessages.front());
+        std::unique_ptr<PublishRequest> message = std::move(pendingMessages.front());
         pendingMessages.pop_front();
+        pendingBytes -= pendingSize(*message);
         lock.unlock();
-        queue->setValue(std::move(message));
+        sendOut(*queue, std::move(message));
         lock.lock();
     }
+}
+
+void LongPollSession::sendOut(BayeuxQueue& queue, std::unique_ptr<PublishRequest>&& message) const {
+    if (outgoing && !outgoing(id, *message)) {
+        return;
+    }
+    queue.setValue(std::unique_ptr<Message>(std::move(message)));
 }
 
 void LongPollSession::doEndConnect(std::unique_lock<std::mutex>& lock, std::shared_ptr<BayeuxQueue> queue) {

@@ -20,9 +20,12 @@
 // with `mutex` released), so that the connect it replaces is answered first.
 // Internal operations taking a std::unique_lock are entered with it held and may
 // release and retake it. The session must be owned by a std::shared_ptr.
-// A client that lets more than `pendingLimit.maxMessages` messages pile up is
-// reported once through `pendingLimit.onExceeded`, called by deliver on the
-// publisher's thread with `mutex` released; from then on deliver keeps nothing more.
+// A client that lets more than `pendingLimit.maxMessages` messages, or more than
+// `pendingLimit.maxBytes` bytes of them, pile up is reported once through
+// `pendingLimit.onExceeded`, called by deliver on the publisher's thread with `mutex`
+// released; from then on deliver keeps nothing more. The `outgoing` hook sees each
+// message as it goes into a connect's queue, on the thread that drains the pending
+// messages, with `mutex` released.
 
 #include <atomic>
 #include <condition_variable>
@@ -49,14 +52,23 @@ class BayeuxQueue;
 // arrive. A limit of 0 means no limit.
 struct PendingLimit {
     std::size_t maxMessages = 0;
+    // Bytes of the waiting messages, counted as the size of the channel name plus the size
+    // of the data's JSON text of each; the rest of a message is not counted.
+    std::size_t maxBytes = 0;
     // Gets the session's id; called at most once, with no session lock held.
     std::function<void(const std::string& clientId)> onExceeded;
 };
 
+// The embedding host's look at a message on its way out to a client, before it is written:
+// it may change the message, or drop it by returning false. The data is shared with the
+// other receivers: replace `data` rather than write into it. It runs on the thread that
+// drains the session and must answer at once, without blocking.
+using OutgoingHook = std::function<bool(const std::string& clientId, PublishRequest& message)>;
+
 class LongPollSession : public BayeuxSession, public std::enable_shared_from_this<LongPollSession> {
 public:
     LongPollSession(std::shared_ptr<BayeuxServer> server, std::shared_ptr<Context> context,
-                    PendingLimit pendingLimit = PendingLimit());
+                    PendingLimit pendingLimit = PendingLimit(), OutgoingHook outgoing = nullptr);
     ~LongPollSession() override;
     LongPollSession(const LongPollSession&) = delete;
     LongPollSession& operator=(const LongPollSession&) = delete;
@@ -108,6 +120,9 @@ private:
     // True the one time that the pending messages first exceed the limit.
     bool doCheckPendingLimit(std::unique_lock<std::mutex>& lock);
     void doDrainPending(std::unique_lock<std::mutex>& lock, const std::shared_ptr<BayeuxQueue>& queue);
+    // Puts one message into a connect's queue, past the outgoing hook if there is one.
+    // Called with `mutex` released.
+    void sendOut(BayeuxQueue& queue, std::unique_ptr<PublishRequest>&& message) const;
     // Answers the connect of `queue`; the reference is dropped with the lock released.
     void doEndConnect(std::unique_lock<std::mutex>& lock, std::shared_ptr<BayeuxQueue> queue);
     // Clears `notifying` and wakes connects waiting for the drain to end.
@@ -134,7 +149,9 @@ private:
     std::string connectMessageId;
     bool bufferResponses = true;
     bool holdResponses = false;
-    common::RingQueue<std::unique_ptr<Message>> pendingMessages;
+    common::RingQueue<std::unique_ptr<PublishRequest>> pendingMessages;
+    // The bytes of `pendingMessages`, as PendingLimit counts them.
+    std::size_t pendingBytes = 0;
     std::shared_ptr<BayeuxQueue> connectQueue;
     std::unordered_map<unsigned long, std::shared_ptr<BayeuxQueue>> tempPublishers;
     Channel channels;
@@ -145,6 +162,7 @@ private:
     const std::shared_ptr<BayeuxServer> server;
     const std::shared_ptr<Context> context;
     const PendingLimit pendingLimit;
+    const OutgoingHook outgoing;
     // The limit was exceeded: the owner has been told, and nothing more is kept.
     bool pendingLimitExceeded = false;
     bool activeConnect = false;

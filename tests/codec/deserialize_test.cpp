@@ -147,6 +147,7 @@ TEST(Deserialize, MetaMessagesReadTheirMembersAndAdvice) {
     EXPECT_EQ(fieldsOf(handshake) + " " + h.version + "|" + h.minimumVersion,
               "HandshakeRequest /meta/handshake|1| 1.0|0.9");
     EXPECT_EQ(h.supportedConnectionTypes, std::vector<std::string>{"websocket"});
+    EXPECT_EQ(h.ext, "{\"x\":[1]}") << "kept as its raw text";
     auto connect = parse(
         "{\"channel\":\"/meta/connect\",\"clientId\":\"abc\",\"connectionType\":\"long-polling\","
         "\"advice\":{\"timeout\":0}}");

@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "korvane/bayeux.h"
+#include "korvane/host/allow_list_policy.h"
 #include "korvane/host/host_context.h"
 #include "host/test_clients.h"
 #include "support/test_helpers.h"
@@ -109,6 +110,36 @@ TEST_F(BayeuxHostTest, LongPollingFromHandshakeToAHeldConnectAnsweredAfterAnothe
                                                              R"(","advice":{"timeout":300}})");
     EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(250));
     EXPECT_THAT(quiet.body, HasSubstr(R"("channel":"/meta/connect")"));
+}
+
+// Given a policy, the host hands it the HTTP request behind each Bayeux request.
+TEST_F(BayeuxHostTest, APolicySeesEachRequestsHeadersCookiesAndRemoteAddress) {
+    struct Recorder : AllowListPolicy {
+        Recorder() : AllowListPolicy({}, {}) {}
+        bayeux::HandshakeDecision mayHandshake(const std::shared_ptr<Context>& context, std::string_view ext) override {
+            const auto headers = boost::any_cast<http::Headers>(context->get("headers"));
+            const auto cookie = headers.find("cookie");
+            std::lock_guard<std::mutex> guard(mutex);
+            seen.push_back(boost::any_cast<std::string>(context->get("remoteAddress")) + " " +
+                           headers.find("content-type")->second + " " +
+                           (cookie == headers.end() ? "no cookie" : cookie->second.substr(0, 16)) + " " +
+                           std::string(ext));
+            return bayeux::HandshakeDecision();
+        }
+        std::mutex mutex;
+        std::vector<std::string> seen;
+    };
+    auto policy = std::make_shared<Recorder>();
+    BayeuxHostOptions options;
+    options.policy = policy;
+    start(std::move(options));
+    Browser client = browser();
+    client.handshake();
+    client.post("/bayeux", R"([{"channel":"/meta/handshake","ext":{"token":"t"}}])");
+    std::lock_guard<std::mutex> guard(policy->mutex);
+    EXPECT_EQ(policy->seen, (std::vector<std::string>{
+                                "127.0.0.1 application/json no cookie ",
+                                "127.0.0.1 application/json korvane-browser= {\"token\":\"t\"}"}));
 }
 
 TEST_F(BayeuxHostTest, AnswersWhatIsNoBayeuxAsTheTransportsSay) {

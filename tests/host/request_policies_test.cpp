@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 
+#include "korvane/host/allow_list_policy.h"
 #include "korvane/host/browser_session.h"
 #include "korvane/host/origin_policy.h"
 
@@ -32,6 +33,27 @@ TEST(OriginPolicyTest, AdmitsUpgradesFromNoOriginTheServersOwnSiteAndListedOrigi
     }
     EXPECT_TRUE(policy.isListed("https://app.example"));
     EXPECT_FALSE(policy.isListed(""));
+}
+
+// A pattern is allowed when every channel it matches is matched by an allowed pattern.
+TEST(AllowListPolicyTest, AllowsAnonymousClientsWhatTheListedPatternsCover) {
+    const std::tuple<const char*, const char*, bool> cases[] = {  // allowed, asked for, covered
+        {"/a/b", "/a/b", true},     {"/a/b", "/a/b/c", false},  {"/a/b", "/a/*", false},
+        {"/a/*", "/a/b", true},     {"/a/*", "/a/*", true},     {"/a/*", "/a/**", false},
+        {"/a/*", "/a", false},      {"/a/*", "/a/b/c", false},  {"/a/**", "/a/b/c", true},
+        {"/a/**", "/a/**", true},   {"/a/**", "/a", false},     {"/a/**", "/ab/c", false},
+        {"/a/b/**", "/a/*", false}, {"/**", "/x/**", true},     {"/*", "/**", false},
+    };
+    for (const auto& [allowed, asked, covered] : cases) {
+        EXPECT_EQ(AllowListPolicy::covers(allowed, asked), covered) << allowed << " over " << asked;
+    }
+    struct Grant : bayeux::ClientGrant {} grant;
+    const std::string id = "client";
+    AllowListPolicy policy({"/public/**"}, {});
+    EXPECT_FALSE(policy.maySubscribe({id, nullptr}, "/private/x", nullptr).allowed);
+    EXPECT_TRUE(policy.maySubscribe({id, &grant}, "/private/x", nullptr).allowed)
+        << "lists bind anonymous clients only";
+    EXPECT_TRUE(policy.mayPublish({id, nullptr}, "/private/x", nullptr).allowed) << "no list, no bound";
 }
 
 TEST(BrowserSessionTest, FindsOnlyWellFormedSessionIdsInTheCookieHeader) {

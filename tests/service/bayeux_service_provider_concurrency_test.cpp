@@ -84,7 +84,7 @@ TEST_F(BayeuxServiceProviderConcurrency, ProviderDestroyedWhileItsSweepIsDueOnAn
 // the pending limit are dropped as publishes flood them, and half of those leave by themselves,
 // racing their drop.
 TEST_F(BayeuxServiceProviderConcurrency, ClientsLiveDropAndLeaveOnSeveralThreadsWhileTheClockRuns) {
-    provider = makeProvider(server, BayeuxServiceOptions{5});
+    provider = makeProvider(server, pendingLimit(5));
     std::vector<std::string> idle;
     for (int client = 0; client < 20; ++client) {
         idle.push_back(handshake());

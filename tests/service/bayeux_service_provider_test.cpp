@@ -120,6 +120,117 @@ TEST_F(BayeuxServiceProviderTest, EveryRefusalCarriesItsTextAndAdvice) {
     EXPECT_EQ(outcome(publish(client, "/a")), "refused: Unable to publish. Unknown error");
 }
 
+// Admits a handshake whose ext is a user's name as a JSON string ("mallory" is banned), and
+// lets that user subscribe and publish below /public/ and /user/<name>/. Notes every question.
+class UserPolicy : public BayeuxPolicy {
+public:
+    struct User : ClientGrant {
+        explicit User(std::string name) : name(std::move(name)) {}
+        const std::string name;
+    };
+
+    HandshakeDecision mayHandshake(const std::shared_ptr<Context>& context, std::string_view ext) override {
+        asked.push_back("handshake " + hostSessionOf(context) + " " + std::string(ext));
+        HandshakeDecision decision;
+        decision.allowed = ext.size() > 2 && ext != "\"mallory\"";
+        decision.reason = ext.empty() ? "" : "banned";
+        if (decision.allowed) {
+            decision.grant = std::make_shared<User>(std::string(ext.substr(1, ext.size() - 2)));
+        }
+        return decision;
+    }
+    PolicyDecision maySubscribe(const PolicyClient& client, const std::string& pattern,
+                                const std::shared_ptr<Context>& context) override {
+        return decide("subscribe", client, pattern, context);
+    }
+    PolicyDecision mayPublish(const PolicyClient& client, const std::string& channel,
+                              const std::shared_ptr<Context>& context) override {
+        return decide("publish", client, channel, context);
+    }
+
+    Texts asked;  // one thread in these tests
+
+private:
+    static std::string hostSessionOf(const std::shared_ptr<Context>& context) {
+        return boost::any_cast<std::string>(context->get("sessionId"));
+    }
+    PolicyDecision decide(const std::string& what, const PolicyClient& client, const std::string& target,
+                          const std::shared_ptr<Context>& context) {
+        const std::string& user = dynamic_cast<const User&>(*client.grant).name;
+        asked.push_back(what + " " + hostSessionOf(context) + " " + user + " " + target);
+        const bool allowed = target.rfind("/public/", 0) == 0 || target.rfind("/user/" + user + "/", 0) == 0;
+        return allowed ? PolicyDecision::allow() : PolicyDecision::deny();
+    }
+};
+
+TEST_F(BayeuxServiceProviderTest, APolicyDecidesHandshakesSubscribesAndPublishesAndARefusalTouchesNoOneElse) {
+    auto policy = std::make_shared<UserPolicy>();
+    BayeuxServiceOptions options;
+    options.policy = policy;
+    provider = makeProvider(server, options);
+    auto handshakeAs = [this](const std::string& ext) {
+        auto request = std::make_unique<HandshakeRequest>();
+        request->ext = ext;
+        return ask<HandshakeResponse>(std::move(request));
+    };
+    const std::string ann = handshakeAs("\"ann\"")->clientId, bob = handshakeAs("\"bob\"")->clientId;
+    ASSERT_TRUE(subscribe(bob, "/public/**")->successful && subscribe(bob, "/user/bob/*")->successful);
+    auto bobStream = open(connect(bob));
+    auto refusedHandshake = handshakeAs("");
+    const std::pair<std::string, std::string> rows[] = {  // each reply is made in table order
+        {outcome(refusedHandshake) + " '" + refusedHandshake->clientId + "'",
+         "refused: 403::handshake denied advice:2/-1/-1 ''"},
+        {outcome(handshakeAs("\"mallory\"")), "refused: 403::banned advice:2/-1/-1"},
+        {outcome(subscribe(ann, "/user/bob/*")), "refused: 403:/user/bob/*:subscription denied advice:none"},
+        {outcome(subscribe(ann, "/user/ann/**")), "ok advice:none"},
+        {outcome(publish(ann, "/user/bob/inbox")), "refused: 403:/user/bob/inbox:publish denied"},
+        {outcome(publish(ann, "/public/room")), "ok"},
+        {outcome(unsubscribe(ann, "/user/ann/**")), "ok advice:none"},
+        {outcome(subscribe("nobody", "/public/room")), "refused: No such clientId. advice:none"},
+    };
+    for (const auto& [actual, expected] : rows) {
+        EXPECT_EQ(actual, expected);
+    }
+    // Only the allowed publish reached bob; the policy saw each request's context and its client's grant.
+    clock->advance(5ms);
+    EXPECT_EQ(bobStream->seen(), (Texts{"{\"text\":\"hi\"}", "response:c-" + bob}));
+    EXPECT_EQ(policy->asked, (Texts{"handshake browser-1 \"ann\"", "handshake browser-1 \"bob\"",
+                                    "subscribe browser-1 bob /public/**", "subscribe browser-1 bob /user/bob/*",
+                                    "handshake browser-1 ", "handshake browser-1 \"mallory\"",
+                                    "subscribe browser-1 ann /user/bob/*", "subscribe browser-1 ann /user/ann/**",
+                                    "publish browser-1 ann /user/bob/inbox", "publish browser-1 ann /public/room"}));
+}
+
+// The host stamps what comes in from clients and what goes out to each, and drops some of both:
+// on a held connect and on a short poll alike.
+TEST_F(BayeuxServiceProviderTest, HostHooksChangeOrDropMessagesOnTheirWayInAndOut) {
+    BayeuxServiceOptions options;
+    options.incoming = [](BayeuxBase& request, const std::shared_ptr<Context>&) {
+        if (auto* message = dynamic_cast<PublishRequest*>(&request)) {
+            message->data = std::make_shared<common::DataBuffer>("{\"in\":" + message->data->str() + "}");
+        }
+        return request.channel != "/muted";
+    };
+    options.outgoing = [](const std::string& clientId, PublishRequest& message) {
+        message.data = std::make_shared<common::DataBuffer>("{\"to\":\"" + clientId + "\",\"data\":" +
+                                                            message.data->str() + "}");
+        return message.channel != "/hidden";
+    };
+    provider = makeProvider(server, options);
+    const std::string held = handshake(), polled = handshake(), sender = handshake();
+    ASSERT_TRUE(subscribe(held, "/**")->successful && subscribe(polled, "/**")->successful);
+    auto heldStream = open(connect(held));
+    EXPECT_EQ(outcome(publish(sender, "/muted")), "refused: 403:/muted:message dropped");
+    EXPECT_EQ(outcome(publish(sender, "/hidden")), "ok");
+    EXPECT_EQ(outcome(publish(sender, "/room")), "ok");
+    clock->advance(5ms);
+    auto polledStream = open(connect(polled, "short-polling"));
+    for (const auto& [client, stream] : {std::pair{held, heldStream}, {polled, polledStream}}) {
+        EXPECT_EQ(stream->seen().front(), "{\"to\":\"" + client + "\",\"data\":{\"in\":{\"text\":\"hi\"}}}");
+        EXPECT_EQ(stream->seen().size(), 2u) << "the dropped messages are followed by the connect's response";
+    }
+}
+
 TEST_F(BayeuxServiceProviderTest, ConnectHoldTimeFollowsTheClientsAdvice) {
     const std::pair<std::optional<long long>, long long> rows[] = {
         {std::nullopt, 600}, {-1, 600}, {30000, 300}, {150, 1}, {99, 0}, {0, 0}};
@@ -223,24 +334,34 @@ TEST_F(BayeuxServiceProviderTest, PeriodicSweepRunsOnlyWhileThereAreClientsAndFl
 }
 
 TEST_F(BayeuxServiceProviderTest, AClientPastThePendingLimitIsDroppedWhileTheOthersCarryOn) {
-    provider = makeProvider(server, BayeuxServiceOptions{3});
-    const std::string idle = handshake(), reader = handshake(), sender = handshake();
-    ASSERT_TRUE(subscribe(idle, "/room")->successful && subscribe(reader, "/room")->successful);
-    std::weak_ptr<LongPollSession> idleSession = provider->getSession(idle, "");
-    for (int round = 1; round <= 5; ++round) {
-        auto stream = open(connect(reader));
-        EXPECT_TRUE(publish(sender, "/room")->successful) << "a drop never fails the publisher";
-        clock->advance(5ms);
-        EXPECT_EQ(stream->seen(), (Texts{"{\"text\":\"hi\"}", "response:c-" + reader}));
-        EXPECT_EQ(idleSession.expired(), round > 3) << "dropped on the fourth waiting message, not before";
+    // Each waiting message counts 18 bytes: "/room" and {"text":"hi"}. The reader's messages
+    // leave with its connects, and their bytes with them.
+    const std::tuple<std::size_t, std::size_t, int> limits[] = {  // messages, bytes, the waiting message that drops
+        {3, 0, 4}, {0, 54, 4}, {0, 53, 3}, {4, 54, 4}};
+    std::string sender;
+    for (const auto& [messages, bytes, droppedAt] : limits) {
+        SCOPED_TRACE(std::to_string(messages) + " messages, " + std::to_string(bytes) + " bytes");
+        provider = makeProvider(server, pendingLimit(messages, bytes));
+        const std::string idle = handshake(), reader = handshake();
+        sender = handshake();
+        ASSERT_TRUE(subscribe(idle, "/room")->successful && subscribe(reader, "/room")->successful);
+        std::weak_ptr<LongPollSession> idleSession = provider->getSession(idle, "");
+        for (int round = 1; round <= 5; ++round) {
+            auto stream = open(connect(reader));
+            EXPECT_TRUE(publish(sender, "/room")->successful) << "a drop never fails the publisher";
+            clock->advance(5ms);
+            EXPECT_EQ(stream->seen(), (Texts{"{\"text\":\"hi\"}", "response:c-" + reader}));
+            EXPECT_EQ(idleSession.expired(), round >= droppedAt) << round;
+        }
+        EXPECT_TRUE(provider->getSession(reader, ""));
+        // The dropped client hears of it on its next request, and comes back by a handshake.
+        EXPECT_EQ(outcome(publish(idle, "/room")), "refused: No such clientId.");
     }
-    // The dropped client hears of it on its next request, and comes back by a handshake.
-    EXPECT_EQ(outcome(publish(idle, "/room")), "refused: No such clientId.");
     const std::string returned = handshake();
     ASSERT_TRUE(subscribe(returned, "/room")->successful);
     EXPECT_TRUE(publish(sender, "/room")->successful);
     EXPECT_EQ(open(connect(returned))->seen(), (Texts{"{\"text\":\"hi\"}", "response:c-" + returned}));
-    EXPECT_TRUE(provider->getSession(reader, "") && provider->getSession(sender, ""));
+    EXPECT_TRUE(provider->getSession(sender, ""));
     // The library's own default keeps every message, however long the client stays away.
     provider = makeProvider(server);
     const std::string patient = handshake(), talker = handshake();
@@ -252,7 +373,7 @@ TEST_F(BayeuxServiceProviderTest, AClientPastThePendingLimitIsDroppedWhileTheOth
 }
 
 TEST_F(BayeuxServiceProviderTest, DropWarningsComeAtMostOnceASecondAndCountEveryDrop) {
-    provider = makeProvider(server, BayeuxServiceOptions{1});
+    provider = makeProvider(server, pendingLimit(1));
     test_support::ChannelCapture warnings("korvane::bayeux::service");
     const std::string sender = handshake();
     const std::string line = " client(s) over the limit of 1 pending messages\n";

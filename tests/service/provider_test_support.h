@@ -45,6 +45,12 @@ protected:
         made->start();
         return made;
     }
+    static BayeuxServiceOptions pendingLimit(std::size_t messages, std::size_t bytes = 0) {
+        BayeuxServiceOptions options;
+        options.maxPendingMessages = messages;
+        options.maxPendingBytes = bytes;
+        return options;
+    }
     // The connect of `clientId` was turned into a short poll and is over.
     static void expectShortPoll(StreamRecorder& stream, const std::string& clientId) {
         EXPECT_EQ(stream.seen(), Texts{"response:c-" + clientId + " advice:0/200/-1"});

@@ -1,15 +1,16 @@
 #pragma once
 
 // The armed timers of one backend, ordered by due time, and the running of those
-// that are due. Both backends (the manual test clock and the host's timer thread)
-// keep their timers here and differ only in how time moves.
+// that are due. Every backend (the manual test clock, the host's timer thread and the
+// host's I/O loop) keeps its timers here; they differ only in how time moves and
+// which thread runs the callbacks.
 //
 // Time is a monotonic duration since the backend's origin; the tick handed to a
 // callback is that time divided by the tick length.
 //
 // Threading: one mutex guards the heap and every entry's state. arm(), nextDue(),
 // armedCount() and the release of a handle may be called from any thread. runDue()
-// is meant for one thread at a time (the backend's timer thread, or the test's
+// is meant for one thread at a time (the backend's thread, or the test's
 // thread); callbacks run on it with the mutex released. A handle released while its
 // callback runs on another thread waits on `finished` for the callback to return;
 // released on the thread that runs the callback, it marks the timer cancelled and
@@ -42,7 +43,7 @@ public:
     // Arms `callback` to run at `due`, then every `period` unless it is zero. The
     // queue must be held by a std::shared_ptr: the handle refers to it weakly, so a
     // handle may outlive its queue. `becameEarliest` is set when the new timer is
-    // now the first due, which is when a sleeping timer thread must wake up.
+    // now the first due, which is when the backend's wait must be shortened.
     TimerHandle arm(TimerCallback callback, Duration due, Duration period, bool* becameEarliest = nullptr);
 
     // Runs, on the calling thread and in due order, every timer due at or before

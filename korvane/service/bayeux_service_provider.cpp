@@ -96,7 +96,7 @@ BayeuxServiceProviderImpl::~BayeuxServiceProviderImpl() {
         runningSweep = std::move(sweeper);
     }
     // Sessions die first, outside the lock; then the release of the sweeper waits
-    // for a sweep that may be running on the timer thread, before any member goes.
+    // for a sweep that may be running on the timers' thread, before any member goes.
     remaining.clear();
     runningSweep.reset();
 }

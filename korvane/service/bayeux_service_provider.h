@@ -8,7 +8,7 @@
 // limit into short polls.
 //
 // Threading and locks: handle overloads run on any host thread, concurrently, also
-// for the same client; the sweep runs on the timer thread. `mutex` guards
+// for the same client; the sweep runs on the timers' thread. `mutex` guards
 // `clients`, `sweeper` and every ClientInfo, and is held only for the map work and
 // for starting the sweep. Calls into a session are made with `mutex` released,
 // except in getActiveConnectCountForSessionId and flush, where `mutex` is the outer

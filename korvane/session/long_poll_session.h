@@ -6,7 +6,7 @@
 // its ConnectResponse, flow to the transport.
 //
 // Threading and locks: every operation may be called from any thread (transport
-// threads, the publisher's thread through deliver, the timer thread). `mutex` guards
+// threads, the publisher's thread through deliver, the timers' thread). `mutex` guards
 // every mutable field. Lock order is queue mutex before session mutex, because a
 // queue that ends runs a continuation that takes `mutex`; so the session never calls
 // into a queue or the routing core with `mutex` held; a connect's queue is made and

@@ -3,11 +3,11 @@
 // Only requests carrying the header "X-Api-Key: <key>" (the key from KORVANE_API_KEY)
 // may handshake, and remote clients may subscribe and publish only below /public/; the
 // rest of the channel space is left to the process's own in-process sessions. It serves
-// on the first argument (default 127.0.0.1:8091) until SIGINT or SIGTERM.
+// on the first argument (default 127.0.0.1:8091) until its input ends (Ctrl-D).
 
-#include <csignal>
 #include <cstdlib>
 #include <iostream>
+#include <limits>
 #include <string>
 
 #include "korvane/frame/http.h"
@@ -56,19 +56,13 @@ int main(int argc, char** argv) {
         std::cerr << "api_key_host: set KORVANE_API_KEY\n";
         return 2;
     }
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-
     host::BayeuxHostOptions options;
     options.http.listen = argc > 1 ? argv[1] : "127.0.0.1:8091";
     options.policy = std::make_shared<ApiKeyPolicy>(key);
     host::BayeuxHost server(std::move(options));
     server.start();
     std::cout << "api_key_host: Bayeux at " << server.url() << "bayeux for clients with the API key" << std::endl;
-    int received = 0;
-    sigwait(&signals, &received);
+    std::cin.ignore(std::numeric_limits<std::streamsize>::max());
+    server.stop();
     return 0;
 }

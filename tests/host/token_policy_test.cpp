@@ -113,8 +113,8 @@ TEST(TokenPolicyTest, AdmitsValidTokensOnlyAndKeepsEachUsersOwnChannelToThatUser
     }
 
     TokenPolicy policy(hmac);
-    const auto grantOf = [&policy](const json& claims) {
-        return policy.mayHandshake(nullptr, json{{"token", mint("HS256", std::string(32, 's'), claims)}}.dump()).grant;
+    const auto grantOf = [&policy, &secret](const json& claims) {
+        return policy.mayHandshake(nullptr, json{{"token", mint("HS256", secret, claims)}}.dump()).grant;
     };
     const auto annsGrant = grantOf(ann);
     const auto bobsGrant = grantOf({{"sub", "bob"}, {"exp", nowPlus(600)}});

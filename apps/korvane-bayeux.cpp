@@ -25,6 +25,7 @@
 #include "korvane/cluster/redis_bridge.h"
 #include "korvane/host/allow_list_policy.h"
 #include "korvane/host/bayeux_host.h"
+#include "korvane/host/token/token_policy.h"
 
 namespace {
 
@@ -59,6 +60,10 @@ struct Options {
     // Patterns that anonymous clients may subscribe to and publish on; empty: any.
     std::vector<std::string> subscribeAllowed;
     std::vector<std::string> publishAllowed;
+    // The key of signed tokens; with one, every client needs a valid token.
+    std::string tokenSecretFile;
+    std::string tokenPublicKeyFile;
+    std::chrono::seconds tokenLeeway{30};
 };
 
 using Flag = apps::Flag<Options>;
@@ -180,6 +185,17 @@ std::vector<Flag> flags() {
         {"--publish-allow", "PATTERN", "any channel",
          "clients may publish only on channels these patterns match (/* one segment, /** any depth; repeatable)",
          addPattern(&Options::publishAllowed)},
+        {"--token-hmac-secret-file", "FILE", "none",
+         "clients need a token signed HS256 with the secret in FILE (32 bytes or more; a final line break is "
+         "not part of it)",
+         [](Options& options, const std::string&, const std::string& value) { options.tokenSecretFile = value; }},
+        {"--token-public-key", "FILE", "none",
+         "clients need a token signed RS256 or ES256, as the PEM public key in FILE is RSA or EC P-256",
+         [](Options& options, const std::string&, const std::string& value) { options.tokenPublicKeyFile = value; }},
+        {"--token-leeway", "SECONDS", "30", "a token's exp may be this far past",
+         [](Options& options, const std::string& name, const std::string& value) {
+             options.tokenLeeway = std::chrono::seconds(parseNumber(name, value, 3600));
+         }},
         {"--allow-origin", "ORIGIN", "none", "a cross-origin site allowed to use the Bayeux path (repeatable)",
          [](Options& options, const std::string&, const std::string& value) {
              options.host.http.allowOrigins.push_back(value);
@@ -217,6 +233,26 @@ std::vector<Flag> flags() {
     };
 }
 
+// Tokens decide everything when a key is given; the allow lists bind anonymous clients,
+// of which there are none then, so the two do not go together.
+std::shared_ptr<bayeux::BayeuxPolicy> makePolicy(const Options& options) {
+    const bool listed = !options.subscribeAllowed.empty() || !options.publishAllowed.empty();
+    if (!options.tokenSecretFile.empty() && !options.tokenPublicKeyFile.empty()) {
+        throw std::invalid_argument("--token-hmac-secret-file and --token-public-key exclude each other");
+    }
+    if (options.tokenSecretFile.empty() && options.tokenPublicKeyFile.empty()) {
+        return listed ? std::make_shared<host::AllowListPolicy>(options.subscribeAllowed, options.publishAllowed)
+                      : nullptr;
+    }
+    if (listed) {
+        throw std::invalid_argument("with tokens, their claims decide: --subscribe-allow and --publish-allow do not apply");
+    }
+    return std::make_shared<host::TokenPolicy>(
+        options.tokenSecretFile.empty()
+            ? host::TokenVerifier::publicKeyFromFile(options.tokenPublicKeyFile, options.tokenLeeway)
+            : host::TokenVerifier::hmacFromFile(options.tokenSecretFile, options.tokenLeeway));
+}
+
 const char* const synopsis = "usage: korvane-bayeux [FLAG VALUE]...\n";
 
 Options parseOptions(int argc, char** argv) {
@@ -227,9 +263,7 @@ Options parseOptions(int argc, char** argv) {
     if (options.host.http.tlsCert.empty() != options.host.http.tlsKey.empty()) {
         throw std::invalid_argument("--tls-cert and --tls-key go together");
     }
-    if (!options.subscribeAllowed.empty() || !options.publishAllowed.empty()) {
-        options.host.policy = std::make_shared<host::AllowListPolicy>(options.subscribeAllowed, options.publishAllowed);
-    }
+    options.host.policy = makePolicy(options);
     return options;
 }
 

@@ -21,7 +21,7 @@ export function newClient(bayeuxUrl, transport, { config = {} } = {}) {
 const replied = (start) =>
     new Promise((resolve, reject) => start((reply) => (reply.successful ? resolve(reply) : reject(new Error(JSON.stringify(reply))))));
 
-export const handshake = (cometd) => replied((done) => cometd.handshake(done));
+export const handshake = (cometd, props = {}) => replied((done) => cometd.handshake(props, done));
 export const publish = (cometd, channel, data) => replied((done) => cometd.publish(channel, data, done));
 export const unsubscribe = (cometd, handle) => replied((done) => cometd.unsubscribe(handle, done));
 

@@ -1,8 +1,8 @@
 #pragma once
 
-// The world of the protocol fuzz targets: one protocol service with its routing core,
-// the long-poll and WebSocket transports, a context that routes as a host's does, and
-// a manual clock, all made afresh for each input so that one input is one history.
+// The world of the protocol fuzz targets: one protocol service with its routing core
+// and a policy, the long-poll and WebSocket transports, a context that routes as a
+// host's does, and a manual clock, all made afresh for each input so that one input is one history.
 //
 // An input is a script of steps separated by newlines. A step "+N" moves the clock
 // N ticks forward (at most maxTicksPerStep); any other step is a body or a frame, in
@@ -29,6 +29,7 @@
 #include "korvane/frame/manual_timer_backend.h"
 #include "korvane/frame/timers.h"
 #include "korvane/routing/bayeux_server.h"
+#include "korvane/service/bayeux_policy.h"
 #include "korvane/service/bayeux_service_provider.h"
 #include "korvane/transport/long_poll_provider.h"
 #include "korvane/transport/websocket_provider.h"
@@ -49,11 +50,51 @@ constexpr long long maxTicksPerStep = 1500;
 using test_support::TestContext;
 using test_support::Services;
 
+// A policy whose answers follow the input, so that refusals and grants are explored
+// with everything else: a handshake whose ext mentions "deny" is refused, one with an
+// ext gets a grant; patterns and channels under /private are refused to clients
+// without a grant.
+class FuzzPolicy : public BayeuxPolicy {
+public:
+    HandshakeDecision mayHandshake(const std::shared_ptr<Context>&, std::string_view ext) override {
+        HandshakeDecision decision;
+        if (ext.find("deny") != std::string_view::npos) {
+            decision.allowed = false;
+            decision.reason = std::string(ext.substr(0, 16));
+        } else if (!ext.empty()) {
+            decision.grant = std::make_shared<const ClientGrant>();
+        }
+        return decision;
+    }
+    PolicyDecision maySubscribe(const PolicyClient& client, const std::string& pattern,
+                                const std::shared_ptr<Context>&) override {
+        return decide(client, pattern);
+    }
+    PolicyDecision mayPublish(const PolicyClient& client, const std::string& channel,
+                              const std::shared_ptr<Context>&) override {
+        return decide(client, channel);
+    }
+
+private:
+    static PolicyDecision decide(const PolicyClient& client, const std::string& name) {
+        const bool isPrivate = name.rfind("/private", 0) == 0;
+        return isPrivate && client.grant == nullptr ? PolicyDecision::deny(name) : PolicyDecision::allow();
+    }
+};
+
 class FuzzWorld {
 public:
     FuzzWorld() : previousClock(common::installTimerBackend(clock)) {
         BayeuxServiceOptions options;
         options.maxPendingMessages = fuzzPendingLimit;
+        options.policy = std::make_shared<FuzzPolicy>();
+        // Every other delivery is stamped with an id, and those on /drop are dropped on their way out.
+        options.outgoing = [stamps = std::make_shared<int>(0)](const std::string&, PublishRequest& message) {
+            if (++*stamps % 2 == 0) {
+                message.id = "stamp";
+            }
+            return message.channel.rfind("/drop", 0) != 0;
+        };
         provider = std::make_shared<BayeuxServiceProviderImpl>(server, options);
         auto made = std::make_shared<Services>(
             Services{{"bayeux", provider},

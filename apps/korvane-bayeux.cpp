@@ -25,6 +25,7 @@
 #include "korvane/cluster/redis_bridge.h"
 #include "korvane/host/allow_list_policy.h"
 #include "korvane/host/bayeux_host.h"
+#include "korvane/host/http_server.h"
 #include "korvane/host/token/token_policy.h"
 
 namespace {
@@ -109,6 +110,16 @@ const std::string& requirePath(const std::string& name, const std::string& value
     return value;
 }
 
+// Checked here rather than when the server binds, so that a typo exits as a bad flag.
+const std::string& requireListenAddress(const std::string& name, const std::string& value) {
+    try {
+        host::parseListenAddress(value);
+    } catch (const std::invalid_argument&) {
+        throw apps::invalidValue(name, value);
+    }
+    return value;
+}
+
 Flag::Setter addPattern(std::vector<std::string> Options::*list) {
     return [list](Options& options, const std::string& name, const std::string& value) {
         (options.*list).push_back(requirePath(name, value));
@@ -127,7 +138,9 @@ std::vector<Flag> flags() {
     };
     return {
         {"--listen", "HOST:PORT", http.listen, "address to serve on; [v6]:port, or :port for all interfaces",
-         setText(&host::HttpServerOptions::listen)},
+         [](Options& options, const std::string& name, const std::string& value) {
+             options.host.http.listen = requireListenAddress(name, value);
+         }},
         {"--path", "PATH", http.bayeuxPath, "the Bayeux endpoint; requests below it are Bayeux too",
          [](Options& options, const std::string& name, const std::string& value) {
              options.host.http.bayeuxPath = requirePath(name, value);
@@ -214,8 +227,13 @@ std::vector<Flag> flags() {
         {"--redis", "URL", "none, the server runs alone",
          "share channels with other servers through Redis: redis://[:password@]host:port[/db] "
          "(or the password in KORVANE_REDIS_PASSWORD)",
-         [](Options& options, const std::string&, const std::string& value) {
-             options.cluster.endpoint = cluster::parseRedisUrl(value, std::getenv("KORVANE_REDIS_PASSWORD"));
+         [](Options& options, const std::string& name, const std::string& value) {
+             try {
+                 options.cluster.endpoint = cluster::parseRedisUrl(value, std::getenv("KORVANE_REDIS_PASSWORD"));
+             } catch (const std::invalid_argument& error) {
+                 // Not the URL itself: it may hold a password.
+                 throw std::invalid_argument(name + ": " + error.what());
+             }
              options.clustered = true;
          }},
         {"--redis-prefix", "PREFIX", cluster::RedisBridgeOptions().prefix, "prefix of the Redis channel names",
@@ -253,7 +271,9 @@ std::shared_ptr<bayeux::BayeuxPolicy> makePolicy(const Options& options) {
             : host::TokenVerifier::hmacFromFile(options.tokenSecretFile, options.tokenLeeway));
 }
 
-const char* const synopsis = "usage: korvane-bayeux [FLAG VALUE]...\n";
+const char* const synopsis =
+    "usage: korvane-bayeux [FLAG VALUE]...\n"
+    "A bad flag or value exits with status 2 and a line naming the flag.\n";
 
 Options parseOptions(int argc, char** argv) {
     Options options;

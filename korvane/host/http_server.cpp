@@ -27,6 +27,33 @@
 
 namespace korvane::host {
 
+ListenAddress parseListenAddress(const std::string& listen) {
+    ListenAddress parsed;
+    std::string portText;
+    if (!listen.empty() && listen.front() == '[') {
+        const std::size_t close = listen.find("]:");
+        if (close == std::string::npos) {
+            throw std::invalid_argument("Invalid listen address: " + listen);
+        }
+        parsed.host = listen.substr(1, close - 1);
+        portText = listen.substr(close + 2);
+    } else {
+        const std::size_t colon = listen.rfind(':');
+        if (colon == std::string::npos) {
+            throw std::invalid_argument("Invalid listen address: " + listen);
+        }
+        parsed.host = listen.substr(0, colon);
+        portText = listen.substr(colon + 1);
+    }
+    char* end = nullptr;
+    const unsigned long port = std::strtoul(portText.c_str(), &end, 10);
+    if (portText.empty() || *end != '\0' || port > 65535) {
+        throw std::invalid_argument("Invalid port in listen address: " + listen);
+    }
+    parsed.port = static_cast<unsigned short>(port);
+    return parsed;
+}
+
 namespace {
 
 namespace net = boost::asio;
@@ -38,38 +65,6 @@ common::diagnostic_logger logger("korvane::host::http");
 constexpr std::chrono::seconds stopGrace(5);
 // The pause before accepting again after the listener failed (out of descriptors).
 constexpr std::chrono::milliseconds acceptRetryDelay(100);
-
-struct ListenAddress {
-    std::string host;  // empty for all interfaces
-    unsigned short port = 0;
-};
-
-ListenAddress parseListen(const std::string& listen) {
-    ListenAddress parsed;
-    std::string portText;
-    if (!listen.empty() && listen.front() == '[') {
-        const std::size_t close = listen.find("]:");
-        if (close == std::string::npos) {
-            throw std::runtime_error("Invalid listen address: " + listen);
-        }
-        parsed.host = listen.substr(1, close - 1);
-        portText = listen.substr(close + 2);
-    } else {
-        const std::size_t colon = listen.rfind(':');
-        if (colon == std::string::npos) {
-            throw std::runtime_error("Invalid listen address: " + listen);
-        }
-        parsed.host = listen.substr(0, colon);
-        portText = listen.substr(colon + 1);
-    }
-    char* end = nullptr;
-    const unsigned long port = std::strtoul(portText.c_str(), &end, 10);
-    if (portText.empty() || *end != '\0' || port > 65535) {
-        throw std::runtime_error("Invalid port in listen address: " + listen);
-    }
-    parsed.port = static_cast<unsigned short>(port);
-    return parsed;
-}
 
 // The CPUs this process may run on (taskset, cgroup cpusets): more I/O threads than
 // that only hand work to each other.
@@ -119,7 +114,7 @@ struct HttpServer::Impl {
     }
 
     void listen() {
-        const ListenAddress address = parseListen(options.listen);
+        const ListenAddress address = parseListenAddress(options.listen);
         boost::system::error_code error;
         tcp::endpoint endpoint;
         if (address.host.empty()) {

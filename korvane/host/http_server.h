@@ -64,6 +64,15 @@ struct HttpServerOptions {
     bool requestInContext = false;
 };
 
+struct ListenAddress {
+    std::string host;  // empty for all interfaces
+    unsigned short port = 0;
+};
+
+// Reads HttpServerOptions::listen; throws std::invalid_argument when it is malformed,
+// so that a program can refuse it with its flags, before anything starts.
+ListenAddress parseListenAddress(const std::string& listen);
+
 class LoopTimerBackend;
 
 class HttpServer {
@@ -76,8 +85,9 @@ public:
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
 
-    // Binds and starts the I/O threads. Throws std::runtime_error when it cannot
-    // listen or load the TLS files, or when it was started before.
+    // Binds and starts the I/O threads. Throws std::invalid_argument for a malformed
+    // listen address, std::runtime_error when it cannot listen or load the TLS files, or
+    // when it was started before.
     void start();
     // The bound port.
     unsigned short port() const;

@@ -15,6 +15,7 @@
 #include <functional>
 #include <iostream>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <unistd.h>
@@ -315,6 +316,42 @@ private:
     common::TimerHandle timer;
 };
 
+// Why the server is not ready, for GET /readyz: it is while it serves with every service
+// started and, when clustered, while the bridge hears Redis.
+// Threading: any thread; the mutex is taken by each probe and by main at each change.
+class Readiness {
+public:
+    void serving(const cluster::RedisBridge* redisBridge) {
+        std::lock_guard<std::mutex> guard(mutex);
+        phase = Phase::serving;
+        bridge = redisBridge;
+    }
+    // Called before the bridge goes away.
+    void stopping() {
+        std::lock_guard<std::mutex> guard(mutex);
+        phase = Phase::stopping;
+        bridge = nullptr;
+    }
+    std::string notReadyReason() const {
+        std::lock_guard<std::mutex> guard(mutex);
+        switch (phase) {
+        case Phase::starting:
+            return "starting";
+        case Phase::stopping:
+            return "stopping";
+        case Phase::serving:
+            break;
+        }
+        return bridge != nullptr && !bridge->isConnected() ? "not connected to Redis" : "";
+    }
+
+private:
+    enum class Phase { starting, serving, stopping };
+    mutable std::mutex mutex;
+    Phase phase = Phase::starting;
+    const cluster::RedisBridge* bridge = nullptr;
+};
+
 // glibc caches up to seven freed blocks of each small size in every thread, out of
 // malloc_trim's reach. Once a burst is freed, the blocks left in those caches lie
 // scattered through its pages and keep each one resident: 1.9 MB of a 14-MB server after
@@ -389,6 +426,8 @@ int main(int argc, char** argv) {
     applyLogLevels(options.logLevels);
 
     const std::string bayeuxPath = options.host.http.bayeuxPath;
+    const auto readiness = std::make_shared<Readiness>();
+    options.host.http.notReadyReason = [readiness] { return readiness->notReadyReason(); };
     try {
         host::BayeuxHost server(std::move(options.host));
         server.start();
@@ -401,6 +440,7 @@ int main(int argc, char** argv) {
         if (options.clustered) {
             bridge = std::make_unique<cluster::RedisBridge>(server.makeLocalSession(), server.routing(), options.cluster);
         }
+        readiness->serving(bridge.get());
         std::cout << "korvane-bayeux: serving " << server.url() << " (Bayeux endpoint " << bayeuxPath
                   << ", Ctrl-C stops)" << std::endl;
         if (bridge) {
@@ -408,6 +448,7 @@ int main(int argc, char** argv) {
                       << std::endl;
         }
         waitForStopSignal(signals);
+        readiness->stopping();
         bridge.reset();
         heartbeat.reset();
         memoryTrim.reset();

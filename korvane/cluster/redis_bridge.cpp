@@ -176,6 +176,7 @@ void RedisBridge::runSubscriber() {
             try {
                 connection->command({"PSUBSCRIBE", prefixPattern(options.prefix)});
                 KORVANE_LOG(logger, common::logLifecycle) << "Subscribed to Redis at " << options.endpoint.describe();
+                connected.store(true, std::memory_order_relaxed);
                 backoff.reset();
                 for (;;) {
                     receive(*connection);
@@ -185,6 +186,7 @@ void RedisBridge::runSubscriber() {
                     outbox->warn(failure.what());
                 }
             }
+            connected.store(false, std::memory_order_relaxed);
             release(subscribed);
         }
         if (!pause(backoff.next())) {

@@ -57,6 +57,9 @@ public:
     RedisBridge& operator=(const RedisBridge&) = delete;
 
     const std::string& originId() const { return origin; }
+    // True while the bridge is subscribed to Redis, so that it hears the other servers;
+    // callable from any thread.
+    bool isConnected() const { return connected.load(std::memory_order_relaxed); }
 
 private:
     struct Outbox;
@@ -87,6 +90,8 @@ private:
     bool stopping = false;
     std::shared_ptr<RedisConnection> publishing;
     std::shared_ptr<RedisConnection> subscribed;
+    // Set by the subscriber thread once its PSUBSCRIBE succeeded, cleared when that connection fails.
+    std::atomic<bool> connected{false};
 
     std::thread publisherThread;
     std::thread subscriberThread;

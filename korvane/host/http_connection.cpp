@@ -274,8 +274,21 @@ private:
         const std::string_view path = target.substr(0, target.find('?'));
         if (isBayeuxPath(path, options().bayeuxPath)) {
             doBayeux();
+        } else if (path == "/healthz") {
+            doSendText(bhttp::status::ok, "serving\n");
+        } else if (path == "/readyz") {
+            doReadiness();
         } else {
             doStatic(path);
+        }
+    }
+
+    void doReadiness() {
+        const std::string reason = options().notReadyReason ? options().notReadyReason() : std::string();
+        if (reason.empty()) {
+            doSendText(bhttp::status::ok, "ready\n");
+        } else {
+            doSendText(bhttp::status::service_unavailable, reason + "\n");
         }
     }
 

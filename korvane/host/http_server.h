@@ -5,7 +5,7 @@
 // that carries the browser's "sessionId", sent to `bayeuxAddress`; the answer goes
 // back as an HTTP response (Content-Length when its body was complete at once,
 // chunked when it streams) or, for an upgrade, as a WebSocket. Every other path is
-// served from the static folders.
+// served from the static folders, but for the probes /healthz and /readyz.
 //
 // Threading: start(), stop() and the destructor are for the owner's thread and must
 // not run on one of the server's I/O threads. port() and url() may be called from
@@ -15,6 +15,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -59,6 +60,11 @@ struct HttpServerOptions {
     std::string tlsCert;
     std::string tlsKey;
     std::string cookieName = "korvane-browser";
+    // GET /healthz answers 200 while the server runs. GET /readyz answers 200 when this
+    // gives an empty text and 503 with the text otherwise: why the program is not ready.
+    // Called on an I/O thread for each probe, so it must be quick and thread-safe; unset,
+    // the server is ready while it runs.
+    std::function<std::string()> notReadyReason;
     // Put each request's headers and remote address in its context (see host_context.h),
     // for a policy that reads them; off, a request pays nothing for it.
     bool requestInContext = false;

@@ -56,6 +56,7 @@ struct Options {
     // Applied in order; the first --log-levels flag replaces the default.
     std::vector<LogLevelSetting> logLevels = defaultLogSettings;
     bool logLevelsGiven = false;
+    common::LogFormat logFormat = common::LogFormat::text;
     unsigned heartbeatSeconds = 1;
     bool clustered = false;
     cluster::RedisBridgeOptions cluster;
@@ -161,6 +162,15 @@ std::vector<Flag> flags() {
              const std::string channel = equals == std::string::npos ? std::string() : value.substr(0, equals);
              const std::string mask = equals == std::string::npos ? value : value.substr(equals + 1);
              options.logLevels.push_back({channel, static_cast<unsigned>(parseNumber(name, mask, 0xffffffffULL))});
+         }},
+        {"--log-format", "text|json", "text",
+         "one line a record on standard error; json: an object of time (UTC, RFC 3339), level, channel and "
+         "message, and then nothing else is written there once the flags are read",
+         [](Options& options, const std::string& name, const std::string& value) {
+             if (value != "text" && value != "json") {
+                 throw apps::invalidValue(name, value);
+             }
+             options.logFormat = value == "json" ? common::LogFormat::json : common::LogFormat::text;
          }},
         {"--max-body", "BYTES", count(http.maxBodyBytes), "largest request body (413 beyond)",
          setNumber(&host::HttpServerOptions::maxBodyBytes, 1ULL << 32)},
@@ -422,9 +432,10 @@ int main(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
     keepTrimThresholdFixed();
-    common::installStderrLogSink();
+    common::installStderrLogSink(options.logFormat);
     applyLogLevels(options.logLevels);
 
+    const common::LogFormat logFormat = options.logFormat;
     const std::string bayeuxPath = options.host.http.bayeuxPath;
     const auto readiness = std::make_shared<Readiness>();
     options.host.http.notReadyReason = [readiness] { return readiness->notReadyReason(); };
@@ -454,7 +465,11 @@ int main(int argc, char** argv) {
         memoryTrim.reset();
         server.stop();
     } catch (const std::exception& error) {
-        std::cerr << "korvane-bayeux: " << error.what() << "\n";
+        if (logFormat == common::LogFormat::json) {
+            std::cerr << common::jsonLogLine(common::logFailure, "korvane-bayeux", error.what()) << "\n";
+        } else {
+            std::cerr << "korvane-bayeux: " << error.what() << "\n";
+        }
         return 1;
     }
     std::cout << "korvane-bayeux: stopped" << std::endl;

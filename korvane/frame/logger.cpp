@@ -1,5 +1,8 @@
 #include "korvane/frame/logger.h"
 
+#include <chrono>
+#include <cstdio>
+#include <ctime>
 #include <exception>
 #include <mutex>
 #include <unordered_map>
@@ -123,18 +126,93 @@ void setLogLevels(const std::string& channel, unsigned levels) {
     }
 }
 
-void installStderrLogSink() {
+namespace {
+
+std::string levelName(unsigned level) {
+    switch (level) {
+    case logFrequent:
+        return "frequent";
+    case logTrace:
+        return "trace";
+    case logLifecycle:
+        return "lifecycle";
+    case logWarning:
+        return "warning";
+    case logFailure:
+        return "failure";
+    default:
+        return std::to_string(level);
+    }
+}
+
+// A JSON string of `text`: quotes, backslashes and control characters escaped, so that
+// a message with a line break still makes one line. Other bytes pass as they are.
+void appendJsonString(std::string& out, std::string_view text) {
+    out += '"';
+    for (const char c : text) {
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += c;
+        } else if (static_cast<unsigned char>(c) < 0x20) {
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned>(c));
+            out += escaped;
+        } else {
+            out += c;
+        }
+    }
+    out += '"';
+}
+
+// Now in UTC, e.g. "2026-11-26T03:20:07.123Z". The sink is synchronous, so the time
+// of formatting is that of the record within microseconds.
+std::string utcTimestamp() {
+    const auto now = std::chrono::system_clock::now();
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
+    const auto millis =
+        std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
+    std::tm utc{};
+    gmtime_r(&seconds, &utc);
+    char text[32];
+    const std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &utc);
+    std::snprintf(text + length, sizeof text - length, ".%03dZ", static_cast<int>(millis));
+    return text;
+}
+
+void formatJson(const logging::record_view& record, logging::formatting_ostream& out) {
+    const auto level = logging::extract<unsigned>("Severity", record);
+    const auto channel = logging::extract<std::string>("Channel", record);
+    const auto message = logging::extract<std::string>("Message", record);
+    out << jsonLogLine(level ? *level : 0, channel ? *channel : std::string(), message ? *message : std::string());
+}
+
+}  // namespace
+
+std::string jsonLogLine(unsigned level, std::string_view channel, std::string_view message) {
+    std::string line = "{\"time\":\"" + utcTimestamp() + "\",\"level\":";
+    appendJsonString(line, levelName(level));
+    line += ",\"channel\":";
+    appendJsonString(line, channel);
+    line += ",\"message\":";
+    appendJsonString(line, message);
+    line += '}';
+    return line;
+}
+
+void installStderrLogSink(LogFormat format) {
     static std::once_flag once;
-    std::call_once(once, [] {
+    std::call_once(once, [format] {
         logging::add_common_attributes();
-        logging::add_console_log(
-            std::clog, logging::keywords::auto_flush = true,
-            logging::keywords::format =
-                (logging::expressions::stream
-                 << logging::expressions::format_date_time<boost::posix_time::ptime>("TimeStamp",
-                                                                                     "%Y-%m-%d %H:%M:%S.%f")
-                 << " [" << logging::expressions::attr<std::string>("Channel") << "] "
-                 << logging::expressions::attr<unsigned>("Severity") << ": " << logging::expressions::smessage));
+        auto sink = logging::add_console_log(std::clog, logging::keywords::auto_flush = true);
+        if (format == LogFormat::json) {
+            sink->set_formatter(&formatJson);
+            return;
+        }
+        sink->set_formatter(
+            logging::expressions::stream
+            << logging::expressions::format_date_time<boost::posix_time::ptime>("TimeStamp", "%Y-%m-%d %H:%M:%S.%f")
+            << " [" << logging::expressions::attr<std::string>("Channel") << "] "
+            << logging::expressions::attr<unsigned>("Severity") << ": " << logging::expressions::smessage);
     });
 }
 

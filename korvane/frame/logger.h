@@ -15,6 +15,7 @@
 #include <memory>
 #include <ostream>
 #include <string>
+#include <string_view>
 
 namespace korvane::common {
 
@@ -72,8 +73,16 @@ private:
 void setLogLevels(unsigned levels);
 // Sets the mask of one channel, present and future.
 void setLogLevels(const std::string& channel, unsigned levels);
-// Adds a sink on standard error writing time, channel, level and text. Idempotent.
-void installStderrLogSink();
+enum class LogFormat {
+    text,  // "local time [channel] level: message"
+    json,  // {"time","level","channel","message"}: UTC, RFC 3339 with milliseconds; level by name
+};
+// Adds a sink on standard error writing one line a record. Idempotent: the first
+// call's format stays.
+void installStderrLogSink(LogFormat format = LogFormat::text);
+// A record as a line of the json format, without its line break: for what a program
+// reports outside any logger, such as the error it exits on.
+std::string jsonLogLine(unsigned level, std::string_view channel, std::string_view message);
 
 }  // namespace korvane::common
 

@@ -16,6 +16,7 @@ const badInvocations = [
     [["--path", "nope"], "--path"],
     [["--redis", "http://:secret@localhost:1"], "--redis"],
     [["--tls-cert", "cert.pem"], "--tls-key"],
+    [["--log-format", "xml"], "--log-format"],
 ];
 
 test("a bad flag or value exits with 2 and one line naming the flag", () => {

@@ -1,0 +1,45 @@
+// --log-format json: standard error carries nothing but records, one JSON object a
+// line with exactly time (UTC, milliseconds), level, channel and message, the error
+// the server exits on among them.
+
+import { test } from "node:test";
+import assert from "node:assert/strict";
+import { spawn, spawnSync } from "node:child_process";
+
+import { serverBinary } from "../support/launch.mjs";
+
+function assertJsonRecords(stderr) {
+    const lines = stderr.split("\n").filter((line) => line !== "");
+    assert.ok(lines.length > 0, "no record");
+    for (const line of lines) {
+        const record = JSON.parse(line);
+        assert.deepEqual(Object.keys(record), ["time", "level", "channel", "message"], line);
+        assert.match(record.time, /^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z$/, line);
+    }
+    return lines.map((line) => JSON.parse(line));
+}
+
+test("a serving server and one that cannot listen write JSON records only", async () => {
+    const child = spawn(serverBinary, ["--listen", "127.0.0.1:0", "--heartbeat", "0", "--log-format", "json", "--log-levels", "16"]);
+    let [stdout, stderr] = ["", ""];
+    child.stdout.on("data", (chunk) => (stdout += chunk));
+    child.stderr.on("data", (chunk) => (stderr += chunk));
+    const exited = new Promise((resolve) => child.on("exit", resolve));
+    for (const end = Date.now() + 10000; !/https?:\/\/\S+/.test(stdout); await new Promise((r) => setTimeout(r, 10))) {
+        assert.ok(Date.now() < end, `the server did not start: ${stdout}${stderr}`);
+    }
+    const url = stdout.match(/https?:\/\/\S+/)[0];
+    const handshake = [{ channel: "/meta/handshake", version: "1.0", supportedConnectionTypes: ["long-polling"] }];
+    const reply = await fetch(new URL("/bayeux", url), { method: "POST", body: JSON.stringify(handshake) });
+    const { clientId } = (await reply.json())[0];
+
+    const busy = spawnSync(serverBinary, ["--listen", new URL(url).host, "--log-format", "json"], { encoding: "utf8" });
+    child.kill("SIGTERM");
+    assert.equal(await exited, 0);
+
+    const records = assertJsonRecords(stderr);
+    assert.ok(records.some((r) => r.level === "lifecycle" && r.message.includes(clientId)), stderr);
+    assert.equal(busy.status, 1);
+    const [failure] = assertJsonRecords(busy.stderr);
+    assert.deepEqual([failure.level, failure.channel], ["failure", "korvane-bayeux"]);
+});

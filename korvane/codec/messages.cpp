@@ -34,6 +34,8 @@ Future<std::unique_ptr<Message>> refuseResponse(const Message& response) {
 
 }  // namespace
 
+ConnectSink::~ConnectSink() = default;
+
 BayeuxBase::BayeuxBase(std::string channel) : channel(std::move(channel)) {}
 BayeuxBase::~BayeuxBase() = default;
 BayeuxResponse::~BayeuxResponse() = default;

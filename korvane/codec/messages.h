@@ -23,6 +23,16 @@ class BayeuxServiceProvider;
 using BayeuxMessage = ServiceMessage<BayeuxServiceProvider>;
 using MessageStream = reactive_streams::PublisherAPI<std::unique_ptr<Message>>;
 
+// A transport's end of a client's held connects, kept from one connect to the next, for a
+// transport that writes each message as it comes (WebSocket) and so needs no stream per
+// connect. The session calls deliver with none of its locks held, one call at a time, in
+// order: each connect's messages, then its ConnectResponse.
+class ConnectSink {
+public:
+    virtual ~ConnectSink();
+    virtual void deliver(std::unique_ptr<Message>&& message) = 0;
+};
+
 // The four fields that all Bayeux messages share. Empty strings mean absent.
 class BayeuxBase {
 public:
@@ -124,6 +134,8 @@ public:
     std::shared_ptr<BayeuxAdvice> advice;
     bool bufferResponses = false;
     bool holdResponses = false;
+    // When set, a held connect's messages go to this sink and the response carries no stream.
+    std::weak_ptr<ConnectSink> sink;
 };
 
 class ConnectStreamResponse : public BayeuxResponse, public BayeuxMessage {
@@ -132,7 +144,8 @@ public:
     KORVANE_BAYEUX_DISPATCH;
 
     std::shared_ptr<BayeuxAdvice> advice;
-    // The live end of the connect: its messages, closed by a ConnectResponse. Null when failed.
+    // The live end of the connect: its messages, closed by a ConnectResponse. Null when failed,
+    // and when the request's sink takes the messages instead.
     std::shared_ptr<MessageStream> stream;
 };
 

@@ -366,23 +366,27 @@ long long BayeuxServiceProviderImpl::connectHoldTicks(const ConnectStreamRequest
     return connectTimeoutTicks;
 }
 
-// Null when the client is unknown. Throws whatever the session or the context throws.
-std::shared_ptr<MessageStream> BayeuxServiceProviderImpl::openConnectStream(const std::string& clientId,
-                                                                            const ConnectStreamRequest& request,
-                                                                            const std::shared_ptr<Context>& context) {
+bool BayeuxServiceProviderImpl::openConnect(const ConnectStreamRequest& request, const std::shared_ptr<Context>& context,
+                                            ConnectStreamResponse& response) {
     const std::string connectionType = request.connectionType.empty() ? "long-polling" : request.connectionType;
-    std::shared_ptr<LongPollSession> session = getSession(clientId, connectionType);
+    std::shared_ptr<LongPollSession> session = getSession(request.clientId, connectionType);
     if (!session) {
-        return nullptr;
+        return false;
     }
     const std::string sessionId = hostSessionIdOf(context);
-    if (getActiveConnectCountForSessionId(sessionId, connectionType) < getActiveConnectCountLimit(connectionType)) {
-        KORVANE_LOG(logger, common::logTrace) << "Connecting with stream response (long poll): " << clientId << ", " << sessionId;
-        return session->connectStream(request.id, connectHoldTicks(request), request.bufferResponses,
-                                      request.holdResponses);
+    if (getActiveConnectCountForSessionId(sessionId, connectionType) >= getActiveConnectCountLimit(connectionType)) {
+        KORVANE_LOG(logger, common::logTrace) << "Connecting with stream response (short poll): " << request.clientId << ", " << sessionId;
+        response.stream = session->korvaneShortPoll(request.id);
+        return true;
     }
-    KORVANE_LOG(logger, common::logTrace) << "Connecting with stream response (short poll): " << clientId << ", " << sessionId;
-    return session->korvaneShortPoll(request.id);
+    KORVANE_LOG(logger, common::logTrace) << "Connecting with stream response (long poll): " << request.clientId << ", " << sessionId;
+    if (std::shared_ptr<ConnectSink> sink = request.sink.lock()) {
+        session->connectTo(sink, request.id, connectHoldTicks(request), request.bufferResponses, request.holdResponses);
+    } else {
+        response.stream = session->connectStream(request.id, connectHoldTicks(request), request.bufferResponses,
+                                                 request.holdResponses);
+    }
+    return true;
 }
 
 Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_ptr<ConnectStreamRequest>&& request,
@@ -390,8 +394,7 @@ Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_p
                                                                    std::shared_ptr<Context>&& context) {
     auto response = respondTo(*request, std::make_unique<ConnectStreamResponse>());
     try {
-        response->stream = openConnectStream(request->clientId, *request, context);
-        if (response->stream) {
+        if (openConnect(*request, context, *response)) {
             response->successful = true;
             return resolved(std::move(response));
         }

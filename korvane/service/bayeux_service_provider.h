@@ -139,9 +139,10 @@ private:
     void clearPublishedId(PublishRequest& request) const;
     // The hold time of a long-poll connect, in ticks.
     long long connectHoldTicks(const ConnectStreamRequest& request) const;
-    std::shared_ptr<MessageStream> openConnectStream(const std::string& clientId,
-                                                     const ConnectStreamRequest& request,
-                                                     const std::shared_ptr<Context>& context);
+    // Opens the connect, its stream in `response` unless the request's sink takes its messages.
+    // False when the client is unknown. Throws whatever the session or the context throws.
+    bool openConnect(const ConnectStreamRequest& request, const std::shared_ptr<Context>& context,
+                     ConnectStreamResponse& response);
 
     std::mutex mutex;
     const std::string version;

@@ -201,13 +201,31 @@ std::shared_ptr<BayeuxQueue> LongPollSession::connectStream(const std::string& m
     std::shared_ptr<BayeuxQueue> previousQueue;
     std::unique_lock<std::mutex> lock(mutex);
     doAnswerOpenConnect(lock);
+    previousQueue = std::move(connectQueue);
+    connectQueue = saveTempPublisher(lock, std::move(publisher));
+    connectSink.reset();
+    std::shared_ptr<BayeuxQueue> opened = connectQueue;
+    doOpenConnect(lock, messageId, timeoutTicks, bufferResponses, holdResponses);
+    return opened;
+}
+
+void LongPollSession::connectTo(const std::shared_ptr<ConnectSink>& sink, const std::string& messageId,
+                                long long timeoutTicks, bool bufferResponses, bool holdResponses) {
+    std::shared_ptr<BayeuxQueue> previousQueue;
+    std::unique_lock<std::mutex> lock(mutex);
+    doAnswerOpenConnect(lock);
+    previousQueue = std::move(connectQueue);
+    connectSink = sink;
+    doOpenConnect(lock, messageId, timeoutTicks, bufferResponses, holdResponses);
+}
+
+void LongPollSession::doOpenConnect(std::unique_lock<std::mutex>& lock, const std::string& messageId,
+                                    long long timeoutTicks, bool bufferResponses, bool holdResponses) {
     KORVANE_LOG(logger, common::logTrace) << "Connect stream: " << id << ", " << messageId << ", " << bufferResponses << ", "
                            << timeoutTicks << ", " << pendingMessages.size();
     this->bufferResponses = bufferResponses;
     this->holdResponses = holdResponses;
     connectMessageId = messageId;
-    previousQueue = std::move(connectQueue);
-    connectQueue = saveTempPublisher(lock, std::move(publisher));
     activeConnect = true;
     if (timeoutTicks != 0 && (pendingMessages.empty() || !bufferResponses)) {
         setConnectTimeout(lock, timeoutTicks);
@@ -215,7 +233,6 @@ std::shared_ptr<BayeuxQueue> LongPollSession::connectStream(const std::string& m
         doCompleteQueue(lock);
         doNotifyQueue(lock);
     }
-    return connectQueue;
 }
 
 std::shared_ptr<BayeuxQueue> LongPollSession::korvaneShortPoll(const std::string& messageId) {
@@ -231,8 +248,9 @@ std::shared_ptr<BayeuxQueue> LongPollSession::korvaneShortPoll(const std::string
     // The queue is fresh and reachable by no other thread, so it is filled with the lock released: no queue
     // mutex is ever taken under the session's.
     TempPublisher publisher = makeTempPublisher(std::move(name));
+    const ConnectOutlet outlet{publisher.queue, nullptr};
     for (; !taken.empty(); taken.pop_front()) {
-        sendOut(*publisher.queue, std::move(taken.front()));
+        sendOut(outlet, std::move(taken.front()));
     }
     auto response = std::make_unique<ConnectResponse>();
     response->id = messageId;
@@ -306,15 +324,19 @@ void LongPollSession::doNotifyQueue(std::unique_lock<std::mutex>& lock) {
     }
     try {
         notifying = true;
-        std::shared_ptr<BayeuxQueue> queue = connectQueue;
+        ConnectOutlet outlet{connectQueue, connectSink.lock()};
         drainingThread = std::this_thread::get_id();
-        doDrainPending(lock, queue);
+        doDrainPending(lock, outlet);
         if (!sendResponse) {
             KORVANE_LOG(logger, common::logTrace) << "Not sending connect response (yet)";
             doFinishDrain();
+            // The outlet's references go with the lock released.
+            lock.unlock();
+            outlet = ConnectOutlet();
+            lock.lock();
             return;
         }
-        doEndConnect(lock, std::move(queue));
+        doEndConnect(lock, std::move(outlet));
     } catch (const std::exception& error) {
         if (!lock.owns_lock()) {
             lock.lock();
@@ -356,26 +378,40 @@ void LongPollSession::doAnswerOpenConnect(std::unique_lock<std::mutex>& lock) {
     }
 }
 
-void LongPollSession::doDrainPending(std::unique_lock<std::mutex>& lock, const std::shared_ptr<BayeuxQueue>& queue) {
+void LongPollSession::doDrainPending(std::unique_lock<std::mutex>& lock, const ConnectOutlet& outlet) {
     // Messages that arrive while the lock is open join the back of the queue and go out in this same loop.
     while (!pendingMessages.empty()) {
         std::unique_ptr<PublishRequest> message = std::move(pendingMessages.front());
         pendingMessages.pop_front();
         pendingBytes -= pendingSize(*message);
         lock.unlock();
-        sendOut(*queue, std::move(message));
+        sendOut(outlet, std::move(message));
         lock.lock();
     }
 }
 
-void LongPollSession::sendOut(BayeuxQueue& queue, std::unique_ptr<PublishRequest>&& message) const {
+void LongPollSession::sendOut(const ConnectOutlet& outlet, std::unique_ptr<PublishRequest>&& message) const {
     if (outgoing && !outgoing(id, *message)) {
         return;
     }
-    queue.setValue(std::unique_ptr<Message>(std::move(message)));
+    outlet.put(std::unique_ptr<Message>(std::move(message)));
 }
 
-void LongPollSession::doEndConnect(std::unique_lock<std::mutex>& lock, std::shared_ptr<BayeuxQueue> queue) {
+void LongPollSession::ConnectOutlet::put(std::unique_ptr<Message>&& message) const {
+    if (queue) {
+        queue->setValue(std::move(message));
+    } else if (sink) {
+        sink->deliver(std::move(message));
+    }
+}
+
+void LongPollSession::ConnectOutlet::end() const {
+    if (queue) {
+        queue->doneWhenEmpty();
+    }
+}
+
+void LongPollSession::doEndConnect(std::unique_lock<std::mutex>& lock, ConnectOutlet outlet) {
     sendResponse = false;
     activeConnect = false;
     common::TimerHandle connect;
@@ -389,10 +425,10 @@ void LongPollSession::doEndConnect(std::unique_lock<std::mutex>& lock, std::shar
     connect.reset();
     buffer.reset();
     // The response is always the last message of the stream; the queue ends once the transport has taken it.
-    queue->setValue(std::unique_ptr<Message>(std::move(response)));
-    queue->doneWhenEmpty();
+    outlet.put(std::unique_ptr<Message>(std::move(response)));
+    outlet.end();
     // A newer connect may have replaced this queue meanwhile: this may be its last reference.
-    queue.reset();
+    outlet = ConnectOutlet();
     lock.lock();
     KORVANE_LOG(logger, common::logTrace) << "Connect response: " << id << ", " << connectMessageId;
     doFinishDrain();

@@ -3,7 +3,8 @@
 // The server's side of one remote Bayeux client, for whatever transport it uses.
 // Messages for the client wait in `pendingMessages` while no connect is open; each
 // connect opens one BayeuxQueue through which that connect's messages, and finally
-// its ConnectResponse, flow to the transport.
+// its ConnectResponse, flow to the transport, or hands them straight to the sink the
+// transport keeps for all of the client's connects (connectTo).
 //
 // Threading and locks: every operation may be called from any thread (transport
 // threads, the publisher's thread through deliver, the timers' thread). `mutex` guards
@@ -96,6 +97,10 @@ public:
     // The returned queue may already hold the whole answer.
     std::shared_ptr<BayeuxQueue> connectStream(const std::string& messageId, long long timeoutTicks,
                                                bool bufferResponses, bool holdResponses);
+    // Opens a connect like connectStream whose messages, and then its ConnectResponse, go to `sink`,
+    // perhaps before this returns. Once the sink is gone they go nowhere.
+    void connectTo(const std::shared_ptr<ConnectSink>& sink, const std::string& messageId, long long timeoutTicks,
+                   bool bufferResponses, bool holdResponses);
     // A connect answered at once with what is pending, ending with retry advice; leaves no open connect.
     std::shared_ptr<BayeuxQueue> korvaneShortPoll(const std::string& messageId);
     bool hasActiveConnect();
@@ -110,6 +115,19 @@ private:
         unsigned long key;
     };
     TempPublisher makeTempPublisher(std::string name);
+    // Where the open connect's messages go: its queue, or the transport's sink. Both null once the
+    // sink is gone.
+    struct ConnectOutlet {
+        std::shared_ptr<BayeuxQueue> queue;
+        std::shared_ptr<ConnectSink> sink;
+        void put(std::unique_ptr<Message>&& message) const;
+        // Called after the ConnectResponse was put.
+        void end() const;
+    };
+    // Answers an open connect, and makes the open one's fields ready for the next; entered by both
+    // ways of opening one.
+    void doOpenConnect(std::unique_lock<std::mutex>& lock, const std::string& messageId, long long timeoutTicks,
+                       bool bufferResponses, bool holdResponses);
     // Keeps the queue alive in tempPublishers until it ends.
     std::shared_ptr<BayeuxQueue> saveTempPublisher(std::unique_lock<std::mutex>& lock, TempPublisher&& publisher);
     void doCompleteQueue(std::unique_lock<std::mutex>& lock);
@@ -119,12 +137,12 @@ private:
     void doDeliver(std::unique_lock<std::mutex>& lock, const std::shared_ptr<const PublishRequest>& message);
     // True the one time that the pending messages first exceed the limit.
     bool doCheckPendingLimit(std::unique_lock<std::mutex>& lock);
-    void doDrainPending(std::unique_lock<std::mutex>& lock, const std::shared_ptr<BayeuxQueue>& queue);
-    // Puts one message into a connect's queue, past the outgoing hook if there is one.
+    void doDrainPending(std::unique_lock<std::mutex>& lock, const ConnectOutlet& outlet);
+    // Puts one message out to a connect, past the outgoing hook if there is one.
     // Called with `mutex` released.
-    void sendOut(BayeuxQueue& queue, std::unique_ptr<PublishRequest>&& message) const;
-    // Answers the connect of `queue`; the reference is dropped with the lock released.
-    void doEndConnect(std::unique_lock<std::mutex>& lock, std::shared_ptr<BayeuxQueue> queue);
+    void sendOut(const ConnectOutlet& outlet, std::unique_ptr<PublishRequest>&& message) const;
+    // Answers the connect of `outlet`; its references are dropped with the lock released.
+    void doEndConnect(std::unique_lock<std::mutex>& lock, ConnectOutlet outlet);
     // Clears `notifying` and wakes connects waiting for the drain to end.
     void doFinishDrain();
     // Answers a connect that is still open, if need be after the drain running on another thread.
@@ -152,7 +170,9 @@ private:
     common::RingQueue<std::unique_ptr<PublishRequest>> pendingMessages;
     // The bytes of `pendingMessages`, as PendingLimit counts them.
     std::size_t pendingBytes = 0;
+    // The open connect's queue, or the sink of a transport that takes the messages itself.
     std::shared_ptr<BayeuxQueue> connectQueue;
+    std::weak_ptr<ConnectSink> connectSink;
     std::unordered_map<unsigned long, std::shared_ptr<BayeuxQueue>> tempPublishers;
     Channel channels;
     // A pattern was withdrawn: an index match found before that may be stale.

@@ -2,6 +2,7 @@
 
 #include <exception>
 #include <stdexcept>
+#include <typeinfo>
 #include <utility>
 
 #include "korvane/codec/messages.h"
@@ -63,7 +64,7 @@ void WebSocketConnection::handleFrame(http::WebSocketFrame&& frame) {
         // A text frame must hold UTF-8; one that does not fails the socket like any
         // frame that cannot be handled.
         std::unique_ptr<Message> message = deserializeUtf8Request(frame.data);
-        if (dynamic_cast<ConnectStreamRequest*>(message.get()) != nullptr) {
+        if (typeid(*message) == typeid(ConnectStreamRequest)) {
             doHandleConnect(std::move(message));
         } else if (auto* batch = dynamic_cast<BayeuxContainer*>(message.get())) {
             // A connect inside a batch is a single message like the others; its stream is dropped.
@@ -99,10 +100,15 @@ void WebSocketConnection::doHandleConnect(std::unique_ptr<Message>&& message) {
     if (connect.advice->timeout < 0) {
         connect.advice->timeout = defaultConnectTimeoutMilliseconds;
     }
+    connect.sink = weak_from_this();
     std::unique_ptr<Message> reply = doAskService(std::move(message));
     auto* opened = dynamic_cast<ConnectStreamResponse*>(reply.get());
-    if (opened == nullptr || !opened->successful || !opened->stream) {
+    if (opened == nullptr || !opened->successful) {
         sendMessage(std::move(reply));
+        return;
+    }
+    if (!opened->stream) {
+        // Held: the session writes through deliver.
         return;
     }
     // The reply itself is not written: the stream yields the connect's answer in its turn.
@@ -152,6 +158,8 @@ void WebSocketConnection::sendMessage(std::unique_ptr<Message>&& message) {
     KORVANE_LOG(logger, common::logTrace) << "Websocket frame sent: " << text.view();
     publisher->publish(http::WebSocketFrame(std::move(text), textFrame));
 }
+
+void WebSocketConnection::deliver(std::unique_ptr<Message>&& message) { sendMessage(std::move(message)); }
 
 void WebSocketConnection::done(bool failed) {
     KORVANE_LOG(logger, common::logFailure) << "WebSocketConnection done";

@@ -4,8 +4,10 @@
 // http::WebSocket built on the two ends of a WebSocketConnection: the connection
 // reads each inbound text frame as Bayeux, sends the messages through the request's
 // context to the protocol service, and writes each reply as its own frame holding a
-// one-element array. A /meta/connect stays subscribed to its stream, so that one
-// connect serves the socket for as long as the session holds it.
+// one-element array. The connection is the sink of its session's held connects: the
+// session hands it each message, and each connect's reply, to write as it comes. A
+// connect answered as a short poll comes as a stream instead, which the connection
+// follows to its end.
 //
 // Threading: `mutex` guards the connection's fields and is held only around field
 // access, never across a call into the service, a future or a stream. The host
@@ -25,6 +27,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "korvane/codec/messages.h"
 #include "korvane/frame/cached_value_publisher.h"
 #include "korvane/frame/callback_subscriber.h"
 #include "korvane/frame/http.h"
@@ -32,14 +35,14 @@
 
 namespace korvane::bayeux {
 
-class WebSocketConnection : public std::enable_shared_from_this<WebSocketConnection> {
+class WebSocketConnection : public ConnectSink, public std::enable_shared_from_this<WebSocketConnection> {
 public:
     using FramePublisher = reactive_streams::CachedValuePublisher<http::WebSocketFrame, std::function<void()>>;
     using MessageSubscriber = reactive_streams::CallbackSubscriber<std::unique_ptr<Message>>;
 
     // `address` is the protocol service's.
     WebSocketConnection(std::shared_ptr<Context> context, Address address);
-    virtual ~WebSocketConnection();
+    ~WebSocketConnection() override;
     WebSocketConnection(const WebSocketConnection&) = delete;
     WebSocketConnection& operator=(const WebSocketConnection&) = delete;
 
@@ -52,6 +55,8 @@ public:
     void handleFrame(http::WebSocketFrame&& frame);
     // Writes one message as a frame holding a one-element array; dropped once done.
     void sendMessage(std::unique_ptr<Message>&& message);
+    // A held connect's message: written like any other.
+    void deliver(std::unique_ptr<Message>&& message) override;
     // Ends the connection: cancels the connect's stream and, if `failed`, fails the
     // socket with the exception being handled.
     void done(bool failed);

@@ -138,8 +138,11 @@ std::unique_ptr<Message> deserializeUtf8Request(common::DataBuffer& buffer) {
     if (!isValidUtf8(text.data(), text.size())) {
         throw InvalidUtf8Error();
     }
+    // Without an escape, every decoded string is a piece of the valid text cut at quotes, so
+    // only a text with escapes can decode to a string that is not UTF-8 (a lone surrogate).
+    const bool hasEscapes = text.find('\\') != std::string_view::npos;
     std::unique_ptr<Message> message = deserializeBayeuxMessage(buffer, true);
-    if (!hasUtf8Fields(*message)) {
+    if (hasEscapes && !hasUtf8Fields(*message)) {
         throw InvalidUtf8Error();
     }
     return message;

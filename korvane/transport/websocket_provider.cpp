@@ -21,6 +21,22 @@ constexpr unsigned char textFrame = 129;
 // Room for most frames at once: a delivery or a reply rarely needs more.
 constexpr std::size_t typicalFrameBytes = 256;
 
+// The Bayeux fields of a message, or null. The classes that pass every connect cycle are told by
+// their exact type: a cross-cast from Message walks the whole class graph.
+BayeuxBase* bayeuxFieldsOf(Message& message) {
+    const std::type_info& type = typeid(message);
+    if (type == typeid(PublishRequest)) {
+        return static_cast<PublishRequest*>(&message);
+    }
+    if (type == typeid(ConnectResponse)) {
+        return static_cast<ConnectResponse*>(&message);
+    }
+    if (type == typeid(ConnectStreamRequest)) {
+        return static_cast<ConnectStreamRequest*>(&message);
+    }
+    return dynamic_cast<BayeuxBase*>(&message);
+}
+
 bool isUpgradeRequest(const Message* message) {
     auto* request = dynamic_cast<const http::HttpRequest*>(message);
     if (request == nullptr) {
@@ -128,7 +144,7 @@ void WebSocketConnection::doHandleConnect(std::unique_ptr<Message>&& message) {
 }
 
 void WebSocketConnection::fillClientId(Message& message) {
-    auto* bayeux = dynamic_cast<BayeuxBase*>(&message);
+    BayeuxBase* bayeux = bayeuxFieldsOf(message);
     if (bayeux != nullptr && bayeux->clientId.empty()) {
         std::lock_guard<std::mutex> guard(mutex);
         bayeux->clientId = clientId;
@@ -145,7 +161,7 @@ void WebSocketConnection::sendMessage(std::unique_ptr<Message>&& message) {
         return;
     }
     // A reply that carries a client id (the handshake's) teaches the connection its id.
-    auto* bayeux = dynamic_cast<BayeuxBase*>(message.get());
+    BayeuxBase* bayeux = bayeuxFieldsOf(*message);
     if (bayeux != nullptr && !bayeux->clientId.empty()) {
         std::lock_guard<std::mutex> guard(mutex);
         clientId = bayeux->clientId;

@@ -183,7 +183,7 @@ public:
 
 private:
     const HttpServerOptions& options() const { return state->options; }
-    beast::tcp_stream& lowest() { return beast::get_lowest_layer(stream); }
+    PlainStream& lowest() { return beast::get_lowest_layer(stream); }
     // A peer that does not take a response within the write timeout is cut.
     void doArmWriteTimeout() {
         if (options().writeTimeout.count() == 0) {
@@ -811,7 +811,7 @@ private:
 
 }  // namespace
 
-void serveHttpConnection(net::ip::tcp::socket&& socket, const std::shared_ptr<ServerState>& state) {
+void serveHttpConnection(ConnectionSocket&& socket, const std::shared_ptr<ServerState>& state) {
     if (state->tls != nullptr) {
         std::make_shared<HttpConnection<TlsStream>>(TlsStream(std::move(socket), *state->tls), state)->run();
     } else {

@@ -5,7 +5,7 @@
 
 #include <memory>
 
-#include <boost/asio/ip/tcp.hpp>
+#include "korvane/host/server_websocket_connection.h"
 
 namespace korvane::host {
 
@@ -13,6 +13,6 @@ struct ServerState;
 
 // Serves an accepted socket (over TLS when the state has a TLS context) until the
 // peer goes, the connection is upgraded to a WebSocket, or the server stops.
-void serveHttpConnection(boost::asio::ip::tcp::socket&& socket, const std::shared_ptr<ServerState>& state);
+void serveHttpConnection(ConnectionSocket&& socket, const std::shared_ptr<ServerState>& state);
 
 }  // namespace korvane::host

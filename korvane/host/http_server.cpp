@@ -171,12 +171,12 @@ struct HttpServer::Impl {
     }
 
     void doAccept() {
-        acceptor.async_accept(net::make_strand(io), [this](boost::system::error_code error, tcp::socket socket) {
+        acceptor.async_accept(net::make_strand(io), [this](boost::system::error_code error, ConnectionSocket socket) {
             onAccepted(error, std::move(socket));
         });
     }
 
-    void onAccepted(boost::system::error_code error, tcp::socket socket) {
+    void onAccepted(boost::system::error_code error, ConnectionSocket socket) {
         if (!acceptor.is_open()) {
             return;
         }

@@ -7,6 +7,9 @@
 #include <memory>
 #include <string>
 
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/strand.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http/message.hpp>
 #include <boost/beast/http/string_body.hpp>
@@ -18,8 +21,12 @@ namespace korvane::host {
 
 struct ServerState;
 
-using PlainStream = boost::beast::tcp_stream;
-using TlsStream = boost::beast::ssl_stream<boost::beast::tcp_stream>;
+// A connection's strand is its socket's own executor type: with Asio's polymorphic
+// executor, every read and write copied and destroyed a type-erased strand.
+using ConnectionExecutor = boost::asio::strand<boost::asio::io_context::executor_type>;
+using ConnectionSocket = boost::asio::basic_stream_socket<boost::asio::ip::tcp, ConnectionExecutor>;
+using PlainStream = boost::beast::basic_stream<boost::asio::ip::tcp, ConnectionExecutor>;
+using TlsStream = boost::beast::ssl_stream<PlainStream>;
 using UpgradeRequest = boost::beast::http::request<boost::beast::http::string_body>;
 
 // Accepts `upgrade` on `stream` (Set-Cookie `setCookie` on the 101 unless empty),

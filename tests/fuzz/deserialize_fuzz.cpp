@@ -102,7 +102,9 @@ std::string written(std::unique_ptr<Message>& message) {
 void compareFields(const Message& original, const Message& reread) {
     const auto& a = dynamic_cast<const BayeuxBase&>(original);
     const auto& b = dynamic_cast<const BayeuxBase&>(reread);
-    for (const auto& [before, after] : {std::pair{&a.channel, &b.channel}, {&a.id, &b.id}, {&a.clientId, &b.clientId}}) {
+    const std::pair<const std::string*, const std::string*> fields[] = {
+        {&a.channel, &b.channel}, {&a.id, &b.id}, {&a.clientId, &b.clientId}};
+    for (const auto& [before, after] : fields) {
         if (isUtf8(*before) && *before != *after) {
             fail("a common field differs: " + *before + " became " + *after);
         }

@@ -121,9 +121,9 @@ TEST(BayeuxQueueTest, ScriptsOfDemandEndingsAndSubscribers) {
     runScripts({
         // Queued messages wait for a request; zero adds nothing; demand saturates instead of
         // wrapping, overflowing to zero or being ignored.
-        {{"push /1", "push /2", "push /3", "subscribe 0", "size", "request 2", "request 0", "request 5", "push /4",
-          "size", "request max", "request max", "request 1", "push /5", "push /6", "push /7", "push /8"},
-         {"subscribe", "size 3", "next /1", "next /2", "next /3", "next /4", "size 0", "next /5", "next /6",
+        {{"push /1", "push /2", "push /3", "subscribe 0", "size", "request 2", "request 0", "size", "request 5",
+          "push /4", "size", "request max", "request max", "request 1", "push /5", "push /6", "push /7", "push /8"},
+         {"subscribe", "size 3", "next /1", "next /2", "size 1", "next /3", "next /4", "size 0", "next /5", "next /6",
           "next /7", "next /8"}},
         // A request or a cancel from onNext takes effect without recursion.
         {{"push /0", "push /1", "push /2", "subscribe 0", "refill", "request 1", "cancel", "push /3", "push /4",

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <functional>
 #include <limits>
+#include <map>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
@@ -53,193 +54,145 @@ public:
     std::atomic<int> overlaps{0};
 };
 
-class BayeuxQueueTest : public testing::Test {
-protected:
-    std::shared_ptr<RecordingSubscriber> makeSubscriber(unsigned long requestOnSubscribe = 0) {
-        return std::make_shared<RecordingSubscriber>(log, requestOnSubscribe);
-    }
-    void push(std::initializer_list<const char*> channels) {
-        for (const char* channel : channels) {
-            queue->setValue(message(channel));
-        }
-    }
-    // A fresh queue whose end shows up in the log, when it happens, as "end true" or "end false".
-    void renew() {
-        log.clear();
-        queue = std::make_shared<BayeuxQueue>("test");
-        end = queue->getFuture().then([this](Future<bool>&& result) {
-            log.push_back(result.get() ? "end true" : "end false");
-            return true;
-        });
-    }
-    void fail(const char* text) { queue->setError(std::make_exception_ptr(std::runtime_error(text))); }
-
-    Events log;  // first in, last out: the queue's destructor still records into it
-    std::shared_ptr<BayeuxQueue> queue = std::make_shared<BayeuxQueue>("test");
-    std::shared_ptr<RecordingSubscriber> subscriber = makeSubscriber();
-    Future<bool> end;
+// Drives a fresh queue through steps "name [argument]" and logs, in order, what its subscribers
+// see ("subscribe", "next /x", "complete", "error TEXT"), how its future ends ("end true" or
+// "end false"), what a probing step reports and, as "threw TEXT", what a step threw.
+// Steps: push CHANNEL, subscribe N (a subscriber that asks for N at once, the current one once
+// accepted), request N|max, cancel, done, whenEmpty, fail TEXT, size (as "size N"), late (a push
+// into an ended queue: "kept" if the caller keeps its message), refill (the current subscriber asks for one more inside each onNext), cancelInside,
+// throwing and accepting (onNext throws from then on, or stops), expired (the current
+// subscription is gone), destroy (drops the queue).
+struct Script {
+    std::vector<std::string> steps;
+    Events log;
 };
 
-TEST_F(BayeuxQueueTest, DeliversInPushOrderWithinDemandThatSaturates) {
-    push({"/1", "/2", "/3"});
-    queue->subscribe(subscriber);
-    EXPECT_EQ(log, Events{"subscribe"}) << "queued messages wait for a request";
-    EXPECT_EQ(queue->bufferSize(), 3u);
-    subscriber->request(2);
-    EXPECT_EQ(log, (Events{"subscribe", "next /1", "next /2"}));
-    subscriber->request(0);
-    EXPECT_EQ(log.size(), 3u) << "zero adds nothing";
-    subscriber->request(5);
-    push({"/4"});
-    EXPECT_EQ(log, (Events{"subscribe", "next /1", "next /2", "next /3", "next /4"}));
-    EXPECT_EQ(queue->bufferSize(), 0u);
-    for (const unsigned long n : {unlimited, unlimited, 1ul}) {
-        subscriber->request(n);
+void runScripts(const std::vector<Script>& scripts) {
+    for (const Script& script : scripts) {
+        SCOPED_TRACE(script.steps.front() + " ... " + script.steps.back());
+        Events log;  // first in, last out: the queue's destructor still records into it
+        auto queue = std::make_shared<BayeuxQueue>("script");
+        Future<bool> end = queue->getFuture().then([&log](Future<bool>&& result) {
+            return log.push_back(result.get() ? "end true" : "end false"), true;
+        });
+        std::shared_ptr<RecordingSubscriber> current;
+        std::atomic<int> overlaps{0};
+        const std::map<std::string, std::function<void(const std::string&)>> steps = {
+            {"push", [&](auto& channel) { queue->setValue(message(channel)); }},
+            {"subscribe", [&](auto& n) {
+                 auto subscriber = std::make_shared<RecordingSubscriber>(log, std::stoul(n));
+                 queue->subscribe(subscriber);
+                 overlaps += current ? current->overlaps.load() : 0;
+                 current = subscriber;
+             }},
+            {"request", [&](auto& n) { current->request(n == "max" ? unlimited : std::stoul(n)); }},
+            {"cancel", [&](auto&) { current->cancel(); }},
+            {"done", [&](auto&) { queue->done(); }},
+            {"whenEmpty", [&](auto&) { queue->doneWhenEmpty(); }},
+            {"fail", [&](auto& text) { queue->setError(std::make_exception_ptr(std::runtime_error(text))); }},
+            {"size", [&](auto&) { log.push_back("size " + std::to_string(queue->bufferSize())); }},
+            {"late", [&](auto&) {
+                 auto late = message("/late");
+                 queue->setValue(std::move(late));
+                 log.push_back(late ? "kept" : "taken");
+             }},
+            {"refill", [&](auto&) { current->actOnEachItem([subscriber = current.get()] { subscriber->request(1); }); }},
+            {"cancelInside", [&](auto&) { current->actOnEachItem([subscriber = current.get()] { subscriber->cancel(); }); }},
+            {"throwing", [&](auto&) { current->onItem = [](auto&) { throw std::runtime_error("subscriber failed"); }; }},
+            {"accepting", [&](auto&) { current->onItem = nullptr; }},
+            {"expired", [&](auto&) { log.push_back(current->subscription.expired() ? "expired" : "alive"); }},
+            {"destroy", [&](auto&) { queue.reset(); }},
+        };
+        for (const std::string& step : script.steps) {
+            const std::size_t space = step.find(' ');
+            const std::string name = step.substr(0, space);
+            const std::string argument = space == std::string::npos ? "" : step.substr(space + 1);
+            const std::string refused = test_support::errorOf([&] { steps.at(name)(argument); });
+            if (refused != "(no exception)") {
+                log.push_back("threw " + refused);
+            }
+        }
+        EXPECT_EQ(log, script.log);
+        EXPECT_EQ(overlaps + (current ? current->overlaps.load() : 0), 0) << "onNext ran inside another onNext";
     }
-    push({"/5", "/6", "/7", "/8", "/9"});
-    EXPECT_EQ(log.size(), 10u) << "demand saturates instead of wrapping, overflowing to zero or being ignored";
 }
 
-TEST_F(BayeuxQueueTest, RequestOrCancelFromOnNextTakesEffectWithoutRecursion) {
-    push({"/0", "/1", "/2", "/3", "/4"});
-    const auto requester = makeSubscriber(1);
-    requester->actOnEachItem([&requester] { requester->request(1); });
-    queue->subscribe(requester);
-    EXPECT_EQ(log, (Events{"subscribe", "next /0", "next /1", "next /2", "next /3", "next /4"}));
-    EXPECT_EQ(requester->overlaps, 0) << "a request from onNext does not recurse";
-    requester->cancel();
-    push({"/5", "/6"});
-    queue->subscribe(subscriber);
-    subscriber->onItem = [this](auto&) { subscriber->cancel(); };
-    subscriber->request(2);
-    EXPECT_EQ(log.back(), "next /5");
-    EXPECT_EQ(queue->bufferSize(), 1u);
-}
-
-TEST_F(BayeuxQueueTest, AnEndedQueueIgnoresEverythingAfter) {
-    for (const bool failing : {false, true}) {
-        log.clear();
-        queue = std::make_shared<BayeuxQueue>("ended");
-        subscriber = makeSubscriber();
-        Future<bool> ended = queue->getFuture();
-        queue->subscribe(subscriber);
-        push({"/dropped"});
-        failing ? fail("broken") : queue->done();
-        EXPECT_EQ(log, (Events{"subscribe", failing ? "error broken" : "complete"}));
-        EXPECT_EQ(ended.get(), !failing);
-        auto late = message("/late");
-        queue->setValue(std::move(late));
-        EXPECT_NE(late, nullptr) << "an ended queue leaves the message with its caller";
-        fail("late");
-        queue->doneWhenEmpty();
-        queue->done();
-        subscriber->request(10);
-        EXPECT_EQ(log.size(), 2u);
-        EXPECT_THROW(queue->getFuture(), std::runtime_error);
-        EXPECT_THROW(queue->subscribe(makeSubscriber(10)), std::invalid_argument) << "the queue keeps its subscriber";
-    }
+TEST(BayeuxQueueTest, ScriptsOfDemandEndingsAndSubscribers) {
+    runScripts({
+        // Queued messages wait for a request; zero adds nothing; demand saturates instead of
+        // wrapping, overflowing to zero or being ignored.
+        {{"push /1", "push /2", "push /3", "subscribe 0", "size", "request 2", "request 0", "size", "request 5",
+          "push /4", "size", "request max", "request max", "request 1", "push /5", "push /6", "push /7", "push /8"},
+         {"subscribe", "size 3", "next /1", "next /2", "size 1", "next /3", "next /4", "size 0", "next /5", "next /6",
+          "next /7", "next /8"}},
+        // A request or a cancel from onNext takes effect without recursion.
+        {{"push /0", "push /1", "push /2", "subscribe 0", "refill", "request 1", "cancel", "push /3", "push /4",
+          "subscribe 0", "cancelInside", "request 2", "size"},
+         {"subscribe", "next /0", "next /1", "next /2", "subscribe", "next /3", "size 1"}},
+        // An ended queue leaves a late message with its caller, ignores every other call and keeps
+        // its subscriber.
+        {{"subscribe 0", "push /dropped", "done", "late", "fail late", "whenEmpty", "done", "request 10", "subscribe 10"},
+         {"subscribe", "complete", "end true", "kept", "threw Only one subscription allowed."}},
+        {{"subscribe 0", "push /dropped", "fail broken", "late", "done", "whenEmpty", "request 10"},
+         {"subscribe", "error broken", "end false", "kept"}},
+        // Done when empty ends after the last message, at once when empty, and an early end reaches
+        // every later subscriber.
+        {{"subscribe 0", "push /1", "whenEmpty", "push /2", "fail ignored", "size", "request 2"},
+         {"subscribe", "size 2", "next /1", "next /2", "complete", "end true"}},
+        {{"subscribe 0", "whenEmpty"}, {"subscribe", "complete", "end true"}},
+        {{"whenEmpty", "subscribe 1", "subscribe 1"}, {"end true", "subscribe", "complete", "subscribe", "complete"}},
+        {{"fail early", "subscribe 1", "subscribe 1"},
+         {"end false", "subscribe", "error early", "subscribe", "error early"}},
+        // One subscriber at a time; a cancel releases the subscription and keeps the messages for the
+        // next subscriber, which starts with no demand.
+        {{"subscribe 0", "subscribe 1", "request 3", "push /1", "cancel", "expired", "push /2", "push /3",
+          "subscribe 0", "size", "request 5", "done"},
+         {"subscribe", "threw Only one subscription allowed.", "next /1", "expired", "subscribe", "size 2", "next /2",
+          "next /3", "complete", "end true"}},
+        // A throwing subscriber loses only the message in flight, which spent its demand.
+        {{"subscribe 2", "throwing", "push /lost", "accepting", "push /2", "push /3", "size", "whenEmpty",
+          "request 1"},
+         {"subscribe", "next /lost", "next /2", "size 1", "next /3", "complete", "end true"}},
+        // Destruction completes an open queue and releases the subscription.
+        {{"subscribe 1", "push /delivered", "push /undelivered", "destroy", "expired"},
+         {"subscribe", "next /delivered", "complete", "end true", "expired"}},
+    });
+    Events log;
     BayeuxQueue unowned("unowned");
-    EXPECT_THROW(unowned.subscribe(makeSubscriber(10)), std::bad_weak_ptr);
-    EXPECT_EQ(log.size(), 2u);
+    EXPECT_THROW(unowned.subscribe(std::make_shared<RecordingSubscriber>(log, 10)), std::bad_weak_ptr);
+    EXPECT_EQ(log, Events{});
 }
 
-TEST_F(BayeuxQueueTest, DoneWhenEmptyEndsAfterTheLastMessageAndAnEarlyEndReachesEveryLaterSubscriber) {
-    renew();
-    queue->subscribe(subscriber);
-    push({"/1"});
-    queue->doneWhenEmpty();
-    push({"/2"});
-    fail("ignored");
-    EXPECT_EQ(log, Events{"subscribe"}) << "without demand the queue stays open";
-    subscriber->request(2);
-    EXPECT_EQ(log, (Events{"subscribe", "next /1", "next /2", "complete", "end true"}));
-    renew();
-    queue->subscribe(makeSubscriber());
-    queue->doneWhenEmpty();
-    EXPECT_EQ(log, (Events{"subscribe", "complete", "end true"})) << "an empty queue ends at once, without demand";
-    for (const bool failing : {false, true}) {
-        renew();
-        failing ? fail("early") : queue->doneWhenEmpty();
-        queue->subscribe(makeSubscriber(1));
-        queue->subscribe(makeSubscriber(1));
-        const char* const told = failing ? "error early" : "complete";
-        EXPECT_EQ(log, (Events{failing ? "end false" : "end true", "subscribe", told, "subscribe", told}));
-    }
-}
-
-TEST_F(BayeuxQueueTest, OneSubscriberAtATimeAndCancelKeepsMessagesForTheNext) {
-    renew();
-    queue->subscribe(subscriber);
-    try {
-        queue->subscribe(makeSubscriber(1));
-        FAIL() << "a second subscriber was accepted";
-    } catch (const std::invalid_argument& refused) {
-        EXPECT_STREQ(refused.what(), "Only one subscription allowed.");
-    }
-    subscriber->request(3);
-    push({"/1"});
-    subscriber->cancel();
-    EXPECT_TRUE(subscriber->subscription.expired()) << "the subscription dies with the cancel";
-    push({"/2", "/3"});
-    EXPECT_EQ(queue->bufferSize(), 2u);
-    const auto successor = makeSubscriber();
-    queue->subscribe(successor);
-    EXPECT_EQ(log, (Events{"subscribe", "next /1", "subscribe"})) << "a new subscriber starts with no demand";
-    successor->request(5);
-    queue->done();
-    EXPECT_EQ(log, (Events{"subscribe", "next /1", "subscribe", "next /2", "next /3", "complete", "end true"}));
-}
-
-TEST_F(BayeuxQueueTest, ThrowingSubscriberLosesOnlyTheMessageInFlight) {
-    queue->subscribe(subscriber);
-    subscriber->request(2);
-    subscriber->onItem = [](auto&) { throw std::runtime_error("subscriber failed"); };
-    EXPECT_NO_THROW(push({"/lost"}));
-    subscriber->onItem = nullptr;
-    push({"/2", "/3"});
-    EXPECT_EQ(log, (Events{"subscribe", "next /lost", "next /2"})) << "the lost message spent its demand";
-    EXPECT_EQ(queue->bufferSize(), 1u);
-    queue->doneWhenEmpty();
-    subscriber->request(1);
-    EXPECT_EQ(log.back(), "complete");
-}
-
-TEST_F(BayeuxQueueTest, DestructionCompletesAnOpenQueueAndFreesEveryMessage) {
+TEST(BayeuxQueueTest, DestructionFreesEveryMessageAndTheQueueKeepsNothingOfADeliveredOne) {
     const auto delivered = std::make_shared<common::DataBuffer>(), undelivered = std::make_shared<common::DataBuffer>();
-    renew();
-    queue->subscribe(subscriber);
-    subscriber->request(1);
+    Events log;
+    auto queue = std::make_shared<BayeuxQueue>("destroyed");
+    queue->subscribe(std::make_shared<RecordingSubscriber>(log, 1));
     queue->setValue(message("/delivered", delivered));
     EXPECT_EQ(delivered.use_count(), 2) << "the queue keeps nothing of a delivered message";
     queue->setValue(message("/undelivered", undelivered));
     queue.reset();
-    EXPECT_EQ(log, (Events{"subscribe", "next /delivered", "complete", "end true"}));
-    EXPECT_TRUE(subscriber->subscription.expired());
     EXPECT_EQ(undelivered.use_count(), 1);
 }
 
-TEST_F(BayeuxQueueTest, SubscriptionWithoutItsQueueRefusesLoudly) {
+TEST(BayeuxQueueTest, SubscriptionWithoutItsQueueRefusesLoudlyWithATraceOnStandardError) {
     common::installStderrLogSink();
+    Events log;
+    auto queue = std::make_shared<BayeuxQueue>("gone");
+    const auto subscriber = std::make_shared<RecordingSubscriber>(log);
     queue->subscribe(subscriber);
     const std::shared_ptr<Subscription> kept = subscriber->subscription.lock();
-    const auto expectRefused = [](const std::function<void()>& call, const char* text) {
+    queue.reset();
+    const std::pair<std::function<void()>, std::string> calls[] = {
+        {[&] { kept->request(1); }, "No publisher, can not request!"},
+        {[&] { kept->cancel(); }, "No publisher, can not cancel!"}};
+    for (const auto& [call, text] : calls) {
         testing::internal::CaptureStderr();
-        try {
-            call();
-            ADD_FAILURE() << "no exception for " << text;
-        } catch (const std::runtime_error& refused) {
-            EXPECT_STREQ(refused.what(), text);
-        }
+        EXPECT_EQ(test_support::errorOf<std::runtime_error>(call), text);
         const std::string trace = testing::internal::GetCapturedStderr();
         EXPECT_NE(trace.find("Cancelled with no publisher"), std::string::npos) << trace;
-        EXPECT_NE(trace.find("korvane_routing_tests"), std::string::npos) << "a stack trace goes to standard error";
-        EXPECT_EQ(trace.back(), '\n');
-    };
-    const auto request = [&] { kept->request(1); };
-    queue.reset();
-    EXPECT_EQ(log, (Events{"subscribe", "complete"}));
-    expectRefused(request, "No publisher, can not request!");
-    expectRefused([&] { kept->cancel(); }, "No publisher, can not cancel!");
+        EXPECT_NE(trace.find("korvane_routing_tests"), std::string::npos) << "a stack trace names the frames";
+    }
 }
 
 // Runs `count` threads that each push `each` messages "/<thread>/<sequence>", plus `also`.

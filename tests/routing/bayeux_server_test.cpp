@@ -44,9 +44,6 @@ protected:
 
 TEST_F(BayeuxServerTest, RefusesMalformedPublishesAndKeepsThemWithTheCaller) {
     EXPECT_TRUE(server->deliver(publish("/a"))) << "accepted with no session at all";
-    EXPECT_EQ(server->getPtr().get(), static_cast<BayeuxServer*>(server.get()));
-    BayeuxServerImpl unowned;
-    EXPECT_THROW(unowned.getPtr(), std::bad_weak_ptr);
     add("s");
     const std::tuple<std::string, bool, bool> cases[] = {  // channel, with data, accepted
         {"/a", true, true},   {"/a/b/c", true, true}, {"//a", true, true},    {"/a", false, false},

@@ -27,17 +27,16 @@ public:
     RecordingSession(std::string sessionId, Log* sharedLog) : id(std::move(sessionId)), log(sharedLog) {}
     std::shared_ptr<Context> getContext() const override { return nullptr; }
     std::string getId() const override { return id; }
-    void deliver(const Segments& segments, const std::shared_ptr<const PublishRequest>& message) override {
-        record(message->channel, &segments);
+    void deliver(const Segments&, const std::shared_ptr<const PublishRequest>& message) override {
+        record(message->channel);
         if (onPublish) {
             onPublish(*message);
         }
     }
     void deliver(const std::shared_ptr<const SubscribeRequest>& m) override { record("subscribe " + m->subscription); }
     void deliver(const std::shared_ptr<const UnsubscribeRequest>& m) override { record("unsubscribe " + m->subscription); }
-    void record(const std::string& event, const Segments* segments = nullptr) {
+    void record(const std::string& event) {
         const std::lock_guard<std::mutex> hold(mutex);
-        lastSegments = segments;
         if (log) {
             log->push_back(id + ":" + event);
         }
@@ -46,7 +45,6 @@ public:
     const std::string id;
     Log* const log;
     std::mutex mutex;
-    const Segments* lastSegments = nullptr;
     std::function<void(const PublishRequest&)> onPublish;
 };
 

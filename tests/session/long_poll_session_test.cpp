@@ -1,6 +1,7 @@
 #include "korvane/session/long_poll_session.h"
 
 #include <algorithm>
+#include <sstream>
 
 #include "session/session_test_support.h"
 
@@ -19,128 +20,116 @@ protected:
     void publish(const std::string& data, const std::string& channel = "/a/b") {
         ASSERT_TRUE(server->deliver(makePublish(channel, data)));
     }
-    std::shared_ptr<StreamRecorder> connect(const std::string& id, long long ticks = 300, bool buffer = true) {
-        return watch(session->connectStream(id, ticks, buffer, true));
-    }
-    // The stream carried `expected` and ended once, with a response from this session.
-    void expectAnswer(StreamRecorder& stream, const Texts& expected) {
-        EXPECT_EQ(stream.seen(), expected);
-        EXPECT_EQ(stream.completionCount(), 1);
-        const auto* response = stream.at<ConnectResponse>(expected.size() - 1);
-        EXPECT_EQ(response ? response->clientId : "none", id);
-    }
 
     ManualClock clock;
     Log log;  // what the host's session "spy" heard
-    std::shared_ptr<BayeuxServerImpl> server = std::make_shared<BayeuxServerImpl>();
+    std::shared_ptr<PatternLedger> server = std::make_shared<PatternLedger>();
     std::shared_ptr<RecordingSession> spy = std::make_shared<RecordingSession>("spy", &log);
     std::shared_ptr<LongPollSession> session = std::make_shared<LongPollSession>(server, nullptr);
     const std::string id = session->getId();
 };
 
-TEST_F(LongPollSessionTest, BurstInsideBufferPeriodGivesOneAnswerAndThePeriodDoesNotStretch) {
-    auto stream = connect("c1");
-    clock->advance(12000ms);
-    publish("m1");
-    clock->advance(2ms);
-    publish("m2");
-    clock->advance(2ms);
-    publish("m3");
-    EXPECT_EQ(stream->size(), 0u);
-    clock->advance(1ms);
-    expectAnswer(*stream, {"m1", "m2", "m3", "response:c1"});
-    EXPECT_EQ(clock->armedCount(), 0u) << "the connect timer went with the first message";
-    publish("later");
-    EXPECT_EQ(clock->armedCount(), 0u) << "with no connect open a message arms nothing";
+// Runs steps "name [arguments]" on the fixture's session, subscribed to "/a/**", and returns what
+// the probing steps reported. Steps: connect ID [TICKS] [streaming|slow] (a buffered connect held
+// 300 ticks unless told; a slow reader asks for nothing at first), request ID N, publish DATA
+// [CHANNEL] (to "/a/b" unless told), notices (another client's subscribe and unsubscribe), ms N,
+// ticks N, flush, poll ID (a short poll), destroy (drops the session), and the probes: seen ID (as
+// "ID: <items> end" once it ended), armed (timers armed), active (a connect is open). Every
+// response must come from this session, and no delivered message carries its publisher's id.
+using Script = std::pair<std::vector<std::string>, Texts>;
+
+class LongPollSessionScript : public LongPollSessionTest, public ::testing::WithParamInterface<Script> {
+protected:
+    Texts run(const std::vector<std::string>& steps) {
+        Texts probes;
+        std::map<std::string, std::shared_ptr<StreamRecorder>> streams;
+        for (const std::string& step : steps) {
+            std::istringstream words(step);
+            std::string name, first, second, third;
+            words >> name >> first >> second >> third;
+            if (name == "connect") {
+                const long long ticks = second.empty() ? 300 : std::stoll(second);
+                auto queue = session->connectStream(first, ticks, third != "streaming", true);
+                streams[first] = watch(queue, third == "slow" ? 0 : ~0ul);
+            } else if (name == "request") {
+                streams.at(first)->request(std::stoul(second));
+            } else if (name == "publish") {
+                publish(first, second.empty() ? "/a/b" : second);
+            } else if (name == "notices") {
+                session->deliver(std::make_shared<const SubscribeRequest>("/b", "other"));
+                session->deliver(std::make_shared<const UnsubscribeRequest>("/a/**", "other"));
+            } else if (name == "ms" || name == "ticks") {
+                name == "ms" ? clock->advance(std::chrono::milliseconds(std::stoll(first)))
+                             : clock->advanceTicks(std::stoll(first));
+            } else if (name == "flush") {
+                session->flush();
+            } else if (name == "poll") {
+                streams[first] = watch(session->korvaneShortPoll(first));
+            } else if (name == "destroy") {
+                session.reset();
+            } else if (name == "seen") {
+                std::string seen = first + ":";
+                for (const std::string& text : streams.at(first)->seen()) {
+                    seen += " " + text;
+                }
+                const long ends = streams.at(first)->completionCount();
+                probes.push_back(seen + (ends == 0 ? "" : ends == 1 ? " end" : " ends " + std::to_string(ends)));
+            } else {
+                probes.push_back(name == "armed" ? "armed " + std::to_string(clock->armedCount())
+                                                 : std::string("active ") + (session->hasActiveConnect() ? "yes" : "no"));
+            }
+        }
+        for (auto& [name, stream] : streams) {
+            for (std::size_t index = 0; index < stream->size(); ++index) {
+                const auto* response = stream->at<ConnectResponse>(index);
+                const auto* message = stream->at<PublishRequest>(index);
+                EXPECT_TRUE(response ? response->clientId == id : message->clientId.empty()) << name << " " << index;
+            }
+        }
+        return probes;
+    }
+};
+
+TEST_P(LongPollSessionScript, ConnectsBuffersTimersAndAnswers) {
+    EXPECT_EQ(run(GetParam().first), GetParam().second);
 }
 
-TEST_F(LongPollSessionTest, PendingMessagesAnswerTheNextConnectAtOnceInOrderWithoutPublisherId) {
-    // Notices about other sessions change nothing here.
-    session->deliver(std::make_shared<const SubscribeRequest>("/b", "other"));
-    session->deliver(std::make_shared<const UnsubscribeRequest>("/a/**", "other"));
-    publish("m1");
-    publish("m2", "/a/c/d");
-    publish("ignored", "/b");
-    EXPECT_EQ(clock->armedCount(), 0u);
-    auto stream = connect("c1");
-    expectAnswer(*stream, {"m1", "m2", "response:c1"});
-    EXPECT_FALSE(session->hasActiveConnect());
-    EXPECT_EQ(stream->at<PublishRequest>(0)->clientId, "");
-}
-
-TEST_F(LongPollSessionTest, NextConnectAnswersTheOpenOneAndFlushLeavesTheAnswerToTheNextMessageOrConnect) {
-    auto first = connect("c1");
-    auto second = connect("c2");
-    expectAnswer(*first, {"response:c1"});
-    EXPECT_EQ(second->size(), 0u);
-    publish("m1");
-    clock->advance(5ms);
-    expectAnswer(*second, {"m1", "response:c2"});
-    auto flushed = connect("c3");
-    session->flush();
-    EXPECT_EQ(clock->armedCount(), 0u);
-    clock->advanceTicks(1000);
-    EXPECT_EQ(flushed->size(), 0u);
-    EXPECT_TRUE(session->hasActiveConnect());
-    publish("m2");
-    clock->advance(5ms);
-    expectAnswer(*flushed, {"m2", "response:c3"});
-    flushed = connect("c4");
-    session->flush();
-    auto next = connect("c5");
-    expectAnswer(*flushed, {"response:c4"});
-    EXPECT_EQ(next->size(), 0u);
-}
-
-TEST_F(LongPollSessionTest, StreamingConnectPassesMessagesThroughAndKeepsItsTimer) {
-    auto stream = connect("c1", 10, false);
-    publish("m1");
-    EXPECT_EQ(stream->seen(), Texts{"m1"});
-    publish("m2");
-    clock->advanceTicks(9);
-    EXPECT_EQ(stream->completionCount(), 0);
-    clock->advanceTicks(1);
-    expectAnswer(*stream, {"m1", "m2", "response:c1"});
-    expectAnswer(*connect("c2", 0), {"response:c2"});
-    EXPECT_FALSE(session->hasActiveConnect()) << "a hold of zero answers at once";
-    EXPECT_EQ(clock->armedCount(), 0u);
-}
-
-TEST_F(LongPollSessionTest, ResponseComesLastAlsoWhenTheTransportTakesOneAtATime) {
-    publish("m1");
-    publish("m2");
-    auto slow = watch(session->connectStream("c1", 300, true, true), 0);
-    slow->request(1);
-    EXPECT_EQ(slow->seen(), Texts{"m1"});
-    publish("m3");  // arrives after the answer: it waits for the next connect
-    slow->request(5);
-    expectAnswer(*slow, {"m1", "m2", "response:c1"});
-    expectAnswer(*connect("c2"), {"m3", "response:c2"});
-}
-
-TEST_F(LongPollSessionTest, SessionDyingWithAnOpenConnectAnswersItWithWhatIsPending) {
-    auto stream = connect("c1");
-    publish("m1");
-    EXPECT_EQ(clock->armedCount(), 1u);
-    session.reset();
-    expectAnswer(*stream, {"m1", "response:c1"});
-    EXPECT_EQ(clock->armedCount(), 0u);
-    clock->advanceTicks(400);
-}
-
-TEST_F(LongPollSessionTest, ShortPollAnswersWithRetryAdviceAndLeavesNoConnectOpen) {
-    auto open = connect("c1");
-    publish("m1");
-    publish("m2");
-    clock->advance(1ms);
-    auto poll = watch(session->korvaneShortPoll("s1"));
-    expectAnswer(*open, {"m1", "m2", "response:c1"});
-    expectAnswer(*poll, {"response:s1 advice:0/200/-1"});
-    publish("m3");
-    expectAnswer(*watch(session->korvaneShortPoll("s2")), {"m3", "response:s2 advice:0/200/-1"});
-    EXPECT_FALSE(session->hasActiveConnect());
-    EXPECT_EQ(clock->armedCount(), 0u);
-}
+const std::string retry = " advice:0/200/-1";
+INSTANTIATE_TEST_SUITE_P(Scripts, LongPollSessionScript, ::testing::ValuesIn(std::vector<Script>{
+        // A burst inside the buffer period gives one answer; the period does not stretch, and the
+        // connect's timer goes with the first message.
+        {{"connect c1", "ms 12000", "publish m1", "ms 2", "publish m2", "ms 2", "publish m3", "seen c1", "ms 1",
+          "seen c1", "armed", "publish later", "armed"},
+         {"c1:", "c1: m1 m2 m3 response:c1 end", "armed 0", "armed 0"}},
+        // Pending messages answer the next connect at once, in order; notices about other sessions
+        // change nothing.
+        {{"notices", "publish m1", "publish m2 /a/c/d", "publish ignored /b", "armed", "connect c1", "seen c1",
+          "active"},
+         {"armed 0", "c1: m1 m2 response:c1 end", "active no"}},
+        // The next connect answers the open one; a flush leaves the answer to the next message or connect.
+        {{"connect c1", "connect c2", "seen c1", "seen c2", "publish m1", "ms 5", "seen c2", "connect c3", "flush",
+          "armed", "ticks 1000", "seen c3", "active", "publish m2", "ms 5", "seen c3", "connect c4", "flush",
+          "connect c5", "seen c4", "seen c5"},
+         {"c1: response:c1 end", "c2:", "c2: m1 response:c2 end", "armed 0", "c3:", "active yes",
+          "c3: m2 response:c3 end", "c4: response:c4 end", "c5:"}},
+        // A streaming connect passes messages through and keeps its timer; a hold of zero answers at once.
+        {{"connect c1 10 streaming", "publish m1", "seen c1", "publish m2", "ticks 9", "seen c1", "ticks 1",
+          "seen c1", "connect c2 0", "seen c2", "active", "armed"},
+         {"c1: m1", "c1: m1 m2", "c1: m1 m2 response:c1 end", "c2: response:c2 end", "active no", "armed 0"}},
+        // The response comes last also when the transport takes one item at a time; a message that
+        // arrives after the answer waits for the next connect.
+        {{"publish m1", "publish m2", "connect c1 300 slow", "request c1 1", "seen c1", "publish m3",
+          "request c1 5", "seen c1", "connect c2", "seen c2"},
+         {"c1: m1", "c1: m1 m2 response:c1 end", "c2: m3 response:c2 end"}},
+        // A session dying with an open connect answers it with what is pending.
+        {{"connect c1", "publish m1", "armed", "destroy", "seen c1", "armed", "ticks 400"},
+         {"armed 1", "c1: m1 response:c1 end", "armed 0"}},
+        // A short poll answers with retry advice, answers an open connect and leaves none open.
+        {{"connect c1", "publish m1", "publish m2", "ms 1", "poll s1", "seen c1", "seen s1", "publish m3", "poll s2",
+          "seen s2", "active", "armed"},
+         {"c1: m1 m2 response:c1 end", "s1: response:s1" + retry + " end", "s2: m3 response:s2" + retry + " end",
+          "active no", "armed 0"}},
+}));
 
 TEST_F(LongPollSessionTest, PatternValidation) {
     const std::pair<const char*, bool> cases[] = {{"/a/b", true}, {"/a/*", true},   {"/a/**", true}, {"/a*", true},
@@ -152,55 +141,38 @@ TEST_F(LongPollSessionTest, PatternValidation) {
         log.clear();
         EXPECT_EQ(session->subscribe(pattern), valid);
         EXPECT_EQ(log, valid ? Log{"spy:subscribe " + std::string(pattern)} : Log{});
+        using Held = std::map<std::string, int>;
+        EXPECT_EQ(server->held(), (valid ? Held{{pattern, 1}} : Held{})) << "only an accepted pattern is declared to the routing core";
         EXPECT_EQ(session->unsubscribe(pattern), valid);
         EXPECT_FALSE(session->unsubscribe(pattern)) << "no longer held";
     }
 }
 
-TEST_F(LongPollSessionTest, SubscriptionNoticesAndOneUnsubscribeNoticePerHoldWhenTheSessionDies) {
-    for (const char* pattern : {"/x/*", "/x/*", "/x/y"}) {
+TEST_F(LongPollSessionTest, HoldsAreCountedOfferedOnceAndToldAndForgottenWhenTheSessionDies) {
+    for (const char* pattern : {"/x/*", "/x/*", "/x/y", "/a/*"}) {
         ASSERT_TRUE(session->subscribe(pattern));
     }
     EXPECT_FALSE(session->unsubscribe("/never"));
-    EXPECT_EQ(log, (Log{"spy:subscribe /x/*", "spy:subscribe /x/*", "spy:subscribe /x/y"}));
-    session.reset();
-    std::sort(log.begin() + 3, log.end());
-    EXPECT_EQ(Log(log.begin() + 3, log.end()),
-              (Log{"spy:unsubscribe /a/**", "spy:unsubscribe /x/*", "spy:unsubscribe /x/*", "spy:unsubscribe /x/y"}));
-}
-
-TEST_F(LongPollSessionTest, PublishStampsTheSenderAndSkipsItsOwnSession) {
-    auto stream = connect("c1");
-    EXPECT_TRUE(session->publish(makePublish("/a/b", "own", "forged")));
-    EXPECT_EQ(log, (Log{"spy:/a/b", "spy:from " + id}));
-    clock->advanceTicks(1);
-    EXPECT_EQ(stream->size(), 0u) << "a client does not receive its own publish";
-    auto refused = makePublish("/a/*", "bad");
-    EXPECT_FALSE(session->publish(std::move(refused)));
-    EXPECT_NE(refused, nullptr) << "a refused request stays with the caller";
-}
-
-TEST(LongPollSessionIndexTest, DeclaresWhatItHoldsIsOfferedOnceAndIsForgottenWhenItDies) {
-    ManualClock clock;
-    const auto ledger = std::make_shared<PatternLedger>();
-    Log log;
-    const auto spy = std::make_shared<RecordingSession>("spy", &log);
-    ledger->addSession(spy);
-    auto session = std::make_shared<LongPollSession>(ledger, nullptr);
-    ledger->addSession(session);
-    for (const std::string pattern : {"/a/*", "/a/*", "/a/**", "/a/*/b", "/"}) {
-        session->subscribe(pattern);
-    }
-    EXPECT_FALSE(session->unsubscribe("/x"));
     EXPECT_TRUE(session->unsubscribe("/a/*"));
-    EXPECT_EQ(ledger->held(), (std::map<std::string, int>{{"/a/*", 1}, {"/a/**", 1}})) << "refused patterns are not declared";
-    ASSERT_TRUE(ledger->deliver(makePublish("/a/b", "m1")));
-    ASSERT_TRUE(ledger->deliver(makePublish("/b", "m2")));
+    EXPECT_EQ(server->held(), (std::map<std::string, int>{{"/a/**", 1}, {"/x/*", 2}, {"/x/y", 1}}));
+    EXPECT_EQ(log, (Log{"spy:subscribe /x/*", "spy:subscribe /x/*", "spy:subscribe /x/y", "spy:subscribe /a/*",
+                        "spy:unsubscribe /a/*"}));
+    publish("m1", "/x/y");
     EXPECT_EQ(watch(session->korvaneShortPoll("p"))->seen(), (Texts{"m1", "response:p advice:0/200/-1"}));
     log.clear();
     session.reset();
-    EXPECT_EQ(ledger->held(), (std::map<std::string, int>{{"/a/*", 1}, {"/a/**", 1}, {"forgotten", 1}}));
-    EXPECT_EQ(log, (Log{"spy:unsubscribe /a/*", "spy:unsubscribe /a/**"})) << "death still tells the host's sessions";
+    std::sort(log.begin(), log.end());
+    EXPECT_EQ(log, (Log{"spy:unsubscribe /a/**", "spy:unsubscribe /x/*", "spy:unsubscribe /x/*",
+                        "spy:unsubscribe /x/y"}));
+    EXPECT_EQ(server->held(), (std::map<std::string, int>{{"/a/**", 1}, {"/x/*", 2}, {"/x/y", 1}, {"forgotten", 1}}))
+        << "a dying session forgets itself at once rather than withdrawing each pattern";
+}
+
+// The routing core skips the sender by the id stamped here, and keeps a refused request with its caller.
+TEST_F(LongPollSessionTest, PublishStampsTheSenderAndPassesOnTheRoutingCoresAnswer) {
+    EXPECT_TRUE(session->publish(makePublish("/a/b", "own", "forged")));
+    EXPECT_EQ(log, (Log{"spy:/a/b", "spy:from " + id}));
+    EXPECT_FALSE(session->publish(makePublish("/a/*", "bad")));
 }
 
 TEST_F(LongPollSessionTest, PendingLimitIsReportedOnceWithTheLockReleasedAndNothingMoreIsKept) {

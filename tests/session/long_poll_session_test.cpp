@@ -1,6 +1,7 @@
 #include "korvane/session/long_poll_session.h"
 
 #include <algorithm>
+#include <deque>
 #include <sstream>
 
 #include "session/session_test_support.h"
@@ -29,9 +30,29 @@ protected:
     const std::string id = session->getId();
 };
 
+// A transport's sink kept across connects: each connect's messages go to the recorder of that
+// connect, in the order the connects opened; its response ends it.
+class SinkRecorder : public ConnectSink {
+public:
+    void expect(std::shared_ptr<StreamRecorder> recorder) { recorders.push_back(std::move(recorder)); }
+    void deliver(std::unique_ptr<Message>&& message) override {
+        ASSERT_FALSE(recorders.empty()) << "a message for no open connect: " << describe(message);
+        const bool last = dynamic_cast<const ConnectResponse*>(message.get()) != nullptr;
+        recorders.front()->onNext(std::move(message));
+        if (last) {
+            recorders.front()->onComplete();
+            recorders.pop_front();
+        }
+    }
+
+private:
+    std::deque<std::shared_ptr<StreamRecorder>> recorders;
+};
+
 // Runs steps "name [arguments]" on the fixture's session, subscribed to "/a/**", and returns what
 // the probing steps reported. Steps: connect ID [TICKS] [streaming|slow] (a buffered connect held
-// 300 ticks unless told; a slow reader asks for nothing at first), request ID N, publish DATA
+// 300 ticks unless told; a slow reader asks for nothing at first), sink ID [TICKS] (a buffered
+// connect through the one sink the steps share), unsink (the sink goes), request ID N, publish DATA
 // [CHANNEL] (to "/a/b" unless told), notices (another client's subscribe and unsubscribe), ms N,
 // ticks N, flush, poll ID (a short poll), destroy (drops the session), and the probes: seen ID (as
 // "ID: <items> end" once it ended), armed (timers armed), active (a connect is open). Every
@@ -43,6 +64,7 @@ protected:
     Texts run(const std::vector<std::string>& steps) {
         Texts probes;
         std::map<std::string, std::shared_ptr<StreamRecorder>> streams;
+        auto sink = std::make_shared<SinkRecorder>();
         for (const std::string& step : steps) {
             std::istringstream words(step);
             std::string name, first, second, third;
@@ -51,6 +73,12 @@ protected:
                 const long long ticks = second.empty() ? 300 : std::stoll(second);
                 auto queue = session->connectStream(first, ticks, third != "streaming", true);
                 streams[first] = watch(queue, third == "slow" ? 0 : ~0ul);
+            } else if (name == "sink") {
+                streams[first] = std::make_shared<StreamRecorder>();
+                sink->expect(streams[first]);
+                session->connectTo(sink, first, second.empty() ? 300 : std::stoll(second), true, true);
+            } else if (name == "unsink") {
+                sink.reset();
             } else if (name == "request") {
                 streams.at(first)->request(std::stoul(second));
             } else if (name == "publish") {
@@ -124,6 +152,16 @@ INSTANTIATE_TEST_SUITE_P(Scripts, LongPollSessionScript, ::testing::ValuesIn(std
         // A session dying with an open connect answers it with what is pending.
         {{"connect c1", "publish m1", "armed", "destroy", "seen c1", "armed", "ticks 400"},
          {"armed 1", "c1: m1 response:c1 end", "armed 0"}},
+        // Through a sink: the same batching and timers, connects answered in the order they opened,
+        // pending messages at once, and a session dying with one open answers it.
+        {{"sink c1", "ms 12000", "publish m1", "ms 2", "publish m2", "ms 2", "seen c1", "ms 1", "seen c1",
+          "publish m3", "sink c2", "sink c3", "seen c2", "seen c3", "ticks 300", "seen c3", "sink c4", "publish m4",
+          "destroy", "seen c4"},
+         {"c1:", "c1: m1 m2 response:c1 end", "c2: m3 response:c2 end", "c3:", "c3: response:c3 end",
+          "c4: m4 response:c4 end"}},
+        // Once the sink is gone its connect's messages go nowhere; the next connect is served.
+        {{"sink c1", "unsink", "publish lost", "ms 5", "active", "connect c2", "publish m1", "ms 5", "seen c2"},
+         {"active no", "c2: m1 response:c2 end"}},
         // A short poll answers with retry advice, answers an open connect and leaves none open.
         {{"connect c1", "publish m1", "publish m2", "ms 1", "poll s1", "seen c1", "seen s1", "publish m3", "poll s2",
           "seen s2", "active", "armed"},

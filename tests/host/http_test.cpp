@@ -704,8 +704,16 @@ TEST_F(HttpClientTest, EndsBothStreamsWhenEitherSideCloses) {
         {"server fails its frames", 1 << 20, [](OpenSocket& s) { s.send("fail"); }, "complete"},
         {"server cuts TCP past its backlog", 3, [](OpenSocket& s) { s.send("echo"); },
          "error WebSocket connection to ws://127.0.0.1:"},
+        // The reader takes five frames, then nothing until the end: the server's writes stall past the write timeout.
+        {"server cuts TCP past its write timeout", std::size_t{1} << 30,
+         [](OpenSocket& s) {
+             for (int frame = 0; frame < 64; ++frame) {
+                 s.send(std::string(256 << 10, 'x'));
+             }
+         },
+         "error WebSocket connection to ws://127.0.0.1:"},
         {"reader cancels", 1 << 20, [](OpenSocket& s) { s.reader->cancel(); }, ""},
-        {"writer fails",  1 << 20,
+        {"writer fails", 1 << 20,
          [](OpenSocket& s) { s.writer->setError(std::make_exception_ptr(std::runtime_error("broke"))); },
          "complete"},
     };
@@ -714,11 +722,13 @@ TEST_F(HttpClientTest, EndsBothStreamsWhenEitherSideCloses) {
         SCOPED_TRACE(row.how);
         HttpServerOptions options = defaults();
         options.wsBacklogBytes = row.backlog;
+        options.writeTimeout = 300ms;
         start(options);
         OpenSocket socket = connect(wsUrl(*server, "/bayeux"));
         socket.reader->request(5);
         row.act(socket);
         EXPECT_TRUE(service->waitForFinished(++finished)) << "the server's socket stayed open";
+        socket.reader->request(1000);  // reads what the server wrote before it went
         if (*row.readerEnd != '\0') {
             EXPECT_THAT(socket.waitForEnd(), ::testing::StartsWith(row.readerEnd));
         }

@@ -303,7 +303,7 @@ TEST_F(HttpServerTest, AnswersEachRequestAsItsPathFilesLimitsAndOriginSay) {
           "access-control-max-age: 86400"}},
         {"OPTIONS", "/bayeux", {{"Origin", listed}}, "", {"status 204", "access-control-allow-headers: Content-Type"}},
         {"POST", "/bayeux", {{"Origin", listed}}, "x", {"status 200", cors, "vary: Origin"}},
-        {"POST", "/bayeux", {{"Origin", "https://evil.example"}}, "x", 
+        {"POST", "/bayeux", {{"Origin", "https://evil.example"}}, "x",
          {"status 200", "no access-control-allow-origin", "no vary"}},
         {"OPTIONS", "/bayeux", {{"Origin", "https://evil.example"}}, "", {"~body options /bayeux session="}},
     };
@@ -342,6 +342,7 @@ TEST_F(HttpServerTest, AnswersPipelinedRequestsInOrderAndAnExpectedBodyAfterTheG
         EXPECT_EQ(response.header("content-length"), std::to_string(response.body.size()));
         EXPECT_THAT(response.body, ::testing::ContainsRegex(expected));
     }
+    EXPECT_EQ(client.request("POST", "/bayeux/fail", {}, "x").status, 500) << "and the connection stays open";
     client.sendRaw("POST /bayeux HTTP/1.1\r\nHost: a\r\nExpect: 100-continue\r\nContent-Length: 5\r\n\r\n");
     EXPECT_EQ(client.read().status, 100);
     client.sendRaw("later");

@@ -116,7 +116,8 @@ void writeProcessMetrics(MetricsWriter& writer) {
         writer.family("process_cpu_seconds_total", "counter", "User and system CPU time spent, in seconds.");
         writer.sample("process_cpu_seconds_total", (std::stod(stat[11]) + std::stod(stat[12])) / ticksPerSecond);
         if (const std::optional<double> boot = bootTime()) {
-            writer.family("process_start_time_seconds", "gauge", "Start time of the process since the epoch, in seconds.");
+            writer.family("process_start_time_seconds", "gauge",
+                          "Start time of the process since the epoch, in seconds.");
             writer.sample("process_start_time_seconds", *boot + std::stod(stat[19]) / ticksPerSecond);
         }
     }

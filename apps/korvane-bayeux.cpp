@@ -58,6 +58,8 @@ struct Options {
     bool logLevelsGiven = false;
     common::LogFormat logFormat = common::LogFormat::text;
     unsigned heartbeatSeconds = 1;
+    // Where GET /metrics is served instead of the main listener; empty: there, if loopback.
+    std::string metricsListen;
     bool clustered = false;
     cluster::RedisBridgeOptions cluster;
     // Patterns that anonymous clients may subscribe to and publish on; empty: any.
@@ -142,6 +144,13 @@ std::vector<Flag> flags() {
         {"--listen", "HOST:PORT", http.listen, "address to serve on; [v6]:port, or :port for all interfaces",
          [](Options& options, const std::string& name, const std::string& value) {
              options.host.http.listen = requireListenAddress(name, value);
+         }},
+        {"--metrics-listen", "HOST:PORT", "none",
+         "serve GET /metrics (Prometheus text: clients, connects, messages, bytes, connections, refusals by "
+         "limit, the process's CPU, memory and descriptors; no client's identity) on this address, and not on "
+         "--listen, which serves them only when it is a loopback address",
+         [](Options& options, const std::string& name, const std::string& value) {
+             options.metricsListen = requireListenAddress(name, value);
          }},
         {"--path", "PATH", http.bayeuxPath, "the Bayeux endpoint; requests below it are Bayeux too",
          [](Options& options, const std::string& name, const std::string& value) {
@@ -407,6 +416,21 @@ common::TimerHandle returnFreedMemoryPeriodically() {
     return common::periodic([](long long) { malloc_trim(0); }, everyTicks);
 }
 
+// A listener of its own for GET /metrics, /healthz and /readyz, with no Bayeux path and no files.
+std::unique_ptr<host::HttpServer> startMetricsListener(const std::string& listen, const host::BayeuxHost& server,
+                                                       std::function<std::string()> notReadyReason) {
+    host::HttpServerOptions options;
+    options.listen = listen;
+    options.bayeuxPath.clear();
+    options.threads = 1;
+    options.metrics = server.metrics();
+    options.exposeMetrics = host::HttpServerOptions::MetricsExposure::always;
+    options.notReadyReason = std::move(notReadyReason);
+    auto listener = std::make_unique<host::HttpServer>(std::move(options), std::make_shared<host::ServiceRegistry>());
+    listener->start();
+    return listener;
+}
+
 int waitForStopSignal(const sigset_t& signals) {
     int received = 0;
     sigwait(&signals, &received);
@@ -438,10 +462,18 @@ int main(int argc, char** argv) {
     const common::LogFormat logFormat = options.logFormat;
     const std::string bayeuxPath = options.host.http.bayeuxPath;
     const auto readiness = std::make_shared<Readiness>();
-    options.host.http.notReadyReason = [readiness] { return readiness->notReadyReason(); };
+    const std::function<std::string()> notReadyReason = [readiness] { return readiness->notReadyReason(); };
+    options.host.http.notReadyReason = notReadyReason;
+    if (!options.metricsListen.empty()) {
+        options.host.http.exposeMetrics = host::HttpServerOptions::MetricsExposure::never;
+    }
     try {
         host::BayeuxHost server(std::move(options.host));
         server.start();
+        std::unique_ptr<host::HttpServer> metricsListener;
+        if (!options.metricsListen.empty()) {
+            metricsListener = startMetricsListener(options.metricsListen, server, notReadyReason);
+        }
         common::TimerHandle memoryTrim = returnFreedMemoryPeriodically();
         std::unique_ptr<Heartbeat> heartbeat;
         if (options.heartbeatSeconds != 0) {
@@ -454,12 +486,16 @@ int main(int argc, char** argv) {
         readiness->serving(bridge.get());
         std::cout << "korvane-bayeux: serving " << server.url() << " (Bayeux endpoint " << bayeuxPath
                   << ", Ctrl-C stops)" << std::endl;
+        if (metricsListener) {
+            std::cout << "korvane-bayeux: metrics at " << metricsListener->url() << "metrics" << std::endl;
+        }
         if (bridge) {
             std::cout << "korvane-bayeux: sharing channels through Redis at " << options.cluster.endpoint.describe()
                       << std::endl;
         }
         waitForStopSignal(signals);
         readiness->stopping();
+        metricsListener.reset();
         bridge.reset();
         heartbeat.reset();
         memoryTrim.reset();

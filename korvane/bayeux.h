@@ -10,6 +10,7 @@
 #include "korvane/frame/logger.h"
 #include "korvane/frame/manual_timer_backend.h"
 #include "korvane/frame/message.h"
+#include "korvane/frame/metrics.h"
 #include "korvane/frame/one_shot_publisher.h"
 #include "korvane/frame/random.h"
 #include "korvane/frame/reactive_streams.h"

@@ -4,6 +4,8 @@
 
 #include "korvane/bayeux.h"
 #include "korvane/host/host_context.h"
+#include "korvane/host/host_counters.h"
+#include "korvane/routing/bayeux_counters.h"
 #include "korvane/host/loop_timer_backend.h"
 
 namespace korvane::host {
@@ -40,7 +42,31 @@ BayeuxHost::BayeuxHost(BayeuxHostOptions options)
     serviceRegistry->add(webSocketClientAddress, std::make_shared<bayeux::WebSocketClientConnectionServiceProvider>());
     options.http.bayeuxAddress = dispatchAddress;
     options.http.requestInContext = options.policy != nullptr;
+    options.http.metrics = exposition;
     server = std::make_unique<HttpServer>(std::move(options.http), serviceRegistry, timers);
+    addMetricCollectors();
+}
+
+void BayeuxHost::addMetricCollectors() {
+    exposition->add(bayeux::writeBayeuxCounters);
+    exposition->add([this](common::MetricsWriter& writer) {
+        const bayeux::BayeuxServiceProviderImpl::ClientCensus clients = protocolService->census();
+        writer.family("korvane_clients", "gauge", "Clients, by the connection type of their last connect.");
+        for (const auto& [type, count] : clients.byConnectionType) {
+            writer.sample("korvane_clients", std::uint64_t{count}, {{"connection_type", type}});
+        }
+        writer.single("korvane_connects_held", "gauge", "Connects held open, waiting for messages.",
+                      clients.heldConnects);
+        const bayeux::BayeuxServerImpl::Census routing = routingCore->census();
+        writer.single("korvane_routing_sessions", "gauge",
+                      "Sessions in the routing core: remote clients and in-process sessions.", routing.sessions);
+        writer.single("korvane_routing_patterns", "gauge", "Channels and patterns that sessions subscribe to.",
+                      routing.patterns);
+        writeHostCounters(writer);
+        writer.single("korvane_connections_open", "gauge", "Open HTTP and WebSocket connections.",
+                      server->openConnections());
+    });
+    exposition->add(writeProcessMetrics);
 }
 
 BayeuxHost::~BayeuxHost() {

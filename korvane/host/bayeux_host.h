@@ -23,9 +23,11 @@
 #include <memory>
 #include <string>
 
+#include "korvane/frame/metrics.h"
 #include "korvane/host/http_client.h"
 #include "korvane/host/http_server.h"
 #include "korvane/host/service_registry.h"
+#include "korvane/routing/bayeux_server.h"
 #include "korvane/service/bayeux_policy.h"
 #include "korvane/session/long_poll_session.h"
 
@@ -82,15 +84,22 @@ public:
     std::shared_ptr<ServiceRegistry> registry() const { return serviceRegistry; }
     std::shared_ptr<bayeux::BayeuxServer> routing() const { return routingCore; }
     std::shared_ptr<bayeux::BayeuxServiceProviderImpl> protocol() const { return protocolService; }
+    // The server's metrics, served at GET /metrics as options.http.exposeMetrics allows;
+    // the embedding program adds its own collectors, or serves them on another listener,
+    // which must stop before the host goes: the host's collectors read its services.
+    std::shared_ptr<common::MetricsExposition> metrics() const { return exposition; }
     // An in-process session on this server's routing core, registered with it. The
     // caller owns it; it leaves the routing core when released.
     std::shared_ptr<bayeux::LocalBayeuxSession> makeLocalSession();
 
 private:
+    void addMetricCollectors();
+
     std::shared_ptr<LoopTimerBackend> timers;
     std::shared_ptr<ServiceRegistry> serviceRegistry;
-    std::shared_ptr<bayeux::BayeuxServer> routingCore;
+    std::shared_ptr<bayeux::BayeuxServerImpl> routingCore;
     std::shared_ptr<bayeux::BayeuxServiceProviderImpl> protocolService;
+    std::shared_ptr<common::MetricsExposition> exposition = std::make_shared<common::MetricsExposition>();
     std::unique_ptr<HttpServer> server;
     bool started = false;
 };

@@ -24,6 +24,7 @@
 #include "korvane/frame/ring_queue.h"
 #include "korvane/host/browser_session.h"
 #include "korvane/host/host_context.h"
+#include "korvane/host/host_counters.h"
 #include "korvane/host/relay_subscriber.h"
 #include "korvane/host/server_state.h"
 #include "korvane/host/strand_link.h"
@@ -89,7 +90,7 @@ std::string serializedHead(Head& head) {
 }
 
 bool isBayeuxPath(std::string_view path, std::string_view bayeuxPath) {
-    return path.compare(0, bayeuxPath.size(), bayeuxPath) == 0 &&
+    return !bayeuxPath.empty() && path.compare(0, bayeuxPath.size(), bayeuxPath) == 0 &&
            (path.size() == bayeuxPath.size() || path[bayeuxPath.size()] == '/');
 }
 
@@ -254,8 +255,10 @@ private:
         }
         keepAlive = false;
         if (error == bhttp::error::header_limit) {
+            count(HostCounter::refusedForHeader);
             doSendText(bhttp::status::request_header_fields_too_large, "Request header too large");
         } else if (error == bhttp::error::body_limit) {
+            count(HostCounter::refusedForBody);
             doSendText(bhttp::status::payload_too_large, "Request body too large");
         } else if (error.category() == bhttp::make_error_code(bhttp::error::bad_method).category() &&
                    error != bhttp::error::end_of_stream && error != bhttp::error::partial_message) {
@@ -278,6 +281,8 @@ private:
             doSendText(bhttp::status::ok, "serving\n");
         } else if (path == "/readyz") {
             doReadiness();
+        } else if (path == "/metrics" && state->metrics) {
+            doSendText(bhttp::status::ok, state->metrics->render(), "text/plain; version=0.0.4; charset=utf-8");
         } else {
             doStatic(path);
         }
@@ -317,6 +322,7 @@ private:
         }
         upgrade = isUpgrade(request);
         if (upgrade && !state->origins.allowsUpgrade(origin, request[bhttp::field::host])) {
+            count(HostCounter::refusedForOrigin);
             doSendText(bhttp::status::forbidden, "Origin not allowed");
             return;
         }
@@ -333,6 +339,9 @@ private:
     }
 
     void doDeliver() {
+        if (!upgrade) {
+            count(HostCounter::longPollBytesIn, request.body().size());
+        }
         http::Headers headers;
         for (const auto& field : request) {
             headers.emplace(lowered(field.name_string()), std::string(field.value()));
@@ -441,6 +450,7 @@ private:
                     response->body().append(signal.item->view());
                 }
             }
+            count(HostCounter::longPollBytesOut, response->body().size());
             doWriteFull(std::move(response), true);
             return;
         }
@@ -469,6 +479,7 @@ private:
         doDecorate(*streamHead);
         streamHead->keep_alive(keepAlive);
         streamHead->chunked(true);
+        countResponse(streamHead->result_int());
         headPending = true;
         pendingBody.clear();
         for (BodySignal& signal : collected) {
@@ -524,6 +535,7 @@ private:
                 ++taken;
                 // An empty chunk would read as the end of the body: it is only taken.
                 if (!signal.item->empty()) {
+                    count(HostCounter::longPollBytesOut, signal.item->size);
                     appendChunk(signal.item->view(), outgoing);
                 }
             }
@@ -668,9 +680,10 @@ private:
         }
     }
 
-    void doSendText(bhttp::status status, std::string_view text) {
+    void doSendText(bhttp::status status, std::string_view text,
+                    std::string_view contentType = "text/plain; charset=utf-8") {
         auto response = doMakeResponse(status);
-        response->set(bhttp::field::content_type, "text/plain; charset=utf-8");
+        response->set(bhttp::field::content_type, contentType);
         response->body() = std::string(text);
         doWriteFull(std::move(response), true);
     }
@@ -683,6 +696,7 @@ private:
             response->prepare_payload();
         }
         full = std::move(response);
+        countResponse(full->result_int());
         doArmWriteTimeout();
         bhttp::async_write(stream, *full, [self = this->shared_from_this()](beast::error_code error, std::size_t) {
             self->full.reset();

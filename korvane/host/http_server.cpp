@@ -21,6 +21,7 @@
 #include <boost/asio/strand.hpp>
 
 #include "korvane/frame/logger.h"
+#include "korvane/host/host_counters.h"
 #include "korvane/host/http_connection.h"
 #include "korvane/host/loop_timer_backend.h"
 #include "korvane/host/server_state.h"
@@ -89,6 +90,13 @@ struct HttpServer::Impl {
           acceptStrand(net::make_strand(io)),
           acceptor(acceptStrand),
           retryTimer(acceptStrand) {}
+
+    bool exposesMetrics() const {
+        using Exposure = HttpServerOptions::MetricsExposure;
+        return options.metrics &&
+               (options.exposeMetrics == Exposure::always ||
+                (options.exposeMetrics == Exposure::loopbackOnly && acceptor.local_endpoint().address().is_loopback()));
+    }
 
     unsigned threadCount() const { return options.threads != 0 ? options.threads : usableCpuCount(); }
 
@@ -193,6 +201,7 @@ struct HttpServer::Impl {
         if (state->connections.count() >= options.maxConnections) {
             boost::system::error_code ignored;
             socket.close(ignored);
+            count(HostCounter::connectionsRefused);
             doNoteRefusal();
         } else {
             // Replies and pushed messages are small and latency-bound: no Nagle delay.
@@ -274,7 +283,8 @@ void HttpServer::start() {
     }
     self.loadTls();
     self.listen();
-    self.state = std::make_shared<ServerState>(self.options, self.registry, self.tls.get());
+    self.state = std::make_shared<ServerState>(self.options, self.registry, self.tls.get(),
+                                               self.exposesMetrics() ? self.options.metrics : nullptr);
     self.started = true;
     self.work.emplace(self.io.get_executor());
     if (self.timers) {
@@ -289,6 +299,8 @@ void HttpServer::start() {
 unsigned short HttpServer::port() const { return impl->boundPort.load(); }
 
 std::string HttpServer::url() const { return impl->baseUrl; }
+
+std::size_t HttpServer::openConnections() const { return impl->state ? impl->state->connections.count() : 0; }
 
 void HttpServer::stop() {
     Impl& self = *impl;

@@ -5,11 +5,12 @@
 // that carries the browser's "sessionId", sent to `bayeuxAddress`; the answer goes
 // back as an HTTP response (Content-Length when its body was complete at once,
 // chunked when it streams) or, for an upgrade, as a WebSocket. Every other path is
-// served from the static folders, but for the probes /healthz and /readyz.
+// served from the static folders, but for the probes /healthz and /readyz and, where
+// allowed, /metrics.
 //
 // Threading: start(), stop() and the destructor are for the owner's thread and must
-// not run on one of the server's I/O threads. port() and url() may be called from
-// any thread once start() returned. The server runs a pool of I/O threads; each
+// not run on one of the server's I/O threads. port(), url() and openConnections() may
+// be called from any thread once start() returned. The server runs a pool of I/O threads; each
 // connection runs on its own strand, and signals of the services' streams, which
 // come on any thread, are posted to that strand.
 
@@ -21,6 +22,7 @@
 #include <utility>
 #include <vector>
 
+#include "korvane/frame/metrics.h"
 #include "korvane/frame/service.h"
 #include "korvane/host/service_registry.h"
 
@@ -30,6 +32,7 @@ struct HttpServerOptions {
     // host:port, [v6]:port, or :port for all interfaces; port 0 picks a free one.
     std::string listen = "127.0.0.1:8080";
     // Requests to this path or below it go to the Bayeux service; never served from disk.
+    // Empty: no Bayeux path (a listener for the probes and the metrics).
     std::string bayeuxPath = "/bayeux";
     Address bayeuxAddress;
     // I/O threads; 0 means one per CPU the process may run on.
@@ -65,6 +68,12 @@ struct HttpServerOptions {
     // Called on an I/O thread for each probe, so it must be quick and thread-safe; unset,
     // the server is ready while it runs.
     std::function<std::string()> notReadyReason;
+    // What GET /metrics answers, where `exposeMetrics` allows: always, never, or while the
+    // listener is bound to a loopback address only, so that a public listener does not tell
+    // everyone what the server does. Unset or not allowed, /metrics is an ordinary path.
+    std::shared_ptr<const common::MetricsExposition> metrics;
+    enum class MetricsExposure { never, loopbackOnly, always };
+    MetricsExposure exposeMetrics = MetricsExposure::loopbackOnly;
     // Put each request's headers and remote address in its context (see host_context.h),
     // for a policy that reads them; off, a request pays nothing for it.
     bool requestInContext = false;
@@ -97,6 +106,8 @@ public:
     void start();
     // The bound port.
     unsigned short port() const;
+    // Connections open now.
+    std::size_t openConnections() const;
     // The server's base URL, e.g. "http://127.0.0.1:8080/".
     std::string url() const;
     // Stops accepting, closes held streaming responses, closes WebSockets with a close

@@ -21,12 +21,13 @@ namespace korvane::host {
 
 struct ServerState {
     ServerState(HttpServerOptions serverOptions, std::weak_ptr<ServiceRegistry> serviceRegistry,
-                boost::asio::ssl::context* tlsContext)
+                boost::asio::ssl::context* tlsContext, std::shared_ptr<const common::MetricsExposition> exposedMetrics)
         : options(std::move(serverOptions)),
           registry(std::move(serviceRegistry)),
           staticFiles(options.staticRoot, options.staticMounts),
           origins(options.allowOrigins),
-          tls(tlsContext) {}
+          tls(tlsContext),
+          metrics(std::move(exposedMetrics)) {}
 
     const HttpServerOptions options;
     const std::weak_ptr<ServiceRegistry> registry;
@@ -34,6 +35,8 @@ struct ServerState {
     const OriginPolicy origins;
     // Null for a plain listener; owned by the server, which outlives every connection.
     boost::asio::ssl::context* const tls;
+    // What GET /metrics answers; null where this listener does not expose them.
+    const std::shared_ptr<const common::MetricsExposition> metrics;
     ConnectionTracker connections;
 };
 

@@ -16,6 +16,7 @@
 #include "korvane/frame/logger.h"
 #include "korvane/frame/ring_queue.h"
 #include "korvane/host/coalescing_stream.h"
+#include "korvane/host/host_counters.h"
 #include "korvane/host/relay_subscriber.h"
 #include "korvane/host/server_state.h"
 #include "korvane/host/strand_link.h"
@@ -166,6 +167,7 @@ private:
             doFinish();
             return;
         }
+        countResponse(101);
         writer = std::make_shared<RelaySubscriber<WebSocketFrame>>(
             [link = link, inbox = inbox](FrameSignal&& signal) {
                 if (inbox->put(std::move(signal))) {
@@ -210,12 +212,17 @@ private:
         if (error) {
             // The peer closed (Beast has answered its close frame), broke off, went
             // quiet past the idle time, or sent a message over the limit (closed 1009).
+            if (error == websocket::error::message_too_big) {
+                count(HostCounter::refusedForMessageSize);
+            }
             doFinish();
             return;
         }
         const auto data = readBuffer.data();
         DataBuffer message(std::string_view(static_cast<const char*>(data.data()), data.size()));
         readBuffer.consume(data.size());
+        count(HostCounter::webSocketFramesIn);
+        count(HostCounter::webSocketBytesIn, message.size);
         if (readDemand != std::numeric_limits<unsigned long>::max()) {
             --readDemand;
         }
@@ -250,6 +257,7 @@ private:
                 KORVANE_LOG(logger, common::logWarning) << "WebSocket cut: " << backlogBytes()
                                          << " bytes waiting for a peer that does not read, over the limit of "
                                          << state->options.wsBacklogBytes;
+                count(HostCounter::webSocketCutForBacklog);
                 doFinish();
                 return;
             }
@@ -296,6 +304,10 @@ private:
 
     void onWritten(beast::error_code error) {
         writing = false;
+        if (!error) {
+            count(HostCounter::webSocketFramesOut);
+            count(HostCounter::webSocketBytesOut, writeQueue.front().data.size);
+        }
         queuedBytes -= writeQueue.front().data.size;
         writeQueue.pop_front();
         if (error || finished) {
@@ -342,6 +354,7 @@ private:
         // The stalled write may have been the layer's own, with nothing of ours under way:
         // the cut is told here, wherever its failure was seen.
         if (socket.next_layer().timedOut()) {
+            count(HostCounter::webSocketCutForWriteTimeout);
             KORVANE_LOG(logger, common::logWarning) << "WebSocket cut: a write took longer than "
                                      << state->options.writeTimeout.count() << " ms";
         }

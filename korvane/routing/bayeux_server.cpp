@@ -6,6 +6,7 @@
 #include "korvane/codec/channel.h"
 #include "korvane/frame/logger.h"
 #include "korvane/frame/spare_buckets.h"
+#include "korvane/routing/bayeux_counters.h"
 
 namespace korvane::bayeux {
 
@@ -206,7 +207,25 @@ std::shared_ptr<BayeuxServer> BayeuxServerImpl::getPtr() {
     return shared_from_this();
 }
 
+BayeuxServerImpl::Census BayeuxServerImpl::census() {
+    Census census;
+    std::lock_guard<std::mutex> guard(mutex);
+    for (const Tier& tier : tiers) {
+        census.sessions += static_cast<std::size_t>(
+            std::count_if(tier.offeredEverything->begin(), tier.offeredEverything->end(),
+                          [](const std::weak_ptr<BayeuxSession>& session) { return !session.expired(); }));
+        census.patterns += tier.byPattern.patternCount();
+    }
+    for (const auto& entry : declared) {
+        if (entry.second.copies[priorityTier] + entry.second.copies[ordinaryTier] != 0) {
+            ++census.sessions;
+        }
+    }
+    return census;
+}
+
 void BayeuxServerImpl::doDeliver(const std::shared_ptr<const PublishRequest>& request) {
+    count(BayeuxCounter::messagesPublished);
     // Split once; the index and every session match against the same vector.
     const std::vector<std::string> segments = splitChannel(request->channel);
     const std::vector<std::string> paths = SubscriptionIndex::pathsOf(segments);

@@ -55,6 +55,14 @@ public:
     void withdrawPattern(BayeuxSession& session, const std::string& pattern) override;
     void forgetSession(BayeuxSession& session) override;
 
+    // What the metrics report of the routing core: its live sessions, and the patterns
+    // held in its index (a pattern held in both lists counts twice).
+    struct Census {
+        std::size_t sessions = 0;
+        std::size_t patterns = 0;
+    };
+    Census census();
+
 private:
     // One list: the sessions offered everything, and the sessions found by their patterns.
     struct Tier {

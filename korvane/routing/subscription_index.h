@@ -59,6 +59,8 @@ public:
     static std::vector<std::string> pathsOf(const std::vector<std::string>& segments);
     // Adds the chunks of every bucket whose pattern can match the channel of `paths` (from pathsOf).
     void collect(const std::vector<std::string>& paths, Snapshot& snapshot) const;
+    // The patterns that at least one session holds.
+    std::size_t patternCount() const { return exact.size() + singleWildcard.size() + deepWildcard.size(); }
 
 private:
     class Bucket {

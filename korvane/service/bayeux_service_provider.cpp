@@ -8,6 +8,7 @@
 
 #include "korvane/frame/logger.h"
 #include "korvane/frame/spare_buckets.h"
+#include "korvane/routing/bayeux_counters.h"
 #include "korvane/routing/bayeux_queue.h"
 #include "korvane/session/long_poll_session.h"
 
@@ -174,6 +175,7 @@ void BayeuxServiceProviderImpl::dropOverflowingClient(const std::string& clientI
     if (!deleteSession(clientId)) {
         return;
     }
+    count(BayeuxCounter::clientsDroppedOverPending);
     std::unique_lock<std::mutex> lock(mutex);
     ++droppedSinceWarning;
     doWarnAboutDroppedClients(lock, common::getCurrentTick());
@@ -224,6 +226,7 @@ void BayeuxServiceProviderImpl::sweepClients(long long tick) {
         expired.push_back(doForget(it));
         it = next;
     }
+    count(BayeuxCounter::clientsSwept, expired.size());
     common::releaseSpareBuckets(clients);
     // Drops that came too soon after a warning are reported here once their second is over.
     doWarnAboutDroppedClients(lock, tick);
@@ -280,6 +283,24 @@ void BayeuxServiceProviderImpl::flush() {
     for (const auto& entry : clients) {
         entry.second.session->flush();
     }
+}
+
+BayeuxServiceProviderImpl::ClientCensus BayeuxServiceProviderImpl::census() {
+    ClientCensus census;
+    for (const auto& limit : activeConnectLimits) {
+        census.byConnectionType[limit.first] = 0;
+    }
+    census.byConnectionType["none"] = 0;
+    census.byConnectionType["other"] = 0;
+    std::lock_guard<std::mutex> lock(mutex);
+    for (const auto& [clientId, info] : clients) {
+        const bool known = activeConnectLimits.count(info.connectionType) != 0;
+        ++census.byConnectionType[info.connectionType.empty() ? "none" : known ? info.connectionType : "other"];
+        if (info.session->hasActiveConnect()) {
+            ++census.heldConnects;
+        }
+    }
+    return census;
 }
 
 // ---- requests ----
@@ -347,6 +368,7 @@ Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_p
     }
     response->clientId = createSession(sessionId, context, std::move(decision.grant))->getId();
     response->successful = true;
+    count(BayeuxCounter::handshakes);
     return resolved(std::move(response));
 }
 
@@ -376,6 +398,7 @@ bool BayeuxServiceProviderImpl::openConnect(const ConnectStreamRequest& request,
     const std::string sessionId = hostSessionIdOf(context);
     if (getActiveConnectCountForSessionId(sessionId, connectionType) >= getActiveConnectCountLimit(connectionType)) {
         KORVANE_LOG(logger, common::logTrace) << "Connecting with stream response (short poll): " << request.clientId << ", " << sessionId;
+        count(BayeuxCounter::shortPolls);
         response.stream = session->korvaneShortPoll(request.id);
         return true;
     }
@@ -418,6 +441,7 @@ Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_p
     if (deleteSession(request->clientId)) {
         KORVANE_LOG(logger, common::logLifecycle) << "Disconnect session with id: " << request->clientId;
         response->successful = true;
+        count(BayeuxCounter::disconnects);
     } else {
         refuseUnknownClient(*response);
     }

@@ -11,8 +11,8 @@
 // for the same client; the sweep runs on the timers' thread. `mutex` guards
 // `clients`, `sweeper` and every ClientInfo, and is held only for the map work and
 // for starting the sweep. Calls into a session are made with `mutex` released,
-// except in getActiveConnectCountForSessionId and flush, where `mutex` is the outer
-// lock and the session's own the inner one. A session calls back into the provider
+// except in getActiveConnectCountForSessionId, flush and census, where `mutex` is the
+// outer lock and the session's own the inner one. A session calls back into the provider
 // only when its client exceeds the pending limit, from its deliver with no
 // session lock held, through a callback that holds the provider weakly. The policy
 // and the incoming hook are called with no lock held (see bayeux_policy.h). Sessions
@@ -22,6 +22,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -97,6 +98,15 @@ public:
     // Marks every open connect for answering; each is answered by its session's
     // next message or connect.
     void flush();
+
+    // What the metrics report of the registry: its clients by the connection type of their
+    // last connect ("none" before the first, "other" for a type the server has no limit
+    // for, so that clients cannot make up labels), and the connects held open.
+    struct ClientCensus {
+        std::map<std::string, std::size_t> byConnectionType;
+        std::size_t heldConnects = 0;
+    };
+    ClientCensus census();
 
 private:
     struct ClientInfo {

@@ -8,6 +8,7 @@
 
 #include "korvane/frame/logger.h"
 #include "korvane/frame/random.h"
+#include "korvane/routing/bayeux_counters.h"
 #include "korvane/routing/bayeux_queue.h"
 
 namespace korvane::bayeux {
@@ -121,6 +122,8 @@ void LongPollSession::doDeliver(std::unique_lock<std::mutex>& lock,
     // The session's own copy, without the sender's id; the shared original stays untouched for the others.
     pendingMessages.push_back(std::make_unique<PublishRequest>(message, PublishRequest::withoutSender));
     pendingBytes += pendingSize(*message);
+    count(BayeuxCounter::deliveries);
+    raisePendingHighWater(pendingMessages.size());
     const bool limitExceeded = doCheckPendingLimit(lock);
     if (bufferResponses) {
         setBufferTimeout(lock);

@@ -23,6 +23,7 @@
 
 #include "command_line.h"
 #include "korvane/bayeux.h"
+#include "korvane/cluster/channel_sharding.h"
 #include "korvane/cluster/redis_bridge.h"
 #include "korvane/host/allow_list_policy.h"
 #include "korvane/host/bayeux_host.h"
@@ -237,10 +238,11 @@ std::vector<Flag> flags() {
          }},
         {"--redis", "URL", "none, the server runs alone",
          "share channels with other servers through Redis: redis://[:password@]host:port[/db] "
-         "(or the password in KORVANE_REDIS_PASSWORD)",
+         "(or the password in KORVANE_REDIS_PASSWORD); repeated, channels are spread over the instances, "
+         "listed in the same order on every server",
          [](Options& options, const std::string& name, const std::string& value) {
              try {
-                 options.cluster.endpoint = cluster::parseRedisUrl(value, std::getenv("KORVANE_REDIS_PASSWORD"));
+                 options.cluster.shards.push_back(cluster::parseRedisUrl(value, std::getenv("KORVANE_REDIS_PASSWORD")));
              } catch (const std::invalid_argument& error) {
                  // Not the URL itself: it may hold a password.
                  throw std::invalid_argument(name + ": " + error.what());
@@ -255,7 +257,7 @@ std::vector<Flag> flags() {
              options.cluster.prefix = value;
          }},
         {"--redis-buffer", "N", count(cluster::RedisBridgeOptions().bufferSize),
-         "messages held for Redis while it is slow or away; more are dropped",
+         "messages held for each Redis instance while it is slow or away; more are dropped",
          [](Options& options, const std::string& name, const std::string& value) {
              options.cluster.bufferSize = static_cast<std::size_t>(parseNumber(name, value, 100000000));
          }},
@@ -407,6 +409,13 @@ common::TimerHandle returnFreedMemoryPeriodically() {
     return common::periodic([](long long) { malloc_trim(0); }, everyTicks);
 }
 
+// What the Redis bridge did over the server's life, for an operator and for bench/cluster-scale.mjs.
+void printBridgeTotals(const cluster::RedisBridgeStats& stats) {
+    std::cout << "korvane-bayeux: Redis: " << stats.shardsUp << "/" << stats.shards << " shards up, "
+              << stats.messagesOut << " messages out, " << stats.messagesIn << " in, " << stats.dropped
+              << " dropped, " << stats.reconnects << " reconnects, lag " << stats.lagMicros << " us" << std::endl;
+}
+
 int waitForStopSignal(const sigset_t& signals) {
     int received = 0;
     sigwait(&signals, &received);
@@ -423,6 +432,14 @@ int main(int argc, char** argv) {
     } catch (const std::exception& error) {
         std::cerr << "korvane-bayeux: " << error.what() << " (see --help)\n";
         return 2;
+    }
+    if (options.clustered) {
+        try {
+            cluster::checkShardList(options.cluster);
+        } catch (const std::invalid_argument& error) {
+            std::cerr << "korvane-bayeux: " << error.what() << "\n";
+            return 2;
+        }
     }
 
     sigset_t signals;
@@ -455,11 +472,14 @@ int main(int argc, char** argv) {
         std::cout << "korvane-bayeux: serving " << server.url() << " (Bayeux endpoint " << bayeuxPath
                   << ", Ctrl-C stops)" << std::endl;
         if (bridge) {
-            std::cout << "korvane-bayeux: sharing channels through Redis at " << options.cluster.endpoint.describe()
-                      << std::endl;
+            std::cout << "korvane-bayeux: sharing channels through Redis at "
+                      << cluster::shardListText(options.cluster.shards) << std::endl;
         }
         waitForStopSignal(signals);
         readiness->stopping();
+        if (bridge) {
+            printBridgeTotals(bridge->stats());
+        }
         bridge.reset();
         heartbeat.reset();
         memoryTrim.reset();

@@ -1,14 +1,16 @@
-// Three korvane-bayeux servers sharing their channels through one redis-server, with
-// the cometd client on each: delivery across servers on both transports, no echo and no
-// duplicates, and Redis going away and back, with order per publisher across it.
+// Three korvane-bayeux servers sharing their channels through two redis-server shards,
+// with the cometd client on each: delivery across servers on both transports to exactly
+// the holders of a channel, no echo and no duplicates, subscriptions in Redis that follow
+// the local holders, a shard going away and back, and a shard list that differs.
 
 import { after, before, describe, test } from "node:test";
 import assert from "node:assert/strict";
 import { randomBytes } from "node:crypto";
+import { spawnSync } from "node:child_process";
 import net from "node:net";
 
-import { startRedis, startServer } from "../support/launch.mjs";
-import { disconnect, handshake, newClient, publish, sleep, subscribe, until } from "../support/cometd.mjs";
+import { serverBinary, startRedis, startServer } from "../support/launch.mjs";
+import { disconnect, handshake, newClient, publish, sleep, subscribe, unsubscribe, until } from "../support/cometd.mjs";
 
 const clients = [];
 const client = async (server, transport = "long-polling") => {
@@ -19,13 +21,20 @@ const client = async (server, transport = "long-polling") => {
 };
 const clusterWarnings = (server) => server.output().split("\n").filter((line) => line.includes("[korvane::cluster]"));
 
-describe("servers sharing channels through Redis", () => {
+describe("servers sharing channels through Redis shards", () => {
     const password = `pw-${randomBytes(6).toString("hex")}`;
     const prefix = `korvane-test-${randomBytes(3).toString("hex")}:`;
-    let redis;
+    const shards = [];
     const servers = {};
     let probes = 0;
-    const startClustered = (url, env = {}) => startServer({ args: ["--redis", url, "--redis-prefix", prefix], env });
+    const startClustered = (urls, env = {}) =>
+        startServer({ args: [...urls.flatMap((url) => ["--redis", url]), "--redis-prefix", prefix], env });
+    // How many servers subscribe to `channel`, over all shards, and the shards that carry it.
+    const inRedis = async (channel) => {
+        const counts = await Promise.all(shards.map(async (shard) => Number((await shard.cli("PUBSUB", "NUMSUB", prefix + channel))[1])));
+        return { servers: counts.reduce((x, y) => x + y), on: counts.flatMap((count, shard) => (count ? [shard] : [])) };
+    };
+    const patternCounts = () => Promise.all(shards.map(async (shard) => Number((await shard.cli("PUBSUB", "NUMPAT"))[0])));
 
     // Publishes from `from` until a subscriber on `to` sees it: the bridges of both are up.
     const awaitCrossing = async (from, to) => {
@@ -40,11 +49,11 @@ describe("servers sharing channels through Redis", () => {
     };
 
     before(async () => {
-        redis = await startRedis({ password });
-        const base = `127.0.0.1:${redis.port}`;
-        servers.a = await startClustered(`redis://:${password}@${base}`);
-        servers.b = await startClustered(`redis://${base}`, { KORVANE_REDIS_PASSWORD: password });
-        servers.c = await startClustered(`redis://:${password}@${base}/0`);
+        for (let k = 0; k < 2; ++k) shards.push(await startRedis({ password }));
+        const bases = shards.map((shard) => `127.0.0.1:${shard.port}`);
+        servers.a = await startClustered(bases.map((base) => `redis://:${password}@${base}`));
+        servers.b = await startClustered(bases.map((base) => `redis://${base}`), { KORVANE_REDIS_PASSWORD: password });
+        servers.c = await startClustered(bases.map((base) => `redis://:${password}@${base}/0`));
         await awaitCrossing(servers.b, servers.a);
         await awaitCrossing(servers.a, servers.b);
         await awaitCrossing(servers.a, servers.c);
@@ -52,7 +61,7 @@ describe("servers sharing channels through Redis", () => {
     after(async () => {
         await Promise.all(clients.map(disconnect));
         for (const server of Object.values(servers)) await server.stop();
-        await redis?.stop();
+        for (const shard of shards) await shard.stop();
     });
 
     for (const transport of ["long-polling", "websocket"]) {
@@ -81,35 +90,104 @@ describe("servers sharing channels through Redis", () => {
         });
     }
 
-    test("while Redis is away each server serves its own clients; delivery across servers resumes on its own", async () => {
+    test("a message reaches the holders of its channel on other servers and no one else, for exact channels and both wildcards", async () => {
+        // Server a holds an exact channel and, in another session, a deep wildcard that Redis sends it too.
+        const holders = [["a", "/t/exact"], ["a", "/t/**"], ["b", "/t/one/*"], ["c", "/t/deep/**"]];
+        const publishes = [
+            // channel, published on, the holders (by their place above) that get it
+            ["/t/exact", "b", [0, 1]],
+            ["/t/one/x", "c", [1, 2]],
+            ["/t/one/x/y", "c", [1]], // b's Redis glob covers it, its pattern does not
+            ["/t/deep/x/y", "b", [1, 3]],
+            ["/t/elsewhere", "c", [1]],
+        ];
+        const seen = holders.map(() => []);
+        for (const [index, [server, pattern]] of holders.entries()) {
+            await subscribe(await client(servers[server]), pattern, (message) => seen[index].push(message.channel));
+        }
+        assert.equal((await inRedis("/t/exact")).servers, 1, "only server a subscribes to /t/exact in Redis");
+        for (const [channel, from] of publishes) await publish(await client(servers[from]), channel, { channel });
+        const expected = holders.map((_, index) => publishes.filter(([, , to]) => to.includes(index)).map(([channel]) => channel));
+        await until(() => seen.every((list, index) => list.length >= expected[index].length), 5000, "the deliveries");
+        await sleep(300);
+        assert.deepEqual(seen, expected);
+    });
+
+    test("Redis subscriptions follow the local holders: one per server however many hold, gone with the last", async () => {
+        const patternsBefore = await patternCounts();
+        const holders = [await client(servers.a), await client(servers.a)];
+        const handles = [await subscribe(holders[0], "/t/leave", () => {}), await subscribe(holders[1], "/t/leave", () => {})];
+        await subscribe(holders[1], "/t/leave/*", () => {});
+        assert.equal((await inRedis("/t/leave")).servers, 1, "in Redis by the time the subscribe is acknowledged");
+        assert.deepEqual((await patternCounts()).map((count, k) => count - patternsBefore[k]), [1, 1], "a wildcard on every shard");
+        await unsubscribe(holders[0], handles[0]);
+        await sleep(300);
+        assert.equal((await inRedis("/t/leave")).servers, 1, "another holder is left");
+        await disconnect(holders[1]);
+        for (const end = Date.now() + 3000; (await inRedis("/t/leave")).servers !== 0; await sleep(50)) {
+            assert.ok(Date.now() < end, "the last holder's leaving did not unsubscribe");
+        }
+        assert.deepEqual(await patternCounts(), patternsBefore, "nor the wildcard's");
+    });
+
+    test("a message published on another server right after the subscribe reply arrives", async () => {
+        const [listener, talker] = [await client(servers.a), await client(servers.b)];
+        const seen = [];
+        for (let n = 0; n < 20; ++n) {
+            await subscribe(listener, `/t/fresh/${n}`, (message) => seen.push(message.data.n));
+            await publish(talker, `/t/fresh/${n}`, { n });
+        }
+        await until(() => seen.length === 20, 5000, `all 20 messages, got ${seen}`);
+    });
+
+    test("while a shard is away only its channels stop crossing; they resume on their own, in order", async () => {
         const [listener, neighbour, remote] = [await client(servers.a), await client(servers.a), await client(servers.b)];
-        const [localSeen, remoteSeen] = [[], []];
-        await subscribe(listener, "/local/room", (message) => localSeen.push(message.data.n));
-        await subscribe(listener, "/shared/room", (message) => remoteSeen.push(message.data.n));
+        const seen = {};
+        const shardChannels = [];
+        for (let k = 0; shardChannels.filter(Boolean).length < 2; ++k) {
+            const channel = `/shard/${k}`;
+            seen[channel] = [];
+            await subscribe(listener, channel, (message) => seen[channel].push(message.data.n));
+            shardChannels[(await inRedis(channel)).on[0]] ??= channel;
+        }
+        const [alive, away] = shardChannels;
         const warningsBefore = clusterWarnings(servers.a).length;
 
-        await redis.stop();
-        await publish(neighbour, "/local/room", { n: 1 });
-        await until(() => localSeen.length === 1, 3000, "a local delivery while Redis is down");
+        await shards[1].stop();
+        await publish(neighbour, away, { n: -1 });
         let n = 0;
-        while (n < 5) await publish(remote, "/shared/room", { n: n++ });
+        while (n < 5) {
+            await publish(remote, away, { n });
+            await publish(remote, alive, { n: n++ });
+        }
+        await until(() => seen[alive].length === 5, 3000, "the other shard's messages");
         await sleep(1500);
+        assert.deepEqual(seen[away], [-1], "only the local delivery while its shard is away");
         assert.equal(clusterWarnings(servers.a).length - warningsBefore, 1, "one warning for the outage, not one per attempt");
 
-        redis = await startRedis({ port: redis.port, password });
+        shards[1] = await startRedis({ port: shards[1].port, password });
         const firstAfter = n;
-        for (const end = Date.now() + 15000; !remoteSeen.some((value) => value >= firstAfter); await sleep(100)) {
+        for (const end = Date.now() + 15000; !seen[away].some((value) => value >= firstAfter); await sleep(100)) {
             assert.ok(Date.now() < end, "delivery did not resume within 15 s");
-            await publish(remote, "/shared/room", { n: n++ });
+            await publish(remote, away, { n: n++ });
         }
         const resumed = n;
-        while (n < resumed + 20) await publish(remote, "/shared/room", { n: n++ });
-        await until(() => remoteSeen.includes(n - 1), 5000, "the messages after the restart");
+        while (n < resumed + 20) await publish(remote, away, { n: n++ });
+        await until(() => seen[away].includes(n - 1), 5000, "the messages after the restart");
         await sleep(200);
-        assert.equal(new Set(remoteSeen).size, remoteSeen.length, "no duplicates");
-        assert.deepEqual([...remoteSeen].sort((x, y) => x - y), remoteSeen, "in order");
-        assert.deepEqual(remoteSeen.filter((value) => value >= resumed), Array.from({ length: 20 }, (_, k) => resumed + k), "nothing lost once back");
+        assert.equal(new Set(seen[away]).size, seen[away].length, "no duplicates");
+        assert.deepEqual([...seen[away]].sort((x, y) => x - y), seen[away], "in order");
+        assert.deepEqual(seen[away].filter((value) => value >= resumed), Array.from({ length: 20 }, (_, k) => resumed + k), "nothing lost once back");
         for (const server of Object.values(servers)) assert.ok(!server.output().includes(password), "the password is never logged");
+    });
+
+    test("a server whose shard list differs from the one recorded in the shards refuses to start", () => {
+        const reversed = [...shards].reverse().flatMap((shard) => ["--redis", `redis://:${password}@127.0.0.1:${shard.port}`]);
+        const run = spawnSync(serverBinary, ["--listen", "127.0.0.1:0", ...reversed, "--redis-prefix", prefix], { encoding: "utf8", timeout: 10000 });
+        const lines = run.stderr.split("\n").filter((line) => line !== "");
+        assert.deepEqual([run.status, lines.length], [2, 1], run.stderr);
+        assert.match(lines[0], /the --redis list \(.+\) differs from the one recorded in 127\.0\.0\.1:\d+\/0 under .*shards \(.+\)$/);
+        assert.ok(!lines[0].includes(password));
     });
 });
 

@@ -115,7 +115,7 @@ private:
 struct Node {
     Node(const RedisEndpoint& endpoint, const std::string& prefix) {
         RedisBridgeOptions options;
-        options.endpoint = endpoint;
+        options.shards = {endpoint};
         options.prefix = prefix;
         bridge = std::make_unique<RedisBridge>(participant(), routing, options);
     }
@@ -219,7 +219,7 @@ TEST(RedisBridge, ASessionWithoutAContextIsRefused) {
     auto routing = std::make_shared<bayeux::BayeuxServerImpl>();
     auto session = std::make_shared<bayeux::LocalBayeuxSession>(routing, nullptr);
     RedisBridgeOptions options;
-    options.endpoint.host = "127.0.0.1";
+    options.shards = {RedisEndpoint{"127.0.0.1"}};
     EXPECT_THROW(RedisBridge(session, routing, options), std::invalid_argument);
 }
 

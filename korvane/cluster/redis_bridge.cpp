@@ -96,27 +96,43 @@ private:
     const std::shared_ptr<const Shards> shards;
 };
 
+namespace {
+
+// Throws std::invalid_argument when `shard` records a list other than `list` under `key`;
+// std::runtime_error when it cannot be asked.
+void expectShardList(RedisConnection& connection, const RedisEndpoint& shard, const std::string& key,
+                     const std::string& list) {
+    const RedisReply reply = connection.command({"GET", key});
+    const std::string recorded = reply->type == REDIS_REPLY_STRING ? std::string(reply->str, reply->len) : list;
+    if (recorded != list) {
+        throw std::invalid_argument("the --redis list (" + list + ") differs from the one recorded in " +
+                                    shard.describe() + " under " + key + " (" + recorded + ")");
+    }
+}
+
+}  // namespace
+
 void checkShardList(const RedisBridgeOptions& options) {
     const std::string key = options.prefix + "shards";
     const std::string list = shardListText(options.shards);
     // Every shard is read before any is written, so that a server refused records nothing.
-    for (const bool record : {false, true}) {
-        for (const RedisEndpoint& shard : options.shards) {
-            std::string recorded;
-            try {
-                RedisConnection connection(shard, checkTimeout, checkTimeout);
-                if (record) {
-                    connection.command({"SET", key, list, "NX"});
-                }
-                const RedisReply reply = connection.command({"GET", key});
-                recorded = reply->type == REDIS_REPLY_STRING ? std::string(reply->str, reply->len) : list;
-            } catch (const std::runtime_error&) {
-                continue;
-            }
-            if (recorded != list) {
-                throw std::invalid_argument("the --redis list (" + list + ") differs from the one recorded in " +
-                                            shard.describe() + " under " + key + " (" + recorded + ")");
-            }
+    std::vector<std::pair<const RedisEndpoint*, std::unique_ptr<RedisConnection>>> reachable;
+    for (const RedisEndpoint& shard : options.shards) {
+        try {
+            auto connection = std::make_unique<RedisConnection>(shard, checkTimeout, checkTimeout);
+            expectShardList(*connection, shard, key, list);
+            reachable.emplace_back(&shard, std::move(connection));
+        } catch (const std::runtime_error&) {
+            // Out of reach: the bridge retries it and warns.
+        }
+    }
+    for (const auto& [shard, connection] : reachable) {
+        try {
+            connection->command({"SET", key, list, "NX"});
+            // Another server may have recorded its list since.
+            expectShardList(*connection, *shard, key, list);
+        } catch (const std::runtime_error&) {
+            // Lost since the read: as out of reach.
         }
     }
 }

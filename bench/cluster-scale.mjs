@@ -7,8 +7,12 @@
 //    and the p50/p99 of publish-to-delivery of room messages on the publisher's server
 //    and on the others;
 //  - capacity, on 1, 2 and 3 shards: every publisher keeps SCALE_WINDOW publishes to
-//    users in flight for SCALE_SECONDS; the deliveries a second.
+//    users in flight for SCALE_SECONDS; the deliveries a second;
+//  - the subscribe window: how often a channel is not yet subscribed in Redis when the
+//    client gets its subscribe reply, and for how long.
 // On a small machine scale the clients down, e.g. SCALE_USERS=600 SCALE_ROOM_SIZE=30.
+
+import net from "node:net";
 
 import { startRedis, startServer } from "../tests/support/launch.mjs";
 import { disconnect, handshake, newClient, sleep, subscribe, until } from "../tests/support/cometd.mjs";
@@ -131,10 +135,46 @@ async function capacity(redises, shardCount) {
     return perSecond;
 }
 
+// A bare RESP connection: `numsub(channel)` asks PUBSUB NUMSUB without a process per question.
+async function redisAsker(port) {
+    const socket = net.connect(port, "127.0.0.1");
+    await new Promise((resolve) => socket.once("connect", resolve));
+    const bulk = (text) => `$${Buffer.byteLength(text)}\r\n${text}\r\n`;
+    return {
+        numsub: (channel) => new Promise((resolve) => {
+            socket.once("data", (reply) => resolve(Number(reply.toString().match(/:(\d+)\r\n$/)[1])));
+            socket.write(`*3\r\n${bulk("PUBSUB")}${bulk("NUMSUB")}${bulk(channel)}`);
+        }),
+        close: () => socket.destroy(),
+    };
+}
+
+async function subscribeWindow(redises, tries = 200) {
+    const servers = await startCluster(redises, 3, "window");
+    const askers = await Promise.all(redises.map((redis) => redisAsker(redis.port)));
+    const inRedis = async (channel) => (await Promise.all(askers.map((asker) => asker.numsub(`scale-window:${channel}`)))).some(Boolean);
+    const cometd = newClient(servers[0].bayeux, "websocket");
+    await handshake(cometd);
+    const late = [];
+    for (let n = 0; n < tries; ++n) {
+        await subscribe(cometd, `/window/${n}`, () => {});
+        const replied = now();
+        if (await inRedis(`/window/${n}`)) continue;
+        while (!(await inRedis(`/window/${n}`))) await sleep(0);
+        late.push(now() - replied);
+    }
+    console.log(`\nsubscribe window: ${late.length} of ${tries} subscriptions reached Redis after the client had its reply` +
+        (late.length ? `, by at most ${Math.max(...late).toFixed(2)} ms` : ""));
+    askers.forEach((asker) => asker.close());
+    await disconnect(cometd);
+    await stopCluster(servers);
+}
+
 const redises = [];
 for (let k = 0; k < 3; ++k) redises.push(await startRedis());
 await fanIn(redises);
 console.log("\npublishing capacity, 3 servers, publishes to users:\n| shards | deliveries per second |\n|---|---|");
 for (const shardCount of [1, 2, 3]) console.log(`| ${shardCount} | ${(await capacity(redises, shardCount)).toFixed(0)} |`);
+await subscribeWindow(redises);
 for (const redis of redises) await redis.stop();
 process.exit(0);

@@ -15,10 +15,11 @@
 // outlet does not send it back out. Frames that carry this bridge's origin id (random
 // per bridge) are ignored.
 //
-// A subscribe acknowledged to a client may still be on its way to Redis: the shard
-// sends it as soon as the routing core reports the first holder, without waiting for
-// other changes, so the window is one write to Redis; a message published elsewhere
-// after the client heard of its subscribe has that client's round trip to cross first.
+// A subscribe acknowledged to a client may still be on its way to Redis: the routing core
+// tells the bridge before the reply is written, and the shard's subscriber sends the
+// SUBSCRIBE as soon as it wakes, without waiting for other changes. The reply is not
+// held until Redis confirms: the transports wait on the protocol service's answer on an
+// I/O thread, which must never wait for Redis. bench/cluster-scale.mjs measures the gap.
 //
 // Threads: the constructor and destructor on the embedding host's thread (the
 // destructor must not run on one of the server's callbacks: it joins the shards'

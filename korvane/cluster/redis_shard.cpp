@@ -259,13 +259,15 @@ RedisShard::Changes RedisShard::takeInterest() {
                 channels.erase(path);
             }
             (held ? changes.subscribe : changes.unsubscribe).push_back(path);
-        } else if (held) {
-            if (++globs[redisGlob(path)] == 1) {
-                changes.psubscribe.push_back(redisGlob(path));
-            }
-        } else if (--globs[redisGlob(path)] == 0) {
-            globs.erase(redisGlob(path));
-            changes.punsubscribe.push_back(redisGlob(path));
+            continue;
+        }
+        // "/a/*" and "/a/**" share one Redis pattern, counted.
+        const std::string glob = redisGlob(path);
+        if (held && ++globs[glob] == 1) {
+            changes.psubscribe.push_back(glob);
+        } else if (!held && --globs[glob] == 0) {
+            globs.erase(glob);
+            changes.punsubscribe.push_back(glob);
         }
     }
     return changes;
@@ -300,11 +302,13 @@ void RedisShard::handle(const redisReply& reply) {
         return;
     }
     const std::string_view kind = text(reply.element[0]);
-    const std::string name(text(reply.element[1]));
     if (kind == "message" && reply.elements == 3) {
         bump(messagesIn);
         injectFrame(text(reply.element[2]));
-    } else if (kind == "pmessage" && reply.elements == 4) {
+        return;
+    }
+    const std::string name(text(reply.element[1]));
+    if (kind == "pmessage" && reply.elements == 4) {
         bump(messagesIn);
         if (isFirstCopy(name, std::string(text(reply.element[2])))) {
             injectFrame(text(reply.element[3]));

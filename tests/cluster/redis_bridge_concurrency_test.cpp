@@ -219,7 +219,7 @@ TEST(RedisBridge, ASessionWithoutAContextIsRefused) {
     auto routing = std::make_shared<bayeux::BayeuxServerImpl>();
     auto session = std::make_shared<bayeux::LocalBayeuxSession>(routing, nullptr);
     RedisBridgeOptions options;
-    options.shards = {RedisEndpoint{"127.0.0.1"}};
+    options.shards.emplace_back().host = "127.0.0.1";
     EXPECT_THROW(RedisBridge(session, routing, options), std::invalid_argument);
 }
 

@@ -71,6 +71,7 @@ private:
     using Shards = std::vector<std::shared_ptr<RedisShard>>;
 
     const ShardSetting setting;
+    // Owns the context that marks the messages that came in.
     const std::shared_ptr<bayeux::LocalBayeuxSession> session;
     // Shared with the outlet and the listener, which may outlive a call into the bridge.
     const std::shared_ptr<const Shards> shards;

@@ -6,8 +6,10 @@
 //    server received from Redis (its stop line) against what was published cluster-wide;
 //    and the p50/p99 of publish-to-delivery of room messages on the publisher's server
 //    and on the others;
+//  - the same latency at rest: one publisher, one listener on its server and one on another;
 //  - capacity, on 1, 2 and 3 shards: every publisher keeps SCALE_WINDOW publishes to
-//    users in flight for SCALE_SECONDS; the deliveries a second;
+//    users in flight for SCALE_SECONDS; the deliveries a second, and the CPU share of the
+//    busiest Redis (what bounds the cluster once the servers have cores of their own);
 //  - the subscribe window: how often a channel is not yet subscribed in Redis when the
 //    client gets its subscribe reply, and for how long.
 // On a small machine scale the clients down, e.g. SCALE_USERS=600 SCALE_ROOM_SIZE=30.
@@ -28,6 +30,15 @@ const serverCount = 3;
 
 const percentile = (values, p) => [...values].sort((x, y) => x - y)[Math.min(values.length - 1, Math.floor((p / 100) * values.length))] ?? NaN;
 const now = () => Number(process.hrtime.bigint()) / 1e6;
+
+function printLatency(title, latency) {
+    console.log(`\n${title} (ms):\n| | p50 | p99 |\n|---|---|---|`);
+    for (const kind of ["same", "cross"]) {
+        console.log(`| ${kind}-server | ${percentile(latency[kind], 50).toFixed(2)} | ${percentile(latency[kind], 99).toFixed(2)} |`);
+    }
+    const added = (p) => (percentile(latency.cross, p) - percentile(latency.same, p)).toFixed(2);
+    console.log(`| added cross over same | ${added(50)} | ${added(99)} |`);
+}
 
 // Handshakes and subscribes `count` clients, client k on server k % 3, in batches.
 async function connect(servers, count, channelOf, onMessage) {
@@ -99,12 +110,30 @@ async function fanIn(redises) {
     console.log(`| published cluster-wide | ${(published / elapsed).toFixed(0)} |`);
     received.forEach((count, s) => console.log(`| received from Redis by server ${s} | ${(count / elapsed).toFixed(0)} |`));
     console.log(`| delivered to clients | ${(delivered / elapsed).toFixed(0)} |`);
-    console.log("\nroom delivery latency (ms):\n| | p50 | p99 |\n|---|---|---|");
-    for (const kind of ["same", "cross"]) {
-        console.log(`| ${kind}-server | ${percentile(latency[kind], 50).toFixed(2)} | ${percentile(latency[kind], 99).toFixed(2)} |`);
-    }
-    console.log(`| added cross over same | ${(percentile(latency.cross, 50) - percentile(latency.same, 50)).toFixed(2)} | ${(percentile(latency.cross, 99) - percentile(latency.same, 99)).toFixed(2)} |`);
+    printLatency("room delivery latency under that load", latency);
 }
+
+async function latencyAtRest(redises, messages = 500) {
+    const servers = await startCluster(redises, 3, "rest");
+    const latency = { same: [], cross: [] };
+    const listeners = await connect(servers, 2, () => "/rest", (k, message) => {
+        if (message.data.sent) latency[k === 0 ? "same" : "cross"].push(now() - message.data.sent);
+    });
+    const publisher = newClient(servers[0].bayeux, "websocket");
+    await handshake(publisher);
+    for (let n = 0; n < messages; ++n) {
+        publisher.publish("/rest", { sent: n < 20 ? 0 : now() });
+        await sleep(5);
+    }
+    await sleep(500);
+    await Promise.all([...listeners, publisher].map(disconnect));
+    await stopCluster(servers);
+    printLatency("latency at rest", latency);
+}
+
+// Seconds of CPU a redis-server used so far.
+const redisCpu = async (redis) =>
+    (await redis.cli("INFO", "cpu")).filter((line) => /^used_cpu_(user|sys):/.test(line)).reduce((sum, line) => sum + Number(line.split(":")[1]), 0);
 
 async function capacity(redises, shardCount) {
     const servers = await startCluster(redises, shardCount, `capacity-${shardCount}`);
@@ -118,6 +147,7 @@ async function capacity(redises, shardCount) {
     await sleep(1000);
     const end = now() + seconds * 1000;
     delivered = 0;
+    const cpuBefore = await Promise.all(redises.slice(0, shardCount).map(redisCpu));
     await Promise.all(publishers.map(async (publisher) => {
         let inFlight = 0;
         while (now() < end) {
@@ -130,9 +160,11 @@ async function capacity(redises, shardCount) {
         await until(() => inFlight === 0, 30000, "the acknowledgements");
     }));
     const perSecond = delivered / seconds;
+    const cpuAfter = await Promise.all(redises.slice(0, shardCount).map(redisCpu));
+    const busiest = Math.max(...cpuAfter.map((cpu, k) => (cpu - cpuBefore[k]) / seconds));
     await Promise.all([...clients, ...publishers].map(disconnect));
     await stopCluster(servers);
-    return perSecond;
+    return `${perSecond.toFixed(0)} | ${(busiest * 100).toFixed(0)}%`;
 }
 
 // A bare RESP connection: `numsub(channel)` asks PUBSUB NUMSUB without a process per question.
@@ -173,8 +205,9 @@ async function subscribeWindow(redises, tries = 200) {
 const redises = [];
 for (let k = 0; k < 3; ++k) redises.push(await startRedis());
 await fanIn(redises);
-console.log("\npublishing capacity, 3 servers, publishes to users:\n| shards | deliveries per second |\n|---|---|");
-for (const shardCount of [1, 2, 3]) console.log(`| ${shardCount} | ${(await capacity(redises, shardCount)).toFixed(0)} |`);
+await latencyAtRest(redises);
+console.log("\npublishing capacity, 3 servers, publishes to users:\n| shards | deliveries per second | busiest Redis, share of a core |\n|---|---|---|");
+for (const shardCount of [1, 2, 3]) console.log(`| ${shardCount} | ${await capacity(redises, shardCount)} |`);
 await subscribeWindow(redises);
 for (const redis of redises) await redis.stop();
 process.exit(0);

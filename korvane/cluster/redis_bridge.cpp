@@ -92,6 +92,13 @@ public:
         }
     }
 
+    void awaitSettled(std::chrono::milliseconds limit) override {
+        const auto deadline = std::chrono::steady_clock::now() + limit;
+        for (const auto& shard : *shards) {
+            shard->awaitSettled(deadline);
+        }
+    }
+
 private:
     const std::shared_ptr<const Shards> shards;
 };

@@ -15,17 +15,19 @@
 // outlet does not send it back out. Frames that carry this bridge's origin id (random
 // per bridge) are ignored.
 //
-// A subscribe acknowledged to a client may still be on its way to Redis: the routing core
-// tells the bridge before the reply is written, and the shard's subscriber sends the
-// SUBSCRIBE as soon as it wakes, without waiting for other changes. The reply is not
-// held until Redis confirms: the transports wait on the protocol service's answer on an
-// I/O thread, which must never wait for Redis. bench/cluster-scale.mjs measures the gap.
+// A client's subscribe is answered once Redis has the subscription it needs (the
+// protocol service waits on awaitSettled, 100 ms at most, and not at all while a shard
+// is away), so that a message published elsewhere after the client has its reply
+// reaches it. The wait is one round trip to Redis, shared by every subscribe whose
+// change went out in the same batch. A host that needs the same for an in-process
+// session calls BayeuxServer::awaitInterestSettled after subscribing it.
 //
 // Threads: the constructor and destructor on the embedding host's thread (the
 // destructor must not run on one of the server's callbacks: it joins the shards'
 // threads). The outlet and the interest listener run on whichever thread publishes or
-// subscribes, never wait for Redis and take no lock of the bridge. isConnected and
-// stats may be called from any thread.
+// subscribes and take no lock of the bridge; none waits for Redis but awaitSettled, which
+// the protocol service calls after a subscribe. isConnected and stats may be called from
+// any thread.
 
 #include <memory>
 #include <string>

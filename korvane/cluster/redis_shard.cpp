@@ -34,6 +34,8 @@ constexpr std::chrono::seconds warningPeriod{10};
 constexpr std::chrono::seconds probePeriod{1};
 // Names per SUBSCRIBE-like command, so that a resubscription of many channels is several modest commands.
 constexpr std::size_t namesPerCommand = 1000;
+// Marks the PING sent after a batch of changes, as against the lag probe's.
+const std::string settlePrefix = "settle:";
 
 // hiredis writes with write(2), so a write to a connection that Redis closed (or that
 // stop() shut down) raises SIGPIPE, which would end the process. Blocked on the
@@ -92,11 +94,39 @@ void RedisShard::noteInterest(const std::string& key) {
     {
         std::lock_guard<std::mutex> guard(pending);
         pendingKeys.push_back(key);
+        ++notesRequested;
     }
     dirty.store(true, std::memory_order_release);
     const std::uint64_t one = 1;
     // Fails only when the counter is saturated, which wakes the subscriber all the same.
     [[maybe_unused]] const ssize_t written = ::write(wake, &one, sizeof one);
+}
+
+void RedisShard::awaitSettled(std::chrono::steady_clock::time_point deadline) {
+    std::unique_lock<std::mutex> lock(pending);
+    const std::uint64_t target = notesRequested;
+    settledChanged.wait_until(lock, deadline, [&] { return notesSettled >= target || !isConnected(); });
+}
+
+void RedisShard::markSettled(std::uint64_t covered) {
+    {
+        std::lock_guard<std::mutex> guard(pending);
+        notesSettled = std::max(notesSettled, covered);
+    }
+    settledChanged.notify_all();
+}
+
+void RedisShard::setConnected(bool up) {
+    {
+        // Under the lock, so that awaitSettled cannot miss the change between its check and its wait.
+        std::lock_guard<std::mutex> guard(pending);
+        connected.store(up, std::memory_order_relaxed);
+    }
+    settledChanged.notify_all();
+}
+
+void RedisShard::sendSettleMark(RedisConnection& connection, const Changes& changes) {
+    connection.send({"PING", settlePrefix + std::to_string(changes.covers)});
 }
 
 void RedisShard::stop() {
@@ -191,7 +221,7 @@ void RedisShard::runSubscriber() {
                 connection->command({"PING"});
                 reconnects.fetch_add(failedBefore ? 1 : 0, std::memory_order_relaxed);
                 KORVANE_LOG(logger, common::logLifecycle) << "Subscribed to Redis at " << endpoint.describe();
-                connected.store(true, std::memory_order_relaxed);
+                setConnected(true);
                 backoff.reset();
                 listen(*connection);
             } catch (const std::runtime_error& failure) {
@@ -199,7 +229,7 @@ void RedisShard::runSubscriber() {
                     warn(failure.what());
                 }
             }
-            connected.store(false, std::memory_order_relaxed);
+            setConnected(false);
             release(subscribed);
         }
         failedBefore = true;
@@ -213,8 +243,9 @@ void RedisShard::listen(RedisConnection& connection) {
     confirmedChannels.clear();
     confirmedGlobs.clear();
     dirty.store(false, std::memory_order_relaxed);
-    takeInterest();
+    const Changes taken = takeInterest();
     resubscribeAll(connection);
+    sendSettleMark(connection, taken);
     for (;;) {
         if (const RedisReply reply = connection.nextReply(wake, probePeriod)) {
             handle(*reply);
@@ -222,12 +253,14 @@ void RedisShard::listen(RedisConnection& connection) {
             std::uint64_t count;
             [[maybe_unused]] const ssize_t read = ::read(wake, &count, sizeof count);
         }
-        if (dirty.exchange(false, std::memory_order_acquire)) {
+        // A plain load first: the exchange, a locked write, only when something changed.
+        if (dirty.load(std::memory_order_relaxed) && dirty.exchange(false, std::memory_order_acquire)) {
             const Changes changes = takeInterest();
             sendAll(connection, "UNSUBSCRIBE", changes.unsubscribe);
             sendAll(connection, "PUNSUBSCRIBE", changes.punsubscribe);
             sendAll(connection, "SUBSCRIBE", changes.subscribe);
             sendAll(connection, "PSUBSCRIBE", changes.psubscribe);
+            sendSettleMark(connection, changes);
         }
         probe(connection, std::chrono::steady_clock::now());
     }
@@ -235,11 +268,12 @@ void RedisShard::listen(RedisConnection& connection) {
 
 RedisShard::Changes RedisShard::takeInterest() {
     std::vector<std::string> keys;
+    Changes changes;
     {
         std::lock_guard<std::mutex> guard(pending);
         keys.swap(pendingKeys);
+        changes.covers = notesRequested;
     }
-    Changes changes;
     for (const std::string& key : keys) {
         // The routing core's state now, whatever order the notices came in.
         const bool held = setting.routing->isHeld(key);
@@ -295,8 +329,8 @@ void RedisShard::sendAll(RedisConnection& connection, const char* command, const
 
 void RedisShard::handle(const redisReply& reply) {
     if (reply.type == REDIS_REPLY_STRING) {
-        // A probe's answer while the connection subscribes to nothing: the PING's argument.
-        measureLag(std::string(text(&reply)));
+        // A PING's answer while the connection subscribes to nothing: its argument.
+        answered(std::string(text(&reply)));
     }
     if (reply.type != REDIS_REPLY_ARRAY || reply.elements < 2) {
         return;
@@ -322,7 +356,15 @@ void RedisShard::handle(const redisReply& reply) {
     } else if (kind == "punsubscribe") {
         confirmedGlobs.erase(name);
     } else if (kind == "pong") {
-        measureLag(name);
+        answered(name);
+    }
+}
+
+void RedisShard::answered(const std::string& ping) {
+    if (ping.rfind(settlePrefix, 0) == 0) {
+        markSettled(std::strtoull(ping.c_str() + settlePrefix.size(), nullptr, 10));
+    } else {
+        measureLag(ping);
     }
 }
 

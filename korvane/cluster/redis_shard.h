@@ -15,7 +15,8 @@
 // last look. A channel several of its subscriptions match comes once per subscription;
 // the subscriber keeps the subscriptions Redis confirmed, in the order of its replies,
 // and delivers only the copy of the exact subscription, else of the shortest glob. A
-// PING every second measures how far behind Redis the subscriber reads (`lagMicros`).
+// PING every second measures how far behind Redis the subscriber reads (`lagMicros`);
+// another after each batch tells awaitSettled, once answered, that Redis has the batch.
 // Frames from this server's own origin are ignored; the others go to the routing core
 // under the publisher's clientId with the inbound context.
 //
@@ -23,7 +24,7 @@
 // long each time up to 5 s; the subscriber subscribes to everything again. Warnings
 // (level 256 on "korvane::cluster") come at most once every ten seconds per shard.
 //
-// Threads: publish, noteInterest and addTo may be called from any thread; `pending`
+// Threads: publish, noteInterest, awaitSettled and addTo may be called from any thread; `pending`
 // guards the keys waiting for the subscriber. stop() (once, not from the shard's own
 // threads) ends and joins both threads, as the destructor does when stop() was not
 // called; the shard may outlive stop(), refusing messages.
@@ -85,6 +86,9 @@ public:
     // `channel` is the message's canonical name ("/a/b"). Never waits for Redis.
     void publish(Delivery message, std::string channel);
     void noteInterest(const std::string& key);
+    // Returns once Redis has every change noted before the call, once this shard is not
+    // connected, or at `deadline`.
+    void awaitSettled(std::chrono::steady_clock::time_point deadline);
     void stop();
 
     bool isConnected() const { return connected.load(std::memory_order_relaxed); }
@@ -98,6 +102,7 @@ private:
     // What one look at the pending keys changed, as Redis commands.
     struct Changes {
         std::vector<std::string> subscribe, unsubscribe, psubscribe, punsubscribe;
+        std::uint64_t covers = 0;  // the count of notes taken into account
     };
 
     void runPublisher();
@@ -109,6 +114,12 @@ private:
     void handle(const redisReply& reply);
     bool isFirstCopy(const std::string& glob, const std::string& channel) const;
     void probe(RedisConnection& connection, std::chrono::steady_clock::time_point now);
+    // A PING whose answer, after everything sent before it, tells awaitSettled that Redis has `changes`.
+    static void sendSettleMark(RedisConnection& connection, const Changes& changes);
+    void markSettled(std::uint64_t covered);
+    void setConnected(bool up);
+    // The argument of a PING that Redis answered: a settle mark or a lag probe.
+    void answered(const std::string& ping);
     // `probeSent`: the probe's send time, in microseconds of the steady clock.
     void measureLag(const std::string& probeSent);
     void injectFrame(std::string_view frame);
@@ -127,9 +138,13 @@ private:
     BoundedQueue<Outgoing> queue;
     common::WarningThrottle throttle;
 
-    // Guards `pendingKeys`; `wake` (an eventfd) tells the subscriber, `dirty` saves it a lock per message.
+    // Guards `pendingKeys` and the note counts; `wake` (an eventfd) tells the subscriber,
+    // `dirty` saves it a lock per message; `settledChanged` wakes awaitSettled.
     std::mutex pending;
     std::vector<std::string> pendingKeys;
+    std::uint64_t notesRequested = 0;
+    std::uint64_t notesSettled = 0;
+    std::condition_variable settledChanged;
     std::atomic<bool> dirty{false};
     const int wake;
 

@@ -6,6 +6,7 @@
 // also declare its patterns to the server, which then offers it only the messages
 // that they can match. Both are called from any thread.
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -26,6 +27,9 @@ public:
     virtual ~InterestListener() = default;
     // Pattern keys (see patternKey): "a/b", "a/*", "a/**", "**".
     virtual void interestChanged(const std::vector<std::string>& keys) = 0;
+    // Returns once every change told so far has taken effect where the listener carries
+    // it, or after `limit`; may block the calling thread that long.
+    virtual void awaitSettled(std::chrono::milliseconds limit) {}
 };
 
 class BayeuxSession {
@@ -91,6 +95,8 @@ public:
     virtual bool isHeld(const std::string& key) { return false; }
     // The keys that isHeld is true of.
     virtual std::vector<std::string> heldKeys() { return {}; }
+    // The listener's awaitSettled; returns at once when none is set.
+    virtual void awaitInterestSettled(std::chrono::milliseconds limit) {}
 };
 
 }  // namespace korvane::bayeux

@@ -224,6 +224,17 @@ std::vector<std::string> BayeuxServerImpl::heldKeys() {
     return keys;
 }
 
+void BayeuxServerImpl::awaitInterestSettled(std::chrono::milliseconds limit) {
+    std::shared_ptr<InterestListener> listener;
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        listener = interestListener;
+    }
+    if (listener) {
+        listener->awaitSettled(limit);
+    }
+}
+
 bool BayeuxServerImpl::doIsHeld(const std::string& key) const {
     return tiers[priorityTier].byPattern.holds(key) || tiers[ordinaryTier].byPattern.holds(key);
 }

@@ -62,6 +62,7 @@ public:
     void setInterestListener(std::shared_ptr<InterestListener> listener) override;
     bool isHeld(const std::string& key) override;
     std::vector<std::string> heldKeys() override;
+    void awaitInterestSettled(std::chrono::milliseconds limit) override;
 
 private:
     // One list: the sessions offered everything, and the sessions found by their patterns.

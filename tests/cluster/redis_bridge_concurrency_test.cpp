@@ -1,7 +1,6 @@
 #include "korvane/cluster/redis_bridge.h"
 
 #include <fcntl.h>
-#include <hiredis/hiredis.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -11,7 +10,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <condition_variable>
 #include <map>
 #include <mutex>
@@ -140,25 +138,6 @@ std::unique_ptr<bayeux::PublishRequest> makeMessage(const std::string& channel, 
     return message;
 }
 
-// Waits until the clients of Redis hold `count` pattern subscriptions in all: a
-// subscription reaches Redis a little after the session's subscribe returned.
-void awaitPatterns(const RedisEndpoint& endpoint, int count) {
-    RedisConnection observer(endpoint, 500ms, 500ms);
-    const auto held = [&observer] {
-        const RedisReply clients = observer.command({"CLIENT", "LIST"});
-        const std::string list(clients->str, clients->len);
-        int sum = 0;
-        for (std::size_t at = list.find(" psub="); at != std::string::npos; at = list.find(" psub=", at + 1)) {
-            sum += std::atoi(list.c_str() + at + 6);
-        }
-        return sum;
-    };
-    for (int attempt = 0; attempt < 500 && held() != count; ++attempt) {
-        std::this_thread::sleep_for(10ms);
-    }
-    ASSERT_EQ(held(), count);
-}
-
 // Publishes on `from` until `inbox` has something: both bridges are then connected.
 void awaitCrossing(Node& from, Inbox& inbox) {
     for (int attempt = 0; attempt < 100 && !inbox.waitFor(1, 100ms); ++attempt) {
@@ -181,7 +160,9 @@ TEST(RedisBridgeConcurrency, ThreadsPublishingOnOneServerReachTheOtherOnceEachIn
     auto witness = east.participant();
     nearSide.listen(*witness, "/room/**");
     meta.listen(*west.member, "/service/**");
-    awaitPatterns(redis.endpoint, 4);  // "/warm/**" and "/room/**" on each side
+    // Until Redis has both sides' "/room/**", as the protocol service does before a subscribe's reply.
+    west.routing->awaitInterestSettled(5s);
+    east.routing->awaitInterestSettled(5s);
 
     constexpr int threads = 4;
     constexpr int perThread = 250;

@@ -15,7 +15,7 @@ CONFIGURE = cmake -S . -DCMAKE_BUILD_TYPE=RelWithDebInfo -Wno-dev
 # for their reports) for build time: their Beast translation units are the slowest.
 SANITIZE_FLAGS = -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1" -DKORVANE_BUILD_BENCH=OFF
 
-.PHONY: all deps build run test test-unit test-asan test-tsan test-interop test-interop-sanitized test-cluster test-browser test-load-smoke test-load-sanitized test-soak test-memory test-install fuzz fuzz-long bench bench-load soak install clean
+.PHONY: all deps build run test test-unit test-asan test-tsan test-interop test-interop-sanitized test-cluster test-browser test-load-smoke test-load-sanitized test-soak test-memory test-install fuzz fuzz-long bench bench-load bench-cluster soak install clean
 
 all: build
 
@@ -130,6 +130,11 @@ fuzz-long: deps
 
 bench: build
 	@for b in $(BUILD)/bench/bench_*; do echo "== $$b"; $$b --benchmark_min_time=0.2 || exit 1; done
+
+# Three servers on one to three Redis shards: fan-in per server, capacity, added latency.
+# Figures only; scale the clients down on a small machine (see the script's head).
+bench-cluster: build
+	KORVANE_SERVER=$(abspath $(BUILD))/korvane-bayeux nice -n 10 node bench/cluster-scale.mjs
 
 # The load scenarios against a Release server; figures and charts in build/bench/.
 bench-load: deps

@@ -23,6 +23,7 @@
 
 #include "command_line.h"
 #include "korvane/bayeux.h"
+#include "korvane/cluster/channel_sharding.h"
 #include "korvane/cluster/redis_bridge.h"
 #include "korvane/host/allow_list_policy.h"
 #include "korvane/host/bayeux_host.h"
@@ -246,10 +247,11 @@ std::vector<Flag> flags() {
          }},
         {"--redis", "URL", "none, the server runs alone",
          "share channels with other servers through Redis: redis://[:password@]host:port[/db] "
-         "(or the password in KORVANE_REDIS_PASSWORD)",
+         "(or the password in KORVANE_REDIS_PASSWORD); repeated, channels are spread over the instances, "
+         "listed in the same order on every server",
          [](Options& options, const std::string& name, const std::string& value) {
              try {
-                 options.cluster.endpoint = cluster::parseRedisUrl(value, std::getenv("KORVANE_REDIS_PASSWORD"));
+                 options.cluster.shards.push_back(cluster::parseRedisUrl(value, std::getenv("KORVANE_REDIS_PASSWORD")));
              } catch (const std::invalid_argument& error) {
                  // Not the URL itself: it may hold a password.
                  throw std::invalid_argument(name + ": " + error.what());
@@ -264,7 +266,7 @@ std::vector<Flag> flags() {
              options.cluster.prefix = value;
          }},
         {"--redis-buffer", "N", count(cluster::RedisBridgeOptions().bufferSize),
-         "messages held for Redis while it is slow or away; more are dropped",
+         "messages held for each Redis instance while it is slow or away; more are dropped",
          [](Options& options, const std::string& name, const std::string& value) {
              options.cluster.bufferSize = static_cast<std::size_t>(parseNumber(name, value, 100000000));
          }},
@@ -363,6 +365,29 @@ public:
         }
         return bridge != nullptr && !bridge->isConnected() ? "not connected to Redis" : "";
     }
+    // The bridge's families for GET /metrics, while it is there: the lock keeps it from going
+    // away under a scrape.
+    void writeBridgeMetrics(common::MetricsWriter& writer) const {
+        std::lock_guard<std::mutex> guard(mutex);
+        if (bridge == nullptr) {
+            return;
+        }
+        const cluster::RedisBridgeStats stats = bridge->stats();
+        writer.single("korvane_redis_up", "gauge", "Redis shards whose subscriber is connected now.",
+                      std::uint64_t{stats.shardsUp});
+        writer.single("korvane_redis_shards", "gauge", "Redis shards configured.", std::uint64_t{stats.shards});
+        writer.single("korvane_redis_messages_out_total", "counter", "Messages published to Redis.",
+                      stats.messagesOut);
+        writer.single("korvane_redis_messages_in_total", "counter", "Messages received from Redis.",
+                      stats.messagesIn);
+        writer.single("korvane_redis_dropped_total", "counter",
+                      "Messages dropped by a full buffer while a shard was away.", stats.dropped);
+        writer.single("korvane_redis_reconnects_total", "counter", "Connections to Redis made again after a failure.",
+                      stats.reconnects);
+        writer.family("korvane_redis_lag_seconds", "gauge",
+                      "Round trip of the last probe on the slowest shard's subscriber connection.");
+        writer.sample("korvane_redis_lag_seconds", static_cast<double>(stats.lagMicros) / 1e6);
+    }
 
 private:
     enum class Phase { starting, serving, stopping };
@@ -431,6 +456,13 @@ std::unique_ptr<host::HttpServer> startMetricsListener(const std::string& listen
     return listener;
 }
 
+// What the Redis bridge did over the server's life, for an operator and for bench/cluster-scale.mjs.
+void printBridgeTotals(const cluster::RedisBridgeStats& stats) {
+    std::cout << "korvane-bayeux: Redis: " << stats.shardsUp << "/" << stats.shards << " shards up, "
+              << stats.messagesOut << " messages out, " << stats.messagesIn << " in, " << stats.dropped
+              << " dropped, " << stats.reconnects << " reconnects, lag " << stats.lagMicros << " us" << std::endl;
+}
+
 int waitForStopSignal(const sigset_t& signals) {
     int received = 0;
     sigwait(&signals, &received);
@@ -447,6 +479,14 @@ int main(int argc, char** argv) {
     } catch (const std::exception& error) {
         std::cerr << "korvane-bayeux: " << error.what() << " (see --help)\n";
         return 2;
+    }
+    if (options.clustered) {
+        try {
+            cluster::checkShardList(options.cluster);
+        } catch (const std::invalid_argument& error) {
+            std::cerr << "korvane-bayeux: " << error.what() << "\n";
+            return 2;
+        }
     }
 
     sigset_t signals;
@@ -469,6 +509,7 @@ int main(int argc, char** argv) {
     }
     try {
         host::BayeuxHost server(std::move(options.host));
+        server.metrics()->add([readiness](common::MetricsWriter& writer) { readiness->writeBridgeMetrics(writer); });
         server.start();
         std::unique_ptr<host::HttpServer> metricsListener;
         if (!options.metricsListen.empty()) {
@@ -490,11 +531,14 @@ int main(int argc, char** argv) {
             std::cout << "korvane-bayeux: metrics at " << metricsListener->url() << "metrics" << std::endl;
         }
         if (bridge) {
-            std::cout << "korvane-bayeux: sharing channels through Redis at " << options.cluster.endpoint.describe()
-                      << std::endl;
+            std::cout << "korvane-bayeux: sharing channels through Redis at "
+                      << cluster::shardListText(options.cluster.shards) << std::endl;
         }
         waitForStopSignal(signals);
         readiness->stopping();
+        if (bridge) {
+            printBridgeTotals(bridge->stats());
+        }
         metricsListener.reset();
         bridge.reset();
         heartbeat.reset();

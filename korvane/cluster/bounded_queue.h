@@ -35,6 +35,7 @@ public:
             }
             if (items.size() >= capacity) {
                 ++dropped;
+                ++droppedEver;
                 return Push::Dropped;
             }
             items.push_back(std::move(item));
@@ -71,6 +72,12 @@ public:
         return std::exchange(dropped, 0);
     }
 
+    // The count of items dropped since the queue was made.
+    std::uint64_t totalDropped() {
+        std::lock_guard<std::mutex> guard(mutex);
+        return droppedEver;
+    }
+
     std::size_t size() {
         std::lock_guard<std::mutex> guard(mutex);
         return items.size();
@@ -82,6 +89,7 @@ private:
     std::condition_variable ready;
     std::deque<T> items;
     std::uint64_t dropped = 0;
+    std::uint64_t droppedEver = 0;
     bool closed = false;
 };
 

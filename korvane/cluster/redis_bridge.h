@@ -1,52 +1,58 @@
 #pragma once
 
-// Shares the application channels of several servers through Redis pub/sub.
+// Shares the application channels of several servers through one or more Redis
+// instances (the shards, redis_shard.h).
 //
-// The bridge owns an in-process session of this server, subscribed to /**. Every
-// application message published here (not /meta/** and not /service/**, which
-// belong to the server that received them) is framed (cluster_frame.h) and
-// PUBLISHed on the Redis channel `prefix` + its Bayeux channel. The bridge
-// PSUBSCRIBEs to `prefix`* and hands every frame of another server to this server's
-// routing core, under the publisher's own clientId and with the bridge session's
-// context; that context marks the message as one that came in, so the bridge's own
-// subscription lets it pass instead of sending it back out. The session must
-// therefore have a context (the constructor throws std::invalid_argument otherwise)
-// and be registered with `routing`. Frames that carry this bridge's origin id
-// (random per bridge) are ignored.
+// Outgoing, an outlet session that the routing core offers every publish passes each
+// application message published here (not /meta/** and not /service/**, which belong
+// to the server that received them) to the shard its channel hashes to
+// (channel_sharding.h). Incoming, the bridge listens to the routing core's interest:
+// each pattern key that gains its first or loses its last local holder goes to the
+// shard of its channel, or to every shard for a wildcard, which subscribes or
+// unsubscribes in Redis in batches. The server thus receives only what its own
+// sessions hold. A message that came in carries the context of `session` (which must
+// have one: the constructor throws std::invalid_argument otherwise), so that the
+// outlet does not send it back out. Frames that carry this bridge's origin id (random
+// per bridge) are ignored.
 //
-// Threads: publishers only push onto a bounded queue (capacity `bufferSize`; when
-// it is full new messages are dropped and counted), so a slow or absent Redis never
-// holds them up. A publishing thread owns one connection and drains the queue; a
-// subscriber thread owns the other and delivers into the routing core. Either
-// reconnects on its own after a failure, waiting 100 ms, then twice as long each
-// time up to 5 s; the subscriber subscribes again. Warnings (level 256 on
-// "korvane::cluster") come at most once every ten seconds. SIGPIPE is blocked on
-// both threads, which write to sockets Redis may have closed. The destructor stops
-// both threads and joins them; it must not run on one of the server's callbacks.
+// A client's subscribe is answered once Redis has the subscription it needs (the
+// protocol service waits on awaitSettled, 100 ms at most, and not at all while a shard
+// is away), so that a message published elsewhere after the client has its reply
+// reaches it. The wait is one round trip to Redis, shared by every subscribe whose
+// change went out in the same batch. A host that needs the same for an in-process
+// session calls BayeuxServer::awaitInterestSettled after subscribing it.
+//
+// Threads: the constructor and destructor on the embedding host's thread (the
+// destructor must not run on one of the server's callbacks: it joins the shards'
+// threads). The outlet and the interest listener run on whichever thread publishes or
+// subscribes and take no lock of the bridge; none waits for Redis but awaitSettled, which
+// the protocol service calls after a subscribe. isConnected and stats may be called from
+// any thread.
 
-#include <atomic>
-#include <condition_variable>
-#include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <thread>
+#include <vector>
 
 #include "korvane/cluster/redis_endpoint.h"
-#include "korvane/codec/messages.h"
+#include "korvane/cluster/redis_shard.h"
 #include "korvane/codec/routing_interfaces.h"
-#include "korvane/frame/reactive_streams.h"
 #include "korvane/session/local_session.h"
 
 namespace korvane::cluster {
 
-class RedisConnection;
-
 struct RedisBridgeOptions {
-    RedisEndpoint endpoint;
+    // In the same order on every server: a channel's shard is its place in this list.
+    std::vector<RedisEndpoint> shards;
     std::string prefix = "korvane:";
+    // Per shard.
     std::size_t bufferSize = 10000;
 };
+
+// Records the shard list under `prefix` + "shards" in every shard that has none yet, once
+// no shard recorded another.
+// Throws std::invalid_argument, naming the shard and both lists, when one recorded
+// another list. Shards that cannot be reached are left for the bridge to retry.
+void checkShardList(const RedisBridgeOptions& options);
 
 class RedisBridge {
 public:
@@ -56,45 +62,23 @@ public:
     RedisBridge(const RedisBridge&) = delete;
     RedisBridge& operator=(const RedisBridge&) = delete;
 
-    const std::string& originId() const { return origin; }
-    // True while the bridge is subscribed to Redis, so that it hears the other servers;
-    // callable from any thread.
-    bool isConnected() const { return connected.load(std::memory_order_relaxed); }
+    const std::string& originId() const { return setting.origin; }
+    // True while every shard's subscriber is connected, so that the bridge hears the other servers.
+    bool isConnected() const;
+    RedisBridgeStats stats() const;
 
 private:
-    struct Outbox;
-    using Delivery = std::shared_ptr<const bayeux::PublishRequest>;
+    class Outlet;
+    class Interest;
+    using Shards = std::vector<std::shared_ptr<RedisShard>>;
 
-    void runPublisher();
-    void runSubscriber();
-    void publishFrame(RedisConnection& connection, const bayeux::PublishRequest& message);
-    void receive(RedisConnection& connection);
-    void injectFrame(std::string_view frame);
-    std::shared_ptr<RedisConnection> connect(std::shared_ptr<RedisConnection>& slot, std::chrono::milliseconds ioTimeout);
-    void release(std::shared_ptr<RedisConnection>& slot);
-    // Waits out one backoff step; false when the bridge is stopping.
-    bool pause(std::chrono::milliseconds wait);
-    bool isStopping();
-
-    const std::string origin;
-    const RedisBridgeOptions options;
+    const ShardSetting setting;
+    // Owns the context that marks the messages that came in.
     const std::shared_ptr<bayeux::LocalBayeuxSession> session;
-    const std::shared_ptr<bayeux::BayeuxServer> routing;
-    // Shared with the subscription's callback, which may outlive a call into the bridge.
-    const std::shared_ptr<Outbox> outbox;
-    std::shared_ptr<reactive_streams::PublisherAPI<Delivery>> everything;
-
-    // Guards `stopping` and the two connection slots, which interrupt() reaches from the destructor.
-    std::mutex mutex;
-    std::condition_variable stopped;
-    bool stopping = false;
-    std::shared_ptr<RedisConnection> publishing;
-    std::shared_ptr<RedisConnection> subscribed;
-    // Set by the subscriber thread once its PSUBSCRIBE succeeded, cleared when that connection fails.
-    std::atomic<bool> connected{false};
-
-    std::thread publisherThread;
-    std::thread subscriberThread;
+    // Shared with the outlet and the listener, which may outlive a call into the bridge.
+    const std::shared_ptr<const Shards> shards;
+    std::shared_ptr<Outlet> outlet;
+    std::shared_ptr<Interest> interest;
 };
 
 }  // namespace korvane::cluster

@@ -1,6 +1,7 @@
 #include "korvane/cluster/redis_connection.h"
 
 #include <hiredis/hiredis.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
@@ -17,6 +18,22 @@ timeval toTimeval(std::chrono::milliseconds time) {
     value.tv_usec = static_cast<suseconds_t>((time.count() % 1000) * 1000);
     return value;
 }
+
+// A command's arguments as hiredis takes them, binary-safe.
+struct Argv {
+    explicit Argv(const std::vector<std::string_view>& arguments) {
+        texts.reserve(arguments.size());
+        lengths.reserve(arguments.size());
+        for (const auto& argument : arguments) {
+            texts.push_back(argument.data());
+            lengths.push_back(argument.size());
+        }
+    }
+    int count() const { return static_cast<int>(texts.size()); }
+
+    std::vector<const char*> texts;
+    std::vector<std::size_t> lengths;
+};
 
 }  // namespace
 
@@ -57,26 +74,49 @@ RedisConnection::RedisConnection(const RedisEndpoint& endpoint, std::chrono::mil
 RedisConnection::~RedisConnection() { redisFree(context); }
 
 RedisReply RedisConnection::command(const std::vector<std::string_view>& arguments) {
-    std::vector<const char*> texts;
-    std::vector<std::size_t> lengths;
-    texts.reserve(arguments.size());
-    lengths.reserve(arguments.size());
-    for (const auto& argument : arguments) {
-        texts.push_back(argument.data());
-        lengths.push_back(argument.size());
-    }
+    Argv argv(arguments);
     // The error of an AUTH is reported by command name only, so that no argument reaches a log.
     const std::string name(arguments.empty() ? std::string_view() : arguments.front());
-    return checked(redisCommandArgv(context, static_cast<int>(texts.size()), texts.data(), lengths.data()),
+    return checked(redisCommandArgv(context, argv.count(), argv.texts.data(), argv.lengths.data()),
                    name.c_str());
 }
 
-RedisReply RedisConnection::nextReply() {
-    void* reply = nullptr;
-    if (redisGetReply(context, &reply) != REDIS_OK) {
-        reply = nullptr;
+void RedisConnection::send(const std::vector<std::string_view>& arguments) {
+    Argv argv(arguments);
+    int written =
+        redisAppendCommandArgv(context, argv.count(), argv.texts.data(), argv.lengths.data()) == REDIS_OK ? 0 : -1;
+    while (written == 0) {
+        if (redisBufferWrite(context, &written) != REDIS_OK) {
+            written = -1;
+        }
     }
-    return checked(reply, "read");
+    if (written < 0) {
+        throw std::runtime_error(std::string("Redis connection lost during write: ") + context->errstr);
+    }
+}
+
+RedisReply RedisConnection::nextReply(int wake, std::chrono::milliseconds timeout) {
+    if (RedisReply reply = bufferedReply()) {
+        return reply;
+    }
+    pollfd watched[2] = {{socket, POLLIN, 0}, {wake, POLLIN, 0}};
+    const bool readable = ::poll(watched, 2, static_cast<int>(timeout.count())) > 0 &&
+                          (watched[0].revents & (POLLIN | POLLHUP | POLLERR)) != 0;
+    if (!readable) {
+        return nullptr;
+    }
+    if (redisBufferRead(context) != REDIS_OK) {
+        return checked(nullptr, "read");
+    }
+    return bufferedReply();
+}
+
+RedisReply RedisConnection::bufferedReply() {
+    void* reply = nullptr;
+    if (redisGetReplyFromReader(context, &reply) != REDIS_OK) {
+        return checked(nullptr, "read");
+    }
+    return reply ? checked(reply, "read") : nullptr;
 }
 
 void RedisConnection::interrupt() { ::shutdown(socket, SHUT_RDWR); }

@@ -40,12 +40,19 @@ public:
     // Sends one command, its arguments binary-safe, and returns the reply. Throws
     // std::runtime_error on a lost connection and on an error reply.
     RedisReply command(const std::vector<std::string_view>& arguments);
-    // Waits for the next reply the server pushes (a subscribed connection's messages).
-    RedisReply nextReply();
+    // Writes one command without waiting for its reply (a subscribed connection's
+    // confirmations come with its messages). Throws std::runtime_error on a lost connection.
+    void send(const std::vector<std::string_view>& arguments);
+    // The next reply the server pushes (a subscribed connection's messages), or null
+    // when none came before `wake` became readable or `timeout` passed. Throws
+    // std::runtime_error on a lost connection and on an error reply.
+    RedisReply nextReply(int wake, std::chrono::milliseconds timeout);
     void interrupt();
 
 private:
     RedisReply checked(void* reply, const char* what);
+    // A reply already read off the socket, or null.
+    RedisReply bufferedReply();
 
     redisContext* context = nullptr;
     int socket = -1;

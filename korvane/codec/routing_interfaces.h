@@ -6,6 +6,7 @@
 // also declare its patterns to the server, which then offers it only the messages
 // that they can match. Both are called from any thread.
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -16,6 +17,20 @@
 namespace korvane::bayeux {
 
 class BayeuxServer;
+
+// Told when a pattern gains its first holder or loses its last among the sessions added
+// to a server that declare their patterns. Called on the thread that made the change,
+// with no lock of the server held; calls from different threads may arrive out of
+// order, so the listener asks the server's isHeld for the state that counts.
+class InterestListener {
+public:
+    virtual ~InterestListener() = default;
+    // Pattern keys (see patternKey): "a/b", "a/*", "a/**", "**".
+    virtual void interestChanged(const std::vector<std::string>& keys) = 0;
+    // Returns once every change told so far has taken effect where the listener carries
+    // it, or after `limit`; may block the calling thread that long.
+    virtual void awaitSettled(std::chrono::milliseconds limit) {}
+};
 
 class BayeuxSession {
 public:
@@ -73,6 +88,15 @@ public:
     virtual void withdrawPattern(BayeuxSession& session, const std::string& pattern) {}
     // From the destructor of a session that declares: forgets its patterns and its places in the lists.
     virtual void forgetSession(BayeuxSession& session) {}
+
+    // One listener at a time (null removes it); a server that keeps no index never calls it.
+    virtual void setInterestListener(std::shared_ptr<InterestListener> listener) {}
+    // Whether some added session that declares its patterns holds the pattern of `key`.
+    virtual bool isHeld(const std::string& key) { return false; }
+    // The keys that isHeld is true of.
+    virtual std::vector<std::string> heldKeys() { return {}; }
+    // The listener's awaitSettled; returns at once when none is set.
+    virtual void awaitInterestSettled(std::chrono::milliseconds limit) {}
 };
 
 }  // namespace korvane::bayeux

@@ -102,77 +102,148 @@ void BayeuxServerImpl::addTo(std::size_t tier, std::weak_ptr<BayeuxSession>&& se
         KORVANE_LOG(logger, common::logTrace) << "addSession " << alive->getId();
     }
     const bool declares = alive && alive->declaresPatternsTo(*this);
-    std::lock_guard<std::mutex> guard(mutex);
-    if (!declares) {
-        // A session that died already is appended and pruned at once.
-        doAppend(tiers[tier].offeredEverything, std::move(session));
-        return;
+    InterestChanges changes;
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        if (!declares) {
+            // A session that died already is appended and pruned at once.
+            doAppend(tiers[tier].offeredEverything, std::move(session));
+            return;
+        }
+        changes = doWatchInterest();
+        DeclaredSession& entry = declared[alive.get()];
+        entry.session = std::move(session);
+        ++entry.copies[tier];
+        for (const auto& hold : entry.holds) {
+            doIndex(entry, alive.get(), hold.first, changes);
+        }
     }
-    DeclaredSession& entry = declared[alive.get()];
-    entry.session = std::move(session);
-    ++entry.copies[tier];
-    for (const auto& hold : entry.holds) {
-        doIndex(entry, alive.get(), hold.first);
-    }
+    tell(changes);
 }
 
 void BayeuxServerImpl::removeSession(const std::shared_ptr<BayeuxSession>& session) {
     KORVANE_LOG(logger, common::logTrace) << "removeSession " << session->getId();
-    std::lock_guard<std::mutex> guard(mutex);
-    for (Tier& tier : tiers) {
-        doRemove(tier.offeredEverything, session);
+    InterestChanges changes;
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        for (Tier& tier : tiers) {
+            doRemove(tier.offeredEverything, session);
+        }
+        auto entry = declared.find(session.get());
+        if (entry == declared.end()) {
+            return;
+        }
+        changes = doWatchInterest();
+        entry->second.copies = {};
+        for (const auto& hold : entry->second.holds) {
+            doIndex(entry->second, entry->first, hold.first, changes);
+        }
+        doForgetIfIdle(entry);
     }
-    auto entry = declared.find(session.get());
-    if (entry == declared.end()) {
-        return;
-    }
-    entry->second.copies = {};
-    for (const auto& hold : entry->second.holds) {
-        doIndex(entry->second, entry->first, hold.first);
-    }
-    doForgetIfIdle(entry);
+    tell(changes);
 }
 
 void BayeuxServerImpl::declarePattern(BayeuxSession& session, const std::string& pattern) {
     const std::string key = patternKey(pattern);
-    std::lock_guard<std::mutex> guard(mutex);
-    DeclaredSession& entry = declared[&session];
-    if (++entry.holds[key] == 1) {
-        doIndex(entry, &session, key);
+    InterestChanges changes;
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        changes = doWatchInterest();
+        DeclaredSession& entry = declared[&session];
+        if (++entry.holds[key] == 1) {
+            doIndex(entry, &session, key, changes);
+        }
     }
+    tell(changes);
 }
 
 void BayeuxServerImpl::withdrawPattern(BayeuxSession& session, const std::string& pattern) {
     const std::string key = patternKey(pattern);
-    std::lock_guard<std::mutex> guard(mutex);
-    auto entry = declared.find(&session);
-    if (entry == declared.end()) {
-        return;
+    InterestChanges changes;
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        auto entry = declared.find(&session);
+        if (entry == declared.end()) {
+            return;
+        }
+        auto hold = entry->second.holds.find(key);
+        if (hold == entry->second.holds.end()) {
+            return;
+        }
+        changes = doWatchInterest();
+        if (--hold->second == 0) {
+            entry->second.holds.erase(hold);
+            doIndex(entry->second, &session, key, changes);
+        }
+        doForgetIfIdle(entry);
     }
-    auto hold = entry->second.holds.find(key);
-    if (hold == entry->second.holds.end()) {
-        return;
-    }
-    if (--hold->second == 0) {
-        entry->second.holds.erase(hold);
-        doIndex(entry->second, &session, key);
-    }
-    doForgetIfIdle(entry);
+    tell(changes);
 }
 
 void BayeuxServerImpl::forgetSession(BayeuxSession& session) {
-    std::lock_guard<std::mutex> guard(mutex);
-    auto entry = declared.find(&session);
-    if (entry == declared.end()) {
-        return;
-    }
-    for (const auto& hold : entry->second.holds) {
-        for (Tier& tier : tiers) {
-            tier.byPattern.remove(hold.first, &session);
+    InterestChanges changes;
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        auto entry = declared.find(&session);
+        if (entry == declared.end()) {
+            return;
         }
+        changes = doWatchInterest();
+        for (const auto& hold : entry->second.holds) {
+            const bool heldBefore = changes.listener && doIsHeld(hold.first);
+            for (Tier& tier : tiers) {
+                tier.byPattern.remove(hold.first, &session);
+            }
+            if (heldBefore && !doIsHeld(hold.first)) {
+                changes.keys.push_back(hold.first);
+            }
+        }
+        declared.erase(entry);
+        common::releaseSpareBuckets(declared);
     }
-    declared.erase(entry);
-    common::releaseSpareBuckets(declared);
+    tell(changes);
+}
+
+void BayeuxServerImpl::setInterestListener(std::shared_ptr<InterestListener> listener) {
+    std::lock_guard<std::mutex> guard(mutex);
+    interestListener = std::move(listener);
+}
+
+bool BayeuxServerImpl::isHeld(const std::string& key) {
+    std::lock_guard<std::mutex> guard(mutex);
+    return doIsHeld(key);
+}
+
+std::vector<std::string> BayeuxServerImpl::heldKeys() {
+    std::vector<std::string> keys;
+    std::lock_guard<std::mutex> guard(mutex);
+    for (const Tier& tier : tiers) {
+        tier.byPattern.appendKeys(keys);
+    }
+    std::sort(keys.begin(), keys.end());
+    keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
+    return keys;
+}
+
+void BayeuxServerImpl::awaitInterestSettled(std::chrono::milliseconds limit) {
+    std::shared_ptr<InterestListener> listener;
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        listener = interestListener;
+    }
+    if (listener) {
+        listener->awaitSettled(limit);
+    }
+}
+
+bool BayeuxServerImpl::doIsHeld(const std::string& key) const {
+    return tiers[priorityTier].byPattern.holds(key) || tiers[ordinaryTier].byPattern.holds(key);
+}
+
+void BayeuxServerImpl::tell(const InterestChanges& changes) {
+    if (changes.listener && !changes.keys.empty()) {
+        changes.listener->interestChanged(changes.keys);
+    }
 }
 
 bool BayeuxServerImpl::deliver(std::unique_ptr<PublishRequest>&& request) {
@@ -272,7 +343,8 @@ void BayeuxServerImpl::doAppend(std::shared_ptr<SessionList>& list, std::weak_pt
 }
 
 void BayeuxServerImpl::doIndex(const DeclaredSession& entry, const BayeuxSession* identity,
-                               const std::string& key) {
+                               const std::string& key, InterestChanges& changes) {
+    const bool heldBefore = changes.listener && doIsHeld(key);
     const bool held = entry.holds.count(key) != 0;
     for (std::size_t tier = 0; tier < tiers.size(); ++tier) {
         if (held && entry.copies[tier] > 0) {
@@ -280,6 +352,9 @@ void BayeuxServerImpl::doIndex(const DeclaredSession& entry, const BayeuxSession
         } else {
             tiers[tier].byPattern.remove(key, identity);
         }
+    }
+    if (changes.listener && heldBefore != doIsHeld(key)) {
+        changes.keys.push_back(key);
     }
 }
 

@@ -19,6 +19,10 @@
 // session. Any thread may call anything at any time; a session's deliver may publish
 // again, which recurses on the same stack, and a session may declare or withdraw a
 // pattern holding its own lock.
+//
+// The interest listener, when one is set, hears of the keys whose buckets went from
+// empty in both tiers to held in one or back; it is copied under `mutex` with the
+// keys and called after `mutex` is released. Without one, no key is compared.
 
 #include <array>
 #include <memory>
@@ -62,6 +66,10 @@ public:
         std::size_t patterns = 0;
     };
     Census census();
+    void setInterestListener(std::shared_ptr<InterestListener> listener) override;
+    bool isHeld(const std::string& key) override;
+    std::vector<std::string> heldKeys() override;
+    void awaitInterestSettled(std::chrono::milliseconds limit) override;
 
 private:
     // One list: the sessions offered everything, and the sessions found by their patterns.
@@ -81,6 +89,18 @@ private:
         std::unordered_map<std::string, unsigned> holds;  // pattern key -> times declared
     };
 
+    // Keys whose interest changed under `mutex`, for the listener copied with them.
+    struct InterestChanges {
+        std::shared_ptr<InterestListener> listener;
+        std::vector<std::string> keys;
+    };
+
+    // Entered with `mutex` held.
+    InterestChanges doWatchInterest() const { return InterestChanges{interestListener, {}}; }
+    bool doIsHeld(const std::string& key) const;
+    // Called with `mutex` released.
+    static void tell(const InterestChanges& changes);
+
     void addTo(std::size_t tier, std::weak_ptr<BayeuxSession>&& session);
     void doDeliver(const std::shared_ptr<const PublishRequest>& request);
     // Calls `visit` on every live session of the tiers' vectors whose id differs from
@@ -94,13 +114,15 @@ private:
     static void doRemove(std::shared_ptr<SessionList>& list, const std::shared_ptr<BayeuxSession>& session);
     // Entered with `mutex` held: puts the session under `key` in every tier it was
     // added to and takes it out of the others (all of them once it holds `key` no more).
-    void doIndex(const DeclaredSession& entry, const BayeuxSession* identity, const std::string& key);
+    void doIndex(const DeclaredSession& entry, const BayeuxSession* identity, const std::string& key,
+                 InterestChanges& changes);
     // Entered with `mutex` held: erases the entry once it is neither added nor holds a pattern.
     void doForgetIfIdle(std::unordered_map<const BayeuxSession*, DeclaredSession>::iterator entry);
 
     std::mutex mutex;
     std::array<Tier, 2> tiers;  // priority first
     std::unordered_map<const BayeuxSession*, DeclaredSession> declared;
+    std::shared_ptr<InterestListener> interestListener;
 };
 
 }  // namespace korvane::bayeux

@@ -1,5 +1,7 @@
 #include "korvane/routing/subscription_index.h"
 
+#include <utility>
+
 #include "korvane/codec/channel.h"
 #include "korvane/frame/spare_buckets.h"
 
@@ -90,7 +92,26 @@ void SubscriptionIndex::collect(const std::vector<std::string>& paths, Snapshot&
     collectFrom(exact, paths[total], snapshot);
 }
 
+bool SubscriptionIndex::holds(const std::string& key) const {
+    std::string path;
+    return mapFor(key, path).count(path) != 0;
+}
+
+void SubscriptionIndex::appendKeys(std::vector<std::string>& keys) const {
+    for (const auto& [map, wildcard] : {std::pair(&exact, ""), std::pair(&singleWildcard, "*"),
+                                        std::pair(&deepWildcard, "**")}) {
+        for (const auto& bucket : *map) {
+            const std::string& path = bucket.first;
+            keys.push_back(*wildcard == '\0' ? path : path.empty() ? wildcard : path + "/" + wildcard);
+        }
+    }
+}
+
 SubscriptionIndex::BucketMap& SubscriptionIndex::mapFor(const std::string& key, std::string& path) {
+    return const_cast<BucketMap&>(std::as_const(*this).mapFor(key, path));
+}
+
+const SubscriptionIndex::BucketMap& SubscriptionIndex::mapFor(const std::string& key, std::string& path) const {
     if (cutWildcard(key, "**", path)) {
         return deepWildcard;
     }

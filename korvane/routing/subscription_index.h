@@ -54,6 +54,10 @@ public:
     void put(const std::string& key, const Member& member);
     // Takes the session out of the bucket of `key`; nothing if it is not there.
     void remove(const std::string& key, const BayeuxSession* identity);
+    // Whether the bucket of `key` has a member.
+    bool holds(const std::string& key) const;
+    // The keys of every bucket that has a member.
+    void appendKeys(std::vector<std::string>& keys) const;
     // The paths that a channel's lookups use: the first k segments joined, for k from 0 to
     // all of them. Made once per publish, before any lock is taken.
     static std::vector<std::string> pathsOf(const std::vector<std::string>& segments);
@@ -83,6 +87,7 @@ private:
 
     // The map for the kind of `key`, and the pattern's path in it.
     BucketMap& mapFor(const std::string& key, std::string& path);
+    const BucketMap& mapFor(const std::string& key, std::string& path) const;
     static void collectFrom(const BucketMap& map, const std::string& path, Snapshot& snapshot);
 
     BucketMap exact;

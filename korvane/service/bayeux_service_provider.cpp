@@ -21,6 +21,9 @@ common::diagnostic_logger logger("korvane::bayeux::service");
 constexpr const char* noSuchClientText = "No such clientId.";
 // Ticks between two sweeps (10 seconds).
 constexpr long long sweepPeriodTicks = 100;
+// The longest a subscribe's reply waits for the routing core's interest listener (the
+// cluster bridge's SUBSCRIBE in Redis): one Redis round trip when all is well.
+constexpr std::chrono::milliseconds subscribeSettleLimit{100};
 
 bool readForceIdClear() {
     const char* value = std::getenv("TORVEX_KORVANE_BAYEUX_FORCE_ID_CLEAR");
@@ -472,6 +475,10 @@ Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_p
         // A pattern count that is full: refused like any other pattern the session turns down.
         KORVANE_LOG(logger, common::logFailure) << "Session with id: " << request->clientId << " unable to subscribe to pattern: "
                                  << request->subscription << ", " << error.what();
+    }
+    if (response->successful) {
+        // So that a message published elsewhere after the client has its reply reaches it.
+        server->awaitInterestSettled(subscribeSettleLimit);
     }
     return resolved(std::move(response));
 }

@@ -8,7 +8,9 @@
 // limit into short polls.
 //
 // Threading and locks: handle overloads run on any host thread, concurrently, also
-// for the same client; the sweep runs on the timers' thread. `mutex` guards
+// for the same client; the sweep runs on the timers' thread. A successful subscribe
+// waits, with no lock held and for 100 ms at most, until the routing core's interest
+// listener has settled (see InterestListener::awaitSettled). `mutex` guards
 // `clients`, `sweeper` and every ClientInfo, and is held only for the map work and
 // for starting the sweep. Calls into a session are made with `mutex` released,
 // except in getActiveConnectCountForSessionId, flush and census, where `mutex` is the

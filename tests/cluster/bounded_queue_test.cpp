@@ -34,6 +34,7 @@ TEST(BoundedQueue, KeepsOrderDropsPastCapacityCountsTheDropsAndClosesWithoutCoun
     EXPECT_EQ(queue.size(), 3u);
     EXPECT_EQ(queue.takeDropped(), 2u);
     EXPECT_EQ(queue.takeDropped(), 0u) << "the count starts over once taken";
+    EXPECT_EQ(queue.totalDropped(), 2u) << "the total does not";
     EXPECT_EQ(**queue.pop(), 0);
     EXPECT_EQ(queue.push(std::make_unique<int>(5)), Push::Queued) << "room again after a pop";
     EXPECT_EQ(**queue.pop(), 1);

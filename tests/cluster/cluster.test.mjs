@@ -1,14 +1,16 @@
-// Three korvane-bayeux servers sharing their channels through one redis-server, with
-// the cometd client on each: delivery across servers on both transports, no echo and no
-// duplicates, and Redis going away and back, with order per publisher across it.
+// Three korvane-bayeux servers sharing their channels through two redis-server shards,
+// with the cometd client on each: delivery across servers on both transports to exactly
+// the holders of a channel, no echo and no duplicates, subscriptions in Redis that follow
+// the local holders, a shard going away and back, and a shard list that differs.
 
 import { after, before, describe, test } from "node:test";
 import assert from "node:assert/strict";
 import { randomBytes } from "node:crypto";
+import { spawnSync } from "node:child_process";
 import net from "node:net";
 
-import { startRedis, startServer } from "../support/launch.mjs";
-import { disconnect, handshake, newClient, publish, sleep, subscribe, until } from "../support/cometd.mjs";
+import { serverBinary, startRedis, startServer } from "../support/launch.mjs";
+import { disconnect, handshake, newClient, publish, sleep, subscribe, unsubscribe, until } from "../support/cometd.mjs";
 
 const clients = [];
 const client = async (server, transport = "long-polling") => {
@@ -19,13 +21,20 @@ const client = async (server, transport = "long-polling") => {
 };
 const clusterWarnings = (server) => server.output().split("\n").filter((line) => line.includes("[korvane::cluster]"));
 
-describe("servers sharing channels through Redis", () => {
+describe("servers sharing channels through Redis shards", () => {
     const password = `pw-${randomBytes(6).toString("hex")}`;
     const prefix = `korvane-test-${randomBytes(3).toString("hex")}:`;
-    let redis;
+    const shards = [];
     const servers = {};
     let probes = 0;
-    const startClustered = (url, env = {}) => startServer({ args: ["--redis", url, "--redis-prefix", prefix], env });
+    const startClustered = (urls, env = {}) =>
+        startServer({ args: [...urls.flatMap((url) => ["--redis", url]), "--redis-prefix", prefix], env });
+    // How many servers subscribe to `channel` in Redis, and the shards that carry it.
+    const inRedis = async (channel) => {
+        const counts = await Promise.all(shards.map(async (shard) => Number((await shard.cli("PUBSUB", "NUMSUB", prefix + channel))[1])));
+        return { servers: counts.reduce((x, y) => x + y), on: counts.flatMap((count, shard) => (count ? [shard] : [])) };
+    };
+    const patternCounts = () => Promise.all(shards.map(async (shard) => Number((await shard.cli("PUBSUB", "NUMPAT"))[0])));
 
     // Publishes from `from` until a subscriber on `to` sees it: the bridges of both are up.
     const awaitCrossing = async (from, to) => {
@@ -40,11 +49,11 @@ describe("servers sharing channels through Redis", () => {
     };
 
     before(async () => {
-        redis = await startRedis({ password });
-        const base = `127.0.0.1:${redis.port}`;
-        servers.a = await startClustered(`redis://:${password}@${base}`);
-        servers.b = await startClustered(`redis://${base}`, { KORVANE_REDIS_PASSWORD: password });
-        servers.c = await startClustered(`redis://:${password}@${base}/0`);
+        for (let k = 0; k < 2; ++k) shards.push(await startRedis({ password }));
+        const bases = shards.map((shard) => `127.0.0.1:${shard.port}`);
+        servers.a = await startClustered(bases.map((base) => `redis://:${password}@${base}`));
+        servers.b = await startClustered(bases.map((base) => `redis://${base}`), { KORVANE_REDIS_PASSWORD: password });
+        servers.c = await startClustered(bases.map((base) => `redis://:${password}@${base}/0`));
         await awaitCrossing(servers.b, servers.a);
         await awaitCrossing(servers.a, servers.b);
         await awaitCrossing(servers.a, servers.c);
@@ -52,64 +61,116 @@ describe("servers sharing channels through Redis", () => {
     after(async () => {
         await Promise.all(clients.map(disconnect));
         for (const server of Object.values(servers)) await server.stop();
-        await redis?.stop();
+        for (const shard of shards) await shard.stop();
     });
 
     for (const transport of ["long-polling", "websocket"]) {
-        test(`over ${transport}: a message reaches every other server's subscribers once, as the publisher sent it, and never comes back`, async () => {
-            const channel = `/room/${transport}`;
-            const names = ["a", "b", "c", "publisher"];
-            const on = [servers.a, servers.b, servers.c, servers.b];
-            const seen = {};
-            for (const [index, name] of names.entries()) {
-                seen[name] = [];
-                on[index] = await client(on[index], transport);
-                await subscribe(on[index], channel, (message) => seen[name].push(message));
+        test(`over ${transport}: a message reaches the holders of its channel once, as sent, and no one else, for exact channels and both wildcards`, async () => {
+            const t = `/t/${transport}`;
+            // Server a holds an exact channel and, in another session, a wildcard that Redis sends it too.
+            // The publisher on b holds the exact channel and a witness next to it sees it locally.
+            const holders = [["a", "/exact"], ["a", "/**"], ["c", "/one/*"], ["c", "/deep/**"], ["b", "/exact"], ["b", "/exact"]];
+            const publishes = [
+                ["/exact", [0, 1, 5]],
+                ["/one/x", [1, 2]],
+                ["/one/x/y", [1]], // c's Redis glob covers it, its pattern does not
+                ["/deep/x/y", [1, 3]],
+                ["/elsewhere", [1]],
+            ];
+            const [seen, on] = [holders.map(() => []), []];
+            for (const [index, [server, pattern]] of holders.entries()) {
+                on.push(await client(servers[server], transport));
+                await subscribe(on[index], t + pattern, (message) => seen[index].push(message));
             }
             const data = { text: "héllo \u2028 \"world\"", n: 1.5e300, list: [null, true, { deep: [] }] };
-            await publish(on[3], channel, data);
-            await until(() => seen.a.length && seen.b.length && seen.c.length, 5000, "deliveries on all servers");
+            for (const [channel] of publishes) await publish(on[4], t + channel, data);
+            // Sorted: channels on different shards keep no order between them.
+            const expected = holders.map((_, index) => publishes.filter(([, to]) => to.includes(index)).map(([channel]) => t + channel).sort());
+            await until(() => seen.every((list, index) => list.length >= expected[index].length), 5000, "the deliveries");
             await sleep(300);
-            assert.deepEqual([seen.a.length, seen.b.length, seen.c.length], [1, 1, 1], "one delivery on each server");
-            assert.deepEqual(seen.publisher, [], "the publisher does not get its own message");
-            for (const message of [seen.a[0], seen.c[0]]) {
-                assert.deepEqual(message.data, data);
-                assert.equal(message.channel, channel);
-                assert.equal(message.clientId, seen.b[0].clientId, "the same clientId as a local subscriber sees");
-                assert.equal(message.id, seen.b[0].id, "the same id as a local subscriber sees");
+            assert.deepEqual(seen.map((list) => list.map((message) => message.channel).sort()), expected);
+            const local = seen[5][0];
+            for (const message of [seen[0][0], seen[1][0]]) {
+                assert.deepEqual([message.data, message.clientId, message.id], [data, local.clientId, local.id], "as a local subscriber sees it");
             }
         });
     }
 
-    test("while Redis is away each server serves its own clients; delivery across servers resumes on its own", async () => {
+    test("Redis subscriptions follow the local holders: one per server however many hold, gone with the last", async () => {
+        const patternsBefore = await patternCounts();
+        const holders = [await client(servers.a), await client(servers.a)];
+        const handles = [await subscribe(holders[0], "/t/leave", () => {}), await subscribe(holders[1], "/t/leave", () => {})];
+        await subscribe(holders[1], "/t/leave/*", () => {});
+        assert.equal((await inRedis("/t/leave")).servers, 1, "in Redis by the time the subscribe is acknowledged");
+        assert.deepEqual((await patternCounts()).map((count, k) => count - patternsBefore[k]), [1, 1], "a wildcard on every shard");
+        await unsubscribe(holders[0], handles[0]);
+        await sleep(300);
+        assert.equal((await inRedis("/t/leave")).servers, 1, "another holder is left");
+        await disconnect(holders[1]);
+        for (const end = Date.now() + 3000; (await inRedis("/t/leave")).servers !== 0; await sleep(50)) {
+            assert.ok(Date.now() < end, "the last holder's leaving did not unsubscribe");
+        }
+        assert.deepEqual(await patternCounts(), patternsBefore, "nor the wildcard's");
+    });
+
+    test("a message published on another server right after the subscribe reply arrives", async () => {
+        const [listener, talker] = [await client(servers.a), await client(servers.b)];
+        const seen = [];
+        for (let n = 0; n < 20; ++n) {
+            await subscribe(listener, `/t/fresh/${n}`, (message) => seen.push(message.data.n));
+            await publish(talker, `/t/fresh/${n}`, { n });
+        }
+        await until(() => seen.length === 20, 5000, `all 20 messages, got ${seen}`);
+    });
+
+    test("while a shard is away only its channels stop crossing; they resume on their own, in order", async () => {
         const [listener, neighbour, remote] = [await client(servers.a), await client(servers.a), await client(servers.b)];
-        const [localSeen, remoteSeen] = [[], []];
-        await subscribe(listener, "/local/room", (message) => localSeen.push(message.data.n));
-        await subscribe(listener, "/shared/room", (message) => remoteSeen.push(message.data.n));
+        const seen = {};
+        const shardChannels = [];
+        for (let k = 0; shardChannels.filter(Boolean).length < 2; ++k) {
+            const channel = `/shard/${k}`;
+            seen[channel] = [];
+            await subscribe(listener, channel, (message) => seen[channel].push(message.data.n));
+            shardChannels[(await inRedis(channel)).on[0]] ??= channel;
+        }
+        const [alive, away] = shardChannels;
         const warningsBefore = clusterWarnings(servers.a).length;
 
-        await redis.stop();
-        await publish(neighbour, "/local/room", { n: 1 });
-        await until(() => localSeen.length === 1, 3000, "a local delivery while Redis is down");
+        await shards[1].stop();
+        await publish(neighbour, away, { n: -1 });
         let n = 0;
-        while (n < 5) await publish(remote, "/shared/room", { n: n++ });
+        while (n < 5) {
+            await publish(remote, away, { n });
+            await publish(remote, alive, { n: n++ });
+        }
+        await until(() => seen[alive].length === 5, 3000, "the other shard's messages");
         await sleep(1500);
+        assert.deepEqual(seen[away], [-1], "only the local delivery while its shard is away");
         assert.equal(clusterWarnings(servers.a).length - warningsBefore, 1, "one warning for the outage, not one per attempt");
 
-        redis = await startRedis({ port: redis.port, password });
+        shards[1] = await startRedis({ port: shards[1].port, password });
         const firstAfter = n;
-        for (const end = Date.now() + 15000; !remoteSeen.some((value) => value >= firstAfter); await sleep(100)) {
+        for (const end = Date.now() + 15000; !seen[away].some((value) => value >= firstAfter); await sleep(100)) {
             assert.ok(Date.now() < end, "delivery did not resume within 15 s");
-            await publish(remote, "/shared/room", { n: n++ });
+            await publish(remote, away, { n: n++ });
         }
         const resumed = n;
-        while (n < resumed + 20) await publish(remote, "/shared/room", { n: n++ });
-        await until(() => remoteSeen.includes(n - 1), 5000, "the messages after the restart");
+        while (n < resumed + 20) await publish(remote, away, { n: n++ });
+        await until(() => seen[away].includes(n - 1), 5000, "the messages after the restart");
         await sleep(200);
-        assert.equal(new Set(remoteSeen).size, remoteSeen.length, "no duplicates");
-        assert.deepEqual([...remoteSeen].sort((x, y) => x - y), remoteSeen, "in order");
-        assert.deepEqual(remoteSeen.filter((value) => value >= resumed), Array.from({ length: 20 }, (_, k) => resumed + k), "nothing lost once back");
+        assert.equal(new Set(seen[away]).size, seen[away].length, "no duplicates");
+        assert.deepEqual([...seen[away]].sort((x, y) => x - y), seen[away], "in order");
+        assert.deepEqual(seen[away].filter((value) => value >= resumed), Array.from({ length: 20 }, (_, k) => resumed + k), "nothing lost once back");
         for (const server of Object.values(servers)) assert.ok(!server.output().includes(password), "the password is never logged");
+    });
+
+    test("a server whose shard list differs from the one recorded in the shards refuses to start", () => {
+        const reversed = [...shards].reverse().flatMap((shard) => ["--redis", `redis://:${password}@127.0.0.1:${shard.port}`]);
+        const run = spawnSync(serverBinary, ["--listen", "127.0.0.1:0", ...reversed, "--redis-prefix", prefix], { encoding: "utf8", timeout: 10000 });
+        const lines = run.stderr.split("\n").filter((line) => line !== "");
+        assert.deepEqual([run.status, lines.length], [2, 1], run.stderr);
+        assert.match(lines[0], /the --redis list \(.+\) differs from the one recorded in 127\.0\.0\.1:\d+\/0 under .*shards \(.+\)$/);
+        assert.ok(!lines[0].includes(password));
     });
 });
 

@@ -22,6 +22,13 @@ async function readyzBecomes(server, status, what) {
     assert.fail(`/readyz did not answer ${status} ${what}: ${last}`);
 }
 
+// The bridge's gauges in /metrics, as "up/shards".
+async function redisGauges(server) {
+    const [, text] = await probe(server, "/metrics");
+    const value = (name) => text.match(new RegExp(`^${name} (\\d+)$`, "m"))?.[1];
+    return `${value("korvane_redis_up")}/${value("korvane_redis_shards")}`;
+}
+
 test("a lone server is ready as soon as it serves", async () => {
     const server = await startServer();
     try {
@@ -40,9 +47,11 @@ test("a clustered server is ready only while its bridge hears Redis", async () =
     try {
         assert.deepEqual(await probe(server, "/readyz"), [503, "not connected to Redis\n"]);
         assert.deepEqual(await probe(server, "/healthz"), [200, "serving\n"], "alive while not ready");
+        assert.equal(await redisGauges(server), "0/1");
 
         redis = await startRedis({ port });
         assert.deepEqual(await readyzBecomes(server, 200, "once Redis came"), [200, "ready\n"]);
+        assert.equal(await redisGauges(server), "1/1");
         await redis.stop();
         assert.deepEqual(await readyzBecomes(server, 503, "once Redis went"), [503, "not connected to Redis\n"]);
         redis = await startRedis({ port });

@@ -115,7 +115,7 @@ private:
 struct Node {
     Node(const RedisEndpoint& endpoint, const std::string& prefix) {
         RedisBridgeOptions options;
-        options.endpoint = endpoint;
+        options.shards = {endpoint};
         options.prefix = prefix;
         bridge = std::make_unique<RedisBridge>(participant(), routing, options);
     }
@@ -160,6 +160,9 @@ TEST(RedisBridgeConcurrency, ThreadsPublishingOnOneServerReachTheOtherOnceEachIn
     auto witness = east.participant();
     nearSide.listen(*witness, "/room/**");
     meta.listen(*west.member, "/service/**");
+    // Until Redis has both sides' "/room/**", as the protocol service does before a subscribe's reply.
+    west.routing->awaitInterestSettled(5s);
+    east.routing->awaitInterestSettled(5s);
 
     constexpr int threads = 4;
     constexpr int perThread = 250;
@@ -219,7 +222,7 @@ TEST(RedisBridge, ASessionWithoutAContextIsRefused) {
     auto routing = std::make_shared<bayeux::BayeuxServerImpl>();
     auto session = std::make_shared<bayeux::LocalBayeuxSession>(routing, nullptr);
     RedisBridgeOptions options;
-    options.endpoint.host = "127.0.0.1";
+    options.shards.emplace_back().host = "127.0.0.1";
     EXPECT_THROW(RedisBridge(session, routing, options), std::invalid_argument);
 }
 

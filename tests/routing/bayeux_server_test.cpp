@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <stdexcept>
 
 #include "routing/routing_test_support.h"
@@ -202,6 +203,45 @@ TEST_F(BayeuxServerTest, IndexFollowsWithdrawsRemovesAndDeathsAndIgnoresSessions
     EXPECT_EQ(logOf("/x/y"), Log{}) << "declared patterns route nothing before the session is added";
     neverAdded.reset();
     EXPECT_EQ(live, 0);
+}
+
+// Logs "+key" or "-key" by what the server says of the key when told of it.
+struct HeardInterest : InterestListener {
+    explicit HeardInterest(BayeuxServer& server) : server(server) {}
+    void interestChanged(const std::vector<std::string>& keys) override {
+        for (const std::string& key : keys) {
+            heard.push_back((server.isHeld(key) ? "+" : "-") + key);
+        }
+    }
+    BayeuxServer& server;
+    Log heard;
+};
+
+TEST_F(BayeuxServerTest, InterestListenerHearsOfAKeysFirstAddedHolderAndOfItsLastOnly) {
+    const auto listener = std::make_shared<HeardInterest>(*server);
+    server->setInterestListener(listener);
+    auto a = std::make_shared<DeclaringSession>(server, "a", &log);
+    auto b = std::make_shared<DeclaringSession>(server, "b", &log);
+    const std::vector<std::pair<std::function<void()>, Log>> steps = {
+        {[&] { a->hold("/x/*").hold("/y"); }, {}},
+        {[&] { server->addSession(a); }, {"+x/*", "+y"}},
+        {[&] { b->hold("/x//*"); server->addSession(b); server->addPrioritySession(b); }, {}},
+        {[&] { a->drop("/x/*").drop("/y"); }, {"-y"}},
+        {[&] { server->removeSession(b); }, {"-x/*"}},
+        {[&] { server->addPrioritySession(b); }, {"+x/*"}},
+        {[&] { b.reset(); }, {"-x/*"}},
+        {[&] { a->hold("/z/**"); }, {"+z/**"}},
+    };
+    for (std::size_t step = 0; step < steps.size(); ++step) {
+        listener->heard.clear();
+        steps[step].first();
+        EXPECT_EQ(sorted(listener->heard), steps[step].second) << "step " << step;
+    }
+    EXPECT_EQ(server->heldKeys(), std::vector<std::string>{"z/**"});
+    server->setInterestListener(nullptr);
+    listener->heard.clear();
+    a->drop("/z/**");
+    EXPECT_EQ(listener->heard, Log{}) << "a listener removed hears nothing";
 }
 
 TEST_F(BayeuxServerTest, IndexSessionAddedOrDeclaringDuringAPublishJoinsAtTheNextSnapshot) {

@@ -1,7 +1,7 @@
 // The processes of the loopback suites: the korvane-bayeux server and a throw-away
 // redis-server, each on a free loopback port, each stopped by the test that started it.
 
-import { spawn } from "node:child_process";
+import { execFile, spawn } from "node:child_process";
 import { fileURLToPath } from "node:url";
 import net from "node:net";
 import path from "node:path";
@@ -75,13 +75,19 @@ function freePort() {
     });
 }
 
-// Starts redis-server without persistence; `password` turns on requirepass.
+// Starts redis-server without persistence; `password` turns on requirepass. `cli(...args)`
+// runs one command through redis-cli and resolves with its output lines.
 export async function startRedis({ port, password } = {}) {
     port ??= await freePort();
     const args = ["--port", String(port), "--bind", "127.0.0.1", "--save", "", "--appendonly", "no"];
     const redis = await launch(redisBinary, password ? [...args, "--requirepass", password] : args, /Ready to accept connections/);
+    const login = password ? ["-a", password, "--no-auth-warning"] : [];
     return {
         port,
+        cli: (...command) =>
+            new Promise((resolve, reject) =>
+                execFile("redis-cli", ["-p", String(port), ...login, ...command], (error, stdout) =>
+                    error ? reject(error) : resolve(stdout.split("\n").filter((line) => line !== "")))),
         async stop() {
             redis.child.kill("SIGKILL");
             await redis.exited;

@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <malloc.h>
 #include <functional>
 #include <iostream>
@@ -33,9 +34,7 @@ namespace {
 
 using namespace korvane;
 
-#ifndef KORVANE_SOURCE_DIR
-#define KORVANE_SOURCE_DIR "."
-#endif
+namespace fs = std::filesystem;
 
 // One --log-levels setting: a mask for one channel, or for all of them when `channel` is empty.
 struct LogLevelSetting {
@@ -148,7 +147,7 @@ std::vector<Flag> flags() {
              options.host.http.bayeuxPath = requirePath(name, value);
          }},
         {"--threads", "N", "one per usable CPU", "I/O threads", setNumber(&host::HttpServerOptions::threads, 1024)},
-        {"--static", "DIR", "the bundled web/ folder", "files served for every other path",
+        {"--static", "DIR", "the installed page, share/korvane-bayeux/web", "files served for every other path",
          setText(&host::HttpServerOptions::staticRoot)},
         {"--log-levels", "[CHANNEL=]MASK", describe(defaultLogSettings),
          "log levels: 4 frequent, 8 trace, 16 sessions, 256 warnings, 512 failures; CHANNEL=MASK sets one "
@@ -286,10 +285,22 @@ const char* const synopsis =
     "usage: korvane-bayeux [FLAG VALUE]...\n"
     "A bad flag or value exits with status 2 and a line naming the flag.\n";
 
+// The folder of the page and its client library, found from the server's own location:
+// KORVANE_DATA_FROM_BINDIR from it once installed, share/korvane-bayeux beside it in the
+// build tree. Never the source tree, which an installed server may not have.
+fs::path bundledDataFolder() {
+    std::error_code error;
+    const fs::path serverFolder = fs::read_symlink("/proc/self/exe", error).parent_path();
+    const fs::path installed = (serverFolder / KORVANE_DATA_FROM_BINDIR).lexically_normal();
+    const fs::path beside = serverFolder / "share" / "korvane-bayeux";
+    return fs::is_directory(installed, error) || !fs::is_directory(beside, error) ? installed : beside;
+}
+
 Options parseOptions(int argc, char** argv) {
     Options options;
-    options.host.http.staticRoot = KORVANE_SOURCE_DIR "/web";
-    options.host.http.staticMounts.emplace_back("/vendor/cometd", KORVANE_SOURCE_DIR "/node_modules/cometd");
+    const fs::path data = bundledDataFolder();
+    options.host.http.staticRoot = (data / "web").string();
+    options.host.http.staticMounts.emplace_back("/vendor/cometd", (data / "cometd").string());
     apps::applyFlags(argc, argv, synopsis, flags(), options);
     if (options.host.http.tlsCert.empty() != options.host.http.tlsKey.empty()) {
         throw std::invalid_argument("--tls-cert and --tls-key go together");

@@ -24,7 +24,9 @@
 
 #include "command_line.h"
 #include "korvane/bayeux.h"
+#ifdef KORVANE_WITH_REDIS
 #include "korvane/cluster/redis_bridge.h"
+#endif
 #include "korvane/host/allow_list_policy.h"
 #include "korvane/host/bayeux_host.h"
 #include "korvane/host/http_server.h"
@@ -57,8 +59,10 @@ struct Options {
     bool logLevelsGiven = false;
     common::LogFormat logFormat = common::LogFormat::text;
     unsigned heartbeatSeconds = 1;
+#ifdef KORVANE_WITH_REDIS
     bool clustered = false;
     cluster::RedisBridgeOptions cluster;
+#endif
     // Patterns that anonymous clients may subscribe to and publish on; empty: any.
     std::vector<std::string> subscribeAllowed;
     std::vector<std::string> publishAllowed;
@@ -131,13 +135,55 @@ Flag::Setter setText(std::string host::HttpServerOptions::*field) {
     return [field](Options& options, const std::string&, const std::string& value) { options.host.http.*field = value; };
 }
 
+#ifdef KORVANE_WITH_REDIS
+std::vector<Flag> redisFlags() {
+    const auto count = [](auto number) { return std::to_string(number); };
+    return {
+        {"--redis", "URL", "none, the server runs alone",
+         "share channels with other servers through Redis: redis://[:password@]host:port[/db] "
+         "(or the password in KORVANE_REDIS_PASSWORD)",
+         [](Options& options, const std::string& name, const std::string& value) {
+             try {
+                 options.cluster.endpoint = cluster::parseRedisUrl(value, std::getenv("KORVANE_REDIS_PASSWORD"));
+             } catch (const std::invalid_argument& error) {
+                 // Not the URL itself: it may hold a password.
+                 throw std::invalid_argument(name + ": " + error.what());
+             }
+             options.clustered = true;
+         }},
+        {"--redis-prefix", "PREFIX", cluster::RedisBridgeOptions().prefix, "prefix of the Redis channel names",
+         [](Options& options, const std::string& name, const std::string& value) {
+             if (value.empty()) {
+                 throw std::invalid_argument("invalid value for " + name + ": ''");
+             }
+             options.cluster.prefix = value;
+         }},
+        {"--redis-buffer", "N", count(cluster::RedisBridgeOptions().bufferSize),
+         "messages held for Redis while it is slow or away; more are dropped",
+         [](Options& options, const std::string& name, const std::string& value) {
+             options.cluster.bufferSize = static_cast<std::size_t>(parseNumber(name, value, 100000000));
+         }},
+    };
+}
+#else
+// The flags are known, so that a server built without Redis says so rather than "unknown flag".
+std::vector<Flag> redisFlags() {
+    const Flag::Setter refuse = [](Options&, const std::string& name, const std::string&) {
+        throw std::invalid_argument(name + ": this server was built without Redis");
+    };
+    return {{"--redis", "URL", "", "not in this build (built without Redis)", refuse},
+            {"--redis-prefix", "PREFIX", "", "not in this build", refuse},
+            {"--redis-buffer", "N", "", "not in this build", refuse}};
+}
+#endif
+
 std::vector<Flag> flags() {
     const host::HttpServerOptions http;
     const auto count = [](auto number) { return std::to_string(number); };
     const auto seconds = [](std::chrono::milliseconds time) {
         return std::to_string(std::chrono::duration_cast<std::chrono::seconds>(time).count());
     };
-    return {
+    std::vector<Flag> all = {
         {"--listen", "HOST:PORT", http.listen, "address to serve on; [v6]:port, or :port for all interfaces",
          [](Options& options, const std::string& name, const std::string& value) {
              options.host.http.listen = requireListenAddress(name, value);
@@ -234,31 +280,11 @@ std::vector<Flag> flags() {
          [](Options& options, const std::string& name, const std::string& value) {
              options.heartbeatSeconds = static_cast<unsigned>(parseNumber(name, value, 86400));
          }},
-        {"--redis", "URL", "none, the server runs alone",
-         "share channels with other servers through Redis: redis://[:password@]host:port[/db] "
-         "(or the password in KORVANE_REDIS_PASSWORD)",
-         [](Options& options, const std::string& name, const std::string& value) {
-             try {
-                 options.cluster.endpoint = cluster::parseRedisUrl(value, std::getenv("KORVANE_REDIS_PASSWORD"));
-             } catch (const std::invalid_argument& error) {
-                 // Not the URL itself: it may hold a password.
-                 throw std::invalid_argument(name + ": " + error.what());
-             }
-             options.clustered = true;
-         }},
-        {"--redis-prefix", "PREFIX", cluster::RedisBridgeOptions().prefix, "prefix of the Redis channel names",
-         [](Options& options, const std::string& name, const std::string& value) {
-             if (value.empty()) {
-                 throw std::invalid_argument("invalid value for " + name + ": ''");
-             }
-             options.cluster.prefix = value;
-         }},
-        {"--redis-buffer", "N", count(cluster::RedisBridgeOptions().bufferSize),
-         "messages held for Redis while it is slow or away; more are dropped",
-         [](Options& options, const std::string& name, const std::string& value) {
-             options.cluster.bufferSize = static_cast<std::size_t>(parseNumber(name, value, 100000000));
-         }},
     };
+    for (Flag& flag : redisFlags()) {
+        all.push_back(std::move(flag));
+    }
+    return all;
 }
 
 // Tokens decide everything when a key is given; the allow lists bind anonymous clients,
@@ -342,16 +368,17 @@ private:
 // Threading: any thread; the mutex is taken by each probe and by main at each change.
 class Readiness {
 public:
-    void serving(const cluster::RedisBridge* redisBridge) {
+    // `bridgeConnected` is empty when the server runs alone.
+    void serving(std::function<bool()> bridgeConnected) {
         std::lock_guard<std::mutex> guard(mutex);
         phase = Phase::serving;
-        bridge = redisBridge;
+        bridgeHearsRedis = std::move(bridgeConnected);
     }
     // Called before the bridge goes away.
     void stopping() {
         std::lock_guard<std::mutex> guard(mutex);
         phase = Phase::stopping;
-        bridge = nullptr;
+        bridgeHearsRedis = nullptr;
     }
     std::string notReadyReason() const {
         std::lock_guard<std::mutex> guard(mutex);
@@ -363,14 +390,14 @@ public:
         case Phase::serving:
             break;
         }
-        return bridge != nullptr && !bridge->isConnected() ? "not connected to Redis" : "";
+        return bridgeHearsRedis && !bridgeHearsRedis() ? "not connected to Redis" : "";
     }
 
 private:
     enum class Phase { starting, serving, stopping };
     mutable std::mutex mutex;
     Phase phase = Phase::starting;
-    const cluster::RedisBridge* bridge = nullptr;
+    std::function<bool()> bridgeHearsRedis;
 };
 
 // glibc caches up to seven freed blocks of each small size in every thread, out of
@@ -458,20 +485,30 @@ int main(int argc, char** argv) {
         if (options.heartbeatSeconds != 0) {
             heartbeat = std::make_unique<Heartbeat>(server, options.heartbeatSeconds);
         }
+#ifdef KORVANE_WITH_REDIS
         std::unique_ptr<cluster::RedisBridge> bridge;
         if (options.clustered) {
             bridge = std::make_unique<cluster::RedisBridge>(server.makeLocalSession(), server.routing(), options.cluster);
+            readiness->serving([connected = bridge.get()] { return connected->isConnected(); });
+        } else {
+            readiness->serving(nullptr);
         }
-        readiness->serving(bridge.get());
+#else
+        readiness->serving(nullptr);
+#endif
         std::cout << "korvane-bayeux: serving " << server.url() << " (Bayeux endpoint " << bayeuxPath
                   << ", Ctrl-C stops)" << std::endl;
+#ifdef KORVANE_WITH_REDIS
         if (bridge) {
             std::cout << "korvane-bayeux: sharing channels through Redis at " << options.cluster.endpoint.describe()
                       << std::endl;
         }
+#endif
         waitForStopSignal(signals);
         readiness->stopping();
+#ifdef KORVANE_WITH_REDIS
         bridge.reset();
+#endif
         heartbeat.reset();
         memoryTrim.reset();
         server.stop();

@@ -15,16 +15,18 @@
 #include "korvane/frame/data_buffer.h"
 #include "korvane/frame/message.h"
 #include "korvane/frame/reactive_streams.h"
+#include "korvane/export.h"
 
 namespace korvane::bayeux {
 
-class BayeuxServiceProvider;
+// Exported at its first sight, as ServiceMessage<BayeuxServiceProvider> is instantiated below.
+class KORVANE_EXPORT BayeuxServiceProvider;
 
 using BayeuxMessage = ServiceMessage<BayeuxServiceProvider>;
 using MessageStream = reactive_streams::PublisherAPI<std::unique_ptr<Message>>;
 
 // The four fields that all Bayeux messages share. Empty strings mean absent.
-class BayeuxBase {
+class KORVANE_EXPORT BayeuxBase {
 public:
     explicit BayeuxBase(std::string channel = std::string());
     BayeuxBase(const BayeuxBase&) = default;
@@ -39,7 +41,7 @@ public:
 };
 
 // The fields every response carries behind its bases.
-class BayeuxResponse : public BayeuxBase {
+class KORVANE_EXPORT BayeuxResponse : public BayeuxBase {
 public:
     using BayeuxBase::BayeuxBase;
     ~BayeuxResponse() override;
@@ -48,7 +50,7 @@ public:
     bool successful = false;
 };
 
-class Advice {
+class KORVANE_EXPORT Advice {
 public:
     enum Reconnect : std::int32_t { Retry = 0, Handshake = 1, None = 2 };
 
@@ -59,7 +61,7 @@ public:
     std::vector<std::string> hosts;
 };
 
-class BayeuxAdvice : public Advice {
+class KORVANE_EXPORT BayeuxAdvice : public Advice {
 public:
     // Advice per connection type, keyed by the connection-type name.
     std::unordered_map<std::string, Advice> transportAdvice;
@@ -71,7 +73,7 @@ public:
                                                 std::unique_ptr<Message>&& self, Address&& address,   \
                                                 std::shared_ptr<Context>&& context) override
 
-class HandshakeRequest : public BayeuxBase, public BayeuxMessage {
+class KORVANE_EXPORT HandshakeRequest : public BayeuxBase, public BayeuxMessage {
 public:
     HandshakeRequest();
     KORVANE_BAYEUX_DISPATCH;
@@ -84,7 +86,7 @@ public:
     std::string ext;
 };
 
-class HandshakeResponse : public BayeuxResponse, public BayeuxMessage {
+class KORVANE_EXPORT HandshakeResponse : public BayeuxResponse, public BayeuxMessage {
 public:
     HandshakeResponse();
     KORVANE_BAYEUX_DISPATCH;
@@ -96,7 +98,7 @@ public:
 };
 
 // Kept so that a /meta/connect can be serialised; the reader never produces it.
-class ConnectRequest : public BayeuxBase, public BayeuxMessage {
+class KORVANE_EXPORT ConnectRequest : public BayeuxBase, public BayeuxMessage {
 public:
     ConnectRequest();
     KORVANE_BAYEUX_DISPATCH;
@@ -105,7 +107,7 @@ public:
     std::shared_ptr<BayeuxAdvice> advice;
 };
 
-class ConnectResponse : public BayeuxResponse, public BayeuxMessage {
+class KORVANE_EXPORT ConnectResponse : public BayeuxResponse, public BayeuxMessage {
 public:
     ConnectResponse();
     KORVANE_BAYEUX_DISPATCH;
@@ -115,7 +117,7 @@ public:
 
 // The real /meta/connect request. The two flags never reach the wire: the
 // transport sets them to say how the session is to answer.
-class ConnectStreamRequest : public BayeuxBase, public BayeuxMessage {
+class KORVANE_EXPORT ConnectStreamRequest : public BayeuxBase, public BayeuxMessage {
 public:
     ConnectStreamRequest();
     KORVANE_BAYEUX_DISPATCH;
@@ -126,7 +128,7 @@ public:
     bool holdResponses = false;
 };
 
-class ConnectStreamResponse : public BayeuxResponse, public BayeuxMessage {
+class KORVANE_EXPORT ConnectStreamResponse : public BayeuxResponse, public BayeuxMessage {
 public:
     ConnectStreamResponse();
     KORVANE_BAYEUX_DISPATCH;
@@ -136,19 +138,19 @@ public:
     std::shared_ptr<MessageStream> stream;
 };
 
-class DisconnectRequest : public BayeuxBase, public BayeuxMessage {
+class KORVANE_EXPORT DisconnectRequest : public BayeuxBase, public BayeuxMessage {
 public:
     DisconnectRequest();
     KORVANE_BAYEUX_DISPATCH;
 };
 
-class DisconnectResponse : public BayeuxResponse, public BayeuxMessage {
+class KORVANE_EXPORT DisconnectResponse : public BayeuxResponse, public BayeuxMessage {
 public:
     DisconnectResponse();
     KORVANE_BAYEUX_DISPATCH;
 };
 
-class SubscribeRequest : public BayeuxBase, public BayeuxMessage {
+class KORVANE_EXPORT SubscribeRequest : public BayeuxBase, public BayeuxMessage {
 public:
     SubscribeRequest(const std::string& subscription, const std::string& clientId);
     KORVANE_BAYEUX_DISPATCH;
@@ -156,7 +158,7 @@ public:
     std::string subscription;
 };
 
-class SubscribeResponse : public BayeuxResponse, public BayeuxMessage {
+class KORVANE_EXPORT SubscribeResponse : public BayeuxResponse, public BayeuxMessage {
 public:
     SubscribeResponse();
     KORVANE_BAYEUX_DISPATCH;
@@ -165,7 +167,7 @@ public:
     std::shared_ptr<BayeuxAdvice> advice;
 };
 
-class UnsubscribeRequest : public BayeuxBase, public BayeuxMessage {
+class KORVANE_EXPORT UnsubscribeRequest : public BayeuxBase, public BayeuxMessage {
 public:
     UnsubscribeRequest(const std::string& subscription, const std::string& clientId);
     KORVANE_BAYEUX_DISPATCH;
@@ -173,7 +175,7 @@ public:
     std::string subscription;
 };
 
-class UnsubscribeResponse : public BayeuxResponse, public BayeuxMessage {
+class KORVANE_EXPORT UnsubscribeResponse : public BayeuxResponse, public BayeuxMessage {
 public:
     UnsubscribeResponse();
     KORVANE_BAYEUX_DISPATCH;
@@ -182,7 +184,7 @@ public:
     std::shared_ptr<BayeuxAdvice> advice;
 };
 
-class PublishRequest : public BayeuxBase, public BayeuxMessage {
+class KORVANE_EXPORT PublishRequest : public BayeuxBase, public BayeuxMessage {
 public:
     // Selects the copy that a receiver gets: everything but the sender's clientId.
     struct WithoutSender {};
@@ -211,7 +213,7 @@ private:
     mutable common::DataBuffer delivered;
 };
 
-class PublishResponse : public BayeuxResponse, public BayeuxMessage {
+class KORVANE_EXPORT PublishResponse : public BayeuxResponse, public BayeuxMessage {
 public:
     explicit PublishResponse(const std::string& channel);
     KORVANE_BAYEUX_DISPATCH;
@@ -220,7 +222,7 @@ public:
 #undef KORVANE_BAYEUX_DISPATCH
 
 // The messages of one JSON array of two or more objects.
-class BayeuxContainer : public Message {
+class KORVANE_EXPORT BayeuxContainer : public Message {
 public:
     BayeuxContainer();
     ~BayeuxContainer() override;

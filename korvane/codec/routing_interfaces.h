@@ -12,12 +12,13 @@
 
 #include "korvane/codec/messages.h"
 #include "korvane/frame/service.h"
+#include "korvane/export.h"
 
 namespace korvane::bayeux {
 
 class BayeuxServer;
 
-class BayeuxSession {
+class KORVANE_EXPORT BayeuxSession {
 public:
     BayeuxSession();
     virtual ~BayeuxSession();
@@ -49,7 +50,7 @@ public:
     virtual bool declaresPatternsTo(const BayeuxServer& server) const { return false; }
 };
 
-class BayeuxServer {
+class KORVANE_EXPORT BayeuxServer {
 public:
     BayeuxServer();
     virtual ~BayeuxServer();

@@ -15,7 +15,7 @@ CONFIGURE = cmake -S . -DCMAKE_BUILD_TYPE=RelWithDebInfo -Wno-dev
 # for their reports) for build time: their Beast translation units are the slowest.
 SANITIZE_FLAGS = -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1" -DKORVANE_BUILD_BENCH=OFF
 
-.PHONY: all deps build run test test-unit test-asan test-tsan test-interop test-interop-sanitized test-cluster test-browser test-load-smoke test-load-sanitized test-soak test-memory test-install fuzz fuzz-long bench bench-load bench-cluster soak install clean
+.PHONY: all deps build run test test-unit test-asan test-tsan test-interop test-interop-sanitized test-cluster test-browser test-load-smoke test-load-sanitized test-soak test-memory test-install fuzz fuzz-long bench bench-load bench-cluster soak install clean test-package
 
 all: build
 
@@ -40,6 +40,7 @@ test: deps
 	$(MAKE) --no-print-directory test-soak
 	$(MAKE) --no-print-directory test-memory
 	$(MAKE) --no-print-directory test-install
+	$(MAKE) --no-print-directory test-package
 	$(MAKE) --no-print-directory test-asan
 	$(MAKE) --no-print-directory test-tsan
 	$(MAKE) --no-print-directory test-interop-sanitized
@@ -119,6 +120,13 @@ test-install:
 	  -DCMAKE_BUILD_TYPE=RelWithDebInfo -Wno-dev >/dev/null
 	cmake --build $(BUILD)/install-test/build -j$(JOBS)
 	$(BUILD)/install-test/build/embedded_chat --check
+
+# The Debian packages from cpack: what each holds and needs, the server unpacked into a
+# scratch root serving from there, and its systemd unit verified where systemd-analyze is.
+test-package:
+	rm -rf $(BUILD)/packages
+	cd $(BUILD) && cpack -G DEB -B $(abspath $(BUILD))/packages >/dev/null
+	KORVANE_PACKAGES=$(abspath $(BUILD))/packages node --test --test-concurrency=1 tests/package/
 
 # FUZZ_SECONDS shared by all the fuzz targets, as part of `make test`.
 fuzz: deps

@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <malloc.h>
 #include <functional>
 #include <iostream>
@@ -23,8 +24,10 @@
 
 #include "command_line.h"
 #include "korvane/bayeux.h"
+#ifdef KORVANE_WITH_REDIS
 #include "korvane/cluster/channel_sharding.h"
 #include "korvane/cluster/redis_bridge.h"
+#endif
 #include "korvane/host/allow_list_policy.h"
 #include "korvane/host/bayeux_host.h"
 #include "korvane/host/http_server.h"
@@ -34,9 +37,7 @@ namespace {
 
 using namespace korvane;
 
-#ifndef KORVANE_SOURCE_DIR
-#define KORVANE_SOURCE_DIR "."
-#endif
+namespace fs = std::filesystem;
 
 // One --log-levels setting: a mask for one channel, or for all of them when `channel` is empty.
 struct LogLevelSetting {
@@ -61,8 +62,10 @@ struct Options {
     unsigned heartbeatSeconds = 1;
     // Where GET /metrics is served instead of the main listener; empty: there, if loopback.
     std::string metricsListen;
+#ifdef KORVANE_WITH_REDIS
     bool clustered = false;
     cluster::RedisBridgeOptions cluster;
+#endif
     // Patterns that anonymous clients may subscribe to and publish on; empty: any.
     std::vector<std::string> subscribeAllowed;
     std::vector<std::string> publishAllowed;
@@ -135,13 +138,56 @@ Flag::Setter setText(std::string host::HttpServerOptions::*field) {
     return [field](Options& options, const std::string&, const std::string& value) { options.host.http.*field = value; };
 }
 
+#ifdef KORVANE_WITH_REDIS
+std::vector<Flag> redisFlags() {
+    const auto count = [](auto number) { return std::to_string(number); };
+    return {
+        {"--redis", "URL", "none, the server runs alone",
+         "share channels with other servers through Redis: redis://[:password@]host:port[/db] "
+         "(or the password in KORVANE_REDIS_PASSWORD); repeated, channels are spread over the instances, "
+         "listed in the same order on every server",
+         [](Options& options, const std::string& name, const std::string& value) {
+             try {
+                 options.cluster.shards.push_back(cluster::parseRedisUrl(value, std::getenv("KORVANE_REDIS_PASSWORD")));
+             } catch (const std::invalid_argument& error) {
+                 // Not the URL itself: it may hold a password.
+                 throw std::invalid_argument(name + ": " + error.what());
+             }
+             options.clustered = true;
+         }},
+        {"--redis-prefix", "PREFIX", cluster::RedisBridgeOptions().prefix, "prefix of the Redis channel names",
+         [](Options& options, const std::string& name, const std::string& value) {
+             if (value.empty()) {
+                 throw std::invalid_argument("invalid value for " + name + ": ''");
+             }
+             options.cluster.prefix = value;
+         }},
+        {"--redis-buffer", "N", count(cluster::RedisBridgeOptions().bufferSize),
+         "messages held for each Redis instance while it is slow or away; more are dropped",
+         [](Options& options, const std::string& name, const std::string& value) {
+             options.cluster.bufferSize = static_cast<std::size_t>(parseNumber(name, value, 100000000));
+         }},
+    };
+}
+#else
+// The flags are known, so that a server built without Redis says so rather than "unknown flag".
+std::vector<Flag> redisFlags() {
+    const Flag::Setter refuse = [](Options&, const std::string& name, const std::string&) {
+        throw std::invalid_argument(name + ": this server was built without Redis");
+    };
+    return {{"--redis", "URL", "", "not in this build (built without Redis)", refuse},
+            {"--redis-prefix", "PREFIX", "", "not in this build", refuse},
+            {"--redis-buffer", "N", "", "not in this build", refuse}};
+}
+#endif
+
 std::vector<Flag> flags() {
     const host::HttpServerOptions http;
     const auto count = [](auto number) { return std::to_string(number); };
     const auto seconds = [](std::chrono::milliseconds time) {
         return std::to_string(std::chrono::duration_cast<std::chrono::seconds>(time).count());
     };
-    return {
+    std::vector<Flag> all = {
         {"--listen", "HOST:PORT", http.listen, "address to serve on; [v6]:port, or :port for all interfaces",
          [](Options& options, const std::string& name, const std::string& value) {
              options.host.http.listen = requireListenAddress(name, value);
@@ -158,7 +204,7 @@ std::vector<Flag> flags() {
              options.host.http.bayeuxPath = requirePath(name, value);
          }},
         {"--threads", "N", "one per usable CPU", "I/O threads", setNumber(&host::HttpServerOptions::threads, 1024)},
-        {"--static", "DIR", "the bundled web/ folder", "files served for every other path",
+        {"--static", "DIR", "the installed page, share/korvane-bayeux/web", "files served for every other path",
          setText(&host::HttpServerOptions::staticRoot)},
         {"--log-levels", "[CHANNEL=]MASK", describe(defaultLogSettings),
          "log levels: 4 frequent, 8 trace, 16 sessions, 256 warnings, 512 failures; CHANNEL=MASK sets one "
@@ -245,32 +291,11 @@ std::vector<Flag> flags() {
          [](Options& options, const std::string& name, const std::string& value) {
              options.heartbeatSeconds = static_cast<unsigned>(parseNumber(name, value, 86400));
          }},
-        {"--redis", "URL", "none, the server runs alone",
-         "share channels with other servers through Redis: redis://[:password@]host:port[/db] "
-         "(or the password in KORVANE_REDIS_PASSWORD); repeated, channels are spread over the instances, "
-         "listed in the same order on every server",
-         [](Options& options, const std::string& name, const std::string& value) {
-             try {
-                 options.cluster.shards.push_back(cluster::parseRedisUrl(value, std::getenv("KORVANE_REDIS_PASSWORD")));
-             } catch (const std::invalid_argument& error) {
-                 // Not the URL itself: it may hold a password.
-                 throw std::invalid_argument(name + ": " + error.what());
-             }
-             options.clustered = true;
-         }},
-        {"--redis-prefix", "PREFIX", cluster::RedisBridgeOptions().prefix, "prefix of the Redis channel names",
-         [](Options& options, const std::string& name, const std::string& value) {
-             if (value.empty()) {
-                 throw std::invalid_argument("invalid value for " + name + ": ''");
-             }
-             options.cluster.prefix = value;
-         }},
-        {"--redis-buffer", "N", count(cluster::RedisBridgeOptions().bufferSize),
-         "messages held for each Redis instance while it is slow or away; more are dropped",
-         [](Options& options, const std::string& name, const std::string& value) {
-             options.cluster.bufferSize = static_cast<std::size_t>(parseNumber(name, value, 100000000));
-         }},
     };
+    for (Flag& flag : redisFlags()) {
+        all.push_back(std::move(flag));
+    }
+    return all;
 }
 
 // Tokens decide everything when a key is given; the allow lists bind anonymous clients,
@@ -297,10 +322,22 @@ const char* const synopsis =
     "usage: korvane-bayeux [FLAG VALUE]...\n"
     "A bad flag or value exits with status 2 and a line naming the flag.\n";
 
+// The folder of the page and its client library, found from the server's own location:
+// KORVANE_DATA_FROM_BINDIR from it once installed, share/korvane-bayeux beside it in the
+// build tree. Never the source tree, which an installed server may not have.
+fs::path bundledDataFolder() {
+    std::error_code error;
+    const fs::path serverFolder = fs::read_symlink("/proc/self/exe", error).parent_path();
+    const fs::path installed = (serverFolder / KORVANE_DATA_FROM_BINDIR).lexically_normal();
+    const fs::path beside = serverFolder / "share" / "korvane-bayeux";
+    return fs::is_directory(installed, error) || !fs::is_directory(beside, error) ? installed : beside;
+}
+
 Options parseOptions(int argc, char** argv) {
     Options options;
-    options.host.http.staticRoot = KORVANE_SOURCE_DIR "/web";
-    options.host.http.staticMounts.emplace_back("/vendor/cometd", KORVANE_SOURCE_DIR "/node_modules/cometd");
+    const fs::path data = bundledDataFolder();
+    options.host.http.staticRoot = (data / "web").string();
+    options.host.http.staticMounts.emplace_back("/vendor/cometd", (data / "cometd").string());
     apps::applyFlags(argc, argv, synopsis, flags(), options);
     if (options.host.http.tlsCert.empty() != options.host.http.tlsKey.empty()) {
         throw std::invalid_argument("--tls-cert and --tls-key go together");
@@ -342,16 +379,19 @@ private:
 // Threading: any thread; the mutex is taken by each probe and by main at each change.
 class Readiness {
 public:
-    void serving(const cluster::RedisBridge* redisBridge) {
+    // Both empty when the server runs alone.
+    void serving(std::function<bool()> bridgeConnected, std::function<void(common::MetricsWriter&)> bridgeMetrics) {
         std::lock_guard<std::mutex> guard(mutex);
         phase = Phase::serving;
-        bridge = redisBridge;
+        bridgeHearsRedis = std::move(bridgeConnected);
+        writeBridge = std::move(bridgeMetrics);
     }
     // Called before the bridge goes away.
     void stopping() {
         std::lock_guard<std::mutex> guard(mutex);
         phase = Phase::stopping;
-        bridge = nullptr;
+        bridgeHearsRedis = nullptr;
+        writeBridge = nullptr;
     }
     std::string notReadyReason() const {
         std::lock_guard<std::mutex> guard(mutex);
@@ -363,37 +403,23 @@ public:
         case Phase::serving:
             break;
         }
-        return bridge != nullptr && !bridge->isConnected() ? "not connected to Redis" : "";
+        return bridgeHearsRedis && !bridgeHearsRedis() ? "not connected to Redis" : "";
     }
     // The bridge's families for GET /metrics, while it is there: the lock keeps it from going
     // away under a scrape.
     void writeBridgeMetrics(common::MetricsWriter& writer) const {
         std::lock_guard<std::mutex> guard(mutex);
-        if (bridge == nullptr) {
-            return;
+        if (writeBridge) {
+            writeBridge(writer);
         }
-        const cluster::RedisBridgeStats stats = bridge->stats();
-        writer.single("korvane_redis_up", "gauge", "Redis shards whose subscriber is connected now.",
-                      std::uint64_t{stats.shardsUp});
-        writer.single("korvane_redis_shards", "gauge", "Redis shards configured.", std::uint64_t{stats.shards});
-        writer.single("korvane_redis_messages_out_total", "counter", "Messages published to Redis.",
-                      stats.messagesOut);
-        writer.single("korvane_redis_messages_in_total", "counter", "Messages received from Redis.",
-                      stats.messagesIn);
-        writer.single("korvane_redis_dropped_total", "counter",
-                      "Messages dropped by a full buffer while a shard was away.", stats.dropped);
-        writer.single("korvane_redis_reconnects_total", "counter", "Connections to Redis made again after a failure.",
-                      stats.reconnects);
-        writer.family("korvane_redis_lag_seconds", "gauge",
-                      "Round trip of the last probe on the slowest shard's subscriber connection.");
-        writer.sample("korvane_redis_lag_seconds", static_cast<double>(stats.lagMicros) / 1e6);
     }
 
 private:
     enum class Phase { starting, serving, stopping };
     mutable std::mutex mutex;
     Phase phase = Phase::starting;
-    const cluster::RedisBridge* bridge = nullptr;
+    std::function<bool()> bridgeHearsRedis;
+    std::function<void(common::MetricsWriter&)> writeBridge;
 };
 
 // glibc caches up to seven freed blocks of each small size in every thread, out of
@@ -456,12 +482,30 @@ std::unique_ptr<host::HttpServer> startMetricsListener(const std::string& listen
     return listener;
 }
 
+#ifdef KORVANE_WITH_REDIS
 // What the Redis bridge did over the server's life, for an operator and for bench/cluster-scale.mjs.
 void printBridgeTotals(const cluster::RedisBridgeStats& stats) {
     std::cout << "korvane-bayeux: Redis: " << stats.shardsUp << "/" << stats.shards << " shards up, "
               << stats.messagesOut << " messages out, " << stats.messagesIn << " in, " << stats.dropped
               << " dropped, " << stats.reconnects << " reconnects, lag " << stats.lagMicros << " us" << std::endl;
 }
+
+void writeBridgeMetrics(const cluster::RedisBridge& bridge, common::MetricsWriter& writer) {
+    const cluster::RedisBridgeStats stats = bridge.stats();
+    writer.single("korvane_redis_up", "gauge", "Redis shards whose subscriber is connected now.",
+                  std::uint64_t{stats.shardsUp});
+    writer.single("korvane_redis_shards", "gauge", "Redis shards configured.", std::uint64_t{stats.shards});
+    writer.single("korvane_redis_messages_out_total", "counter", "Messages published to Redis.", stats.messagesOut);
+    writer.single("korvane_redis_messages_in_total", "counter", "Messages received from Redis.", stats.messagesIn);
+    writer.single("korvane_redis_dropped_total", "counter", "Messages dropped by a full buffer while a shard was away.",
+                  stats.dropped);
+    writer.single("korvane_redis_reconnects_total", "counter", "Connections to Redis made again after a failure.",
+                  stats.reconnects);
+    writer.family("korvane_redis_lag_seconds", "gauge",
+                  "Round trip of the last probe on the slowest shard's subscriber connection.");
+    writer.sample("korvane_redis_lag_seconds", static_cast<double>(stats.lagMicros) / 1e6);
+}
+#endif
 
 int waitForStopSignal(const sigset_t& signals) {
     int received = 0;
@@ -480,6 +524,7 @@ int main(int argc, char** argv) {
         std::cerr << "korvane-bayeux: " << error.what() << " (see --help)\n";
         return 2;
     }
+#ifdef KORVANE_WITH_REDIS
     if (options.clustered) {
         try {
             cluster::checkShardList(options.cluster);
@@ -488,6 +533,7 @@ int main(int argc, char** argv) {
             return 2;
         }
     }
+#endif
 
     sigset_t signals;
     sigemptyset(&signals);
@@ -520,27 +566,39 @@ int main(int argc, char** argv) {
         if (options.heartbeatSeconds != 0) {
             heartbeat = std::make_unique<Heartbeat>(server, options.heartbeatSeconds);
         }
+#ifdef KORVANE_WITH_REDIS
         std::unique_ptr<cluster::RedisBridge> bridge;
         if (options.clustered) {
             bridge = std::make_unique<cluster::RedisBridge>(server.makeLocalSession(), server.routing(), options.cluster);
+            const cluster::RedisBridge* shared = bridge.get();
+            readiness->serving([shared] { return shared->isConnected(); },
+                               [shared](common::MetricsWriter& writer) { writeBridgeMetrics(*shared, writer); });
+        } else {
+            readiness->serving(nullptr, nullptr);
         }
-        readiness->serving(bridge.get());
+#else
+        readiness->serving(nullptr, nullptr);
+#endif
         std::cout << "korvane-bayeux: serving " << server.url() << " (Bayeux endpoint " << bayeuxPath
                   << ", Ctrl-C stops)" << std::endl;
         if (metricsListener) {
             std::cout << "korvane-bayeux: metrics at " << metricsListener->url() << "metrics" << std::endl;
         }
+#ifdef KORVANE_WITH_REDIS
         if (bridge) {
             std::cout << "korvane-bayeux: sharing channels through Redis at "
                       << cluster::shardListText(options.cluster.shards) << std::endl;
         }
+#endif
         waitForStopSignal(signals);
         readiness->stopping();
+        metricsListener.reset();
+#ifdef KORVANE_WITH_REDIS
         if (bridge) {
             printBridgeTotals(bridge->stats());
         }
-        metricsListener.reset();
         bridge.reset();
+#endif
         heartbeat.reset();
         memoryTrim.reset();
         server.stop();

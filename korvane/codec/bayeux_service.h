@@ -11,10 +11,11 @@
 
 #include "korvane/codec/messages.h"
 #include "korvane/frame/service.h"
+#include "korvane/export.h"
 
 namespace korvane::bayeux {
 
-class BayeuxServiceProvider : public ServiceProviderAPI<BayeuxServiceProvider> {
+class KORVANE_EXPORT BayeuxServiceProvider : public ServiceProviderAPI<BayeuxServiceProvider> {
 public:
     BayeuxServiceProvider();
     ~BayeuxServiceProvider() override;

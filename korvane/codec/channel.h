@@ -20,13 +20,15 @@
 #include <unordered_map>
 #include <vector>
 
+#include "korvane/export.h"
+
 namespace korvane::bayeux {
 
 // The segments of a channel or pattern: the texts between '/' characters, in
 // order, empty ones dropped ("/a//b" gives {"a", "b"}).
-std::vector<std::string> splitChannel(const std::string& channel);
+KORVANE_EXPORT std::vector<std::string> splitChannel(const std::string& channel);
 
-class Channel {
+class KORVANE_EXPORT Channel {
 public:
     Channel();
     Channel(Channel&&) noexcept;

@@ -7,6 +7,7 @@
 
 #include "korvane/codec/messages.h"
 #include "korvane/frame/data_buffer.h"
+#include "korvane/export.h"
 
 namespace korvane::bayeux {
 
@@ -15,6 +16,6 @@ namespace korvane::bayeux {
 // or their response classes (the outbound client's side). A one-element array gives
 // the bare message, a longer one a BayeuxContainer. Malformed text throws
 // std::invalid_argument; nothing of a partial result survives.
-std::unique_ptr<Message> deserializeBayeuxMessage(common::DataBuffer& buffer, bool isRequest);
+KORVANE_EXPORT std::unique_ptr<Message> deserializeBayeuxMessage(common::DataBuffer& buffer, bool isRequest);
 
 }  // namespace korvane::bayeux

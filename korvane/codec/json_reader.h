@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "korvane/frame/data_buffer.h"
+#include "korvane/export.h"
 
 namespace korvane::bayeux::json {
 
@@ -36,36 +37,36 @@ inline char peekChar(std::uint64_t& cursor, const common::DataBuffer& buffer) {
 }
 
 // The next non-whitespace byte, consumed. Throws "Invalid JSON, unexpected end" at the end.
-char nextChar(std::uint64_t& cursor, const common::DataBuffer& buffer);
+KORVANE_EXPORT char nextChar(std::uint64_t& cursor, const common::DataBuffer& buffer);
 
 // Skips whitespace and consumes `expected`; anything else throws "Invalid JSON, expected '<c>'".
-void expectChar(std::uint64_t& cursor, const common::DataBuffer& buffer, char expected);
+KORVANE_EXPORT void expectChar(std::uint64_t& cursor, const common::DataBuffer& buffer, char expected);
 
 // Consumes the zero-terminated `literal`. A literal whose last byte ends the buffer is refused.
-void expectLiteral(std::uint64_t& cursor, const common::DataBuffer& buffer, const char* literal);
+KORVANE_EXPORT void expectLiteral(std::uint64_t& cursor, const common::DataBuffer& buffer, const char* literal);
 
 // Passes one string without decoding it; a backslash hides the byte behind it.
-void skipString(std::uint64_t& cursor, const common::DataBuffer& buffer);
+KORVANE_EXPORT void skipString(std::uint64_t& cursor, const common::DataBuffer& buffer);
 
 // Passes one number, testing its form.
-void skipNumber(std::uint64_t& cursor, const common::DataBuffer& buffer);
+KORVANE_EXPORT void skipNumber(std::uint64_t& cursor, const common::DataBuffer& buffer);
 
 // Passes any one value. Nesting depth is unlimited and costs no native stack.
-void skipValue(std::uint64_t& cursor, const common::DataBuffer& buffer);
+KORVANE_EXPORT void skipValue(std::uint64_t& cursor, const common::DataBuffer& buffer);
 
 // A decoded string; `null` reads as the empty string.
-std::string readStringOrNull(std::uint64_t& cursor, const common::DataBuffer& buffer);
+KORVANE_EXPORT std::string readStringOrNull(std::uint64_t& cursor, const common::DataBuffer& buffer);
 
 // A signed 32-bit integer; digits and exponent wrap silently in 32 bits.
-std::int32_t readInteger(std::uint64_t& cursor, const common::DataBuffer& buffer);
+KORVANE_EXPORT std::int32_t readInteger(std::uint64_t& cursor, const common::DataBuffer& buffer);
 
-bool readBoolean(std::uint64_t& cursor, const common::DataBuffer& buffer);
+KORVANE_EXPORT bool readBoolean(std::uint64_t& cursor, const common::DataBuffer& buffer);
 
 // Appends the strings of a list framed by `open` and `close` to `out`; `null` elements become "".
-void readStringList(std::uint64_t& cursor, const common::DataBuffer& buffer, char open, char close,
+KORVANE_EXPORT void readStringList(std::uint64_t& cursor, const common::DataBuffer& buffer, char open, char close,
                     std::vector<std::string>& out);
 
 // Decodes the escapes of the string body data[start .. end).
-std::string decodeStringSpan(const common::DataBuffer& buffer, std::uint64_t start, std::uint64_t end);
+KORVANE_EXPORT std::string decodeStringSpan(const common::DataBuffer& buffer, std::uint64_t start, std::uint64_t end);
 
 }  // namespace korvane::bayeux::json

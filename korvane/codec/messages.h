@@ -15,10 +15,12 @@
 #include "korvane/frame/data_buffer.h"
 #include "korvane/frame/message.h"
 #include "korvane/frame/reactive_streams.h"
+#include "korvane/export.h"
 
 namespace korvane::bayeux {
 
-class BayeuxServiceProvider;
+// Exported at its first sight, as ServiceMessage<BayeuxServiceProvider> is instantiated below.
+class KORVANE_EXPORT BayeuxServiceProvider;
 
 using BayeuxMessage = ServiceMessage<BayeuxServiceProvider>;
 using MessageStream = reactive_streams::PublisherAPI<std::unique_ptr<Message>>;
@@ -27,14 +29,14 @@ using MessageStream = reactive_streams::PublisherAPI<std::unique_ptr<Message>>;
 // transport that writes each message as it comes (WebSocket) and so needs no stream per
 // connect. The session calls deliver with none of its locks held, one call at a time, in
 // order: each connect's messages, then its ConnectResponse.
-class ConnectSink {
+class KORVANE_EXPORT ConnectSink {
 public:
     virtual ~ConnectSink();
     virtual void deliver(std::unique_ptr<Message>&& message) = 0;
 };
 
 // The four fields that all Bayeux messages share. Empty strings mean absent.
-class BayeuxBase {
+class KORVANE_EXPORT BayeuxBase {
 public:
     explicit BayeuxBase(std::string channel = std::string());
     BayeuxBase(const BayeuxBase&) = default;
@@ -49,7 +51,7 @@ public:
 };
 
 // The fields every response carries behind its bases.
-class BayeuxResponse : public BayeuxBase {
+class KORVANE_EXPORT BayeuxResponse : public BayeuxBase {
 public:
     using BayeuxBase::BayeuxBase;
     ~BayeuxResponse() override;
@@ -58,7 +60,7 @@ public:
     bool successful = false;
 };
 
-class Advice {
+class KORVANE_EXPORT Advice {
 public:
     enum Reconnect : std::int32_t { Retry = 0, Handshake = 1, None = 2 };
 
@@ -69,7 +71,7 @@ public:
     std::vector<std::string> hosts;
 };
 
-class BayeuxAdvice : public Advice {
+class KORVANE_EXPORT BayeuxAdvice : public Advice {
 public:
     // Advice per connection type, keyed by the connection-type name.
     std::unordered_map<std::string, Advice> transportAdvice;
@@ -81,7 +83,7 @@ public:
                                                 std::unique_ptr<Message>&& self, Address&& address,   \
                                                 std::shared_ptr<Context>&& context) override
 
-class HandshakeRequest : public BayeuxBase, public BayeuxMessage {
+class KORVANE_EXPORT HandshakeRequest : public BayeuxBase, public BayeuxMessage {
 public:
     HandshakeRequest();
     KORVANE_BAYEUX_DISPATCH;
@@ -94,7 +96,7 @@ public:
     std::string ext;
 };
 
-class HandshakeResponse : public BayeuxResponse, public BayeuxMessage {
+class KORVANE_EXPORT HandshakeResponse : public BayeuxResponse, public BayeuxMessage {
 public:
     HandshakeResponse();
     KORVANE_BAYEUX_DISPATCH;
@@ -106,7 +108,7 @@ public:
 };
 
 // Kept so that a /meta/connect can be serialised; the reader never produces it.
-class ConnectRequest : public BayeuxBase, public BayeuxMessage {
+class KORVANE_EXPORT ConnectRequest : public BayeuxBase, public BayeuxMessage {
 public:
     ConnectRequest();
     KORVANE_BAYEUX_DISPATCH;
@@ -115,7 +117,7 @@ public:
     std::shared_ptr<BayeuxAdvice> advice;
 };
 
-class ConnectResponse : public BayeuxResponse, public BayeuxMessage {
+class KORVANE_EXPORT ConnectResponse : public BayeuxResponse, public BayeuxMessage {
 public:
     ConnectResponse();
     KORVANE_BAYEUX_DISPATCH;
@@ -125,7 +127,7 @@ public:
 
 // The real /meta/connect request. The two flags never reach the wire: the
 // transport sets them to say how the session is to answer.
-class ConnectStreamRequest : public BayeuxBase, public BayeuxMessage {
+class KORVANE_EXPORT ConnectStreamRequest : public BayeuxBase, public BayeuxMessage {
 public:
     ConnectStreamRequest();
     KORVANE_BAYEUX_DISPATCH;
@@ -138,7 +140,7 @@ public:
     std::weak_ptr<ConnectSink> sink;
 };
 
-class ConnectStreamResponse : public BayeuxResponse, public BayeuxMessage {
+class KORVANE_EXPORT ConnectStreamResponse : public BayeuxResponse, public BayeuxMessage {
 public:
     ConnectStreamResponse();
     KORVANE_BAYEUX_DISPATCH;
@@ -149,19 +151,19 @@ public:
     std::shared_ptr<MessageStream> stream;
 };
 
-class DisconnectRequest : public BayeuxBase, public BayeuxMessage {
+class KORVANE_EXPORT DisconnectRequest : public BayeuxBase, public BayeuxMessage {
 public:
     DisconnectRequest();
     KORVANE_BAYEUX_DISPATCH;
 };
 
-class DisconnectResponse : public BayeuxResponse, public BayeuxMessage {
+class KORVANE_EXPORT DisconnectResponse : public BayeuxResponse, public BayeuxMessage {
 public:
     DisconnectResponse();
     KORVANE_BAYEUX_DISPATCH;
 };
 
-class SubscribeRequest : public BayeuxBase, public BayeuxMessage {
+class KORVANE_EXPORT SubscribeRequest : public BayeuxBase, public BayeuxMessage {
 public:
     SubscribeRequest(const std::string& subscription, const std::string& clientId);
     KORVANE_BAYEUX_DISPATCH;
@@ -169,7 +171,7 @@ public:
     std::string subscription;
 };
 
-class SubscribeResponse : public BayeuxResponse, public BayeuxMessage {
+class KORVANE_EXPORT SubscribeResponse : public BayeuxResponse, public BayeuxMessage {
 public:
     SubscribeResponse();
     KORVANE_BAYEUX_DISPATCH;
@@ -178,7 +180,7 @@ public:
     std::shared_ptr<BayeuxAdvice> advice;
 };
 
-class UnsubscribeRequest : public BayeuxBase, public BayeuxMessage {
+class KORVANE_EXPORT UnsubscribeRequest : public BayeuxBase, public BayeuxMessage {
 public:
     UnsubscribeRequest(const std::string& subscription, const std::string& clientId);
     KORVANE_BAYEUX_DISPATCH;
@@ -186,7 +188,7 @@ public:
     std::string subscription;
 };
 
-class UnsubscribeResponse : public BayeuxResponse, public BayeuxMessage {
+class KORVANE_EXPORT UnsubscribeResponse : public BayeuxResponse, public BayeuxMessage {
 public:
     UnsubscribeResponse();
     KORVANE_BAYEUX_DISPATCH;
@@ -195,7 +197,7 @@ public:
     std::shared_ptr<BayeuxAdvice> advice;
 };
 
-class PublishRequest : public BayeuxBase, public BayeuxMessage {
+class KORVANE_EXPORT PublishRequest : public BayeuxBase, public BayeuxMessage {
 public:
     // Selects the copy that a receiver gets: everything but the sender's clientId.
     struct WithoutSender {};
@@ -224,7 +226,7 @@ private:
     mutable common::DataBuffer delivered;
 };
 
-class PublishResponse : public BayeuxResponse, public BayeuxMessage {
+class KORVANE_EXPORT PublishResponse : public BayeuxResponse, public BayeuxMessage {
 public:
     explicit PublishResponse(const std::string& channel);
     KORVANE_BAYEUX_DISPATCH;
@@ -233,7 +235,7 @@ public:
 #undef KORVANE_BAYEUX_DISPATCH
 
 // The messages of one JSON array of two or more objects.
-class BayeuxContainer : public Message {
+class KORVANE_EXPORT BayeuxContainer : public Message {
 public:
     BayeuxContainer();
     ~BayeuxContainer() override;

@@ -13,6 +13,7 @@
 
 #include "korvane/codec/messages.h"
 #include "korvane/frame/service.h"
+#include "korvane/export.h"
 
 namespace korvane::bayeux {
 
@@ -22,7 +23,7 @@ class BayeuxServer;
 // to a server that declare their patterns. Called on the thread that made the change,
 // with no lock of the server held; calls from different threads may arrive out of
 // order, so the listener asks the server's isHeld for the state that counts.
-class InterestListener {
+class KORVANE_EXPORT InterestListener {
 public:
     virtual ~InterestListener() = default;
     // Pattern keys (see patternKey): "a/b", "a/*", "a/**", "**".
@@ -32,7 +33,7 @@ public:
     virtual void awaitSettled(std::chrono::milliseconds limit) {}
 };
 
-class BayeuxSession {
+class KORVANE_EXPORT BayeuxSession {
 public:
     BayeuxSession();
     virtual ~BayeuxSession();
@@ -64,7 +65,7 @@ public:
     virtual bool declaresPatternsTo(const BayeuxServer& server) const { return false; }
 };
 
-class BayeuxServer {
+class KORVANE_EXPORT BayeuxServer {
 public:
     BayeuxServer();
     virtual ~BayeuxServer();

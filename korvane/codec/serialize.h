@@ -8,15 +8,16 @@
 
 #include "korvane/codec/messages.h"
 #include "korvane/frame/data_buffer.h"
+#include "korvane/export.h"
 
 namespace korvane::bayeux {
 
 // Appends the text of `*message` to `out`; the message survives the call. A type that
 // is no single Bayeux message (a BayeuxContainer among them) throws std::invalid_argument
 // "Unknown bayeux type: " and its type name; a null message throws std::bad_typeid.
-void serializeBayeuxMessage(std::unique_ptr<Message>&& message, common::DataBuffer& out);
+KORVANE_EXPORT void serializeBayeuxMessage(std::unique_ptr<Message>&& message, common::DataBuffer& out);
 
 // Appends a publish request, its `data` bytes unchanged; the busiest path, reserved once.
-void serializePublishRequest(PublishRequest* request, common::DataBuffer& out);
+KORVANE_EXPORT void serializePublishRequest(PublishRequest* request, common::DataBuffer& out);
 
 }  // namespace korvane::bayeux

@@ -11,6 +11,7 @@
 
 #include "korvane/frame/data_buffer.h"
 #include "korvane/frame/message.h"
+#include "korvane/export.h"
 
 namespace korvane::bayeux {
 
@@ -24,8 +25,9 @@ bool isValidUtf8(const char* bytes, std::size_t size);
 std::size_t utf8SequenceLength(const char* bytes, std::size_t size);
 
 // The refusal of a request that is not UTF-8, so that a WebSocket host can close with
-// the code the WebSocket protocol has for it (1007) rather than a server error.
-class InvalidUtf8Error : public std::invalid_argument {
+// the code the WebSocket protocol has for it (1007) rather than a server error. Exported,
+// though this header is not installed: the host catches it by type outside the library.
+class KORVANE_EXPORT InvalidUtf8Error : public std::invalid_argument {
 public:
     InvalidUtf8Error() : std::invalid_argument("Invalid UTF-8 in request") {}
 };

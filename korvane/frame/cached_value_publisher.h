@@ -13,6 +13,7 @@
 #include "korvane/frame/reactive_streams.h"
 #include "korvane/frame/ring_queue.h"
 #include "korvane/frame/transform_processor.h"
+#include "korvane/export.h"
 
 namespace korvane::reactive_streams {
 
@@ -29,7 +30,7 @@ namespace korvane::reactive_streams {
 // of the stream comes after the last item. `donePromise` is resolved with the
 // mutex held, so its continuations must not call back into this publisher.
 template <class T, class F>
-class CachedValuePublisher : public PublisherAPI<T>, public std::enable_shared_from_this<CachedValuePublisher<T, F>> {
+class KORVANE_EXPORT CachedValuePublisher : public PublisherAPI<T>, public std::enable_shared_from_this<CachedValuePublisher<T, F>> {
 public:
     enum class Status : std::int32_t { Active = 0, Finishing = 1, Completed = 2, Cancelled = 3, Failed = 4 };
 

@@ -9,6 +9,7 @@
 
 #include "korvane/frame/future.h"
 #include "korvane/frame/reactive_streams.h"
+#include "korvane/export.h"
 
 namespace korvane::reactive_streams {
 
@@ -20,7 +21,7 @@ namespace korvane::reactive_streams {
 // (in onComplete and onError), so a continuation on getFuture() must not call back
 // into this subscriber.
 template <class T>
-class CallbackSubscriber : public SubscriberAPI<T> {
+class KORVANE_EXPORT CallbackSubscriber : public SubscriberAPI<T> {
 public:
     explicit CallbackSubscriber(std::function<void(T&&)> onItem) : callback(std::move(onItem)) {}
 

@@ -7,9 +7,11 @@
 #include <string>
 #include <string_view>
 
+#include "korvane/export.h"
+
 namespace korvane::common {
 
-class DataBuffer {
+class KORVANE_EXPORT DataBuffer {
 public:
     DataBuffer() noexcept = default;
     explicit DataBuffer(std::string_view text);

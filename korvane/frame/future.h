@@ -18,26 +18,28 @@
 #include <type_traits>
 #include <utility>
 
+#include "korvane/export.h"
+
 namespace korvane {
 
 template <class T>
-class Future;
+class KORVANE_EXPORT Future;
 template <class T>
-class Promise;
+class KORVANE_EXPORT Promise;
 
 namespace detail {
 
 enum class FutureStatus : std::int32_t { Pending = 0, Value = 1, Error = 2, Cancelled = 3 };
 
 template <class T>
-class ContinuationBase {
+class KORVANE_EXPORT ContinuationBase {
 public:
     virtual ~ContinuationBase() = default;
     virtual void run(Future<T>&& future) = 0;
 };
 
 template <class T>
-class SharedFutureState : public std::enable_shared_from_this<SharedFutureState<T>> {
+class KORVANE_EXPORT SharedFutureState : public std::enable_shared_from_this<SharedFutureState<T>> {
 public:
     SharedFutureState() = default;
     SharedFutureState(const SharedFutureState&) = delete;
@@ -64,7 +66,7 @@ private:
 };
 
 template <class T, class F, class R>
-class Continuation final : public ContinuationBase<T> {
+class KORVANE_EXPORT Continuation final : public ContinuationBase<T> {
 public:
     Continuation(F&& function, std::shared_ptr<SharedFutureState<R>> state)
         : callable(std::move(function)), resultState(std::move(state)) {}
@@ -84,7 +86,7 @@ public:
 }  // namespace detail
 
 template <class T>
-class Future {
+class KORVANE_EXPORT Future {
 public:
     using State = detail::SharedFutureState<T>;
 
@@ -119,7 +121,7 @@ private:
 };
 
 template <class T>
-class Promise {
+class KORVANE_EXPORT Promise {
 public:
     using State = detail::SharedFutureState<T>;
 

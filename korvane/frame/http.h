@@ -11,16 +11,19 @@
 #include "korvane/frame/message.h"
 #include "korvane/frame/reactive_streams.h"
 #include "korvane/frame/service.h"
+#include "korvane/export.h"
 
 namespace korvane::http {
 
-class HttpServiceProvider;
+// Exported at its first sight: ServiceMessage<HttpServiceProvider> is instantiated below, and
+// the host casts to it, which needs one type across the library and the program.
+class KORVANE_EXPORT HttpServiceProvider;
 
 using Headers = std::unordered_multimap<std::string, std::string>;
 using BodyPublisher = reactive_streams::PublisherAPI<common::DataBuffer>;
 
 // An incoming request. `method` is lower case ("post", "get"); header names are lower case.
-class HttpRequest : public ServiceMessage<HttpServiceProvider> {
+class KORVANE_EXPORT HttpRequest : public ServiceMessage<HttpServiceProvider> {
 public:
     HttpRequest(std::string method, std::string target, Headers headers, std::shared_ptr<BodyPublisher> body);
     ~HttpRequest() override;
@@ -36,13 +39,13 @@ public:
 };
 
 // An outgoing request, handed to the host's HTTP client service.
-class HttpClientRequest : public HttpRequest {
+class KORVANE_EXPORT HttpClientRequest : public HttpRequest {
 public:
     HttpClientRequest(const std::string& target, const std::string& method, std::shared_ptr<BodyPublisher> body);
     ~HttpClientRequest() override;
 };
 
-class HttpResponse : public Message {
+class KORVANE_EXPORT HttpResponse : public Message {
 public:
     HttpResponse(unsigned short status, Headers&& headers, Headers&& trailers, std::shared_ptr<BodyPublisher> body);
     ~HttpResponse() override;
@@ -53,7 +56,7 @@ public:
     std::shared_ptr<BodyPublisher> body;
 };
 
-class WebSocketFrame {
+class KORVANE_EXPORT WebSocketFrame {
 public:
     WebSocketFrame(common::DataBuffer&& data, unsigned char firstByte) : data(std::move(data)), firstByte(firstByte) {}
 
@@ -62,7 +65,7 @@ public:
 };
 
 // An open WebSocket: the frames from the peer, and the subscriber that takes frames to it.
-class WebSocket : public Message {
+class KORVANE_EXPORT WebSocket : public Message {
 public:
     WebSocket(std::shared_ptr<reactive_streams::PublisherAPI<WebSocketFrame>> inbound,
               std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound);
@@ -72,7 +75,7 @@ public:
     std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound;
 };
 
-class HttpServiceProvider : public ServiceProviderAPI<HttpServiceProvider> {
+class KORVANE_EXPORT HttpServiceProvider : public ServiceProviderAPI<HttpServiceProvider> {
 public:
     HttpServiceProvider();
     ~HttpServiceProvider() override;
@@ -82,6 +85,6 @@ public:
 };
 
 // An already resolved future holding a response with `status` and `text` as its body.
-Future<std::unique_ptr<Message>> makeReadyHttpResponse(unsigned short status, const std::string& text);
+KORVANE_EXPORT Future<std::unique_ptr<Message>> makeReadyHttpResponse(unsigned short status, const std::string& text);
 
 }  // namespace korvane::http

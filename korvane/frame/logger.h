@@ -17,6 +17,8 @@
 #include <string>
 #include <string_view>
 
+#include "korvane/export.h"
+
 namespace korvane::common {
 
 constexpr unsigned logFrequent = 4;    // a tick update, the start and end of parsing
@@ -27,7 +29,7 @@ constexpr unsigned logFailure = 512;   // refusals and failures
 constexpr unsigned defaultLogLevels = logWarning | logFailure;
 
 template <class CharT>
-class basic_diagnostic_logger {
+class KORVANE_EXPORT basic_diagnostic_logger {
 public:
     explicit basic_diagnostic_logger(const char* channel);
     ~basic_diagnostic_logger();
@@ -52,7 +54,7 @@ using diagnostic_logger = basic_diagnostic_logger<char>;
 
 // One log statement: opens a record if the level is enabled and the core takes it,
 // and pushes it unless the statement was interrupted by unwinding.
-class LogStatement {
+class KORVANE_EXPORT LogStatement {
 public:
     LogStatement(diagnostic_logger& logger, unsigned level);
     ~LogStatement();
@@ -70,19 +72,19 @@ private:
 };
 
 // Sets the mask of every logger, present and future, clearing per-channel settings.
-void setLogLevels(unsigned levels);
+KORVANE_EXPORT void setLogLevels(unsigned levels);
 // Sets the mask of one channel, present and future.
-void setLogLevels(const std::string& channel, unsigned levels);
+KORVANE_EXPORT void setLogLevels(const std::string& channel, unsigned levels);
 enum class LogFormat {
     text,  // "local time [channel] level: message"
     json,  // {"time","level","channel","message"}: UTC, RFC 3339 with milliseconds; level by name
 };
 // Adds a sink on standard error writing one line a record. Idempotent: the first
 // call's format stays.
-void installStderrLogSink(LogFormat format = LogFormat::text);
+KORVANE_EXPORT void installStderrLogSink(LogFormat format = LogFormat::text);
 // A record as a line of the json format, without its line break: for what a program
 // reports outside any logger, such as the error it exits on.
-std::string jsonLogLine(unsigned level, std::string_view channel, std::string_view message);
+KORVANE_EXPORT std::string jsonLogLine(unsigned level, std::string_view channel, std::string_view message);
 
 }  // namespace korvane::common
 

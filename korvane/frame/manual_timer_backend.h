@@ -17,11 +17,13 @@
 #include <cstddef>
 #include <memory>
 
+#include "korvane/export.h"
+
 namespace korvane::common {
 
 class TimerQueue;
 
-class ManualTimerBackend : public TimerBackend {
+class KORVANE_EXPORT ManualTimerBackend : public TimerBackend {
 public:
     // Time starts at the beginning of `startTick`.
     explicit ManualTimerBackend(long long startTick = 0);

@@ -11,13 +11,14 @@
 #include <memory>
 
 #include "korvane/frame/future.h"
+#include "korvane/export.h"
 
 namespace korvane {
 
 class Address;
 class Context;
 
-class Message {
+class KORVANE_EXPORT Message {
 public:
     Message();
     Message(const Message&) = default;
@@ -26,7 +27,7 @@ public:
 };
 
 template <class T>
-class ServiceMessage : public Message {
+class KORVANE_EXPORT ServiceMessage : public Message {
 public:
     // `self` owns this very message; the implementation moves it into T::handle.
     virtual Future<std::unique_ptr<Message>> dispatchTo(std::shared_ptr<T>&& service, std::unique_ptr<Message>&& self,

@@ -17,9 +17,11 @@
 #include <utility>
 #include <vector>
 
+#include "korvane/export.h"
+
 namespace korvane::common {
 
-class MetricsWriter {
+class KORVANE_EXPORT MetricsWriter {
 public:
     using Labels = std::initializer_list<std::pair<std::string_view, std::string_view>>;
 
@@ -38,7 +40,7 @@ private:
     std::string out;
 };
 
-class MetricsExposition {
+class KORVANE_EXPORT MetricsExposition {
 public:
     using Collector = std::function<void(MetricsWriter&)>;
 

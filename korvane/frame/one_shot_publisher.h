@@ -7,6 +7,7 @@
 
 #include "korvane/frame/future.h"
 #include "korvane/frame/reactive_streams.h"
+#include "korvane/export.h"
 
 namespace korvane::reactive_streams {
 
@@ -16,7 +17,7 @@ namespace korvane::reactive_streams {
 // Threading: no lock at all. A one-shot publisher belongs to one thread at a time
 // (a response body is subscribed and drained by the host's HTTP layer).
 template <class T>
-class OneShotPublisher : public PublisherAPI<T> {
+class KORVANE_EXPORT OneShotPublisher : public PublisherAPI<T> {
 public:
     explicit OneShotPublisher(T initialValue)
         : value(std::move(initialValue)), subscription(std::make_shared<OneShotSubscription>(this)) {}

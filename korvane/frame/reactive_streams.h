@@ -14,10 +14,11 @@
 #include <memory>
 
 #include "korvane/frame/future.h"
+#include "korvane/export.h"
 
 namespace korvane::reactive_streams {
 
-class Subscription {
+class KORVANE_EXPORT Subscription {
 public:
     Subscription();
     virtual ~Subscription();
@@ -25,7 +26,7 @@ public:
     virtual void cancel() = 0;
 };
 
-class Subscriber {
+class KORVANE_EXPORT Subscriber {
 public:
     Subscriber();
     virtual ~Subscriber();
@@ -34,14 +35,14 @@ public:
     virtual Future<bool> getFuture() = 0;
 };
 
-class Publisher {
+class KORVANE_EXPORT Publisher {
 public:
     Publisher();
     virtual ~Publisher();
     virtual Future<bool> getFuture() = 0;
 };
 
-class Processor : public Subscriber, public Publisher {
+class KORVANE_EXPORT Processor : public Subscriber, public Publisher {
 public:
     Processor();
     ~Processor() override;
@@ -49,19 +50,19 @@ public:
 };
 
 template <class T>
-class SubscriberAPI : public Subscriber {
+class KORVANE_EXPORT SubscriberAPI : public Subscriber {
 public:
     virtual void onNext(T&& value) = 0;
     virtual void onError(std::exception_ptr error) = 0;
 };
 
 template <class T>
-class PublisherAPI : public Publisher {
+class KORVANE_EXPORT PublisherAPI : public Publisher {
 public:
     virtual void subscribe(std::shared_ptr<SubscriberAPI<T>> subscriber) = 0;
 };
 
 template <class A, class B>
-class ProcessorAPI : public SubscriberAPI<A>, public PublisherAPI<B>, public Processor {};
+class KORVANE_EXPORT ProcessorAPI : public SubscriberAPI<A>, public PublisherAPI<B>, public Processor {};
 
 }  // namespace korvane::reactive_streams

@@ -11,6 +11,7 @@
 
 #include "korvane/frame/future.h"
 #include "korvane/frame/reactive_streams.h"
+#include "korvane/export.h"
 
 namespace korvane::reactive_streams {
 
@@ -22,7 +23,7 @@ namespace korvane::reactive_streams {
 // mutex released. Both promises are resolved with the mutex held, so their
 // continuations must not call back into this subscriber either.
 template <class A, class B>
-class ReducingSubscriber : public SubscriberAPI<A> {
+class KORVANE_EXPORT ReducingSubscriber : public SubscriberAPI<A> {
 public:
     enum class Status : std::int32_t { Active = 0, Completed = 1, Cancelled = 2, Failed = 3 };
 

@@ -16,10 +16,12 @@
 #include <type_traits>
 #include <utility>
 
+#include "korvane/export.h"
+
 namespace korvane::common {
 
 template <typename T>
-class RingQueue {
+class KORVANE_EXPORT RingQueue {
     // Growing moves every value into the new ring, which a throwing move would leave torn.
     static_assert(std::is_nothrow_move_constructible_v<T>, "RingQueue values must move without throwing");
 

@@ -22,11 +22,12 @@
 #include "korvane/frame/future.h"
 #include "korvane/frame/message.h"
 #include "korvane/frame/type_name.h"
+#include "korvane/export.h"
 
 namespace korvane {
 
 // Names where a message is to go. An address with an empty name is unset.
-class Address {
+class KORVANE_EXPORT Address {
 public:
     Address() = default;
     explicit Address(std::string name) : serviceName(std::move(name)) {}
@@ -43,7 +44,7 @@ private:
 namespace common {
 
 // First base of every service. The registry's start sets `running`, its stop clears it.
-class Lifecycle {
+class KORVANE_EXPORT Lifecycle {
 public:
     Lifecycle();
     virtual ~Lifecycle();
@@ -59,7 +60,7 @@ protected:
 };
 
 // String-keyed property bag of one request's context.
-class ContextState {
+class KORVANE_EXPORT ContextState {
 public:
     ContextState();
     virtual ~ContextState();
@@ -78,7 +79,7 @@ private:
 
 // One request's path through the services. Owns no sockets or buffers: sessions
 // keep the context of their handshake for their whole life.
-class Context : public common::ContextState {
+class KORVANE_EXPORT Context : public common::ContextState {
 public:
     Context();
     ~Context() override;
@@ -92,7 +93,7 @@ public:
     Future<std::unique_ptr<Response>> handle(std::unique_ptr<Request>&& request, Address&& address);
 };
 
-class ServiceProvider : public common::Lifecycle, public std::enable_shared_from_this<ServiceProvider> {
+class KORVANE_EXPORT ServiceProvider : public common::Lifecycle, public std::enable_shared_from_this<ServiceProvider> {
 public:
     ServiceProvider();
     ~ServiceProvider() override;
@@ -103,7 +104,7 @@ public:
 
 // Typed dispatch to a provider of type T, which derives from ServiceProviderAPI<T>.
 template <class T>
-class ServiceProviderAPI : public ServiceProvider {
+class KORVANE_EXPORT ServiceProviderAPI : public ServiceProvider {
 public:
     Future<std::unique_ptr<Message>> deliver(std::unique_ptr<Message>&& message, Address&& address,
                                              std::shared_ptr<Context>&& context) override {

@@ -21,9 +21,11 @@
 #include <mutex>
 #include <vector>
 
+#include "korvane/export.h"
+
 namespace korvane::common {
 
-class ThreadCounters {
+class KORVANE_EXPORT ThreadCounters {
 public:
     // One thread's slots; written by that thread only, read by totals().
     struct Block {

@@ -28,9 +28,11 @@
 #include <optional>
 #include <vector>
 
+#include "korvane/export.h"
+
 namespace korvane::common {
 
-class TimerQueue : public std::enable_shared_from_this<TimerQueue> {
+class KORVANE_EXPORT TimerQueue : public std::enable_shared_from_this<TimerQueue> {
 public:
     using Duration = std::chrono::nanoseconds;
     struct Entry;

@@ -18,12 +18,14 @@
 #include <memory>
 #include <string>
 
+#include "korvane/export.h"
+
 namespace korvane::common {
 
 // Milliseconds in one tick, the time unit of getCurrentTick, delay and periodic.
 constexpr long long tickMilliseconds = 100;
 
-class Timer {
+class KORVANE_EXPORT Timer {
 public:
     Timer();
     virtual ~Timer();
@@ -35,7 +37,7 @@ using TimerHandle = std::shared_ptr<Timer>;
 // The argument is the current tick.
 using TimerCallback = std::function<void(long long)>;
 
-class TimerBackend {
+class KORVANE_EXPORT TimerBackend {
 public:
     TimerBackend();
     virtual ~TimerBackend();
@@ -48,13 +50,13 @@ public:
 };
 
 // Installs the process-wide backend; null uninstalls. Returns the previous one.
-std::shared_ptr<TimerBackend> installTimerBackend(std::shared_ptr<TimerBackend> backend);
+KORVANE_EXPORT std::shared_ptr<TimerBackend> installTimerBackend(std::shared_ptr<TimerBackend> backend);
 // The installed backend; throws std::runtime_error when there is none.
-std::shared_ptr<TimerBackend> timerBackend();
+KORVANE_EXPORT std::shared_ptr<TimerBackend> timerBackend();
 
-long long getCurrentTick();
-TimerHandle delay(TimerCallback callback, long long ticks);
-TimerHandle periodic(TimerCallback callback, long long ticks);
-TimerHandle shortMsDelay(TimerCallback callback, unsigned char milliseconds);
+KORVANE_EXPORT long long getCurrentTick();
+KORVANE_EXPORT TimerHandle delay(TimerCallback callback, long long ticks);
+KORVANE_EXPORT TimerHandle periodic(TimerCallback callback, long long ticks);
+KORVANE_EXPORT TimerHandle shortMsDelay(TimerCallback callback, unsigned char milliseconds);
 
 }  // namespace korvane::common

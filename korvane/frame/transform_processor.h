@@ -11,6 +11,7 @@
 
 #include "korvane/frame/future.h"
 #include "korvane/frame/reactive_streams.h"
+#include "korvane/export.h"
 
 namespace korvane::reactive_streams {
 
@@ -27,7 +28,7 @@ inline std::uint64_t addDemand(std::uint64_t demand, std::uint64_t n) noexcept {
 // the mutex released and it is taken again afterwards. Demand passes straight
 // through: the whole outstanding downstream demand is requested from upstream.
 template <class A, class B>
-class TransformProcessor : public ProcessorAPI<A, B> {
+class KORVANE_EXPORT TransformProcessor : public ProcessorAPI<A, B> {
 public:
     enum class Status : std::int32_t { Active = 0, Completed = 1, Cancelled = 2, Failed = 3 };
 

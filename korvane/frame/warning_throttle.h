@@ -10,9 +10,11 @@
 #include <mutex>
 #include <optional>
 
+#include "korvane/export.h"
+
 namespace korvane::common {
 
-class WarningThrottle {
+class KORVANE_EXPORT WarningThrottle {
 public:
     using Clock = std::chrono::steady_clock;
 

@@ -13,6 +13,8 @@
 #include "korvane/frame/metrics.h"
 #include "korvane/frame/thread_counters.h"
 
+#include "korvane/export.h"
+
 namespace korvane::bayeux {
 
 enum class BayeuxCounter : std::size_t {
@@ -26,7 +28,7 @@ enum class BayeuxCounter : std::size_t {
     end
 };
 
-extern common::ThreadCounters& bayeuxCounters;
+extern KORVANE_EXPORT common::ThreadCounters& bayeuxCounters;
 
 inline void count(BayeuxCounter counter, std::uint64_t n = 1) {
     bayeuxCounters.add(static_cast<std::size_t>(counter), n);
@@ -37,6 +39,6 @@ inline void raisePendingHighWater(std::size_t pending) {
     bayeuxCounters.raise(static_cast<std::size_t>(BayeuxCounter::end), pending);
 }
 
-void writeBayeuxCounters(common::MetricsWriter& writer);
+KORVANE_EXPORT void writeBayeuxCounters(common::MetricsWriter& writer);
 
 }  // namespace korvane::bayeux

@@ -24,10 +24,11 @@
 #include "korvane/frame/message.h"
 #include "korvane/frame/reactive_streams.h"
 #include "korvane/frame/ring_queue.h"
+#include "korvane/export.h"
 
 namespace korvane::bayeux {
 
-class BayeuxQueue : public reactive_streams::PublisherAPI<std::unique_ptr<Message>>,
+class KORVANE_EXPORT BayeuxQueue : public reactive_streams::PublisherAPI<std::unique_ptr<Message>>,
                     public std::enable_shared_from_this<BayeuxQueue> {
 public:
     using Subscriber = reactive_streams::SubscriberAPI<std::unique_ptr<Message>>;

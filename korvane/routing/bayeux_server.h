@@ -33,10 +33,11 @@
 
 #include "korvane/codec/routing_interfaces.h"
 #include "korvane/routing/subscription_index.h"
+#include "korvane/export.h"
 
 namespace korvane::bayeux {
 
-class BayeuxServerImpl : public BayeuxServer, public std::enable_shared_from_this<BayeuxServer> {
+class KORVANE_EXPORT BayeuxServerImpl : public BayeuxServer, public std::enable_shared_from_this<BayeuxServer> {
 public:
     using SessionList = std::vector<std::weak_ptr<BayeuxSession>>;
 

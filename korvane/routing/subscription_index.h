@@ -23,14 +23,15 @@
 #include <vector>
 
 #include "korvane/codec/routing_interfaces.h"
+#include "korvane/export.h"
 
 namespace korvane::bayeux {
 
 // The canonical text of a pattern: its segments joined by '/', empty ones dropped, so
 // that spellings that a Channel treats alike ("/a//b/*" and "/a/b/*") share the key "a/b/*".
-std::string patternKey(const std::string& pattern);
+KORVANE_EXPORT std::string patternKey(const std::string& pattern);
 
-class SubscriptionIndex {
+class KORVANE_EXPORT SubscriptionIndex {
 public:
     // One session in one bucket. `identity` is the session's address, the bucket's key for
     // it; `copies` is how often the session is to be offered each message.

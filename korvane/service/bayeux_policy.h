@@ -18,19 +18,20 @@
 #include <string_view>
 
 #include "korvane/codec/messages.h"
+#include "korvane/export.h"
 
 namespace korvane::bayeux {
 
 // What a policy keeps about one client from its handshake on, e.g. a user id and its
 // grants: derive from it. The service holds it as long as it knows the client.
-class ClientGrant {
+class KORVANE_EXPORT ClientGrant {
 public:
     virtual ~ClientGrant();
 };
 
 // A policy's answer. A refusal's `reason` is the message part of the error text that
 // the client gets; empty gives the default text of the refused request.
-struct PolicyDecision {
+struct KORVANE_EXPORT PolicyDecision {
     bool allowed = true;
     std::string reason;
 
@@ -39,12 +40,12 @@ struct PolicyDecision {
 };
 
 // The answer to a handshake: what is attached to the client when it is allowed.
-struct HandshakeDecision : PolicyDecision {
+struct KORVANE_EXPORT HandshakeDecision : PolicyDecision {
     std::shared_ptr<const ClientGrant> grant;
 };
 
 // The client that asks to subscribe or publish.
-struct PolicyClient {
+struct KORVANE_EXPORT PolicyClient {
     const std::string& clientId;
     // What the policy attached at the handshake; null if it attached nothing.
     const ClientGrant* grant;
@@ -56,7 +57,7 @@ struct PolicyClient {
 //   publish    "403:<channel>:publish denied", and the message reaches no one.
 // `context` is the request's own (the host puts the HTTP request's details there) and
 // may be null.
-class BayeuxPolicy {
+class KORVANE_EXPORT BayeuxPolicy {
 public:
     virtual ~BayeuxPolicy();
 

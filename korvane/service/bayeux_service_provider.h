@@ -37,11 +37,12 @@
 #include "korvane/frame/warning_throttle.h"
 #include "korvane/service/bayeux_policy.h"
 #include "korvane/session/long_poll_session.h"
+#include "korvane/export.h"
 
 namespace korvane::bayeux {
 
 // The bounds that an embedding host sets on the protocol service.
-struct BayeuxServiceOptions {
+struct KORVANE_EXPORT BayeuxServiceOptions {
     // Messages that may wait in one session for its client; past it the client is
     // dropped from the registry as if it had timed out. 0 means no limit.
     std::size_t maxPendingMessages = 0;
@@ -56,7 +57,7 @@ struct BayeuxServiceOptions {
     OutgoingHook outgoing;
 };
 
-class BayeuxServiceProviderImpl : public BayeuxServiceProvider {
+class KORVANE_EXPORT BayeuxServiceProviderImpl : public BayeuxServiceProvider {
 public:
     // Starts the sweep and reads TORVEX_KORVANE_BAYEUX_FORCE_ID_CLEAR.
     explicit BayeuxServiceProviderImpl(std::shared_ptr<BayeuxServer> server,

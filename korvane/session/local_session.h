@@ -27,10 +27,11 @@
 #include "korvane/codec/messages.h"
 #include "korvane/codec/routing_interfaces.h"
 #include "korvane/frame/cached_value_publisher.h"
+#include "korvane/export.h"
 
 namespace korvane::bayeux {
 
-class LocalBayeuxSession : public BayeuxSession, public std::enable_shared_from_this<LocalBayeuxSession> {
+class KORVANE_EXPORT LocalBayeuxSession : public BayeuxSession, public std::enable_shared_from_this<LocalBayeuxSession> {
 public:
     using Publisher = reactive_streams::CachedValuePublisher<std::shared_ptr<const PublishRequest>,
                                                              std::function<void()>>;

@@ -44,6 +44,7 @@
 #include "korvane/codec/routing_interfaces.h"
 #include "korvane/frame/ring_queue.h"
 #include "korvane/frame/timers.h"
+#include "korvane/export.h"
 
 namespace korvane::bayeux {
 
@@ -51,7 +52,7 @@ class BayeuxQueue;
 
 // How many messages may wait in a session for its client, and whom to tell when more
 // arrive. A limit of 0 means no limit.
-struct PendingLimit {
+struct KORVANE_EXPORT PendingLimit {
     std::size_t maxMessages = 0;
     // Bytes of the waiting messages, counted as the size of the channel name plus the size
     // of the data's JSON text of each; the rest of a message is not counted.
@@ -66,7 +67,7 @@ struct PendingLimit {
 // drains the session and must answer at once, without blocking.
 using OutgoingHook = std::function<bool(const std::string& clientId, PublishRequest& message)>;
 
-class LongPollSession : public BayeuxSession, public std::enable_shared_from_this<LongPollSession> {
+class KORVANE_EXPORT LongPollSession : public BayeuxSession, public std::enable_shared_from_this<LongPollSession> {
 public:
     LongPollSession(std::shared_ptr<BayeuxServer> server, std::shared_ptr<Context> context,
                     PendingLimit pendingLimit = PendingLimit(), OutgoingHook outgoing = nullptr);

@@ -15,10 +15,11 @@
 #include "korvane/frame/data_buffer.h"
 #include "korvane/frame/message.h"
 #include "korvane/frame/transform_processor.h"
+#include "korvane/export.h"
 
 namespace korvane::bayeux {
 
-class ConnectStreamSerializer
+class KORVANE_EXPORT ConnectStreamSerializer
     : public reactive_streams::TransformProcessor<std::unique_ptr<Message>, common::DataBuffer> {
 public:
     ConnectStreamSerializer();

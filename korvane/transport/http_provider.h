@@ -9,10 +9,11 @@
 #include <memory>
 
 #include "korvane/frame/http.h"
+#include "korvane/export.h"
 
 namespace korvane::bayeux {
 
-class BayeuxHttpServiceProvider : public http::HttpServiceProvider {
+class KORVANE_EXPORT BayeuxHttpServiceProvider : public http::HttpServiceProvider {
 public:
     // An unset address switches that transport off.
     BayeuxHttpServiceProvider(const Address& longPollAddress, const Address& webSocketAddress);

@@ -14,10 +14,11 @@
 #include <memory>
 
 #include "korvane/frame/http.h"
+#include "korvane/export.h"
 
 namespace korvane::bayeux {
 
-class BayeuxLongPollServiceProvider : public http::HttpServiceProvider {
+class KORVANE_EXPORT BayeuxLongPollServiceProvider : public http::HttpServiceProvider {
 public:
     BayeuxLongPollServiceProvider();
     ~BayeuxLongPollServiceProvider() override;

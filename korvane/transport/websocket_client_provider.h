@@ -16,11 +16,12 @@
 
 #include "korvane/frame/http.h"
 #include "korvane/frame/service.h"
+#include "korvane/export.h"
 
 namespace korvane::bayeux {
 
 // Asks for a connection to `url` (ws:// or wss://).
-class ConnectTransport : public Message {
+class KORVANE_EXPORT ConnectTransport : public Message {
 public:
     explicit ConnectTransport(std::string url);
     ~ConnectTransport() override;
@@ -29,7 +30,7 @@ public:
 };
 
 // The open connection: the messages from the remote, and the subscriber that takes messages to it.
-class ConnectTransportResponse : public Message {
+class KORVANE_EXPORT ConnectTransportResponse : public Message {
 public:
     ConnectTransportResponse(std::shared_ptr<reactive_streams::PublisherAPI<std::unique_ptr<Message>>> publisher,
                              std::shared_ptr<reactive_streams::SubscriberAPI<std::unique_ptr<Message>>> subscriber);
@@ -39,7 +40,7 @@ public:
     std::shared_ptr<reactive_streams::SubscriberAPI<std::unique_ptr<Message>>> subscriber;
 };
 
-class WebSocketClientConnectionServiceProvider : public ServiceProvider {
+class KORVANE_EXPORT WebSocketClientConnectionServiceProvider : public ServiceProvider {
 public:
     WebSocketClientConnectionServiceProvider();
     ~WebSocketClientConnectionServiceProvider() override;
@@ -51,10 +52,10 @@ public:
 };
 
 // Frames from the remote into response messages; an empty frame gives a null message.
-std::shared_ptr<reactive_streams::ProcessorAPI<http::WebSocketFrame, std::unique_ptr<Message>>>
+KORVANE_EXPORT std::shared_ptr<reactive_streams::ProcessorAPI<http::WebSocketFrame, std::unique_ptr<Message>>>
 makeInboundWebSocketClientProcessor();
 // Messages into text frames holding a bare JSON object; a null message gives an empty frame.
-std::shared_ptr<reactive_streams::ProcessorAPI<std::unique_ptr<Message>, http::WebSocketFrame>>
+KORVANE_EXPORT std::shared_ptr<reactive_streams::ProcessorAPI<std::unique_ptr<Message>, http::WebSocketFrame>>
 makeOutboundWebSocketClientProcessor();
 
 }  // namespace korvane::bayeux

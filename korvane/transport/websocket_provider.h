@@ -32,10 +32,11 @@
 #include "korvane/frame/callback_subscriber.h"
 #include "korvane/frame/http.h"
 #include "korvane/frame/service.h"
+#include "korvane/export.h"
 
 namespace korvane::bayeux {
 
-class WebSocketConnection : public ConnectSink, public std::enable_shared_from_this<WebSocketConnection> {
+class KORVANE_EXPORT WebSocketConnection : public ConnectSink, public std::enable_shared_from_this<WebSocketConnection> {
 public:
     using FramePublisher = reactive_streams::CachedValuePublisher<http::WebSocketFrame, std::function<void()>>;
     using MessageSubscriber = reactive_streams::CallbackSubscriber<std::unique_ptr<Message>>;
@@ -80,7 +81,7 @@ private:
 };
 
 // Stateless; deliver may run on any thread for any number of upgrades at once.
-class BayeuxWebSocketServiceProvider : public ServiceProvider {
+class KORVANE_EXPORT BayeuxWebSocketServiceProvider : public ServiceProvider {
 public:
     BayeuxWebSocketServiceProvider();
     ~BayeuxWebSocketServiceProvider() override;

@@ -104,6 +104,10 @@ private:
         }
         socket = beast::get_lowest_layer(*upgrading).release_socket();
         upgrading.reset();
+        socket.non_blocking(true, ec);
+        if (ec) {
+            return fail("socket: " + ec.message());
+        }
         isOpen = true;
         readNext();
         if (!queued.empty()) {
@@ -111,40 +115,62 @@ private:
         }
     }
 
+    // Waits for the socket to become readable, then reads what it holds without
+    // blocking: an asynchronous read would first try a read of its own, which fails
+    // on an empty socket and costs a system call per message. The one thread that
+    // runs the io_context polls only after this handler queued its wait, so no
+    // readiness is missed.
     void readNext() {
-        socket.async_read_some(boost::asio::buffer(reader.space(), reader.spaceSize()),
-                               [self = shared_from_this(), generation = generation](beast::error_code ec,
-                                                                                    std::size_t bytes) {
-                                   if (generation == self->generation) {
-                                       self->onRead(ec, bytes);
-                                   }
-                               });
+        socket.async_wait(tcp::socket::wait_read,
+                          [self = shared_from_this(), generation = generation](beast::error_code ec) {
+                              if (generation == self->generation) {
+                                  self->onReadable(ec);
+                              }
+                          });
     }
 
-    void onRead(beast::error_code ec, std::size_t bytes) {
-        if (closed) {
-            return;
+    void onReadable(beast::error_code ec) {
+        while (!closed) {
+            if (ec) {
+                return fail("read: " + ec.message());
+            }
+            char* space = reader.space();
+            const std::size_t room = reader.spaceSize();
+            const std::size_t bytes = socket.read_some(boost::asio::buffer(space, room), ec);
+            if (ec == boost::asio::error::would_block) {
+                return readNext();
+            }
+            if (ec) {
+                continue;
+            }
+            reader.commit(bytes);
+            if (!deliverFrames()) {
+                return;  // a frame ended the connection, or a callback closed the link
+            }
+            if (bytes < room) {
+                return readNext();  // the socket is drained
+            }
         }
-        if (ec) {
-            return fail("read: " + ec.message());
-        }
-        reader.commit(bytes);
+    }
+
+    // Hands every whole frame read so far on; false once the connection failed.
+    bool deliverFrames() {
         const unsigned current = generation;
         Frame frame;
         for (;;) {
             const FrameReader::Status status = reader.next(frame);
             if (status == FrameReader::Status::needMore) {
-                break;
+                return true;
             }
             if (status == FrameReader::Status::malformed) {
-                return fail("read: malformed frame");
+                fail("read: malformed frame");
+                return false;
             }
             onFrame(frame);
             if (closed || generation != current) {
-                return;  // a callback closed the link, or the frame ended the connection
+                return false;
             }
         }
-        readNext();
     }
 
     void onFrame(const Frame& frame) {

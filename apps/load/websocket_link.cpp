@@ -227,15 +227,7 @@ private:
         control.clear();
         if (!queued.empty()) {
             array.clear();
-            array.push_back('[');
-            for (std::size_t i = 0; i < queued.size(); ++i) {
-                if (i != 0) {
-                    array.push_back(',');
-                }
-                array += queued[i];
-            }
-            array.push_back(']');
-            queued.clear();
+            moveIntoArray(queued, array);
             appendMaskedFrame(outgoing, Opcode::text, array, nextMask());
         }
         boost::asio::async_write(

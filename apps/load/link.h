@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace korvane::load {
 
@@ -40,6 +41,19 @@ public:
     // Closes the connections at once; no callback follows.
     virtual void close() = 0;
 };
+
+// Appends the queued messages to `out` as one JSON array, and empties the queue.
+inline void moveIntoArray(std::vector<std::string>& queued, std::string& out) {
+    out.push_back('[');
+    for (std::size_t i = 0; i < queued.size(); ++i) {
+        if (i != 0) {
+            out.push_back(',');
+        }
+        out += queued[i];
+    }
+    out.push_back(']');
+    queued.clear();
+}
 
 std::unique_ptr<Link> makeWebSocketLink(boost::asio::io_context& io, const LinkTarget& target, LinkEvents events);
 std::unique_ptr<Link> makeLongPollingLink(boost::asio::io_context& io, const LinkTarget& target, LinkEvents events);

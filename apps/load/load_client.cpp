@@ -93,7 +93,7 @@ void LoadClient::onBody(std::string_view body) {
             ++stats.counters().errors;
         } else if (startsWith(*channel, "/meta/")) {
             onMeta(*channel, message);
-        } else if (message.find("\"successful\"") != std::string_view::npos) {
+        } else if (hasField(message, "successful")) {
             onPublishReply(message);
         } else {
             onDelivery(message);

@@ -58,16 +58,7 @@ private:
         if (!cookie.empty()) {
             request.set(http::field::cookie, cookie);
         }
-        std::string& body = request.body();
-        body.push_back('[');
-        for (std::size_t i = 0; i < queued.size(); ++i) {
-            if (i != 0) {
-                body.push_back(',');
-            }
-            body += queued[i];
-        }
-        body.push_back(']');
-        queued.clear();
+        moveIntoArray(queued, request.body());
         request.prepare_payload();
         retried = false;
         if (stream) {

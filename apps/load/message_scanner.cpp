@@ -1,6 +1,6 @@
 #include "load/message_scanner.h"
 
-#include <string>
+#include <cstring>
 
 namespace korvane::load {
 namespace {
@@ -12,30 +12,40 @@ std::size_t skipSpaces(std::string_view text, std::size_t at) {
     return at;
 }
 
-// Where the value of field `name` starts, or npos.
+// Where the value of field `name` starts, or npos. Looks for the bare name, which
+// memchr finds fast, and then for the quotes around it.
 std::size_t valueStart(std::string_view object, std::string_view name) {
-    std::string quoted;
-    quoted.reserve(name.size() + 2);
-    quoted.append(1, '"').append(name).append(1, '"');
     std::size_t at = 0;
-    while ((at = object.find(quoted, at)) != std::string_view::npos) {
-        std::size_t colon = skipSpaces(object, at + quoted.size());
-        if (colon < object.size() && object[colon] == ':') {
-            return skipSpaces(object, colon + 1);
+    while ((at = object.find(name, at)) != std::string_view::npos) {
+        const std::size_t end = at + name.size();
+        if (at != 0 && object[at - 1] == '"' && end < object.size() && object[end] == '"') {
+            const std::size_t colon = skipSpaces(object, end + 1);
+            if (colon < object.size() && object[colon] == ':') {
+                return skipSpaces(object, colon + 1);
+            }
         }
-        at += quoted.size();
+        at = end;
     }
     return std::string_view::npos;
 }
 
-// The end of the string that starts at `open` (a '"'), one past its closing quote, or npos.
+// The end of the string that starts at `open` (a '"'), one past its closing quote, or
+// npos. A quote closes the string unless an odd number of backslashes precede it.
 std::size_t stringEnd(std::string_view text, std::size_t open) {
-    for (std::size_t i = open + 1; i < text.size(); ++i) {
-        if (text[i] == '\\') {
-            ++i;
-        } else if (text[i] == '"') {
-            return i + 1;
+    for (std::size_t from = open + 1; from < text.size();) {
+        const void* quote = std::memchr(text.data() + from, '"', text.size() - from);
+        if (quote == nullptr) {
+            break;
         }
+        const std::size_t at = static_cast<std::size_t>(static_cast<const char*>(quote) - text.data());
+        std::size_t backslashes = 0;
+        while (at - backslashes > open + 1 && text[at - backslashes - 1] == '\\') {
+            ++backslashes;
+        }
+        if (backslashes % 2 == 0) {
+            return at + 1;
+        }
+        from = at + 1;
     }
     return std::string_view::npos;
 }
@@ -99,6 +109,10 @@ std::optional<std::int64_t> numberField(std::string_view object, std::string_vie
         value = value * 10 + (object[at] - '0');
     }
     return negative ? -value : value;
+}
+
+bool hasField(std::string_view object, std::string_view name) {
+    return valueStart(object, name) != std::string_view::npos;
 }
 
 bool isTrue(std::string_view object, std::string_view name) {

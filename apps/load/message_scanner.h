@@ -23,6 +23,8 @@ std::vector<std::string_view> splitObjects(std::string_view body);
 std::optional<std::string_view> stringField(std::string_view object, std::string_view name);
 // The value of number field `name`, first occurrence.
 std::optional<std::int64_t> numberField(std::string_view object, std::string_view name);
+// True when the object has a field `name`.
+bool hasField(std::string_view object, std::string_view name);
 // True when field `name` is the literal true.
 bool isTrue(std::string_view object, std::string_view name);
 

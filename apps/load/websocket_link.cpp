@@ -1,19 +1,24 @@
 // The WebSocket link: one connection, one write at a time; messages queued while a
-// write is in flight go out together as one array once it completes.
+// write is in flight go out together as one array once it completes. Beast makes
+// the HTTP upgrade; the frames that follow are read and written by hand over the
+// bare socket (see websocket_frames.h for why).
 //
 // Threading: everything runs on the owning client's io_context, which one thread
 // runs. The state is shared with the pending handlers and outlives close().
 
 #include <boost/asio/post.hpp>
+#include <boost/asio/write.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 #include <boost/beast/websocket.hpp>
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "load/link.h"
 #include "load/socket_setup.h"
+#include "load/websocket_frames.h"
 
 namespace korvane::load {
 namespace {
@@ -22,47 +27,43 @@ namespace beast = boost::beast;
 namespace websocket = boost::beast::websocket;
 using tcp = boost::asio::ip::tcp;
 
+constexpr std::size_t kMaxMessageBytes = 64 * 1024 * 1024;
+
 class WebSocketState : public std::enable_shared_from_this<WebSocketState> {
 public:
     WebSocketState(boost::asio::io_context& io, const LinkTarget& target, LinkEvents events)
-        : io(io), target(target), events(std::move(events)) {}
+        : io(io),
+          target(target),
+          events(std::move(events)),
+          socket(io),
+          maskState(static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(this) >> 4) | 1) {}
 
     void send(std::string message) {
         queued.push_back(std::move(message));
-        if (!stream) {
+        if (!active) {
             open();
-        } else if (isOpen && !writing && !flushPosted) {
-            // Messages sent by the same handler go out together in one write.
-            flushPosted = true;
-            boost::asio::post(io, [self = shared_from_this(), generation = generation] {
-                self->flushPosted = false;
-                if (generation == self->generation && self->isOpen && !self->writing && !self->queued.empty()) {
-                    self->writeQueued();
-                }
-            });
+        } else {
+            flushSoon();
         }
     }
 
     void close() {
         closed = true;
-        if (stream) {
-            beast::error_code ignored;
-            beast::get_lowest_layer(*stream).socket().close(ignored);
-        }
+        closeSockets();
     }
 
 private:
     void open() {
-        stream = std::make_shared<websocket::stream<beast::tcp_stream>>(io);
-        stream->read_message_max(64 * 1024 * 1024);
-        auto& socket = beast::get_lowest_layer(*stream).socket();
-        if (auto ec = prepareSocket(socket, target.server, target.source)) {
+        active = true;
+        upgrading = std::make_shared<websocket::stream<beast::tcp_stream>>(io);
+        auto& tcpSocket = beast::get_lowest_layer(*upgrading).socket();
+        if (auto ec = prepareSocket(tcpSocket, target.server, target.source)) {
             boost::asio::post(io, [self = shared_from_this(), what = "socket: " + ec.message()] { self->fail(what); });
             return;
         }
-        beast::get_lowest_layer(*stream).async_connect(
+        beast::get_lowest_layer(*upgrading).async_connect(
             target.server,
-            [self = shared_from_this(), stream = stream, generation = generation](beast::error_code ec) {
+            [self = shared_from_this(), stream = upgrading, generation = generation](beast::error_code ec) {
                 if (generation == self->generation) self->onConnected(ec);
             });
     }
@@ -75,17 +76,20 @@ private:
             return fail("connect: " + ec.message());
         }
         if (!cookie.empty()) {
-            stream->set_option(websocket::stream_base::decorator([cookie = cookie](websocket::request_type& request) {
-                request.set(beast::http::field::cookie, cookie);
-            }));
+            upgrading->set_option(
+                websocket::stream_base::decorator([cookie = cookie](websocket::request_type& request) {
+                    request.set(beast::http::field::cookie, cookie);
+                }));
         }
-        stream->async_handshake(
+        upgrading->async_handshake(
             upgrade, target.hostHeader, target.path,
-            [self = shared_from_this(), stream = stream, generation = generation](beast::error_code ec) {
+            [self = shared_from_this(), stream = upgrading, generation = generation](beast::error_code ec) {
                 if (generation == self->generation) self->onUpgraded(ec);
             });
     }
 
+    // The server speaks only when spoken to, so nothing of its frames can sit in
+    // Beast's buffer when the socket is taken from it.
     void onUpgraded(beast::error_code ec) {
         if (closed) {
             return;
@@ -98,6 +102,12 @@ private:
             const std::string value(setCookie->value());
             cookie = value.substr(0, value.find(';'));
         }
+        socket = beast::get_lowest_layer(*upgrading).release_socket();
+        upgrading.reset();
+        socket.non_blocking(true, ec);
+        if (ec) {
+            return fail("socket: " + ec.message());
+        }
         isOpen = true;
         readNext();
         if (!queued.empty()) {
@@ -105,46 +115,124 @@ private:
         }
     }
 
+    // Waits for the socket to become readable, then reads what it holds without
+    // blocking: an asynchronous read would first try a read of its own, which fails
+    // on an empty socket and costs a system call per message. The one thread that
+    // runs the io_context polls only after this handler queued its wait, so no
+    // readiness is missed.
     void readNext() {
-        stream->async_read(buffer, [self = shared_from_this(), stream = stream, generation = generation](
-                                         beast::error_code ec, std::size_t) {
-            if (generation == self->generation) {
-                self->onRead(ec);
+        socket.async_wait(tcp::socket::wait_read,
+                          [self = shared_from_this(), generation = generation](beast::error_code ec) {
+                              if (generation == self->generation) {
+                                  self->onReadable(ec);
+                              }
+                          });
+    }
+
+    void onReadable(beast::error_code ec) {
+        while (!closed) {
+            if (ec) {
+                return fail("read: " + ec.message());
+            }
+            char* space = reader.space();
+            const std::size_t room = reader.spaceSize();
+            const std::size_t bytes = socket.read_some(boost::asio::buffer(space, room), ec);
+            if (ec == boost::asio::error::would_block) {
+                return readNext();
+            }
+            if (ec) {
+                continue;
+            }
+            reader.commit(bytes);
+            if (!deliverFrames()) {
+                return;  // a frame ended the connection, or a callback closed the link
+            }
+            if (bytes < room) {
+                return readNext();  // the socket is drained
+            }
+        }
+    }
+
+    // Hands every whole frame read so far on; false once the connection failed.
+    bool deliverFrames() {
+        const unsigned current = generation;
+        Frame frame;
+        for (;;) {
+            const FrameReader::Status status = reader.next(frame);
+            if (status == FrameReader::Status::needMore) {
+                return true;
+            }
+            if (status == FrameReader::Status::malformed) {
+                fail("read: malformed frame");
+                return false;
+            }
+            onFrame(frame);
+            if (closed || generation != current) {
+                return false;
+            }
+        }
+    }
+
+    void onFrame(const Frame& frame) {
+        switch (frame.opcode) {
+            case Opcode::text:
+            case Opcode::binary:
+                if (frame.final) {
+                    events.onBody(frame.payload);
+                } else {
+                    fragments.assign(frame.payload);
+                }
+                return;
+            case Opcode::continuation:
+                fragments.append(frame.payload);
+                if (fragments.size() > kMaxMessageBytes) {
+                    return fail("read: message too big");
+                }
+                if (frame.final) {
+                    const std::string whole = std::move(fragments);
+                    fragments.clear();
+                    events.onBody(whole);
+                }
+                return;
+            case Opcode::ping:
+                appendMaskedFrame(control, Opcode::pong, frame.payload, nextMask());
+                return flushSoon();
+            case Opcode::pong:
+                return;
+            case Opcode::close:
+                return fail("read: closed by the server");
+        }
+        fail("read: unknown opcode");
+    }
+
+    // What is queued by the same handler goes out together in one write.
+    void flushSoon() {
+        if (!isOpen || writing || flushPosted) {
+            return;
+        }
+        flushPosted = true;
+        boost::asio::post(io, [self = shared_from_this(), generation = generation] {
+            self->flushPosted = false;
+            if (generation == self->generation && self->isOpen && !self->writing && self->hasOutgoing()) {
+                self->writeQueued();
             }
         });
     }
 
-    void onRead(beast::error_code ec) {
-        if (closed) {
-            return;
-        }
-        if (ec) {
-            return fail("read: " + ec.message());
-        }
-        const auto data = buffer.cdata();
-        events.onBody(std::string_view(static_cast<const char*>(data.data()), data.size()));
-        buffer.consume(buffer.size());
-        if (!closed && isOpen) {
-            readNext();
-        }
-    }
+    bool hasOutgoing() const { return !queued.empty() || !control.empty(); }
 
     void writeQueued() {
         writing = true;
-        outgoing.clear();
-        outgoing.push_back('[');
-        for (std::size_t i = 0; i < queued.size(); ++i) {
-            if (i != 0) {
-                outgoing.push_back(',');
-            }
-            outgoing += queued[i];
+        outgoing.swap(control);
+        control.clear();
+        if (!queued.empty()) {
+            array.clear();
+            moveIntoArray(queued, array);
+            appendMaskedFrame(outgoing, Opcode::text, array, nextMask());
         }
-        outgoing.push_back(']');
-        queued.clear();
-        stream->text(true);
-        stream->async_write(
-            boost::asio::buffer(outgoing),
-            [self = shared_from_this(), stream = stream, generation = generation](beast::error_code ec, std::size_t) {
+        boost::asio::async_write(
+            socket, boost::asio::buffer(outgoing),
+            [self = shared_from_this(), generation = generation](beast::error_code ec, std::size_t) {
                 if (generation == self->generation) {
                     self->onWritten(ec);
                 }
@@ -159,37 +247,61 @@ private:
         if (ec) {
             return fail("write: " + ec.message());
         }
-        if (!queued.empty()) {
+        if (hasOutgoing()) {
             writeQueued();
+        }
+    }
+
+    // Clients must mask; the key's unpredictability guards proxies a load tool never
+    // passes through, so a cheap generator does.
+    std::uint32_t nextMask() {
+        maskState ^= maskState << 13;
+        maskState ^= maskState >> 17;
+        maskState ^= maskState << 5;
+        return maskState;
+    }
+
+    void closeSockets() {
+        beast::error_code ignored;
+        socket.close(ignored);
+        if (upgrading) {
+            beast::get_lowest_layer(*upgrading).socket().close(ignored);
         }
     }
 
     // Drops the connection; the next send() opens a new one.
     void fail(const std::string& what) {
-        if (stream) {
-            beast::error_code ignored;
-            beast::get_lowest_layer(*stream).socket().close(ignored);
-        }
-        stream.reset();
+        closeSockets();
+        upgrading.reset();
         ++generation;
+        active = false;
         isOpen = false;
         writing = false;
         queued.clear();
+        control.clear();
+        fragments.clear();
+        reader.clear();
         events.onFailure(what);
     }
 
     boost::asio::io_context& io;
     const LinkTarget target;
     LinkEvents events;
-    std::shared_ptr<websocket::stream<beast::tcp_stream>> stream;
-    // Bumped when a stream is dropped, so that the handlers of the old one, which
-    // keep it alive until they run, do nothing.
+    // The stream that makes the upgrade, then hands its socket over.
+    std::shared_ptr<websocket::stream<beast::tcp_stream>> upgrading;
+    tcp::socket socket;
+    // Bumped when a connection is dropped, so that the handlers of the old one do nothing.
     unsigned generation = 0;
     websocket::response_type upgrade;
-    beast::flat_buffer buffer;
+    FrameReader reader{kMaxMessageBytes};
+    std::string fragments;  // a message that came in several frames, so far
     std::vector<std::string> queued;
+    std::string control;  // pongs waiting for the next write
+    std::string array;    // the queued messages as one body
     std::string outgoing;
     std::string cookie;
+    std::uint32_t maskState;
+    bool active = false;  // a connection is being opened or is open
     bool isOpen = false;
     bool writing = false;
     bool flushPosted = false;

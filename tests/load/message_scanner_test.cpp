@@ -17,6 +17,7 @@ TEST(MessageScanner, SplitsBodiesIntoTopLevelObjects) {
         {R"({"only":true})", {R"({"only":true})"}},
         {R"([{"text":"a } and { in a string"}])", {R"({"text":"a } and { in a string"})"}},
         {R"([{"text":"an \"escaped\" quote }"}])", {R"({"text":"an \"escaped\" quote }"})"}},
+        {R"([{"text":"a backslash \\"},{"b":"}"}])", {R"({"text":"a backslash \\"})", R"({"b":"}"})"}},
         {R"([{"open":1)", {}},
         {R"([{"text":"unterminated}])", {}},
         {"[]", {}},

@@ -46,7 +46,7 @@ TEST(BoundedQueueConcurrency, EveryProducersOrderSurvivesAndEveryItemIsEitherTak
         int taken = 0;
         bool inOrder = true;
         std::thread consumer([&] {
-            for (auto item = queue.pop(); item->first != endMark; item = queue.pop(), ++taken) {
+            for (auto item = queue.pop(); item && item->first != endMark; item = queue.pop(), ++taken) {
                 inOrder = inOrder && item->second > last[item->first];
                 last[item->first] = item->second;
             }

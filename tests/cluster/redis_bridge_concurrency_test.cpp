@@ -20,6 +20,7 @@
 #include "korvane/cluster/redis_connection.h"
 #include "korvane/routing/bayeux_server.h"
 #include "support/recording_subscriber.h"
+#include "support/test_context.h"
 
 namespace korvane::cluster {
 namespace {
@@ -75,13 +76,6 @@ public:
     pid_t pid = 0;
 };
 
-class NoRouteContext : public Context {
-public:
-    Future<std::unique_ptr<Message>> handle(std::unique_ptr<Message>&&, Address&&) override {
-        return makeErrorFuture<std::unique_ptr<Message>>(std::make_exception_ptr(std::runtime_error("no route")));
-    }
-};
-
 // One server's routing core with its bridge and in-process participants. The bridge goes
 // first, then the feeds its threads deliver into.
 struct Node {
@@ -92,7 +86,8 @@ struct Node {
         bridge = std::make_unique<RedisBridge>(participant(), routing, options);
     }
     std::shared_ptr<bayeux::LocalBayeuxSession> participant() {
-        auto session = std::make_shared<bayeux::LocalBayeuxSession>(routing, std::make_shared<NoRouteContext>());
+        auto context = std::make_shared<test_support::TestContext>();
+        auto session = std::make_shared<bayeux::LocalBayeuxSession>(routing, std::move(context));
         routing->addSession(session);
         return session;
     }
@@ -175,7 +170,8 @@ TEST(RedisBridgeConcurrency, ThreadsPublishingOnOneServerReachTheOtherOnceEachIn
     farSide->read([&](const auto& received) {
         EXPECT_EQ(received.size(), std::size_t(threads * perThread)) << "no duplicates";
         for (const auto& message : received) {
-            ASSERT_EQ(channelOf.count(message->clientId), 1u) << "the publisher's clientId crosses: " << message->clientId;
+            ASSERT_EQ(channelOf.count(message->clientId), 1u) << "the publisher's clientId crosses: "
+                                                              << message->clientId;
             EXPECT_EQ(message->channel, channelOf[message->clientId]);
             const std::string next = std::to_string(nextPerPublisher[message->clientId]++);
             EXPECT_EQ(message->id, next);

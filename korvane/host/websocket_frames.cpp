@@ -6,7 +6,9 @@ namespace korvane::host {
 
 namespace {
 
-constexpr std::size_t initialBufferBytes = 4096;
+// Within the allocator's per-thread cache: a connect request is a few hundred bytes, and the
+// buffer doubles for more.
+constexpr std::size_t initialBufferBytes = 1024;
 constexpr std::uint64_t maxControlPayload = 125;
 
 // XORs `size` bytes with the four-byte `mask`, eight at a time: the mask repeats every
@@ -67,30 +69,40 @@ void appendMaskedFrame(std::string& out, Opcode opcode, std::string_view payload
 char* FrameReader::space() {
     // Frames already handed out are dropped; a partial one moves to the front.
     if (consumed != 0) {
-        std::memmove(buffer.data(), buffer.data() + consumed, filled - consumed);
+        std::memmove(buffer.get(), buffer.get() + consumed, filled - consumed);
         filled -= consumed;
         consumed = 0;
     }
-    if (buffer.empty()) {
-        buffer.resize(initialBufferBytes);
+    if (capacity == 0) {
+        resize(initialBufferBytes);
     }
-    if (wanted > buffer.size()) {
-        buffer.resize(wanted);
-    } else if (filled == buffer.size()) {
-        buffer.resize(buffer.size() * 2);
+    if (wanted > capacity) {
+        resize(wanted);
+    } else if (filled == capacity) {
+        resize(capacity * 2);
     }
-    return buffer.data() + filled;
+    return buffer.get() + filled;
+}
+
+void FrameReader::resize(std::size_t bytes) {
+    std::unique_ptr<char[]> larger(new char[bytes]);
+    if (filled != 0) {
+        std::memcpy(larger.get(), buffer.get(), filled);
+    }
+    buffer = std::move(larger);
+    capacity = bytes;
 }
 
 void FrameReader::release() {
     if (consumed == filled) {
-        std::string().swap(buffer);
+        buffer.reset();
+        capacity = 0;
         clear();
     }
 }
 
 FrameReader::Status FrameReader::next(Frame& frame) {
-    auto* at = reinterpret_cast<std::uint8_t*>(buffer.data() + consumed);
+    auto* at = reinterpret_cast<std::uint8_t*>(buffer.get() + consumed);
     const std::size_t available = filled - consumed;
     wanted = 0;
     if (available < 2) {

@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -46,7 +47,7 @@ public:
 
     // Room to read into: at least what the frame at the front still lacks.
     char* space();
-    std::size_t spaceSize() const { return buffer.size() - filled; }
+    std::size_t spaceSize() const { return capacity - filled; }
     // `bytes` were read into space().
     void commit(std::size_t bytes) { filled += bytes; }
 
@@ -58,9 +59,13 @@ public:
     void release();
 
 private:
+    void resize(std::size_t bytes);
+
     const std::size_t maxFrameBytes;
     const bool masked;
-    std::string buffer;
+    // Left uninitialised: bytes are only ever read where a read has written them.
+    std::unique_ptr<char[]> buffer;
+    std::size_t capacity = 0;
     std::size_t filled = 0;    // bytes read
     std::size_t consumed = 0;  // bytes of frames already handed out
     std::size_t wanted = 0;    // bytes the front frame needs in all, once its header is known

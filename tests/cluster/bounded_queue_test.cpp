@@ -34,8 +34,9 @@ TEST(BoundedQueue, KeepsOrderDropsPastCapacityCountsTheDropsAndClosesWithoutCoun
     EXPECT_EQ(queue.takeDropped(), 0u);
 }
 
-// Below capacity nothing is lost; a full queue never holds up a producer and counts what it refuses.
-TEST(BoundedQueueConcurrency, EveryProducersOrderSurvivesAndEveryItemIsEitherTakenOrCounted) {
+// Below capacity nothing is lost; a full queue never holds up a producer and counts what it
+// refuses; a close wakes a consumer blocked on the empty queue.
+TEST(BoundedQueueConcurrency, EveryProducersOrderSurvivesEveryItemIsTakenOrCountedAndCloseWakes) {
     constexpr int producers = 4, perProducer = 5000, endMark = -1;
     using Queue = BoundedQueue<std::pair<int, int>>;
     for (const std::size_t capacity : {std::size_t(producers * perProducer), std::size_t(16)}) {
@@ -73,14 +74,10 @@ TEST(BoundedQueueConcurrency, EveryProducersOrderSurvivesAndEveryItemIsEitherTak
         EXPECT_EQ(dropped, refused.load());
         EXPECT_EQ(taken + dropped, producers * perProducer);
         EXPECT_TRUE(dropped == 0 || capacity < producers * perProducer);
+        std::thread blocked([&] { EXPECT_FALSE(queue.pop().has_value()); });
+        queue.close();
+        blocked.join();
     }
-}
-
-TEST(BoundedQueueConcurrency, CloseWakesAConsumerBlockedOnAnEmptyQueue) {
-    BoundedQueue<int> queue(4);
-    std::thread consumer([&] { EXPECT_FALSE(queue.pop().has_value()); });
-    queue.close();
-    consumer.join();
 }
 
 }  // namespace

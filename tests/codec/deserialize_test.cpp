@@ -57,7 +57,6 @@ std::string adviceOf(const Advice& advice) {
     return text;
 }
 
-using korvane::test_support::repeated;
 
 TEST(Deserialize, ChannelChoosesTheClassOnEitherSide) {
     const std::pair<std::string, std::string> cases[] = {
@@ -180,21 +179,6 @@ TEST(Deserialize, MetaMessagesReadTheirMembersAndAdvice) {
         reconnects += std::to_string(dynamic_cast<ConnectStreamResponse&>(*message).advice->reconnect);
     }
     EXPECT_EQ(reconnects, "012222");
-}
-
-// How deep nesting is scanned, and cut off, is the reader's; here each member that holds any value takes it.
-TEST(Deserialize, MillionLevelsOfNestingInABodyAreAcceptedOrRefusedByTheRules) {
-    constexpr std::size_t levels = 1000000;
-    const std::string arrays = repeated("[", levels) + "1" + repeated("]", levels);
-    const std::string objects = repeated("{\"k\":", levels) + "true" + repeated("}", levels);
-    const std::string deep = "{\"channel\":\"/deep\",\"data\":";
-    EXPECT_EQ(dynamic_cast<PublishRequest&>(*parse(deep + arrays + "}")).data->str(), arrays);
-    auto skipped = parse("{\"x\":" + objects + ",\"channel\":\"/meta/subscribe\",\"subscription\":\"/a\"}");
-    EXPECT_EQ(dynamic_cast<SubscribeRequest&>(*skipped).subscription, "/a");
-    auto inAdvice = parse("{\"channel\":\"/meta/connect\",\"advice\":{\"lp\":{\"x\":" + arrays + "},\"timeout\":3}}");
-    EXPECT_EQ(dynamic_cast<ConnectStreamRequest&>(*inAdvice).advice->timeout, 3);
-    EXPECT_EQ(failureOf(repeated("[", levels) + "]"), "Invalid JSON, expected '{'");
-    EXPECT_EQ(failureOf(repeated("{\"k\":", levels) + "1"), "JSON parsing error, invalid bayeux request");
 }
 
 }  // namespace

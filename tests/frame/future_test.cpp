@@ -168,7 +168,9 @@ TEST(Future, CancelledStateDropsValuesAndNeverRunsItsContinuation) {
     EXPECT_FALSE(ran);
 }
 
-TEST(FutureConcurrency, BlockedGetWakesWhenThePromiseDiesOrResolves) {
+// A blocked get wakes when its promise dies or resolves; a then racing the resolving setValue
+// runs its continuation exactly once.
+TEST(FutureConcurrency, BlockedGetsWakeAndRacingThenAndSetValueRunTheContinuationOnce) {
     auto promise = std::make_unique<Promise<int>>();
     Future<int> future = promise->getFuture();
     std::promise<void> aboutToWait;
@@ -187,15 +189,12 @@ TEST(FutureConcurrency, BlockedGetWakesWhenThePromiseDiesOrResolves) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
     resolving.setValue(99);
     EXPECT_EQ(reader.get(), 99);
-}
 
-TEST(FutureConcurrency, RacingThenAndSetValueRunEachContinuationExactlyOnce) {
     for (int round = 0; round < 200; ++round) {
-        Promise<int> promise;
-        Future<int> future = promise.getFuture();
+        Promise<int> racing;
         std::atomic<int> runs{0};
-        std::thread resolver([&promise, round] { promise.setValue(int(round)); });
-        Future<int> result = future.then([&runs](Future<int>&& f) { return runs.fetch_add(1), f.get(); });
+        std::thread resolver([&racing, round] { racing.setValue(int(round)); });
+        Future<int> result = racing.getFuture().then([&runs](Future<int>&& f) { return runs.fetch_add(1), f.get(); });
         resolver.join();
         ASSERT_EQ(result.get(), round);
         ASSERT_EQ(runs.load(), 1);

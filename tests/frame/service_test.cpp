@@ -1,14 +1,10 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cctype>
 #include <limits>
-#include <set>
 
 #include "korvane/frame/data_buffer.h"
 #include "korvane/frame/http.h"
 #include "korvane/frame/logger.h"
-#include "korvane/frame/random.h"
 #include "korvane/frame/reducing_subscriber.h"
 #include "support/log_capture.h"
 #include "support/test_context.h"
@@ -157,19 +153,6 @@ TEST(DataBuffer, MoveSelfAppendAndExhaustion) {
     const auto huge = std::numeric_limits<std::uint64_t>::max();
     EXPECT_EQ(errorOf([&] { assigned.reserve(huge); }), "Out of memory!");
     EXPECT_EQ(assigned.str(), "abc");
-}
-
-TEST(RandomString, LengthAlphabetAndDistinctValues) {
-    std::set<std::string> drawn;
-    std::string used;
-    for (int i = 0; i < 1000; ++i) {
-        used += *drawn.insert(common::randomString(16)).first;
-    }
-    EXPECT_EQ(drawn.size(), 1000u);
-    EXPECT_EQ(std::set<char>(used.begin(), used.end()).size(), 62u);
-    EXPECT_TRUE(std::all_of(used.begin(), used.end(), [](char c) { return std::isalnum(c) != 0; }));
-    EXPECT_EQ(used.size(), 16000u);
-    EXPECT_EQ(common::randomString(0) + std::to_string(common::randomString(255).size()), "255");
 }
 
 }  // namespace

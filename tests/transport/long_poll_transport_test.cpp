@@ -21,11 +21,8 @@ TEST_F(LongPollTransport, AnswersEachBodyWithAJsonArrayOrAPlainText500) {
          R"({"channel":"/b","id":"2","clientId":"ME","data":{"x":[1,2]}}])",
          ok + R"([{"channel":"/meta/subscribe","clientId":"ME","successful":true,"subscription":"/b"},)"
               R"({"channel":"/b","id":"2","clientId":"ME","successful":true}])"},
+        // The parser's own texts are its tests'; here, that they reach the client.
         {"", error + "JSON parsing error, expected array or object"},
-        {"{\"channel\":", error + "Invalid JSON, expected '\"'"},
-        {R"({"id":"1"})", error + "JSON parsing error, invalid bayeux request"},
-        {"[]", error + "Invalid JSON, expected '{'"},
-        {"garbage", error + "JSON parsing error, expected array or object"},
         // Refused whole: a byte that is no UTF-8, a cut sequence, a lone surrogate escape in a decoded field.
         {R"({"channel":"/b","clientId":"ME","data":")" "\xC0\xAF" R"("})", error + "Invalid UTF-8 in request"},
         {R"({"channel":"/b","clientId":"ME","data":"ok"})" "\xE2\x82", error + "Invalid UTF-8 in request"},

@@ -31,7 +31,6 @@ using namespace std::chrono_literals;
 using common::DataBuffer;
 using test::ClientResponse;
 using test::HttpTestClient;
-using test::WebSocketTestClient;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 using ::testing::Not;
@@ -447,66 +446,6 @@ TEST_F(HttpServerTest, GivesEachBrowserASessionCookieOnce) {
     EXPECT_THAT(forged.header("set-cookie"), HasSubstr("sid="));
     HttpTestClient other(port());
     EXPECT_THAT(other.request("GET", "/bayeux").header("set-cookie"), Not(HasSubstr(session)));
-
-    // The WebSocket upgrade reads the cookie too, and sets it when absent.
-    WebSocketTestClient socket(port(), "/bayeux", {{"Cookie", "sid=" + session}});
-    EXPECT_EQ(socket.handshake().header("set-cookie"), "");
-    WebSocketTestClient fresh(port(), "/bayeux");
-    EXPECT_THAT(fresh.handshake().header("set-cookie"), MatchesRegex("sid=[0-9a-f]{32}; Path=/; HttpOnly; SameSite=Lax"));
-}
-
-TEST_F(HttpServerTest, EchoesWebSocketMessagesInOrderAndClosesAsTheServiceOrLimitsSay) {
-    for (const bool tls : {false, true}) {
-        SCOPED_TRACE(tls ? "wss" : "ws");
-        HttpServerOptions options = tls ? secure() : defaults();
-        options.maxWsMessageBytes = 4096;
-        start(options);
-        WebSocketTestClient socket(port(), "/bayeux/", {}, tls);
-        EXPECT_EQ(socket.handshake().status, 101);
-        for (int i = 0; i < 200; ++i) {
-            socket.write("message " + std::to_string(i));
-        }
-        for (int i = 0; i < 200; ++i) {
-            EXPECT_EQ(socket.read(), "message " + std::to_string(i));
-        }
-        socket.writeFragments({"[{\"chan", "nel\":\"/meta/", "connect\"}]"});
-        EXPECT_EQ(socket.read(), "[{\"channel\":\"/meta/connect\"}]");
-        socket.write(std::string(4096, 'a'));
-        EXPECT_EQ(socket.read(), std::string(4096, 'a'));
-
-        struct Case {
-            std::string message;
-            int closeCode;
-        } cases[] = {
-            {std::string(4097, 'a'), 1009},  // over the message limit
-            {"finish", 1000},                // the service ended its frames
-            {"fail", 1011},                  // the service failed its frames
-        };
-        for (const Case& c : cases) {
-            WebSocketTestClient closing(port(), "/bayeux", {}, tls);
-            closing.write(c.message);
-            EXPECT_EQ(closing.read(), std::nullopt);
-            EXPECT_EQ(closing.closeCode(), c.closeCode) << c.message.substr(0, 10);
-        }
-        socket.close();
-        // Each socket's frame stream ended once it closed.
-        EXPECT_TRUE(service->waitForFinished(tls ? 8 : 4));
-    }
-}
-
-// Which origins pass is the origin policy's to say; here, that the upgrade asks it.
-TEST_F(HttpServerTest, UpgradesOnlyFromNoOriginItsOwnAndListedOrigins) {
-    HttpServerOptions options = defaults();
-    options.allowOrigins = {"https://app.example"};
-    start(options);
-    const std::pair<std::string, int> cases[] = {
-        {"", 101}, {"http://127.0.0.1:" + std::to_string(port()), 101}, {"https://app.example", 101},
-        {"https://evil.example", 403}, {"http://127.0.0.1:1", 403},
-    };
-    for (const auto& [origin, status] : cases) {
-        const test::HeaderList headers = origin.empty() ? test::HeaderList() : test::HeaderList{{"Origin", origin}};
-        EXPECT_EQ(WebSocketTestClient::refusedUpgrade(port(), "/bayeux", headers).status, status) << origin;
-    }
 }
 
 TEST_F(HttpServerTest, ServesHttpsWithASecureCookieAndRefusesAKeyItCannotRead) {
@@ -516,72 +455,6 @@ TEST_F(HttpServerTest, ServesHttpsWithASecureCookieAndRefusesAKeyItCannotRead) {
     HttpServerOptions broken = secure();
     broken.tlsKey = test::certificate().key + ".missing";
     EXPECT_THROW(HttpServer(broken, registry).start(), std::runtime_error);
-}
-
-TEST_F(HttpServerTest, StopEndsHeldStreamsAndWebSocketsAndRefusesABusyPort) {
-    start(defaults());
-    HttpServerOptions clash = defaults();
-    clash.listen = "127.0.0.1:" + std::to_string(port());
-    HttpServer second(clash, registry);
-    try {
-        second.start();
-        ADD_FAILURE() << "bound a port in use";
-    } catch (const std::runtime_error& error) {
-        EXPECT_THAT(error.what(), HasSubstr("Cannot listen on 127.0.0.1:" + std::to_string(port())));
-    }
-
-    HttpTestClient held(port());
-    held.sendRaw(HttpTestClient::format("POST", "/bayeux/stream"));
-    std::shared_ptr<BodyStream> body = service->waitForStream();
-    ASSERT_NE(body, nullptr);
-    held.readHeader();
-    WebSocketTestClient socket(port(), "/bayeux");
-    socket.write("ping");
-    EXPECT_EQ(socket.read(), "ping");
-    HttpTestClient idle(port());
-    EXPECT_EQ(idle.request("GET", "/bayeux").status, 200);
-
-    std::thread reader([&socket] {
-        EXPECT_EQ(socket.read(), std::nullopt);
-        EXPECT_EQ(socket.closeCode(), 1001);
-    });
-    server->stop();
-    reader.join();
-    EXPECT_TRUE(held.closedByServer(5s));
-    EXPECT_TRUE(idle.closedByServer(5s));
-    EXPECT_TRUE(service->waitForFinished(2)) << "the held body and the socket's frames were not ended";
-    EXPECT_FALSE(body->getFuture().get());
-    server->stop();
-}
-
-TEST(HttpServerConcurrency, ServesManyClientsAtOnce) {
-    HttpServerFixture fixture;
-    HttpServerOptions options = fixture.defaults();
-    options.threads = 4;
-    fixture.start(options);
-    const unsigned short port = fixture.port();
-    auto client = [port](int id) {
-        HttpTestClient http(port);
-        WebSocketTestClient socket(port, "/bayeux");
-        for (int round = 0; round < 20; ++round) {
-            const std::string tag = std::to_string(id) + "-" + std::to_string(round);
-            http.sendRaw(HttpTestClient::format("POST", "/bayeux/a", {}, tag + "a") +
-                         HttpTestClient::format("POST", "/bayeux/b", {}, tag + "b"));
-            socket.write(tag);
-            EXPECT_THAT(http.read().body, HasSubstr("body=" + tag + "a"));
-            EXPECT_THAT(http.read().body, HasSubstr("body=" + tag + "b"));
-            EXPECT_EQ(socket.read(), tag);
-        }
-        socket.close();
-    };
-    std::vector<std::thread> clients;
-    for (int id = 0; id < 8; ++id) {
-        clients.emplace_back(client, id);
-    }
-    for (std::thread& thread : clients) {
-        thread.join();
-    }
-    fixture.server->stop();
 }
 
 using FrameReader = test_support::RecordingSubscriber<http::WebSocketFrame>;
@@ -802,11 +675,43 @@ TEST_F(HttpClientTest, StoppingTheServiceEndsOpenSocketsAndUpgradesInProgress) {
     EXPECT_EQ(socket.reader->seen().size(), 1u);
 }
 
+TEST_F(HttpClientTest, StopEndsHeldStreamsAndWebSocketsAndRefusesABusyPort) {
+    start(defaults());
+    HttpServerOptions clash = defaults();
+    clash.listen = "127.0.0.1:" + std::to_string(port());
+    HttpServer second(clash, registry);
+    try {
+        second.start();
+        ADD_FAILURE() << "bound a port in use";
+    } catch (const std::runtime_error& error) {
+        EXPECT_THAT(error.what(), HasSubstr("Cannot listen on 127.0.0.1:" + std::to_string(port())));
+    }
+
+    HttpTestClient held(port());
+    held.sendRaw(HttpTestClient::format("POST", "/bayeux/stream"));
+    std::shared_ptr<BodyStream> body = service->waitForStream();
+    ASSERT_NE(body, nullptr);
+    held.readHeader();
+    OpenSocket socket = connect(wsUrl(*server, "/bayeux"));
+    socket.reader->request(1);
+    HttpTestClient idle(port());
+    EXPECT_EQ(idle.request("GET", "/bayeux").status, 200);
+
+    server->stop();
+    EXPECT_EQ(socket.waitForEnd(), "complete");
+    EXPECT_TRUE(held.closedByServer(5s));
+    EXPECT_TRUE(idle.closedByServer(5s));
+    EXPECT_TRUE(service->waitForFinished(2)) << "the held body and the socket's frames were not ended";
+    EXPECT_FALSE(body->getFuture().get());
+    server->stop();
+}
+
 TEST_F(HttpClientConcurrency, ManyConnectionsFromSeveralThreadsExchangeInOrder) {
     start(defaults());
     std::unique_ptr<HttpServer> tls = launch(secure());
     constexpr int kMessages = 20;
     auto converse = [&](int thread) {
+        HttpTestClient http(port());
         for (int index = 0; index < 3; ++index) {
             OpenSocket socket = connect(wsUrl((thread + index) % 2 == 0 ? *server : *tls, "/bayeux"));
             std::thread reader([&] {
@@ -819,6 +724,12 @@ TEST_F(HttpClientConcurrency, ManyConnectionsFromSeveralThreadsExchangeInOrder) 
                 expected.push_back(std::to_string(thread) + "/" + std::to_string(index) + "/" + std::to_string(message));
                 socket.send(expected.back());
             }
+            // Requests pipelined on a plain connection alongside.
+            const std::string tag = std::to_string(thread) + "-" + std::to_string(index);
+            http.sendRaw(HttpTestClient::format("POST", "/bayeux/a", {}, tag + "a") +
+                         HttpTestClient::format("POST", "/bayeux/b", {}, tag + "b"));
+            EXPECT_THAT(http.read().body, HasSubstr("body=" + tag + "a"));
+            EXPECT_THAT(http.read().body, HasSubstr("body=" + tag + "b"));
             reader.join();
             EXPECT_EQ(socket.waitForTexts(kMessages), expected);
             if (index % 2 == 0) {

@@ -9,14 +9,11 @@
 #include <functional>
 #include <stdexcept>
 
-#include <boost/asio/connect.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ssl.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 #include <boost/beast/ssl.hpp>
-#include <boost/beast/websocket.hpp>
-#include <boost/beast/websocket/ssl.hpp>
 
 namespace korvane::host::test {
 
@@ -24,86 +21,26 @@ namespace {
 
 namespace beast = boost::beast;
 namespace bhttp = boost::beast::http;
-namespace websocket = boost::beast::websocket;
 namespace net = boost::asio;
 using tcp = net::ip::tcp;
-using PlainStream = beast::tcp_stream;
 using TlsStream = beast::ssl_stream<beast::tcp_stream>;
 
 constexpr std::chrono::seconds operationLimit(10);
 
-std::string lowered(std::string_view text) {
-    std::string result(text);
-    std::transform(result.begin(), result.end(), result.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return result;
-}
-
+// A response's status and headers (names in lower case), from a parsed message.
 template <class Fields>
-void copyHeaders(const Fields& fields, ClientResponse& response) {
-    for (const auto& field : fields) {
-        response.headers.emplace(lowered(field.name_string()), std::string(field.value()));
+ClientResponse responseOf(const bhttp::response<bhttp::string_body, Fields>& message) {
+    ClientResponse response;
+    response.status = static_cast<int>(message.result_int());
+    response.chunked = message.chunked();
+    for (const auto& field : message) {
+        std::string name(field.name_string());
+        std::transform(name.begin(), name.end(), name.begin(),
+                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+        response.headers.emplace(std::move(name), std::string(field.value()));
     }
+    return response;
 }
-
-// Runs one asynchronous operation on the client's own context until it completes;
-// the stream's timeout bounds it.
-class Runner {
-public:
-    template <class Start>
-    beast::error_code run(Start&& start) {
-        beast::error_code result;
-        bool done = false;
-        start([&result, &done](beast::error_code error, auto&&...) {
-            result = error;
-            done = true;
-        });
-        // Only until this operation completes: the streams' timers stay armed behind it.
-        io.restart();
-        while (!done && io.run_one() != 0) {
-        }
-        return result;
-    }
-
-    net::io_context io;
-};
-
-void check(beast::error_code error, const char* what) {
-    if (error) {
-        throw std::runtime_error(std::string(what) + ": " + error.message());
-    }
-}
-
-// A connected stream, plain or TLS, on the runner's context.
-struct Connection {
-    Connection(Runner& runner, unsigned short port, bool tls) : tlsContext(net::ssl::context::tls_client) {
-        tcp::endpoint endpoint(net::ip::make_address("127.0.0.1"), port);
-        if (tls) {
-            tlsContext.set_verify_mode(net::ssl::verify_none);
-            secure = std::make_unique<TlsStream>(runner.io, tlsContext);
-            lowest().expires_after(operationLimit);
-            check(runner.run([&](auto handler) { lowest().async_connect(endpoint, handler); }), "connect");
-            lowest().expires_after(operationLimit);
-            check(runner.run([&](auto handler) { secure->async_handshake(net::ssl::stream_base::client, handler); }),
-                  "TLS handshake");
-        } else {
-            plain = std::make_unique<PlainStream>(runner.io);
-            lowest().expires_after(operationLimit);
-            check(runner.run([&](auto handler) { plain->async_connect(endpoint, handler); }), "connect");
-        }
-    }
-
-    beast::tcp_stream& lowest() { return secure ? beast::get_lowest_layer(*secure) : *plain; }
-
-    template <class F>
-    auto with(F&& f) {
-        return secure ? f(*secure) : f(*plain);
-    }
-
-    net::ssl::context tlsContext;
-    std::unique_ptr<TlsStream> secure;
-    std::unique_ptr<PlainStream> plain;
-};
 
 }  // namespace
 
@@ -132,13 +69,52 @@ std::string ClientResponse::header(const std::string& name) const {
     return found == headers.end() ? std::string() : found->second;
 }
 
-// ---- HTTP ---------------------------------------------------------------------------
-
 struct HttpTestClient::Impl {
-    Impl(unsigned short port, bool tls) : connection(runner, port, tls) {}
+    Impl(unsigned short port, bool tls) : tlsContext(net::ssl::context::tls_client) {
+        const tcp::endpoint endpoint(net::ip::make_address("127.0.0.1"), port);
+        if (tls) {
+            tlsContext.set_verify_mode(net::ssl::verify_none);
+            secure = std::make_unique<TlsStream>(io, tlsContext);
+        } else {
+            plain = std::make_unique<beast::tcp_stream>(io);
+        }
+        must("connect", [&](auto&, auto handler) { lowest().async_connect(endpoint, handler); });
+        if (secure) {
+            must("TLS handshake",
+                 [&](auto&, auto handler) { secure->async_handshake(net::ssl::stream_base::client, handler); });
+        }
+    }
 
-    Runner runner;
-    Connection connection;
+    beast::tcp_stream& lowest() { return secure ? beast::get_lowest_layer(*secure) : *plain; }
+
+    // Runs one asynchronous operation on the stream, plain or TLS, until it completes or `limit` passes.
+    template <class Start>
+    beast::error_code run(Start&& start, std::chrono::milliseconds limit = operationLimit) {
+        beast::error_code result;
+        bool done = false;
+        auto handler = [&result, &done](beast::error_code error, auto&&...) {
+            result = error;
+            done = true;
+        };
+        lowest().expires_after(limit);
+        secure ? start(*secure, handler) : start(*plain, handler);
+        // Only until this operation completes: the stream's timer stays armed behind it.
+        io.restart();
+        while (!done && io.run_one() != 0) {
+        }
+        return result;
+    }
+    template <class Start>
+    void must(const char* what, Start&& start) {
+        if (const beast::error_code error = run(std::forward<Start>(start))) {
+            throw std::runtime_error(std::string(what) + ": " + error.message());
+        }
+    }
+
+    net::io_context io;
+    net::ssl::context tlsContext;
+    std::unique_ptr<TlsStream> secure;
+    std::unique_ptr<beast::tcp_stream> plain;
     beast::flat_buffer buffer;
     std::optional<bhttp::response_parser<bhttp::string_body>> parser;
     std::string chunk;
@@ -163,11 +139,7 @@ HttpTestClient::HttpTestClient(unsigned short port, bool tls) : impl_(std::make_
 HttpTestClient::~HttpTestClient() = default;
 
 void HttpTestClient::sendRaw(const std::string& bytes) {
-    impl_->connection.lowest().expires_after(operationLimit);
-    check(impl_->runner.run([&](auto handler) {
-        impl_->connection.with([&](auto& stream) { net::async_write(stream, net::buffer(bytes), handler); });
-    }),
-          "write");
+    impl_->must("write", [&](auto& stream, auto handler) { net::async_write(stream, net::buffer(bytes), handler); });
 }
 
 std::string HttpTestClient::format(const std::string& method, const std::string& target, const HeaderList& headers,
@@ -193,15 +165,9 @@ ClientResponse HttpTestClient::read(bool head) {
     // A response to HEAD announces a body it does not carry: the parser must not wait for it.
     parser.skip(head);
     parser.body_limit(64 << 20);
-    impl_->connection.lowest().expires_after(operationLimit);
-    check(impl_->runner.run([&](auto handler) {
-        impl_->connection.with([&](auto& stream) { bhttp::async_read(stream, impl_->buffer, parser, handler); });
-    }),
-          "read response");
-    ClientResponse response;
-    response.status = static_cast<int>(parser.get().result_int());
-    response.chunked = parser.get().chunked();
-    copyHeaders(parser.get(), response);
+    impl_->must("read response",
+                [&](auto& stream, auto handler) { bhttp::async_read(stream, impl_->buffer, parser, handler); });
+    ClientResponse response = responseOf(parser.get());
     response.body = parser.get().body();
     return response;
 }
@@ -211,28 +177,17 @@ ClientResponse HttpTestClient::readHeader() {
     impl.parser.emplace();
     impl.parser->on_chunk_header(impl.onChunkHeader);
     impl.parser->on_chunk_body(impl.onChunkBody);
-    impl.connection.lowest().expires_after(operationLimit);
-    check(impl.runner.run([&](auto handler) {
-        impl.connection.with([&](auto& stream) { bhttp::async_read_header(stream, impl.buffer, *impl.parser, handler); });
-    }),
-          "read header");
-    ClientResponse response;
-    response.status = static_cast<int>(impl.parser->get().result_int());
-    response.chunked = impl.parser->get().chunked();
-    copyHeaders(impl.parser->get(), response);
-    return response;
+    impl.must("read header",
+              [&](auto& stream, auto handler) { bhttp::async_read_header(stream, impl.buffer, *impl.parser, handler); });
+    return responseOf(impl.parser->get());
 }
 
 std::optional<std::string> HttpTestClient::readChunk() {
     Impl& impl = *impl_;
     impl.chunkStarted = false;
     while (!(impl.chunkStarted && impl.chunk.size() == impl.chunkSize) && !impl.parser->is_done()) {
-        impl.connection.lowest().expires_after(operationLimit);
-        check(impl.runner.run([&](auto handler) {
-            impl.connection.with(
-                [&](auto& stream) { bhttp::async_read_some(stream, impl.buffer, *impl.parser, handler); });
-        }),
-              "read chunk");
+        impl.must("read chunk",
+                  [&](auto& stream, auto handler) { bhttp::async_read_some(stream, impl.buffer, *impl.parser, handler); });
     }
     if (impl.parser->is_done() || impl.chunkSize == 0) {
         return std::nullopt;
@@ -242,125 +197,15 @@ std::optional<std::string> HttpTestClient::readChunk() {
 
 bool HttpTestClient::closedByServer(std::chrono::milliseconds wait) {
     char byte;
-    impl_->connection.lowest().expires_after(wait);
-    beast::error_code error = impl_->runner.run([&](auto handler) {
-        impl_->connection.with([&](auto& stream) { stream.async_read_some(net::buffer(&byte, 1), handler); });
-    });
+    const beast::error_code error =
+        impl_->run([&](auto& stream, auto handler) { stream.async_read_some(net::buffer(&byte, 1), handler); }, wait);
     return error && error != beast::error::timeout;
 }
 
 void HttpTestClient::close() {
     beast::error_code ignored;
-    impl_->connection.lowest().socket().shutdown(tcp::socket::shutdown_both, ignored);
-    impl_->connection.lowest().close();
-}
-
-// ---- WebSocket ----------------------------------------------------------------------
-
-struct WebSocketTestClient::Impl {
-    Impl(unsigned short port, bool tls) : connection(runner, port, tls), host("127.0.0.1:" + std::to_string(port)) {
-        if (tls) {
-            secure = std::make_unique<websocket::stream<TlsStream&>>(*connection.secure);
-        } else {
-            plain = std::make_unique<websocket::stream<PlainStream&>>(*connection.plain);
-        }
-    }
-
-    template <class F>
-    auto with(F&& f) {
-        return secure ? f(*secure) : f(*plain);
-    }
-
-    // Upgrades; the server's response lands in `handshake` whether or not it agreed.
-    beast::error_code upgrade(const std::string& target, const HeaderList& headers) {
-        connection.lowest().expires_never();
-        return with([&](auto& socket) {
-            websocket::stream_base::timeout timeouts = websocket::stream_base::timeout::suggested(beast::role_type::client);
-            timeouts.handshake_timeout = operationLimit;
-            timeouts.idle_timeout = operationLimit;
-            socket.set_option(timeouts);
-            socket.set_option(websocket::stream_base::decorator([headers](websocket::request_type& request) {
-                for (const auto& [name, value] : headers) {
-                    request.set(name, value);
-                }
-            }));
-            return runner.run([&](auto handler) { socket.async_handshake(response, host, target, handler); });
-        });
-    }
-
-    Runner runner;
-    Connection connection;
-    const std::string host;
-    std::unique_ptr<websocket::stream<TlsStream&>> secure;
-    std::unique_ptr<websocket::stream<PlainStream&>> plain;
-    websocket::response_type response;
-    ClientResponse handshake;
-    beast::flat_buffer buffer;
-    int closeCode = 0;
-};
-
-WebSocketTestClient::WebSocketTestClient(unsigned short port, const std::string& target, const HeaderList& headers,
-                                         bool tls)
-    : impl_(std::make_unique<Impl>(port, tls)) {
-    check(impl_->upgrade(target, headers), "WebSocket handshake");
-    impl_->handshake.status = static_cast<int>(impl_->response.result_int());
-    copyHeaders(impl_->response, impl_->handshake);
-}
-
-WebSocketTestClient::~WebSocketTestClient() = default;
-
-ClientResponse WebSocketTestClient::refusedUpgrade(unsigned short port, const std::string& target,
-                                                   const HeaderList& headers) {
-    Impl impl(port, false);
-    impl.upgrade(target, headers);
-    ClientResponse response;
-    response.status = static_cast<int>(impl.response.result_int());
-    copyHeaders(impl.response, response);
-    response.body = impl.response.body();
-    return response;
-}
-
-const ClientResponse& WebSocketTestClient::handshake() const { return impl_->handshake; }
-
-void WebSocketTestClient::write(const std::string& text) {
-    check(impl_->with([&](auto& socket) {
-        socket.text(true);
-        return impl_->runner.run([&](auto handler) { socket.async_write(net::buffer(text), handler); });
-    }),
-          "WebSocket write");
-}
-
-void WebSocketTestClient::writeFragments(const std::vector<std::string>& fragments) {
-    for (std::size_t i = 0; i < fragments.size(); ++i) {
-        const bool last = i + 1 == fragments.size();
-        check(impl_->with([&](auto& socket) {
-            socket.text(true);
-            return impl_->runner.run(
-                [&](auto handler) { socket.async_write_some(last, net::buffer(fragments[i]), handler); });
-        }),
-              "WebSocket fragment write");
-    }
-}
-
-std::optional<std::string> WebSocketTestClient::read() {
-    beast::error_code error =
-        impl_->with([&](auto& socket) { return impl_->runner.run([&](auto handler) { socket.async_read(impl_->buffer, handler); }); });
-    if (error == websocket::error::closed) {
-        impl_->closeCode = impl_->with([](auto& socket) { return static_cast<int>(socket.reason().code); });
-        return std::nullopt;
-    }
-    check(error, "WebSocket read");
-    std::string message = beast::buffers_to_string(impl_->buffer.data());
-    impl_->buffer.consume(impl_->buffer.size());
-    return message;
-}
-
-int WebSocketTestClient::closeCode() const { return impl_->closeCode; }
-
-void WebSocketTestClient::close() {
-    impl_->with([&](auto& socket) {
-        return impl_->runner.run([&](auto handler) { socket.async_close(websocket::close_code::normal, handler); });
-    });
+    impl_->lowest().socket().shutdown(tcp::socket::shutdown_both, ignored);
+    impl_->lowest().close();
 }
 
 }  // namespace korvane::host::test

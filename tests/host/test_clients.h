@@ -1,6 +1,6 @@
 #pragma once
 
-// Blocking HTTP and WebSocket clients for the server tests, over loopback, plain or
+// A blocking HTTP client for the server tests, over loopback, plain or
 // TLS (any certificate is accepted). Every wait is bounded: an operation that does
 // not complete within a few seconds throws. Beast stays inside test_clients.cpp.
 //
@@ -57,31 +57,6 @@ public:
     std::optional<std::string> readChunk();
     // Whether the server closed the connection within `wait` (without sending anything more).
     bool closedByServer(std::chrono::milliseconds wait);
-    void close();
-
-private:
-    struct Impl;
-    std::unique_ptr<Impl> impl_;
-};
-
-class WebSocketTestClient {
-public:
-    // Opens a WebSocket to `target`; throws when the server refuses the upgrade.
-    WebSocketTestClient(unsigned short port, const std::string& target, const HeaderList& headers = {},
-                        bool tls = false);
-    ~WebSocketTestClient();
-
-    // The server's answer to an upgrade that it refuses.
-    static ClientResponse refusedUpgrade(unsigned short port, const std::string& target, const HeaderList& headers);
-
-    // The response to the upgrade (101 with its headers).
-    const ClientResponse& handshake() const;
-    void write(const std::string& text);
-    // One message sent as several frames.
-    void writeFragments(const std::vector<std::string>& fragments);
-    // The next message; nothing when the server closed, with closeCode() telling why.
-    std::optional<std::string> read();
-    int closeCode() const;
     void close();
 
 private:

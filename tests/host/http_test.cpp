@@ -18,7 +18,6 @@
 #include "korvane/frame/cached_value_publisher.h"
 #include "korvane/frame/callback_subscriber.h"
 #include "korvane/frame/http.h"
-#include "korvane/frame/one_shot_publisher.h"
 #include "korvane/frame/reducing_subscriber.h"
 #include "korvane/host/host.h"
 #include "support/recording_subscriber.h"
@@ -37,17 +36,6 @@ using ::testing::Not;
 
 using BodyStream = reactive_streams::CachedValuePublisher<DataBuffer, std::function<void()>>;
 using FrameStream = reactive_streams::CachedValuePublisher<http::WebSocketFrame, std::function<void()>>;
-
-std::string sessionOf(const std::shared_ptr<Context>& context) {
-    return context->has("sessionId") ? boost::any_cast<std::string>(context->get("sessionId")) : "(none)";
-}
-
-Future<std::unique_ptr<Message>> respond(unsigned short status, const std::string& text) {
-    std::unique_ptr<Message> response = std::make_unique<http::HttpResponse>(
-        status, http::Headers{{"Content-Type", "text/plain"}}, http::Headers(),
-        std::make_shared<reactive_streams::OneShotPublisher<DataBuffer>>(DataBuffer(text)));
-    return makeReadyFuture(std::move(response));
-}
 
 // Stands in for the Bayeux transports, by target:
 // - an upgrade: a WebSocket echoing each message back; "finish" ends the service's
@@ -72,7 +60,9 @@ public:
             return makeErrorFuture<std::unique_ptr<Message>>(
                 std::make_exception_ptr(std::runtime_error("the service broke down")));
         }
-        std::string heading = request->method + " " + request->target + " session=" + sessionOf(context) + " body=";
+        const std::string session =
+            context->has("sessionId") ? boost::any_cast<std::string>(context->get("sessionId")) : "(none)";
+        std::string heading = request->method + " " + request->target + " session=" + session + " body=";
         return reactive_streams::reduce<DataBuffer, DataBuffer>(
                    request->body,
                    [](DataBuffer&& chunk, DataBuffer&& whole) {
@@ -80,7 +70,7 @@ public:
                        return std::move(whole);
                    },
                    DataBuffer())
-            .then([heading](Future<DataBuffer>&& body) { return respond(200, heading + body.get().str()).get(); });
+            .then([heading](Future<DataBuffer>&& body) { return http::makeReadyHttpResponse(200, heading + body.get().str()).get(); });
     }
 
     std::vector<http::Headers> upgrades;  // the headers of each upgrade, under `mutex`

@@ -18,8 +18,8 @@ namespace net = boost::asio;
 using boost::beast::error_code;
 
 // A stream that records what reaches it: each socket write as "write:<bytes>", a
-// teardown as "teardown", a close as "close". Writes complete at once unless `holdWrites` is set; then
-// releaseWrite() completes the one under way, with `failure` if that is set.
+// teardown as "teardown", a close as "close". While `holdWrites` is set, a write waits for
+// releaseWrite() to complete it, with `failure` if that is set; otherwise it completes at once.
 class RecordingStream {
 public:
     using executor_type = net::io_context::executor_type;
@@ -67,7 +67,7 @@ public:
     }
 
     std::vector<std::string> events;
-    bool holdWrites = false;
+    bool holdWrites = true;
     error_code failure;
 
 private:
@@ -108,12 +108,11 @@ protected:
     net::io_context io;
     std::shared_ptr<int> owner = std::make_shared<int>(0);
     CoalescingStream<RecordingStream> stream;
+    RecordingStream& socket = stream.next_layer();
     std::vector<std::string> completions;
 };
 
 TEST_F(CoalescingStreamTest, FramesReadyTogetherLeaveInOneWriteAndTheRestFollowInTheNext) {
-    RecordingStream& socket = stream.next_layer();
-    socket.holdWrites = true;
     writeInTurn({"a", "bb", "ccc", "d"});
     drain();
     // The first write starts once the second frame has joined; the frames taken while it
@@ -129,8 +128,6 @@ TEST_F(CoalescingStreamTest, FramesReadyTogetherLeaveInOneWriteAndTheRestFollowI
 }
 
 TEST_F(CoalescingStreamTest, APeerThatDoesNotReadStallsTheWriterPastTheHighWaterMark) {
-    RecordingStream& socket = stream.next_layer();
-    socket.holdWrites = true;
     const std::string frame(16 * 1024, 'x');
     writeInTurn(std::vector<std::string>(8, frame));
     drain();
@@ -155,8 +152,6 @@ TEST_F(CoalescingStreamTest, APeerThatDoesNotReadStallsTheWriterPastTheHighWater
 }
 
 TEST_F(CoalescingStreamTest, AFailedWriteFailsEveryLaterWriteAndTeardownStillRuns) {
-    RecordingStream& socket = stream.next_layer();
-    socket.holdWrites = true;
     writeInTurn({"a", "b", "c"});
     drain();
     socket.failure = net::error::broken_pipe;
@@ -174,8 +169,6 @@ TEST_F(CoalescingStreamTest, AFailedWriteFailsEveryLaterWriteAndTeardownStillRun
 }
 
 TEST_F(CoalescingStreamTest, TeardownWaitsForTheBytesAlreadyTaken) {
-    RecordingStream& socket = stream.next_layer();
-    socket.holdWrites = true;
     writeInTurn({"close-frame"});
     drain();
     bool tornDown = false;
@@ -190,8 +183,6 @@ TEST_F(CoalescingStreamTest, TeardownWaitsForTheBytesAlreadyTaken) {
 }
 
 TEST_F(CoalescingStreamTest, ASocketWriteThatOutlivesTheWriteTimeoutClosesTheSocket) {
-    RecordingStream& socket = stream.next_layer();
-    socket.holdWrites = true;
     stream.setWriteTimeout(std::chrono::milliseconds(30));
     writeInTurn({"in time"});
     drain();

@@ -7,16 +7,34 @@
 
 #include <gmock/gmock.h>
 
+#include <boost/asio/connect.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/read.hpp>
+#include <boost/asio/write.hpp>
+
 #include "korvane/bayeux.h"
 #include "korvane/host/allow_list_policy.h"
 #include "korvane/host/host_context.h"
-#include "host/test_clients.h"
+#include "host/test_certificate.h"
 #include "support/recording_subscriber.h"
 
 namespace korvane::host {
 namespace {
 
-using test::HttpTestClient;
+// Posts `body` to the Bayeux path on a connection of its own, with `headers` (each ending in
+// CRLF), and returns the whole response.
+std::string post(unsigned short port, const std::string& headers, const std::string& body) {
+    namespace net = boost::asio;
+    net::io_context io;
+    net::ip::tcp::socket socket(io);
+    socket.connect({net::ip::make_address("127.0.0.1"), port});
+    net::write(socket, net::buffer("POST /bayeux HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n" + headers +
+                                   "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body));
+    std::string response;
+    boost::system::error_code ended;
+    net::read(socket, net::dynamic_buffer(response), ended);
+    return response;
+}
 
 class BayeuxHostTest : public ::testing::Test {
 protected:
@@ -50,12 +68,12 @@ TEST_F(BayeuxHostTest, APolicySeesEachRequestsHeadersCookiesAndRemoteAddress) {
     BayeuxHostOptions options;
     options.policy = policy;
     start(std::move(options));
-    HttpTestClient client(host->port());
-    const test::HeaderList json{{"Content-Type", "application/json"}};
-    const std::string cookie =
-        client.request("POST", "/bayeux/handshake", json, R"([{"channel":"/meta/handshake"}])").header("set-cookie");
-    client.request("POST", "/bayeux", {json[0], {"Cookie", cookie.substr(0, cookie.find(';'))}},
-                   R"([{"channel":"/meta/handshake","ext":{"token":"t"}}])");
+    const std::string json = "Content-Type: application/json\r\n";
+    const std::string first = post(host->port(), json, R"([{"channel":"/meta/handshake"}])");
+    const std::size_t cookie = first.find("korvane-browser=");
+    ASSERT_NE(cookie, std::string::npos) << first;
+    post(host->port(), json + "Cookie: " + first.substr(cookie, first.find(';', cookie) - cookie) + "\r\n",
+         R"([{"channel":"/meta/handshake","ext":{"token":"t"}}])");
     std::lock_guard<std::mutex> guard(policy->mutex);
     EXPECT_EQ(policy->seen, (std::vector<std::string>{
                                 "127.0.0.1 application/json no cookie ",

@@ -32,4 +32,5 @@ test("a serving server and one that cannot listen write JSON records only", asyn
     assert.equal(busy.status, 1);
     const [failure] = assertJsonRecords(busy.stderr);
     assert.deepEqual([failure.level, failure.channel], ["failure", "korvane-bayeux"]);
+    assert.ok(failure.message.startsWith(`Cannot listen on 127.0.0.1:${server.port}: `), failure.message);
 });

@@ -244,8 +244,6 @@ std::vector<Flag> flags() {
         {"--write-timeout", "SECONDS", seconds(http.writeTimeout),
          "a socket write taking longer cuts its connection (0: never)",
          setSeconds(&host::HttpServerOptions::writeTimeout, 86400)},
-        {"--ws-deflate", "", "off", "offer permessage-deflate (costs memory per connection)",
-         [](Options& options, const std::string&, const std::string&) { options.host.http.wsDeflate = true; }},
         {"--max-connections", "N", count(http.maxConnections), "open connections beyond this are refused",
          setNumber(&host::HttpServerOptions::maxConnections, 10000000)},
         {"--max-pending", "N", count(host::BayeuxHostOptions().maxPendingMessages),

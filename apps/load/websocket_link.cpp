@@ -18,10 +18,15 @@
 
 #include "load/link.h"
 #include "load/socket_setup.h"
-#include "load/websocket_frames.h"
+#include "korvane/host/websocket_frames.h"
 
 namespace korvane::load {
 namespace {
+
+using host::appendMaskedFrame;
+using host::Frame;
+using host::FrameReader;
+using host::Opcode;
 
 namespace beast = boost::beast;
 namespace websocket = boost::beast::websocket;
@@ -162,7 +167,7 @@ private:
             if (status == FrameReader::Status::needMore) {
                 return true;
             }
-            if (status == FrameReader::Status::malformed) {
+            if (status != FrameReader::Status::frame) {
                 fail("read: malformed frame");
                 return false;
             }
@@ -293,7 +298,7 @@ private:
     // Bumped when a connection is dropped, so that the handlers of the old one do nothing.
     unsigned generation = 0;
     websocket::response_type upgrade;
-    FrameReader reader{kMaxMessageBytes};
+    FrameReader reader{kMaxMessageBytes, false};
     std::string fragments;  // a message that came in several frames, so far
     std::vector<std::string> queued;
     std::string control;  // pongs waiting for the next write

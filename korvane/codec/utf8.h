@@ -18,7 +18,7 @@ namespace korvane::bayeux {
 // True if the bytes are well-formed UTF-8: every sequence in its shortest form, no
 // surrogate code points (U+D800 to U+DFFF), nothing above U+10FFFF, none cut off at
 // the end. Escapes such as "\ud800" inside JSON strings are plain ASCII here.
-bool isValidUtf8(const char* bytes, std::size_t size);
+KORVANE_EXPORT bool isValidUtf8(const char* bytes, std::size_t size);
 
 // The length of the well-formed sequence that starts `bytes` (1 for ASCII), or 0 if it is
 // malformed or cut off by `size`, as isValidUtf8 judges it. `size` must not be 0.

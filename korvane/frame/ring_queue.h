@@ -44,6 +44,8 @@ public:
     const T& front() const { return slots[head]; }
     T& back() { return slots[slot(count - 1)]; }
     const T& back() const { return slots[slot(count - 1)]; }
+    // The value `offset` places behind the front; `offset` must be below size().
+    const T& operator[](std::size_t offset) const { return slots[slot(offset)]; }
 
     void push_back(T value) {
         if (count == capacity) {

@@ -46,9 +46,8 @@ struct HttpServerOptions {
     std::size_t maxWsMessageBytes = 1 << 20;  // larger messages close the WebSocket with 1009
     // Time to receive a request (its header, then its body); a slow sender is cut.
     std::chrono::milliseconds headerTimeout = std::chrono::seconds(10);
-    // A WebSocket without traffic for this long is pinged, and closed if the ping goes unanswered.
+    // A WebSocket peer silent for half of this is pinged, and cut once silent for all of it.
     std::chrono::milliseconds wsIdle = std::chrono::seconds(60);
-    bool wsDeflate = false;
     // Bytes of frames waiting for a WebSocket peer that reads too slowly; past this the
     // connection is cut.
     std::size_t wsBacklogBytes = 16 << 20;

@@ -1,12 +1,18 @@
 #include "korvane/host/server_websocket_connection.h"
 
+#include <algorithm>
+#include <array>
+#include <chrono>
 #include <exception>
 #include <limits>
 #include <mutex>
-#include <vector>
 #include <string_view>
+#include <type_traits>
+#include <vector>
 
 #include <boost/asio/ssl.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/write.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/ssl.hpp>
 #include <boost/beast/websocket.hpp>
@@ -15,11 +21,11 @@
 #include "korvane/codec/utf8.h"
 #include "korvane/frame/logger.h"
 #include "korvane/frame/ring_queue.h"
-#include "korvane/host/coalescing_stream.h"
 #include "korvane/host/host_counters.h"
 #include "korvane/host/relay_subscriber.h"
 #include "korvane/host/server_state.h"
 #include "korvane/host/strand_link.h"
+#include "korvane/host/websocket_frames.h"
 
 namespace korvane::host {
 
@@ -30,29 +36,60 @@ namespace websocket = boost::beast::websocket;
 namespace net = boost::asio;
 using common::DataBuffer;
 using http::WebSocketFrame;
+using Clock = std::chrono::steady_clock;
 
 common::diagnostic_logger logger("korvane::host::http");
 
 // The service's frames are taken as they are made, so that every frame waiting for a
 // socket waits here, where the backlog bound counts it.
 constexpr unsigned long everyFrame = std::numeric_limits<unsigned long>::max();
-constexpr unsigned char textFrame = 129;
-constexpr unsigned char binaryFrame = 130;
+constexpr std::uint8_t finalBit = 0x80;
+constexpr std::uint8_t textFrame = finalBit | static_cast<std::uint8_t>(Opcode::text);
+constexpr std::uint8_t binaryFrame = finalBit | static_cast<std::uint8_t>(Opcode::binary);
+constexpr std::uint8_t closeFrame = finalBit | static_cast<std::uint8_t>(Opcode::close);
+constexpr std::uint8_t pingFrame = finalBit | static_cast<std::uint8_t>(Opcode::ping);
+constexpr std::uint8_t pongFrame = finalBit | static_cast<std::uint8_t>(Opcode::pong);
+// Frames gathered into one socket write.
+constexpr std::size_t maxFramesPerWrite = 16;
 
 using FrameSignal = StreamSignal<WebSocketFrame>;
 
-// One accepted WebSocket. The service's frames (`inbound`) come through the relay
-// `writer` and are written in order, through a CoalescingStream: frames that are ready
-// together (a delivery and the connect reply behind it) leave in one socket write. The
-// peer's messages are read whole, one at a time and only within the demand the service
-// asked for, and handed to `outbound` on the strand. The first close (by the peer, the
-// service, an error or stop()) ends both streams.
+bool isControl(const WebSocketFrame& frame) { return (frame.firstByte & 0x08) != 0; }
+
+// The close codes a peer may send (1004-1006 and 1015 are never on the wire).
+bool isValidCloseCode(unsigned code) {
+    return (code >= 1000 && code <= 1003) || (code >= 1007 && code <= 1014) || (code >= 3000 && code <= 4999);
+}
+
+DataBuffer closePayload(websocket::close_code code) {
+    DataBuffer payload;
+    if (code != websocket::close_code::none) {
+        payload.push_back(static_cast<char>(static_cast<unsigned>(code) >> 8));
+        payload.push_back(static_cast<char>(static_cast<unsigned>(code) & 0xFF));
+    }
+    return payload;
+}
+
+// One accepted WebSocket. Beast answers the upgrade; the frames that follow are read
+// and written by hand on the stream (websocket_frames.h), which keeps a delivery to one
+// socket write and no operation state of its own.
 //
-// Bounds: the frames waiting for the socket (`queuedBytes` here, and what the
-// CoalescingStream holds) may not exceed the server's wsBacklogBytes, and a socket write
-// may not take longer than its writeTimeout; past either, the connection is cut at once
-// (a peer that does not read would never see a close frame), which cancels the service's
-// frame stream and with it the client's connect.
+// The service's frames (`inbound`) come through the relay `writer` and are written in
+// order; those ready together (a delivery and the connect reply behind it) leave in one
+// gathered socket write. The flush that starts a write is deferred behind the handlers
+// already queued on the strand, so that a reply put in the inbox just after its message
+// joins it. On a plain socket the write is tried at once without blocking, and only what
+// the kernel does not take waits for the socket. The peer's messages are read whole,
+// only within the demand the service asked for, and handed to `outbound` on the strand;
+// a plain socket waits for readability and is then read without blocking, so no read
+// buffer is held while the peer is quiet.
+//
+// Bounds: the frames waiting for the socket (`queuedBytes`) may not exceed the server's
+// wsBacklogBytes, and a socket write may not wait longer than its writeTimeout; past
+// either the connection is cut at once (a peer that does not read would never see a
+// close frame), which cancels the service's frame stream and with it the client's
+// connect. A peer silent for half of wsIdle is pinged and cut at wsIdle; a close frame
+// sent is followed by the peer's own within the header timeout, or the socket goes.
 //
 // Threading: every member function but shutdown() and abandon() runs on the
 // connection's strand; signals from the service's threads come through `inbox` and
@@ -63,15 +100,19 @@ class ServerWebSocketConnection : public ConnectionTracker::Tracked,
                                   public std::enable_shared_from_this<ServerWebSocketConnection<Stream>> {
 public:
     using Executor = typename Stream::executor_type;
+    static constexpr bool plain = std::is_same_v<Stream, PlainStream>;
 
     ServerWebSocketConnection(Stream&& stream, std::shared_ptr<ServerState> state,
                               std::shared_ptr<reactive_streams::PublisherAPI<WebSocketFrame>> inbound,
                               std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound)
-        : socket(std::move(stream)),
-          strandExecutor(socket.get_executor()),
+        : stream(std::move(stream)),
+          strandExecutor(this->stream.get_executor()),
           state(std::move(state)),
           inbound(std::move(inbound)),
-          outbound(std::move(outbound)) {}
+          outbound(std::move(outbound)),
+          reader(this->state->options.maxWsMessageBytes, true),
+          idleTimer(strandExecutor),
+          writeWatch(strandExecutor) {}
 
     ~ServerWebSocketConnection() override { state->connections.remove(trackerId); }
 
@@ -79,33 +120,25 @@ public:
 
     void run(UpgradeRequest&& upgrade, std::string setCookie) {
         link = std::make_shared<StrandLink<ServerWebSocketConnection>>(this->shared_from_this());
-        socket.next_layer().setOwner(this->weak_from_this());
-        socket.next_layer().setWriteTimeout(state->options.writeTimeout);
         trackerId = state->connections.add(this->weak_from_this());
         if (trackerId == 0) {
             doFinish();
             return;
         }
         upgradeRequest = std::move(upgrade);
-        const HttpServerOptions& options = state->options;
-        // The WebSocket keeps its own time: handshakes, idle pings and their answers.
-        beast::get_lowest_layer(socket).expires_never();
+        beast::get_lowest_layer(stream).expires_never();
+        handshake = std::make_unique<websocket::stream<Stream&>>(stream);
         websocket::stream_base::timeout timeouts{};
-        timeouts.handshake_timeout = options.headerTimeout;
-        timeouts.idle_timeout = options.wsIdle;
-        timeouts.keep_alive_pings = true;
-        socket.set_option(timeouts);
-        socket.read_message_max(options.maxWsMessageBytes);
-        websocket::permessage_deflate deflate;
-        deflate.server_enable = options.wsDeflate;
-        socket.set_option(deflate);
-        socket.set_option(websocket::stream_base::decorator([cookie = std::move(setCookie)](websocket::response_type& response) {
+        timeouts.handshake_timeout = state->options.headerTimeout;
+        timeouts.idle_timeout = websocket::stream_base::none();
+        handshake->set_option(timeouts);
+        handshake->set_option(websocket::stream_base::decorator([cookie = std::move(setCookie)](websocket::response_type& response) {
             response.set(beast::http::field::server, "korvane");
             if (!cookie.empty()) {
                 response.insert(beast::http::field::set_cookie, cookie);
             }
         }));
-        socket.async_accept(upgradeRequest, [self = this->shared_from_this()](beast::error_code error) {
+        handshake->async_accept(upgradeRequest, [self = this->shared_from_this()](beast::error_code error) {
             self->onAccepted(error);
         });
     }
@@ -161,13 +194,21 @@ private:
         std::shared_ptr<StrandLink<ServerWebSocketConnection>> link;
     };
 
+    auto& socket() { return beast::get_lowest_layer(stream).socket(); }
+
     void onAccepted(beast::error_code error) {
+        handshake.reset();
         upgradeRequest = UpgradeRequest();
         if (error || finished) {
             doFinish();
             return;
         }
         countResponse(101);
+        if constexpr (plain) {
+            socket().non_blocking(true, error);
+        }
+        lastRead = Clock::now();
+        armIdleTimer(lastRead + state->options.wsIdle / 2);
         writer = std::make_shared<RelaySubscriber<WebSocketFrame>>(
             [link = link, inbox = inbox](FrameSignal&& signal) {
                 if (inbox->put(std::move(signal))) {
@@ -186,59 +227,192 @@ private:
         }
     }
 
+    bool accepted() const { return writer != nullptr; }
+
     // ---- from the peer ---------------------------------------------------------------
 
     void onReadDemand(unsigned long n) {
         constexpr unsigned long unlimited = std::numeric_limits<unsigned long>::max();
         readDemand = readDemand > unlimited - n ? unlimited : readDemand + n;
+        takeFrames();
         doRead();
     }
 
+    // Reads while the service wants messages, and after a close frame went out, for the
+    // peer's answer to it.
+    bool wantsBytes() const { return (readDemand > 0 && !closeRequested) || (closeQueued && !peerClosed); }
+
     void doRead() {
-        if (reading || finished || closeRequested || readDemand == 0) {
+        if (reading || finished || !wantsBytes()) {
             return;
         }
         reading = true;
-        socket.async_read(readBuffer, [self = this->shared_from_this()](beast::error_code error, std::size_t) {
-            self->onRead(error);
-        });
+        if constexpr (plain) {
+            socket().async_wait(net::socket_base::wait_read,
+                                [self = this->shared_from_this()](beast::error_code error) { self->onReadable(error); });
+        } else {
+            stream.async_read_some(readSpace(),
+                                   [self = this->shared_from_this()](beast::error_code error, std::size_t bytes) {
+                                       self->onRead(error, bytes);
+                                   });
+        }
     }
 
-    void onRead(beast::error_code error) {
+    net::mutable_buffer readSpace() {
+        char* space = reader.space();
+        return net::buffer(space, reader.spaceSize());
+    }
+
+    void onReadable(beast::error_code error) {
+        std::size_t bytes = 0;
+        if (!error && !finished) {
+            bytes = socket().read_some(readSpace(), error);
+            if (error == net::error::would_block) {
+                reading = false;
+                doRead();
+                return;
+            }
+        }
+        onRead(error, bytes);
+    }
+
+    void onRead(beast::error_code error, std::size_t bytes) {
         reading = false;
         if (finished) {
             return;
         }
         if (error) {
-            // The peer closed (Beast has answered its close frame), broke off, went
-            // quiet past the idle time, or sent a message over the limit (closed 1009).
-            if (error == websocket::error::message_too_big) {
-                count(HostCounter::refusedForMessageSize);
-            }
+            // The peer broke off or closed the TCP connection.
             doFinish();
             return;
         }
-        const auto data = readBuffer.data();
-        DataBuffer message(std::string_view(static_cast<const char*>(data.data()), data.size()));
-        readBuffer.consume(data.size());
+        reader.commit(bytes);
+        lastRead = Clock::now();
+        pingSent = false;
+        takeFrames();
+        reader.release();
+        doRead();
+    }
+
+    // Hands on the messages read so far, within the demand, and answers control frames.
+    void takeFrames() {
+        Frame frame;
+        while (!finished && wantsBytes()) {
+            switch (reader.next(frame)) {
+                case FrameReader::Status::needMore:
+                    return;
+                case FrameReader::Status::malformed:
+                    return failRead(websocket::close_code::protocol_error);
+                case FrameReader::Status::tooBig:
+                    count(HostCounter::refusedForMessageSize);
+                    return failRead(websocket::close_code::too_big);
+                case FrameReader::Status::frame:
+                    onFrame(frame);
+                    break;
+            }
+        }
+    }
+
+    void onFrame(const Frame& frame) {
+        switch (frame.opcode) {
+            case Opcode::text:
+            case Opcode::binary:
+                if (assembling) {
+                    return failRead(websocket::close_code::protocol_error);
+                }
+                messageIsText = frame.opcode == Opcode::text;
+                if (frame.final) {
+                    return deliverMessage(frame.payload);
+                }
+                assembling = true;
+                fragments.assign(frame.payload);
+                return;
+            case Opcode::continuation:
+                if (!assembling) {
+                    return failRead(websocket::close_code::protocol_error);
+                }
+                if (fragments.size() + frame.payload.size() > state->options.maxWsMessageBytes) {
+                    count(HostCounter::refusedForMessageSize);
+                    return failRead(websocket::close_code::too_big);
+                }
+                fragments.append(frame.payload);
+                if (frame.final) {
+                    assembling = false;
+                    deliverMessage(fragments);
+                    std::string().swap(fragments);
+                }
+                return;
+            case Opcode::ping:
+                return queueControl(pongFrame, DataBuffer(frame.payload));
+            case Opcode::pong:
+                return;
+            case Opcode::close:
+                return onPeerClose(frame.payload);
+        }
+    }
+
+    void deliverMessage(std::string_view text) {
+        if (closeRequested) {
+            return;  // a message behind our close frame is not taken
+        }
         count(HostCounter::webSocketFramesIn);
-        count(HostCounter::webSocketBytesIn, message.size);
+        count(HostCounter::webSocketBytesIn, text.size());
         if (readDemand != std::numeric_limits<unsigned long>::max()) {
             --readDemand;
         }
         try {
-            outbound->onNext(WebSocketFrame(std::move(message), socket.got_text() ? textFrame : binaryFrame));
+            outbound->onNext(WebSocketFrame(DataBuffer(text), messageIsText ? textFrame : binaryFrame));
         } catch (const std::exception& failure) {
             KORVANE_LOG(logger, common::logFailure) << "WebSocket message not taken: " << failure.what();
             doCloseSocket(websocket::close_code::internal_error);
+        }
+    }
+
+    // The peer's close frame: the answer to ours ends the connection; otherwise it is
+    // answered with the same code once the frames queued before it are written, after
+    // which the connection ends.
+    void onPeerClose(std::string_view payload) {
+        if (closeQueued) {
+            peerClosed = true;
+            if (closeWritten) {
+                doTeardown();
+            }
             return;
         }
-        doRead();
+        websocket::close_code code = websocket::close_code::none;
+        if (payload.size() == 1) {
+            return failRead(websocket::close_code::protocol_error);
+        }
+        if (payload.size() >= 2) {
+            const unsigned received = (static_cast<unsigned char>(payload[0]) << 8) | static_cast<unsigned char>(payload[1]);
+            if (!isValidCloseCode(received)) {
+                return failRead(websocket::close_code::protocol_error);
+            }
+            if (!bayeux::isValidUtf8(payload.data() + 2, payload.size() - 2)) {
+                return failRead(websocket::close_code::bad_payload);
+            }
+            code = static_cast<websocket::close_code>(received);
+        }
+        // Frames already queued still go, ahead of the answering close.
+        peerClosed = true;
+        doCloseSocket(code);
+    }
+
+    // A peer that broke the protocol gets a close frame with `code` and nothing more is
+    // read from it but its answer.
+    void failRead(websocket::close_code code) {
+        reader.clear();
+        doCloseSocket(code);
     }
 
     // ---- to the peer -------------------------------------------------------------------
 
     void onInboxReady() {
+        takeInbox();
+        scheduleFlush();
+    }
+
+    void takeInbox() {
         inbox->takeAll(arrived);
         for (FrameSignal& signal : arrived) {
             onWriterSignal(std::move(signal));
@@ -250,24 +424,19 @@ private:
         if (finished || closeRequested) {
             return;
         }
-        if (signal.item) {
-            queuedBytes += signal.item->data.size;
-            writeQueue.push_back(std::move(*signal.item));
-            if (backlogBytes() > state->options.wsBacklogBytes) {
-                KORVANE_LOG(logger, common::logWarning) << "WebSocket cut: " << backlogBytes()
-                                         << " bytes waiting for a peer that does not read, over the limit of "
-                                         << state->options.wsBacklogBytes;
-                count(HostCounter::webSocketCutForBacklog);
-                doFinish();
-                return;
-            }
-            doWrite();
-        } else {
+        if (!signal.item) {
             doCloseSocket(closeCodeFor(signal.error));
+            return;
+        }
+        queueFrame(std::move(*signal.item));
+        if (queuedBytes > state->options.wsBacklogBytes) {
+            KORVANE_LOG(logger, common::logWarning) << "WebSocket cut: " << queuedBytes
+                                     << " bytes waiting for a peer that does not read, over the limit of "
+                                     << state->options.wsBacklogBytes;
+            count(HostCounter::webSocketCutForBacklog);
+            doFinish();
         }
     }
-
-    std::size_t backlogBytes() const { return queuedBytes + socket.next_layer().bufferedBytes(); }
 
     // A frame that was not UTF-8 has its own close code; any other failure is the server's.
     static websocket::close_code closeCodeFor(const std::exception_ptr& error) {
@@ -283,50 +452,192 @@ private:
         }
     }
 
+    void queueFrame(WebSocketFrame&& frame) {
+        queuedBytes += frame.data.size;
+        writeQueue.push_back(std::move(frame));
+    }
+
+    // Behind what the service wrote before it, so that frames leave in the order they were made.
+    void queueControl(std::uint8_t firstByte, DataBuffer&& payload) {
+        takeInbox();
+        if (closeQueued || finished) {
+            return;
+        }
+        queueFrame(WebSocketFrame(std::move(payload), firstByte));
+        scheduleFlush();
+    }
+
+    // The write starts behind the handlers already queued on the strand.
+    void scheduleFlush() {
+        if (writing || flushPosted || finished) {
+            return;
+        }
+        flushPosted = true;
+        net::defer(strandExecutor, [self = this->shared_from_this()] {
+            self->flushPosted = false;
+            self->takeInbox();
+            self->doWrite();
+        });
+    }
+
     void doWrite() {
-        if (writing || closing || finished) {
-            return;
-        }
-        if (writeQueue.empty()) {
-            if (closeRequested) {
-                doStartClose();
+        while (!writing && !finished && !writeQueue.empty()) {
+            const std::size_t bytes = gatherFrames();
+            writing = true;
+            if constexpr (plain) {
+                beast::error_code error;
+                const std::size_t written = socket().write_some(sendBuffers, error);
+                if (!error && written == bytes) {
+                    onWritten(error);
+                    continue;
+                }
+                if (error && error != net::error::would_block) {
+                    onWritten(error);
+                    return;
+                }
+                skipWritten(error ? 0 : written);
             }
-            return;
+            writeStarted = Clock::now();
+            watchWrite();
+            net::async_write(stream, sendBuffers, [self = this->shared_from_this()](beast::error_code error, std::size_t) {
+                self->onWritten(error);
+            });
         }
-        writing = true;
-        const WebSocketFrame& frame = writeQueue.front();
-        socket.text((frame.firstByte & 0x0f) != (binaryFrame & 0x0f));
-        socket.async_write(net::const_buffer(frame.data.data, frame.data.size),
-                            [self = this->shared_from_this()](beast::error_code error, std::size_t) {
-                                self->onWritten(error);
-                            });
+    }
+
+    // Lays the frames at the front of the queue out for one write; returns its length.
+    std::size_t gatherFrames() {
+        sendingFrames = std::min(writeQueue.size(), maxFramesPerWrite);
+        sendBuffers.clear();
+        std::size_t bytes = 0;
+        for (std::size_t i = 0; i < sendingFrames; ++i) {
+            const WebSocketFrame& frame = writeQueue[i];
+            const std::size_t headerBytes = writeFrameHeader(frame.firstByte, frame.data.size, sendHeaders[i].data());
+            sendBuffers.emplace_back(sendHeaders[i].data(), headerBytes);
+            if (frame.data.size != 0) {
+                sendBuffers.emplace_back(frame.data.data, frame.data.size);
+            }
+            bytes += headerBytes + frame.data.size;
+        }
+        return bytes;
+    }
+
+    // Drops what a partial write took from the front of `sendBuffers`.
+    void skipWritten(std::size_t written) {
+        std::size_t whole = 0;
+        while (written >= sendBuffers[whole].size()) {
+            written -= sendBuffers[whole++].size();
+        }
+        sendBuffers.erase(sendBuffers.begin(), sendBuffers.begin() + static_cast<std::ptrdiff_t>(whole));
+        sendBuffers.front() += written;
     }
 
     void onWritten(beast::error_code error) {
         writing = false;
-        if (!error) {
-            count(HostCounter::webSocketFramesOut);
-            count(HostCounter::webSocketBytesOut, writeQueue.front().data.size);
+        const bool closeWasWritten = closeWritten;
+        for (std::size_t i = 0; i < sendingFrames; ++i) {
+            const WebSocketFrame& frame = writeQueue.front();
+            if (!error && !isControl(frame)) {
+                count(HostCounter::webSocketFramesOut);
+                count(HostCounter::webSocketBytesOut, frame.data.size);
+            }
+            closeWritten = closeWritten || frame.firstByte == closeFrame;
+            queuedBytes -= frame.data.size;
+            writeQueue.pop_front();
         }
-        queuedBytes -= writeQueue.front().data.size;
-        writeQueue.pop_front();
+        sendingFrames = 0;
         if (error || finished) {
             doFinish();
+            return;
+        }
+        if (closeWritten && !closeWasWritten) {
+            // The peer's close, and a TLS peer's end of its session, are waited for this long.
+            closeWrittenAt = Clock::now();
+            armIdleTimer(closeWrittenAt + state->options.headerTimeout);
+            if (peerClosed) {
+                doTeardown();
+            }
             return;
         }
         doWrite();
     }
 
+    // Arms the write timer unless it is armed or there is no timeout.
+    void watchWrite() {
+        if (state->options.writeTimeout.count() == 0 || watchingWrite) {
+            return;
+        }
+        watchingWrite = true;
+        writeWatch.expires_at(writeStarted + state->options.writeTimeout);
+        writeWatch.async_wait([weakSelf = this->weak_from_this()](beast::error_code) {
+            if (auto self = weakSelf.lock()) {
+                self->onWriteWatch();
+            }
+        });
+    }
+
+    void onWriteWatch() {
+        watchingWrite = false;
+        if (!writing || finished) {
+            return;
+        }
+        if (Clock::now() - writeStarted < state->options.writeTimeout) {
+            watchWrite();
+            return;
+        }
+        writeTimedOut = true;
+        beast::error_code ignored;
+        socket().close(ignored);
+    }
+
+    // ---- the idle ping and the close handshake's wait ------------------------------------
+
+    void armIdleTimer(Clock::time_point due) {
+        idleTimer.expires_at(due);
+        idleTimer.async_wait([weakSelf = this->weak_from_this()](beast::error_code error) {
+            auto self = weakSelf.lock();
+            if (self && error != net::error::operation_aborted) {
+                self->onIdleTimer();
+            }
+        });
+    }
+
+    // One firing per half idle time at most: reads only move `lastRead`, and the timer
+    // looks at it when it fires.
+    void onIdleTimer() {
+        if (finished) {
+            return;
+        }
+        const Clock::time_point now = Clock::now();
+        if (closeWritten) {
+            if (now >= closeWrittenAt + state->options.headerTimeout) {
+                doFinish();  // the peer did not answer our close frame
+            }
+            return;
+        }
+        const auto half = state->options.wsIdle / 2;
+        if (now - lastRead >= state->options.wsIdle) {
+            KORVANE_LOG(logger, common::logTrace) << "WebSocket closed: no answer to its ping";
+            doFinish();
+            return;
+        }
+        if (now - lastRead >= half && !pingSent) {
+            pingSent = true;
+            queueControl(pingFrame, DataBuffer());
+        }
+        armIdleTimer(lastRead + (pingSent ? state->options.wsIdle : half));
+    }
+
     // ---- ending ----------------------------------------------------------------------
 
-    // Takes no more frames from the service, writes those already queued, then sends
-    // the close frame.
+    // Takes no more frames from the service, writes those already queued, then the
+    // close frame, and waits for the peer's.
     void doCloseSocket(websocket::close_code code) {
         if (closeRequested || finished) {
             return;
         }
+        takeInbox();  // what the service wrote before the close goes ahead of it
         closeRequested = true;
-        closeCode = code;
         if (writer) {
             writer->detach();
         }
@@ -334,14 +645,32 @@ private:
             doFinish();
             return;
         }
-        doWrite();
+        queueFrame(WebSocketFrame(closePayload(code == websocket::close_code::none && !peerClosed
+                                                   ? websocket::close_code::normal
+                                                   : code),
+                                  closeFrame));
+        closeQueued = true;
+        scheduleFlush();
     }
 
-    bool accepted() const { return writer != nullptr; }
+    // Both close frames have crossed: the TLS session ends with its own close, the
+    // TCP connection with our FIN, so that the peer reads every byte before the socket goes.
+    void doTeardown() {
+        if constexpr (plain) {
+            beast::error_code ignored;
+            socket().shutdown(net::socket_base::shutdown_send, ignored);
+            doFinish();
+        } else {
+            stream.async_shutdown([self = this->shared_from_this()](beast::error_code) { self->doFinish(); });
+        }
+    }
 
-    void doStartClose() {
-        closing = true;
-        socket.async_close(closeCode, [self = this->shared_from_this()](beast::error_code) { self->doFinish(); });
+    // Frames not yet under way are dropped; a write under way keeps its frames.
+    void dropQueuedFrames() {
+        while (writeQueue.size() > sendingFrames) {
+            queuedBytes -= writeQueue.back().data.size;
+            writeQueue.pop_back();
+        }
     }
 
     // Ends both streams and releases the service's ends: the subscription on
@@ -351,9 +680,7 @@ private:
             return;
         }
         finished = true;
-        // The stalled write may have been the layer's own, with nothing of ours under way:
-        // the cut is told here, wherever its failure was seen.
-        if (socket.next_layer().timedOut()) {
+        if (writeTimedOut) {
             count(HostCounter::webSocketCutForWriteTimeout);
             KORVANE_LOG(logger, common::logWarning) << "WebSocket cut: a write took longer than "
                                      << state->options.writeTimeout.count() << " ms";
@@ -361,44 +688,62 @@ private:
         if (writer) {
             writer->detach();
         }
-        // A frame whose write is under way stays until the write completes: the socket
-        // still reads its bytes, and onWritten pops it.
-        const std::size_t kept = writing ? 1 : 0;
-        while (writeQueue.size() > kept) {
-            queuedBytes -= writeQueue.back().data.size;
-            writeQueue.pop_back();
-        }
+        dropQueuedFrames();
         link->cut();
-        std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> reader = std::move(outbound);
+        std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> messages = std::move(outbound);
         inbound.reset();
-        if (reader) {
-            reader->onComplete();
+        if (messages) {
+            messages->onComplete();
         }
-        beast::get_lowest_layer(socket).close();
+        idleTimer.cancel();
+        writeWatch.cancel();
+        beast::get_lowest_layer(stream).close();
     }
 
-    websocket::stream<CoalescingStream<Stream>> socket;
+    Stream stream;
     const Executor strandExecutor;
     const std::shared_ptr<ServerState> state;
     std::shared_ptr<reactive_streams::PublisherAPI<WebSocketFrame>> inbound;
     std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound;
     std::shared_ptr<StrandLink<ServerWebSocketConnection>> link;
     std::uint64_t trackerId = 0;
+    // Only while the upgrade is answered.
+    std::unique_ptr<websocket::stream<Stream&>> handshake;
     UpgradeRequest upgradeRequest;
 
     std::shared_ptr<RelaySubscriber<WebSocketFrame>> writer;
     const std::shared_ptr<SignalInbox> inbox = std::make_shared<SignalInbox>();
     std::vector<FrameSignal> arrived;
     std::shared_ptr<ReadSubscription> readSubscription;
-    beast::flat_buffer readBuffer;
     unsigned long readDemand = 0;
+
+    FrameReader reader;
+    std::string fragments;  // of a message that came in several frames
+    bool assembling = false;
+    bool messageIsText = true;
+
     common::RingQueue<WebSocketFrame> writeQueue;
     std::size_t queuedBytes = 0;
-    websocket::close_code closeCode = websocket::close_code::normal;
+    std::size_t sendingFrames = 0;  // at the front of writeQueue, in the write under way
+    std::array<std::array<std::uint8_t, maxFrameHeaderBytes>, maxFramesPerWrite> sendHeaders;
+    std::vector<net::const_buffer> sendBuffers;
+
+    net::steady_timer idleTimer;
+    net::steady_timer writeWatch;
+    Clock::time_point lastRead;
+    Clock::time_point writeStarted;
+    Clock::time_point closeWrittenAt;
+
     bool reading = false;
     bool writing = false;
-    bool closeRequested = false;
-    bool closing = false;
+    bool flushPosted = false;
+    bool watchingWrite = false;
+    bool writeTimedOut = false;
+    bool pingSent = false;
+    bool closeRequested = false;  // no more frames from the service
+    bool closeQueued = false;     // our close frame is in writeQueue or written
+    bool closeWritten = false;
+    bool peerClosed = false;
     bool finished = false;
 };
 

@@ -75,7 +75,8 @@ LongPollSession::~LongPollSession() {
     common::TimerHandle connect;
     common::TimerHandle buffer;
     std::unique_lock<std::mutex> lock(mutex);
-    takeTimers(connect, buffer);
+    connect = std::move(connectTimer);
+    buffer = std::move(bufferTimer);
     // With `open` clear neither batching rule holds: an open connect is answered now.
     open = false;
     sendResponse = true;
@@ -301,8 +302,9 @@ std::shared_ptr<BayeuxQueue> LongPollSession::saveTempPublisher(std::unique_lock
 
 void LongPollSession::doCompleteQueue(std::unique_lock<std::mutex>& lock) {
     bufferTimeoutSet = false;
+    connectDeadline.reset();
     doSendConnectResponse(lock);
-    dropTimers(lock);
+    dropTimers(lock, std::move(bufferTimer));
 }
 
 void LongPollSession::doSendConnectResponse(std::unique_lock<std::mutex>&) {
@@ -417,15 +419,13 @@ void LongPollSession::ConnectOutlet::end() const {
 void LongPollSession::doEndConnect(std::unique_lock<std::mutex>& lock, ConnectOutlet outlet) {
     sendResponse = false;
     activeConnect = false;
-    common::TimerHandle connect;
-    common::TimerHandle buffer;
-    takeTimers(connect, buffer);
+    connectDeadline.reset();
+    common::TimerHandle buffer = std::move(bufferTimer);
     auto response = std::make_unique<ConnectResponse>();
     response->id = connectMessageId;
     response->clientId = id;
     response->successful = true;
     lock.unlock();
-    connect.reset();
     buffer.reset();
     // The response is always the last message of the stream; the queue ends once the transport has taken it.
     outlet.put(std::unique_ptr<Message>(std::move(response)));
@@ -438,10 +438,14 @@ void LongPollSession::doEndConnect(std::unique_lock<std::mutex>& lock, ConnectOu
 }
 
 void LongPollSession::setConnectTimeout(std::unique_lock<std::mutex>& lock, long long ticks) {
-    KORVANE_LOG(logger, common::logTrace) << "Set connect timeout: " << id << ", " << ticks << ", " << common::getCurrentTick();
+    const long long now = common::getCurrentTick();
+    KORVANE_LOG(logger, common::logTrace) << "Set connect timeout: " << id << ", " << ticks << ", " << now;
     bufferTimeoutSet = false;
-    dropTimers(lock);
-    replaceTimer(lock, connectTimer, common::delay(callbackTo(&LongPollSession::doConnectTimeout), ticks));
+    connectDeadline = now + ticks;
+    // A timer due by this deadline stays: it finds this connect when it fires, and arms itself for the rest.
+    common::TimerHandle replaced =
+        connectTimer && connectTimerDue <= *connectDeadline ? nullptr : armConnectTimer(now);
+    dropTimers(lock, std::move(replaced), std::move(bufferTimer));
 }
 
 void LongPollSession::setBufferTimeout(std::unique_lock<std::mutex>& lock) {
@@ -450,19 +454,31 @@ void LongPollSession::setBufferTimeout(std::unique_lock<std::mutex>& lock) {
     if (bufferTimeoutSet || !activeConnect) {
         return;
     }
-    // Set before the lock opens below, so that no second caller arms the timer in that gap.
+    // Set before the lock may open below, so that no second caller arms the timer in that gap.
     bufferTimeoutSet = true;
-    // The connect timeout goes for good: from now on the buffer timeout alone ends this connect.
-    dropTimers(lock);
-    replaceTimer(lock, bufferTimer,
-                 common::shortMsDelay(callbackTo(&LongPollSession::doBufferTimeout), bufferPeriodMilliseconds));
+    // The connect's deadline goes for good: from now on the buffer timeout alone ends this connect.
+    connectDeadline.reset();
+    // The field is normally empty here; a handle still in it goes with the lock released.
+    dropTimers(lock, std::exchange(bufferTimer, common::shortMsDelay(callbackTo(&LongPollSession::doBufferTimeout),
+                                                                     bufferPeriodMilliseconds)));
 }
 
 void LongPollSession::doConnectTimeout(long long tick) {
     std::unique_lock<std::mutex> lock(mutex);
     KORVANE_LOG(logger, common::logTrace) << "doConnectTimeout: " << id << ", " << tick;
-    doCompleteQueue(lock);
-    doNotifyQueue(lock);
+    const long long now = common::getCurrentTick();
+    // The handle of the timer that fired, dropped with the lock released.
+    common::TimerHandle spent;
+    if (connectDeadline && *connectDeadline > now) {
+        spent = armConnectTimer(now);
+    } else {
+        spent = std::move(connectTimer);
+        if (connectDeadline) {
+            doCompleteQueue(lock);
+            doNotifyQueue(lock);
+        }
+    }
+    lock.unlock();
 }
 
 void LongPollSession::doBufferTimeout(long long tick) {
@@ -472,21 +488,20 @@ void LongPollSession::doBufferTimeout(long long tick) {
     doNotifyQueue(lock);
 }
 
-void LongPollSession::takeTimers(common::TimerHandle& connect, common::TimerHandle& buffer) {
-    connect = std::move(connectTimer);
-    buffer = std::move(bufferTimer);
-    connectTimer.reset();
-    bufferTimer.reset();
+common::TimerHandle LongPollSession::armConnectTimer(long long now) {
+    connectTimerDue = *connectDeadline;
+    return std::exchange(connectTimer,
+                         common::delay(callbackTo(&LongPollSession::doConnectTimeout), connectTimerDue - now));
 }
 
-void LongPollSession::dropTimers(std::unique_lock<std::mutex>& lock) {
-    common::TimerHandle connect;
-    common::TimerHandle buffer;
-    takeTimers(connect, buffer);
-    lock.unlock();
-    connect.reset();
-    buffer.reset();
-    lock.lock();
+void LongPollSession::dropTimers(std::unique_lock<std::mutex>& lock, common::TimerHandle first,
+                                 common::TimerHandle second) {
+    if (first || second) {
+        lock.unlock();
+        first.reset();
+        second.reset();
+        lock.lock();
+    }
 }
 
 common::TimerCallback LongPollSession::callbackTo(void (LongPollSession::*fire)(long long)) {
@@ -497,17 +512,6 @@ common::TimerCallback LongPollSession::callbackTo(void (LongPollSession::*fire)(
             ((*self).*fire)(tick);
         }
     };
-}
-
-void LongPollSession::replaceTimer(std::unique_lock<std::mutex>& lock, common::TimerHandle& field,
-                                   common::TimerHandle&& handle) {
-    common::TimerHandle previous = std::exchange(field, std::move(handle));
-    if (previous) {
-        // Another thread armed this timer while the lock was open; its handle, too, goes with the lock released.
-        lock.unlock();
-        previous.reset();
-        lock.lock();
-    }
 }
 
 void LongPollSession::notifyUnsubscribeAll() {

@@ -16,7 +16,10 @@
 // together under `mutex`, which is safe because the core's lock is a leaf. The
 // session declares its patterns to its own server, so that server offers it only
 // the publishes they can match, and forgets them in the destructor. Timer handles are dropped
-// with `mutex` released. `notifying` keeps one thread at a time in the drain loop;
+// with `mutex` released. One connect timer serves all of the session's connects: a connect
+// records its deadline and arms the timer only if none is armed for that deadline or earlier;
+// when the timer fires it answers a connect whose deadline has come, arms itself again for a
+// later one, or is let go. `notifying` keeps one thread at a time in the drain loop;
 // only connectStream waits for a drain on another thread to end (on `drainEnded`,
 // with `mutex` released), so that the connect it replaces is answered first.
 // Internal operations taking a std::unique_lock are entered with it held and may
@@ -34,6 +37,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -149,18 +153,19 @@ private:
     // Answers a connect that is still open, if need be after the drain running on another thread.
     void doAnswerOpenConnect(std::unique_lock<std::mutex>& lock);
 
+    // Holds the open connect to a deadline `ticks` from now.
     void setConnectTimeout(std::unique_lock<std::mutex>& lock, long long ticks);
     void setBufferTimeout(std::unique_lock<std::mutex>& lock);
     void doConnectTimeout(long long tick);
     void doBufferTimeout(long long tick);
-    // Empties both timer fields; the caller drops the returned handles with the lock released.
-    void takeTimers(common::TimerHandle& connect, common::TimerHandle& buffer);
-    // Cancels both timers: takes them out of their fields and drops them with the lock released.
-    void dropTimers(std::unique_lock<std::mutex>& lock);
+    // Arms the connect timer for `connectDeadline`; returns the handle it replaces, to be dropped
+    // with the lock released.
+    common::TimerHandle armConnectTimer(long long now);
+    // Cancels timers by dropping their handles, with the lock released if there is one to drop.
+    void dropTimers(std::unique_lock<std::mutex>& lock, common::TimerHandle first,
+                    common::TimerHandle second = nullptr);
     // A timer callback that runs `fire` on this session if it is still alive.
     common::TimerCallback callbackTo(void (LongPollSession::*fire)(long long));
-    // Stores a freshly armed handle; one that another thread stored meanwhile is dropped unlocked.
-    void replaceTimer(std::unique_lock<std::mutex>& lock, common::TimerHandle& field, common::TimerHandle&& handle);
     void notifyUnsubscribeAll();
 
     const std::string id;
@@ -178,7 +183,13 @@ private:
     Channel channels;
     // A pattern was withdrawn: an index match found before that may be stale.
     bool patternWithdrawn = false;
+    // The tick at which the open connect is answered if nothing answers it first; none while no
+    // connect is held to one (none open, a batch being collected, a flushed one).
+    std::optional<long long> connectDeadline;
+    // Due in tick `connectTimerDue`, at or before `connectDeadline`. A connect answered early leaves
+    // it armed: it then finds a later deadline or none when it fires.
     common::TimerHandle connectTimer;
+    long long connectTimerDue = 0;
     common::TimerHandle bufferTimer;
     const std::shared_ptr<BayeuxServer> server;
     const std::shared_ptr<Context> context;

@@ -9,24 +9,24 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <map>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "korvane/cluster/redis_connection.h"
-#include "korvane/frame/callback_subscriber.h"
-#include "korvane/frame/future.h"
 #include "korvane/routing/bayeux_server.h"
+#include "support/recording_subscriber.h"
+#include "support/test_context.h"
 
 namespace korvane::cluster {
 namespace {
 
 using Delivery = std::shared_ptr<const bayeux::PublishRequest>;
+using Inbox = test_support::RecordingSubscriber<Delivery>;
 using namespace std::chrono_literals;
 
 // A redis-server of the test's own on a free loopback port, killed at the end.
@@ -76,42 +76,8 @@ public:
     pid_t pid = 0;
 };
 
-class NoRouteContext : public Context {
-public:
-    Future<std::unique_ptr<Message>> handle(std::unique_ptr<Message>&&, Address&&) override {
-        return makeErrorFuture<std::unique_ptr<Message>>(std::make_exception_ptr(std::runtime_error("no route")));
-    }
-};
-
-// What one in-process subscriber received, in order. Declared before the nodes, so that
-// it outlives the bridges, whose threads deliver into it until joined.
-class Inbox {
-public:
-    void listen(bayeux::LocalBayeuxSession& session, const std::string& pattern) {
-        feed = session.subscribe(pattern);
-        feed->subscribe(std::make_shared<reactive_streams::CallbackSubscriber<Delivery>>([this](Delivery&& message) {
-            std::lock_guard<std::mutex> guard(mutex);
-            received.push_back(std::move(message));
-            changed.notify_all();
-        }));
-    }
-    bool waitFor(std::size_t count, std::chrono::milliseconds limit) {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, limit, [&] { return received.size() >= count; });
-    }
-    std::vector<Delivery> taken() {
-        std::lock_guard<std::mutex> guard(mutex);
-        return received;
-    }
-
-private:
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<Delivery> received;
-    std::shared_ptr<reactive_streams::PublisherAPI<Delivery>> feed;
-};
-
-// One server's routing core with its bridge and in-process participants.
+// One server's routing core with its bridge and in-process participants. The bridge goes
+// first, then the feeds its threads deliver into.
 struct Node {
     Node(const RedisEndpoint& endpoint, const std::string& prefix) {
         RedisBridgeOptions options;
@@ -120,13 +86,22 @@ struct Node {
         bridge = std::make_unique<RedisBridge>(participant(), routing, options);
     }
     std::shared_ptr<bayeux::LocalBayeuxSession> participant() {
-        auto session = std::make_shared<bayeux::LocalBayeuxSession>(routing, std::make_shared<NoRouteContext>());
+        auto context = std::make_shared<test_support::TestContext>();
+        auto session = std::make_shared<bayeux::LocalBayeuxSession>(routing, std::move(context));
         routing->addSession(session);
         return session;
+    }
+    // What `session` receives on `pattern`, in order.
+    std::shared_ptr<Inbox> listen(bayeux::LocalBayeuxSession& session, const std::string& pattern) {
+        auto inbox = std::make_shared<Inbox>(~0ul);
+        feeds.push_back(session.subscribe(pattern));
+        feeds.back()->subscribe(inbox);
+        return inbox;
     }
 
     std::shared_ptr<bayeux::BayeuxServerImpl> routing = std::make_shared<bayeux::BayeuxServerImpl>();
     std::shared_ptr<bayeux::LocalBayeuxSession> member = participant();
+    std::vector<std::shared_ptr<reactive_streams::PublisherAPI<Delivery>>> feeds;
     std::unique_ptr<RedisBridge> bridge;
 };
 
@@ -138,34 +113,37 @@ std::unique_ptr<bayeux::PublishRequest> makeMessage(const std::string& channel, 
     return message;
 }
 
-// Publishes on `from` until `inbox` has something: both bridges are then connected.
-void awaitCrossing(Node& from, Inbox& inbox) {
-    for (int attempt = 0; attempt < 100 && !inbox.waitFor(1, 100ms); ++attempt) {
-        from.member->publish(makeMessage("/warm/up", "0"));
-    }
-    ASSERT_TRUE(inbox.waitFor(1, 0ms)) << "the bridges never connected";
+std::size_t countOf(Inbox& inbox) {
+    return inbox.read([](const auto& items) { return items.size(); });
 }
 
+// Publishes on `from` until `to` hears it: both bridges are then connected.
+void awaitCrossing(Node& from, Node& to) {
+    auto inbox = to.listen(*to.member, "/warm/**");
+    for (int attempt = 0; attempt < 100 && !inbox->waitFor([](Inbox& i) { return countOf(i) > 0; }, 100ms);
+         ++attempt) {
+        from.member->publish(makeMessage("/warm/up", "0"));
+    }
+    ASSERT_GT(countOf(*inbox), 0u) << "the bridges never connected";
+}
+
+// Ends with a bridge stopping while a publisher keeps publishing on its server.
 TEST(RedisBridgeConcurrency, ThreadsPublishingOnOneServerReachTheOtherOnceEachInTheirOwnOrder) {
-    Inbox warmWest, warmEast, farSide, nearSide, meta;
     RedisProcess redis;
     // The prefix holds pattern characters, which the bridge must take literally.
     Node east(redis.endpoint, "bridge-test[*]?\\:");
     Node west(redis.endpoint, "bridge-test[*]?\\:");
-    warmWest.listen(*west.member, "/warm/**");
-    warmEast.listen(*east.member, "/warm/**");
-    awaitCrossing(east, warmWest);
-    awaitCrossing(west, warmEast);
-    farSide.listen(*west.member, "/room/**");
+    awaitCrossing(east, west);
+    awaitCrossing(west, east);
+    auto farSide = west.listen(*west.member, "/room/**");
     auto witness = east.participant();
-    nearSide.listen(*witness, "/room/**");
-    meta.listen(*west.member, "/service/**");
+    auto nearSide = east.listen(*witness, "/room/**");
+    auto meta = west.listen(*west.member, "/service/**");
     // Until Redis has both sides' "/room/**", as the protocol service does before a subscribe's reply.
     west.routing->awaitInterestSettled(5s);
     east.routing->awaitInterestSettled(5s);
 
-    constexpr int threads = 4;
-    constexpr int perThread = 250;
+    constexpr int threads = 4, perThread = 250;
     std::vector<std::shared_ptr<bayeux::LocalBayeuxSession>> sessions;
     std::map<std::string, std::string> channelOf;
     for (int t = 0; t < threads; ++t) {
@@ -185,37 +163,35 @@ TEST(RedisBridgeConcurrency, ThreadsPublishingOnOneServerReachTheOtherOnceEachIn
     for (auto& publisher : publishers) {
         publisher.join();
     }
-    ASSERT_TRUE(farSide.waitFor(threads * perThread, 10s));
+    ASSERT_TRUE(farSide->waitFor([](Inbox& i) { return countOf(i) >= threads * perThread; }, 10s));
     std::this_thread::sleep_for(200ms);
 
     std::map<std::string, int> nextPerPublisher;
-    const auto received = farSide.taken();
-    EXPECT_EQ(received.size(), std::size_t(threads * perThread)) << "no duplicates";
-    for (const auto& message : received) {
-        ASSERT_EQ(channelOf.count(message->clientId), 1u) << "the publisher's clientId crosses: " << message->clientId;
-        EXPECT_EQ(message->channel, channelOf[message->clientId]);
-        const std::string next = std::to_string(nextPerPublisher[message->clientId]++);
-        EXPECT_EQ(message->id, next);
-        EXPECT_EQ(message->data->str(), "{\"n\":" + next + "}");
-    }
-    EXPECT_EQ(nearSide.taken().size(), std::size_t(threads * perThread)) << "nothing comes back to its own server";
-    EXPECT_TRUE(meta.taken().empty()) << "/service/** stays on its server";
-}
-
-TEST(RedisBridgeConcurrency, ABridgeStopsCleanlyWhilePublishersKeepPublishing) {
-    RedisProcess redis;
-    Node node(redis.endpoint, "stop-test:");
-    std::atomic<bool> done{false};
-    std::thread publisher([&] {
-        for (int n = 0; !done; ++n) {
-            node.member->publish(makeMessage("/busy", std::to_string(n)));
+    farSide->read([&](const auto& received) {
+        EXPECT_EQ(received.size(), std::size_t(threads * perThread)) << "no duplicates";
+        for (const auto& message : received) {
+            ASSERT_EQ(channelOf.count(message->clientId), 1u) << "the publisher's clientId crosses: "
+                                                              << message->clientId;
+            EXPECT_EQ(message->channel, channelOf[message->clientId]);
+            const std::string next = std::to_string(nextPerPublisher[message->clientId]++);
+            EXPECT_EQ(message->id, next);
+            EXPECT_EQ(message->data->str(), "{\"n\":" + next + "}");
         }
     });
-    std::this_thread::sleep_for(200ms);
-    node.bridge.reset();
+    EXPECT_EQ(countOf(*nearSide), std::size_t(threads * perThread)) << "nothing comes back to its own server";
+    EXPECT_EQ(countOf(*meta), 0u) << "/service/** stays on its server";
+
+    std::atomic<bool> done{false};
+    std::thread busy([&] {
+        for (int n = 0; !done; ++n) {
+            east.member->publish(makeMessage("/busy", std::to_string(n)));
+        }
+    });
+    std::this_thread::sleep_for(100ms);
+    east.bridge.reset();
     std::this_thread::sleep_for(50ms);
     done = true;
-    publisher.join();
+    busy.join();
 }
 
 TEST(RedisBridge, ASessionWithoutAContextIsRefused) {

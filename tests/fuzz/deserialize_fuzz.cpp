@@ -30,23 +30,15 @@ using namespace korvane::bayeux;
     std::abort();
 }
 
-bool isUtf8(const std::string& text) { return isValidUtf8(text.data(), text.size()); }
-
 std::shared_ptr<BayeuxAdvice> adviceOf(const Message& message) {
-    if (auto* m = dynamic_cast<const HandshakeResponse*>(&message)) {
-        return m->advice;
-    }
-    if (auto* m = dynamic_cast<const ConnectStreamRequest*>(&message)) {
-        return m->advice;
-    }
-    if (auto* m = dynamic_cast<const ConnectStreamResponse*>(&message)) {
-        return m->advice;
-    }
-    if (auto* m = dynamic_cast<const SubscribeResponse*>(&message)) {
-        return m->advice;
-    }
-    auto* m = dynamic_cast<const UnsubscribeResponse*>(&message);
-    return m ? m->advice : nullptr;
+    std::shared_ptr<BayeuxAdvice> advice;
+    auto take = [&](auto* typed) { advice = typed ? typed->advice : advice; };
+    take(dynamic_cast<const HandshakeResponse*>(&message));
+    take(dynamic_cast<const ConnectStreamRequest*>(&message));
+    take(dynamic_cast<const ConnectStreamResponse*>(&message));
+    take(dynamic_cast<const SubscribeResponse*>(&message));
+    take(dynamic_cast<const UnsubscribeResponse*>(&message));
+    return advice;
 }
 
 const DataBuffer* dataOf(const Message& message) {
@@ -118,7 +110,7 @@ std::string checkRoundTrip(std::unique_ptr<Message>& message, bool isRequest) {
     }
     // A publish whose channel is (or is repaired into) a meta channel name reads back as that meta class.
     const std::string& channel = dynamic_cast<const BayeuxBase&>(*message).channel;
-    const bool classMayChange = !isUtf8(channel) || metaChannels.count(channel) != 0;
+    const bool classMayChange = !isValidUtf8(channel.data(), channel.size()) || metaChannels.count(channel) != 0;
     const Message &originalMessage = *message, &rereadMessage = *reread;
     const bool sameClass = typeid(originalMessage) == typeid(rereadMessage);
     if (!canBeReadBack(*message) || (classMayChange && !sameClass)) {

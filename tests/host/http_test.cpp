@@ -12,11 +12,15 @@
 #include <thread>
 
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/read_until.hpp>
+#include <boost/asio/streambuf.hpp>
+#include <boost/asio/write.hpp>
 
 #include "korvane/frame/cached_value_publisher.h"
 #include "korvane/frame/callback_subscriber.h"
 #include "korvane/frame/http.h"
 #include "korvane/host/host.h"
+#include "korvane/host/websocket_frames.h"
 #include "support/recording_subscriber.h"
 #include "test_certificate.h"
 
@@ -118,6 +122,88 @@ struct HttpServerFixture {
     std::shared_ptr<FakeBayeuxService> service = std::make_shared<FakeBayeuxService>();
     std::unique_ptr<HttpServer> server;
 };
+
+struct HttpServerTest : ::testing::Test, HttpServerFixture {};
+
+// What the server's frames say, as "<opcode>:<payload>" (a close's code as a number),
+// read from a raw socket until a close frame, the end of the stream, or two seconds.
+std::string framesUntilClose(boost::asio::ip::tcp::socket& socket) {
+    static const char* names[16] = {"cont", "text", "binary", "", "", "", "", "", "close", "ping", "pong"};
+    timeval wait{2, 0};
+    setsockopt(socket.native_handle(), SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+    FrameReader reader(1 << 20, false);
+    std::string seen;
+    for (;;) {
+        Frame frame;
+        FrameReader::Status status;
+        while ((status = reader.next(frame)) == FrameReader::Status::frame) {
+            std::string payload(frame.payload);
+            if (frame.opcode == Opcode::close && payload.size() >= 2) {
+                payload = std::to_string((static_cast<unsigned char>(payload[0]) << 8) | static_cast<unsigned char>(payload[1]));
+            }
+            seen += std::string(names[static_cast<int>(frame.opcode)]) + ":" + payload + " ";
+            if (frame.opcode == Opcode::close) {
+                return seen;
+            }
+        }
+        boost::system::error_code error;
+        char* space = reader.space();
+        const std::size_t bytes = socket.read_some(boost::asio::buffer(space, reader.spaceSize()), error);
+        if (error) {
+            return seen + (error == boost::asio::error::eof ? "eof" : error.message());
+        }
+        reader.commit(bytes);
+    }
+}
+
+// Each row's frames come from a raw client after the upgrade; the server's frames up to
+// its close (or the end of the stream) are what the row expects.
+TEST_F(HttpServerTest, AnswersWebSocketControlFramesAndClosesOnEachProtocolFault) {
+    HttpServerOptions options = defaults();
+    options.maxWsMessageBytes = 4096;
+    options.wsIdle = 400ms;
+    start(options);
+    const auto masked = [](Opcode opcode, const std::string& payload, bool final = true) {
+        std::string frame;
+        appendMaskedFrame(frame, opcode, payload, 0x5A17C3E1);
+        frame[0] = static_cast<char>(final ? frame[0] : frame[0] & 0x7F);
+        return frame;
+    };
+    const std::string bye = masked(Opcode::close, std::string("\x03\xE8", 2) + "bye");
+    const struct {
+        std::string sent;
+        std::string answer;
+    } rows[] = {
+        {masked(Opcode::text, "hi") + masked(Opcode::ping, "x") + bye, "text:hi pong:x close:1000 "},
+        {masked(Opcode::text, "a", false) + masked(Opcode::continuation, "b") + bye, "text:ab close:1000 "},
+        {masked(Opcode::close, ""), "close: "},
+        {masked(Opcode::close, std::string("\x0F\xA0\xFF", 3)), "close:1007 "},      // a reason that is not UTF-8
+        {masked(Opcode::close, std::string("\x03\xED", 2)), "close:1002 "},          // 1005 is never sent
+        {masked(Opcode::close, "\x03"), "close:1002 "},                              // a code cut short
+        {std::string("\x81\x02hi", 4), "close:1002 "},                               // not masked
+        {masked(Opcode::continuation, "b"), "close:1002 "},                          // nothing to continue
+        {masked(Opcode::text, "a", false) + masked(Opcode::text, "b"), "close:1002 "},  // a new message inside one
+        {masked(Opcode::binary, std::string(4097, 'x')), "close:1009 "},
+        {masked(Opcode::text, std::string(3000, 'x'), false) + masked(Opcode::continuation, std::string(1097, 'x')),
+         "close:1009 "},
+        {"", "ping: eof"},  // silent for half the idle time: pinged; for all of it: cut
+    };
+    for (const auto& row : rows) {
+        boost::asio::io_context io;
+        boost::asio::ip::tcp::socket socket(io);
+        socket.connect({boost::asio::ip::make_address("127.0.0.1"), port()});
+        boost::asio::write(socket, boost::asio::buffer(std::string(
+                                       "GET /bayeux HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: Upgrade\r\nUpgrade: websocket\r\n"
+                                       "Sec-WebSocket-Version: 13\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n")));
+        boost::asio::streambuf head;
+        boost::asio::read_until(socket, head, "\r\n\r\n");
+        ASSERT_EQ(std::string(boost::asio::buffers_begin(head.data()), boost::asio::buffers_begin(head.data()) + 12),
+                  "HTTP/1.1 101");
+        ASSERT_EQ(head.size(), std::string_view(static_cast<const char*>(head.data().data()), head.size()).find("\r\n\r\n") + 4);
+        boost::asio::write(socket, boost::asio::buffer(row.sent));
+        EXPECT_EQ(framesUntilClose(socket), row.answer) << row.sent.substr(0, 12);
+    }
+}
 
 using FrameReader = test_support::RecordingSubscriber<http::WebSocketFrame>;
 

@@ -307,7 +307,6 @@ TEST_F(BayeuxServiceProviderTest, PeriodicSweepRunsOnlyWhileThereAreClientsAndFl
     EXPECT_EQ(clock->armedCount(), 1u);
     auto first = open(connect(client));
     provider->flush();
-    EXPECT_EQ(clock->armedCount(), 1u) << "the connect timer is gone, the sweep stays";
     auto second = open(connect(client));
     EXPECT_EQ(first->seen(), Texts{"response:c-" + client}) << "the next connect answers the flushed one";
     EXPECT_TRUE(second->isHeld());

@@ -125,8 +125,8 @@ TEST_P(LongPollSessionScript, ConnectsBuffersTimersAndAnswers) {
 const std::string retry = " advice:0/200/-1";
 INSTANTIATE_TEST_SUITE_P(Scripts, LongPollSessionScript, ::testing::ValuesIn(std::vector<Script>{
         // A burst inside the buffer period gives one answer; the period does not stretch, and the
-        // connect's timer goes with the first message.
-        {{"connect c1", "ms 12000", "publish m1", "ms 2", "publish m2", "ms 2", "publish m3", "seen c1", "ms 1",
+        // connect's deadline (tick 120) passing within it answers nothing.
+        {{"connect c1 120", "ms 11999", "publish m1", "ms 2", "publish m2", "ms 2", "publish m3", "seen c1", "ms 1",
           "seen c1", "armed", "publish later", "armed"},
          {"c1:", "c1: m1 m2 m3 response:c1 end", "armed 0", "armed 0"}},
         // Pending messages answer the next connect at once, in order; notices about other sessions
@@ -136,9 +136,9 @@ INSTANTIATE_TEST_SUITE_P(Scripts, LongPollSessionScript, ::testing::ValuesIn(std
          {"armed 0", "c1: m1 m2 response:c1 end", "active no"}},
         // The next connect answers the open one; a flush leaves the answer to the next message or connect.
         {{"connect c1", "connect c2", "seen c1", "seen c2", "publish m1", "ms 5", "seen c2", "connect c3", "flush",
-          "armed", "ticks 1000", "seen c3", "active", "publish m2", "ms 5", "seen c3", "connect c4", "flush",
+          "ticks 1000", "seen c3", "armed", "active", "publish m2", "ms 5", "seen c3", "connect c4", "flush",
           "connect c5", "seen c4", "seen c5"},
-         {"c1: response:c1 end", "c2:", "c2: m1 response:c2 end", "armed 0", "c3:", "active yes",
+         {"c1: response:c1 end", "c2:", "c2: m1 response:c2 end", "c3:", "armed 0", "active yes",
           "c3: m2 response:c3 end", "c4: response:c4 end", "c5:"}},
         // A streaming connect passes messages through and keeps its timer; a hold of zero answers at once.
         {{"connect c1 10 streaming", "publish m1", "seen c1", "publish m2", "ticks 9", "seen c1", "ticks 1",
@@ -149,9 +149,18 @@ INSTANTIATE_TEST_SUITE_P(Scripts, LongPollSessionScript, ::testing::ValuesIn(std
         {{"publish m1", "publish m2", "connect c1 300 slow", "request c1 1", "seen c1", "publish m3",
           "request c1 5", "seen c1", "connect c2", "seen c2"},
          {"c1: m1", "c1: m1 m2 response:c1 end", "c2: m3 response:c2 end"}},
-        // A session dying with an open connect answers it with what is pending.
+        // A session dying with an open connect answers it with what is pending, and releases its
+        // connect and buffer timers.
         {{"connect c1", "publish m1", "armed", "destroy", "seen c1", "armed", "ticks 400"},
-         {"armed 1", "c1: m1 response:c1 end", "armed 0"}},
+         {"armed 2", "c1: m1 response:c1 end", "armed 0"}},
+        // A connect answered early leaves the connect timer armed; a later connect is answered at its
+        // own deadline, not at the first one's; the timer then goes, and the next connect arms it again.
+        {{"connect c1", "publish m1", "ms 5", "ticks 100", "connect c2", "ticks 299", "seen c2", "armed", "ticks 1",
+          "seen c2", "armed", "connect c3 1", "ticks 1", "seen c3"},
+         {"c2:", "armed 1", "c2: response:c2 end", "armed 0", "c3: response:c3 end"}},
+        // A connect with an earlier deadline than the armed timer's takes the timer's place.
+        {{"connect c1", "connect c2 10", "armed", "ticks 9", "seen c2", "ticks 1", "seen c2", "armed"},
+         {"armed 1", "c2:", "c2: response:c2 end", "armed 0"}},
         // Through a sink: the same batching and timers, connects answered in the order they opened,
         // pending messages at once, and a session dying with one open answers it.
         {{"sink c1", "ms 12000", "publish m1", "ms 2", "publish m2", "ms 2", "seen c1", "ms 1", "seen c1",
@@ -162,11 +171,12 @@ INSTANTIATE_TEST_SUITE_P(Scripts, LongPollSessionScript, ::testing::ValuesIn(std
         // Once the sink is gone its connect's messages go nowhere; the next connect is served.
         {{"sink c1", "unsink", "publish lost", "ms 5", "active", "connect c2", "publish m1", "ms 5", "seen c2"},
          {"active no", "c2: m1 response:c2 end"}},
-        // A short poll answers with retry advice, answers an open connect and leaves none open.
+        // A short poll answers with retry advice, answers an open connect and leaves none open; the
+        // idle session's connect timer goes when it falls due.
         {{"connect c1", "publish m1", "publish m2", "ms 1", "poll s1", "seen c1", "seen s1", "publish m3", "poll s2",
-          "seen s2", "active", "armed"},
+          "seen s2", "active", "armed", "ticks 300", "armed"},
          {"c1: m1 m2 response:c1 end", "s1: response:s1" + retry + " end", "s2: m3 response:s2" + retry + " end",
-          "active no", "armed 0"}},
+          "active no", "armed 1", "armed 0"}},
 }));
 
 TEST_F(LongPollSessionTest, PatternValidation) {

@@ -4,9 +4,9 @@
 
 import { test } from "node:test";
 import assert from "node:assert/strict";
-import { spawn, spawnSync } from "node:child_process";
+import { spawnSync } from "node:child_process";
 
-import { serverBinary } from "../support/launch.mjs";
+import { serverBinary, startServer } from "../support/launch.mjs";
 
 function assertJsonRecords(stderr) {
     const lines = stderr.split("\n").filter((line) => line !== "");
@@ -20,26 +20,17 @@ function assertJsonRecords(stderr) {
 }
 
 test("a serving server and one that cannot listen write JSON records only", async () => {
-    const child = spawn(serverBinary, ["--listen", "127.0.0.1:0", "--heartbeat", "0", "--log-format", "json", "--log-levels", "16"]);
-    let [stdout, stderr] = ["", ""];
-    child.stdout.on("data", (chunk) => (stdout += chunk));
-    child.stderr.on("data", (chunk) => (stderr += chunk));
-    const exited = new Promise((resolve) => child.on("exit", resolve));
-    for (const end = Date.now() + 10000; !/https?:\/\/\S+/.test(stdout); await new Promise((r) => setTimeout(r, 10))) {
-        assert.ok(Date.now() < end, `the server did not start: ${stdout}${stderr}`);
-    }
-    const url = stdout.match(/https?:\/\/\S+/)[0];
+    const server = await startServer({ args: ["--log-format", "json", "--log-levels", "16"] });
     const handshake = [{ channel: "/meta/handshake", version: "1.0", supportedConnectionTypes: ["long-polling"] }];
-    const reply = await fetch(new URL("/bayeux", url), { method: "POST", body: JSON.stringify(handshake) });
+    const reply = await fetch(server.bayeux, { method: "POST", body: JSON.stringify(handshake) });
     const { clientId } = (await reply.json())[0];
+    const busy = spawnSync(serverBinary, ["--listen", `127.0.0.1:${server.port}`, "--log-format", "json"], { encoding: "utf8" });
+    await server.stop();
 
-    const busy = spawnSync(serverBinary, ["--listen", new URL(url).host, "--log-format", "json"], { encoding: "utf8" });
-    child.kill("SIGTERM");
-    assert.equal(await exited, 0);
-
-    const records = assertJsonRecords(stderr);
-    assert.ok(records.some((r) => r.level === "lifecycle" && r.message.includes(clientId)), stderr);
+    const records = assertJsonRecords(server.errors());
+    assert.ok(records.some((r) => r.level === "lifecycle" && r.message.includes(clientId)), server.errors());
     assert.equal(busy.status, 1);
     const [failure] = assertJsonRecords(busy.stderr);
     assert.deepEqual([failure.level, failure.channel], ["failure", "korvane-bayeux"]);
+    assert.ok(failure.message.startsWith(`Cannot listen on 127.0.0.1:${server.port}: `), failure.message);
 });

@@ -65,9 +65,6 @@ TEST(LatencyHistogram, MergingPerThreadHistogramsEqualsRecordingIntoOne) {
     for (std::size_t bucket = 0; bucket < LatencyHistogram::kBucketCount; ++bucket) {
         ASSERT_EQ(merged.countAt(bucket), whole.countAt(bucket)) << "bucket " << bucket;
     }
-    for (double quantile : {0.5, 0.99, 0.999}) {
-        EXPECT_EQ(merged.valueAtQuantile(quantile), whole.valueAtQuantile(quantile));
-    }
     merged.clear();
     EXPECT_EQ(merged.count(), 0u);
 }

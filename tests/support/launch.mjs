@@ -11,10 +11,13 @@ export const serverBinary = process.env.KORVANE_SERVER ?? path.join(root, "build
 const redisBinary = process.env.KORVANE_REDIS_SERVER ?? "redis-server";
 
 // Spawns `binary` and resolves once its output matches `ready`, with the match, the
-// child, all it wrote so far (`output()`) and a promise of its exit.
+// child, all it wrote so far (`output()`, and `errors()` of standard error alone) and a
+// promise of its exit.
 async function launch(binary, args, ready, env = process.env) {
     const child = spawn(binary, args, { stdio: ["ignore", "pipe", "pipe"], env });
     let output = "";
+    let errors = "";
+    child.stderr.on("data", (chunk) => (errors += chunk));
     const exited = new Promise((resolve) => child.on("exit", (code, signal) => resolve({ code, signal })));
     const match = await new Promise((resolve, reject) => {
         const timer = setTimeout(() => reject(new Error(`${binary} did not start: ${output}`)), 10000);
@@ -35,7 +38,7 @@ async function launch(binary, args, ready, env = process.env) {
         child.on("error", (error) => failed(`did not run: ${error.code}`));
         child.on("exit", (code) => failed(`exited with ${code}`));
     });
-    return { child, match, exited, output: () => output };
+    return { child, match, exited, output: () => output, errors: () => errors };
 }
 
 // `env` adds variables to the server's environment, or removes those it sets to undefined.
@@ -51,8 +54,9 @@ export async function startServer({ listen = "127.0.0.1:0", args = [], env = {} 
         url,
         port: Number(new URL(url).port),
         bayeux: new URL("/bayeux", url).href,
-        // What the server wrote so far, on stdout and stderr.
+        // What the server wrote so far, on stdout and stderr, and on stderr alone.
         output: server.output,
+        errors: server.errors,
         // Stops the server as an operator does, by default, and checks that it exits
         // cleanly: a sanitizer build that found a fault exits otherwise.
         async stop(signal = "SIGTERM") {

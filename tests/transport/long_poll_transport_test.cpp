@@ -21,11 +21,8 @@ TEST_F(LongPollTransport, AnswersEachBodyWithAJsonArrayOrAPlainText500) {
          R"({"channel":"/b","id":"2","clientId":"ME","data":{"x":[1,2]}}])",
          ok + R"([{"channel":"/meta/subscribe","clientId":"ME","successful":true,"subscription":"/b"},)"
               R"({"channel":"/b","id":"2","clientId":"ME","successful":true}])"},
+        // The parser's own texts are its tests'; here, that they reach the client.
         {"", error + "JSON parsing error, expected array or object"},
-        {"{\"channel\":", error + "Invalid JSON, expected '\"'"},
-        {R"({"id":"1"})", error + "JSON parsing error, invalid bayeux request"},
-        {"[]", error + "Invalid JSON, expected '{'"},
-        {"garbage", error + "JSON parsing error, expected array or object"},
         // Refused whole: a byte that is no UTF-8, a cut sequence, a lone surrogate escape in a decoded field.
         {R"({"channel":"/b","clientId":"ME","data":")" "\xC0\xAF" R"("})", error + "Invalid UTF-8 in request"},
         {R"({"channel":"/b","clientId":"ME","data":"ok"})" "\xE2\x82", error + "Invalid UTF-8 in request"},
@@ -57,11 +54,10 @@ TEST_F(LongPollTransport, HeldConnectStreamsTheMessageAndItsReplyAsOneArrayAndAS
     post(R"({"channel":"/meta/subscribe","clientId":")" + alice + R"(","subscription":"/chat/*"})");
     Answer shortPoll = post(R"({"channel":"/meta/connect","connectionType":"short-polling","clientId":")" + alice + "\"}");
     EXPECT_EQ(shortPoll.body->completionCount(), 1) << "short polls have no connect limit left and end at once";
-    // A one-element array is a bare message: the connect takes the streaming path.
+    // A one-element array is a bare message: the connect takes the streaming path. Its headers first and a chunk
+    // per message are the serializer's and the interop suite's to check; here, what reaches it.
     Answer held =
         post(R"([{"channel":"/meta/connect","id":"c1","clientId":")" + alice + R"(","advice":{"timeout":30000}}])");
-    EXPECT_EQ(std::to_string(held.status) + " " + held.contentType, "200 application/json;charset=UTF-8");
-    EXPECT_TRUE(held.body->seen().empty()) << "the headers go out at once, the body waits";
     EXPECT_EQ(provider->getActiveConnectCountForSessionId("browser-1", "long-polling"), 1u)
         << "a connect without a connection type is a long poll";
     // A refused body reaches nobody; text and escapes that merely look odd go through untouched.
@@ -72,7 +68,6 @@ TEST_F(LongPollTransport, HeldConnectStreamsTheMessageAndItsReplyAsOneArrayAndAS
     EXPECT_EQ(named(held.body->joined(), alice, "ALICE"),
               R"([{"channel":"/chat/room","id":"p","clientId":null,"data":)" + data +
                   R"(},{"channel":"/meta/connect","id":"c1","clientId":"ALICE","successful":true}])");
-    EXPECT_EQ(held.body->seen().size(), 2u) << "one chunk per message";
     EXPECT_EQ(held.body->completionCount(), 1);
 }
 

@@ -95,8 +95,7 @@ TEST_F(WebSocketTransport, OneConnectStreamsAnotherClientsPublishAsTwoFramesAndT
 TEST_F(WebSocketTransport, UnreadableFrameAfterAGoodConnectFailsTheSocketWithoutAReplyAndEndsItsStream) {
     Socket bob = upgrade(browser("browser-2"));
     handshake(bob);
-    for (const std::string invalid : {R"({"channel":)", "[]", "[1]", "{}", R"({"id":"1"})",
-                                      R"({"channel":"/room","data":")" "\xC1\xBF" "\"}",
+    for (const std::string invalid : {R"({"channel":)", R"({"channel":"/room","data":")" "\xC1\xBF" "\"}",
                                       R"({"channel":"/room","data":")" "\xF0\x9F\x98" "\"}"}) {
         SCOPED_TRACE(::testing::PrintToString(invalid));
         Socket socket = upgrade();

@@ -1,6 +1,7 @@
-// The cometd JavaScript client against a server that needs signed tokens (HS256): a good
-// token in the handshake's ext works end to end, a bad one ends the client's handshake
-// with the one 403 error and no retries, and the token's grants bound what it may do.
+// The cometd JavaScript client against servers that bound what clients may do: one whose
+// anonymous clients may use /public only, one that needs signed tokens (HS256). A refusal
+// reaches the refused client's callbacks with its 403 error and no one else's; a bad token
+// ends the client's handshake with the one error and no retries.
 
 import { after, before, describe, test } from "node:test";
 import assert from "node:assert/strict";
@@ -21,30 +22,48 @@ function mint(claims, key = secret) {
 }
 
 const refusal = (reply, error) => assert.deepEqual([reply.successful, reply.error], [false, error]);
+const denied = (attempt, error) => assert.rejects(attempt, (failure) => (refusal(JSON.parse(failure.message), error), true));
 
 for (const transport of ["long-polling", "websocket"]) {
-    describe(`signed tokens over ${transport}`, () => {
-        let server;
-        let folder;
+    describe(`grants over ${transport}`, () => {
+        let [listed, signed, folder] = [];
         const clients = [];
         before(async () => {
             folder = fs.mkdtempSync(path.join(os.tmpdir(), "korvane-token-"));
             fs.writeFileSync(path.join(folder, "secret"), `${secret}\n`);
-            server = await startServer({ args: ["--token-hmac-secret-file", path.join(folder, "secret")] });
+            signed = await startServer({ args: ["--token-hmac-secret-file", path.join(folder, "secret")] });
+            listed = await startServer({ args: ["--subscribe-allow", "/public/**", "--publish-allow", "/public/*"] });
         });
         after(async () => {
             await Promise.all(clients.map(disconnect));
-            await server.stop();
+            await Promise.all([signed.stop(), listed.stop()]);
             fs.rmSync(folder, { recursive: true });
         });
-        const client = () => {
+        const client = (server) => {
             const cometd = newClient(server.bayeux, transport);
             clients.push(cometd);
             return cometd;
         };
 
+        test("a denied subscribe and publish fail with their errors while the room carries on", async () => {
+            const [member, intruder] = [client(listed), client(listed)];
+            await Promise.all([handshake(member), handshake(intruder)]);
+            const heard = [];
+            // Everything below /public: the denied publish would reach the member if it went out.
+            await subscribe(member, "/public/**", (message) => heard.push(message.data));
+            await denied(subscribe(intruder, "/private/x", () => {}), "403:/private/x:subscription denied");
+            await denied(subscribe(intruder, "/**", () => {}), "403:/**:subscription denied");
+            await denied(publish(intruder, "/public/room/deeper", { n: 0 }), "403:/public/room/deeper:publish denied");
+            // Both clients are still in good standing: the refused one is heard in the room.
+            await publish(intruder, "/public/room", { n: 1 });
+            await until(() => heard.length === 1, 5000, "the allowed message");
+            await sleep(100);
+            assert.deepEqual(heard, [{ n: 1 }]);
+            assert.equal(member.isDisconnected() || intruder.isDisconnected(), false);
+        });
+
         test("a bad token ends the handshake with the 403 error, once", async () => {
-            const cometd = client();
+            const cometd = client(signed);
             const heard = [];
             cometd.addListener("/meta/handshake", (reply) => heard.push(reply));
             const forged = mint({ sub: "eve" }, "not the secret");
@@ -53,26 +72,19 @@ for (const transport of ["long-polling", "websocket"]) {
             assert.equal(heard.length, 1);
             refusal(heard[0], "403::invalid token");
             assert.equal(heard[0].advice?.reconnect, "none");
-            const log = server.output();
+            const log = signed.output();
             assert.equal(log.match(/Handshake refused from [^:]*: bad signature/g)?.length, 1);
             assert.equal(log.includes(forged.split(".")[2]), false, "the token stays out of the log");
         });
 
         test("a good token works; its grants bound subscribes and publishes; a user's channel is theirs", async () => {
-            const [ann, bob] = [client(), client()];
+            const [ann, bob] = [client(signed), client(signed)];
             await handshake(ann, { ext: { token: mint({ sub: "ann", sub_channels: ["/rooms/**"], pub_channels: ["/rooms/*"] }) } });
             await handshake(bob, { ext: { token: mint({ sub: "bob", sub_channels: ["/user/**"], pub_channels: ["/user/*"] }) } });
             const heard = [];
             await subscribe(ann, "/user/ann", (message) => heard.push(message.data));
-
-            await assert.rejects(subscribe(bob, "/user/ann", () => {}), (error) => {
-                refusal(JSON.parse(error.message), "403:/user/ann:subscription denied");
-                return true;
-            });
-            await assert.rejects(publish(ann, "/elsewhere", { n: 0 }), (error) => {
-                refusal(JSON.parse(error.message), "403:/elsewhere:publish denied");
-                return true;
-            });
+            await denied(subscribe(bob, "/user/ann", () => {}), "403:/user/ann:subscription denied");
+            await denied(publish(ann, "/elsewhere", { n: 0 }), "403:/elsewhere:publish denied");
             await publish(bob, "/user/ann", { from: "bob" });
             await until(() => heard.length === 1, 5000, "bob's message on ann's channel");
             assert.deepEqual(heard, [{ from: "bob" }]);

@@ -8,7 +8,7 @@ namespace {
 
 // Within the allocator's per-thread cache: a connect request is a few hundred bytes, and the
 // buffer doubles for more.
-constexpr std::size_t initialBufferBytes = 1024;
+constexpr std::size_t initialBufferBytes = 512;
 constexpr std::uint64_t maxControlPayload = 125;
 
 // XORs `size` bytes with the four-byte `mask`, eight at a time: the mask repeats every

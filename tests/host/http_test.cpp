@@ -12,6 +12,7 @@
 #include <thread>
 
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/read.hpp>
 #include <boost/asio/read_until.hpp>
 #include <boost/asio/streambuf.hpp>
 #include <boost/asio/write.hpp>
@@ -32,13 +33,17 @@ using common::DataBuffer;
 
 using FrameStream = reactive_streams::CachedValuePublisher<http::WebSocketFrame, std::function<void()>>;
 
-// Stands in for the Bayeux transports: it answers each upgrade with a WebSocket echoing each
+// Stands in for the Bayeux transports: it answers each request with a WebSocket echoing each
 // message back ("finish" ends its frame stream, "fail" fails it), and records the upgrade's
-// headers and browser session. The HTTP side is checked end to end (interop).
+// headers and browser session; a target with "/fail" gets a failed answer. The HTTP side is checked end to end (interop).
 class FakeBayeuxService : public http::HttpServiceProvider {
 public:
     Future<std::unique_ptr<Message>> handle(std::unique_ptr<http::HttpRequest>&& request, Address&&,
                                             std::shared_ptr<Context>&& context) override {
+        if (request->target.find("/fail") != std::string::npos) {
+            return makeErrorFuture<std::unique_ptr<Message>>(
+                std::make_exception_ptr(std::runtime_error("the service broke down")));
+        }
         std::lock_guard<std::mutex> guard(mutex);
         upgrades.push_back(request->headers);
         sessions.push_back(context->has("sessionId") ? boost::any_cast<std::string>(context->get("sessionId")) : "");
@@ -125,6 +130,25 @@ struct HttpServerFixture {
 
 struct HttpServerTest : ::testing::Test, HttpServerFixture {};
 
+// An answer the service failed, or a WebSocket for a request that is no upgrade: a 500 that says why.
+TEST_F(HttpServerTest, AnswersWhatTheServiceCannotWith500AndItsReason) {
+    start(defaults());
+    for (const auto& [target, reason] : {std::pair{"/bayeux/fail", "the service broke down"},
+                                         std::pair{"/bayeux", "A WebSocket cannot answer this request"}}) {
+        boost::asio::io_context io;
+        boost::asio::ip::tcp::socket socket(io);
+        socket.connect({boost::asio::ip::make_address("127.0.0.1"), port()});
+        boost::asio::write(socket, boost::asio::buffer("GET " + std::string(target) +
+                                                       " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n"));
+        boost::asio::streambuf response;
+        boost::system::error_code end;
+        boost::asio::read(socket, response, end);
+        const std::string text(boost::asio::buffers_begin(response.data()), boost::asio::buffers_end(response.data()));
+        EXPECT_THAT(text, ::testing::StartsWith("HTTP/1.1 500")) << target;
+        EXPECT_THAT(text, ::testing::EndsWith(reason)) << target;
+    }
+}
+
 // What the server's frames say, as "<opcode>:<payload>" (a close's code as a number),
 // read from a raw socket until a close frame, the end of the stream, or two seconds.
 std::string framesUntilClose(boost::asio::ip::tcp::socket& socket) {
@@ -176,6 +200,8 @@ TEST_F(HttpServerTest, AnswersWebSocketControlFramesAndClosesOnEachProtocolFault
     } rows[] = {
         {masked(Opcode::text, "hi") + masked(Opcode::ping, "x") + bye, "text:hi pong:x close:1000 "},
         {masked(Opcode::text, "a", false) + masked(Opcode::continuation, "b") + bye, "text:ab close:1000 "},
+        {masked(Opcode::text, "hi") + masked(Opcode::text, "finish"), "text:hi close:1000 "},  // the service ended its frames
+        {masked(Opcode::text, "fail"), "close:1011 "},                                         // or failed them
         {masked(Opcode::close, ""), "close: "},
         {masked(Opcode::close, std::string("\x0F\xA0\xFF", 3)), "close:1007 "},      // a reason that is not UTF-8
         {masked(Opcode::close, std::string("\x03\xED", 2)), "close:1002 "},          // 1005 is never sent

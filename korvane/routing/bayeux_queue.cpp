@@ -173,6 +173,7 @@ void BayeuxQueue::request(unsigned long n) {
 
 void BayeuxQueue::cancel() {
     std::unique_lock<std::mutex> lock(mutex);
+    subscriberCancelled.store(true, std::memory_order_release);
     demand = 0;
     subscriber.reset();
     subscription.reset();

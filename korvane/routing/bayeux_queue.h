@@ -14,6 +14,7 @@
 //
 // Always made by std::make_shared: subscribe needs a weak pointer to the queue.
 
+#include <atomic>
 #include <cstdint>
 #include <exception>
 #include <memory>
@@ -76,6 +77,9 @@ public:
     // Reached through the subscription.
     void request(unsigned long n);
     void cancel();
+    // Whether the subscriber cancelled: what is pushed from then on reaches nobody. Takes no
+    // lock, so that an owner may ask under its own.
+    bool cancelled() const noexcept { return subscriberCancelled.load(std::memory_order_acquire); }
 
 private:
     // All three are entered with `mutex` held through `lock` and may release and
@@ -96,6 +100,7 @@ private:
     std::uint64_t demand = 0;
     QueueState state = Open;
     bool delivering = false;
+    std::atomic<bool> subscriberCancelled{false};
 };
 
 }  // namespace korvane::bayeux

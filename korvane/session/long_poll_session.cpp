@@ -271,7 +271,7 @@ std::shared_ptr<BayeuxQueue> LongPollSession::korvaneShortPoll(const std::string
 
 bool LongPollSession::hasActiveConnect() {
     std::lock_guard<std::mutex> guard(mutex);
-    return activeConnect;
+    return activeConnect && !connectGone();
 }
 
 void LongPollSession::flush() {
@@ -317,6 +317,10 @@ void LongPollSession::doNotifyQueue(std::unique_lock<std::mutex>& lock) {
     if (!activeConnect || (pendingMessages.empty() && !sendResponse)) {
         return;
     }
+    if (!notifying && connectGone()) {
+        doForgetGoneConnect(lock);
+        return;
+    }
     if (bufferTimeoutSet && open) {
         // A batch is being collected; the buffer timeout comes back here.
         return;
@@ -355,6 +359,25 @@ void LongPollSession::doNotifyQueue(std::unique_lock<std::mutex>& lock) {
         doFinishDrain();
         std::cout << "Unknown error in bayeux session" << "\n";
     }
+}
+
+bool LongPollSession::connectGone() const {
+    return connectQueue ? connectQueue->cancelled() : connectSink.expired();
+}
+
+void LongPollSession::doForgetGoneConnect(std::unique_lock<std::mutex>& lock) {
+    KORVANE_LOG(logger, common::logTrace) << "Connect gone with its client: " << id << ", " << connectMessageId;
+    activeConnect = false;
+    sendResponse = false;
+    bufferTimeoutSet = false;
+    connectDeadline.reset();
+    std::shared_ptr<BayeuxQueue> gone = std::move(connectQueue);
+    connectSink.reset();
+    common::TimerHandle buffer = std::move(bufferTimer);
+    lock.unlock();
+    gone.reset();
+    buffer.reset();
+    lock.lock();
 }
 
 void LongPollSession::doFinishDrain() {

@@ -149,6 +149,10 @@ private:
     // Answers the connect of `outlet`; its references are dropped with the lock released.
     void doEndConnect(std::unique_lock<std::mutex>& lock, ConnectOutlet outlet);
     // Clears `notifying` and wakes connects waiting for the drain to end.
+    // The transport let go of the open connect (its client went away): it is forgotten
+    // unanswered, and the messages wait for the next connect instead of reaching nobody.
+    bool connectGone() const;
+    void doForgetGoneConnect(std::unique_lock<std::mutex>& lock);
     void doFinishDrain();
     // Answers a connect that is still open, if need be after the drain running on another thread.
     void doAnswerOpenConnect(std::unique_lock<std::mutex>& lock);

@@ -255,3 +255,26 @@ test("each browser gets a session cookie once, marked Secure over HTTPS", async 
         fs.rmSync(folder, { recursive: true });
     }
 });
+
+test("a long-polling client whose held connect's connection broke loses nothing published meanwhile", async () => {
+    const server = await startServer();
+    try {
+        const post = async (message, signal) =>
+            (await fetch(server.bayeux, { method: "POST", headers: { "content-type": "application/json" }, body: JSON.stringify([message]), signal })).json();
+        const [listener, talker] = [(await post({ channel: "/meta/handshake", version: "1.0" }))[0].clientId, (await post({ channel: "/meta/handshake", version: "1.0" }))[0].clientId];
+        await post({ channel: "/meta/connect", clientId: listener, connectionType: "long-polling", advice: { timeout: 0 } });
+        await post({ channel: "/meta/subscribe", clientId: listener, subscription: "/room" });
+        const broken = new AbortController();
+        const held = post({ channel: "/meta/connect", clientId: listener, connectionType: "long-polling" }, broken.signal).catch(() => "broken");
+        await new Promise((resolve) => setTimeout(resolve, 200));
+        broken.abort();
+        assert.equal(await held, "broken");
+        await new Promise((resolve) => setTimeout(resolve, 200));
+        await post({ channel: "/room", clientId: talker, data: { n: 1 } });
+        const next = await post({ channel: "/meta/connect", clientId: listener, connectionType: "long-polling" });
+        assert.deepEqual(next.map((message) => message.channel), ["/room", "/meta/connect"]);
+        assert.deepEqual(next[0].data, { n: 1 });
+    } finally {
+        await server.stop();
+    }
+});

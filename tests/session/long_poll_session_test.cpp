@@ -52,7 +52,8 @@ private:
 // Runs steps "name [arguments]" on the fixture's session, subscribed to "/a/**", and returns what
 // the probing steps reported. Steps: connect ID [TICKS] [streaming|slow] (a buffered connect held
 // 300 ticks unless told; a slow reader asks for nothing at first), sink ID [TICKS] (a buffered
-// connect through the one sink the steps share), unsink (the sink goes), request ID N, publish DATA
+// connect through the one sink the steps share), unsink (the sink goes), request ID N, cancel ID (its
+// reader lets go, as when its client goes away), publish DATA
 // [CHANNEL] (to "/a/b" unless told), notices (another client's subscribe and unsubscribe), ms N,
 // ticks N, flush, poll ID (a short poll), destroy (drops the session), and the probes: seen ID (as
 // "ID: <items> end" once it ended), armed (timers armed), active (a connect is open). Every
@@ -81,6 +82,8 @@ protected:
                 sink.reset();
             } else if (name == "request") {
                 streams.at(first)->request(std::stoul(second));
+            } else if (name == "cancel") {
+                streams.at(first)->cancel();
             } else if (name == "publish") {
                 publish(first, second.empty() ? "/a/b" : second);
             } else if (name == "notices") {
@@ -168,9 +171,13 @@ INSTANTIATE_TEST_SUITE_P(Scripts, LongPollSessionScript, ::testing::ValuesIn(std
           "destroy", "seen c4"},
          {"c1:", "c1: m1 m2 response:c1 end", "c2: m3 response:c2 end", "c3:", "c3: response:c3 end",
           "c4: m4 response:c4 end"}},
-        // Once the sink is gone its connect's messages go nowhere; the next connect is served.
-        {{"sink c1", "unsink", "publish lost", "ms 5", "active", "connect c2", "publish m1", "ms 5", "seen c2"},
+        // A connect whose reader let go (its sink gone, its stream cancelled) is no longer open, and
+        // what comes for it waits for the next connect.
+        {{"sink c1", "unsink", "publish m1", "ms 5", "active", "connect c2", "seen c2"},
          {"active no", "c2: m1 response:c2 end"}},
+        {{"connect c1", "publish m1", "ms 5", "seen c1", "connect c2", "cancel c2", "active", "publish m2", "ms 5",
+          "publish m3", "connect c3", "ms 5", "seen c2", "seen c3"},
+         {"c1: m1 response:c1 end", "active no", "c2:", "c3: m2 m3 response:c3 end"}},
         // A short poll answers with retry advice, answers an open connect and leaves none open; the
         // idle session's connect timer goes when it falls due.
         {{"connect c1", "publish m1", "publish m2", "ms 1", "poll s1", "seen c1", "seen s1", "publish m3", "poll s2",

@@ -1,5 +1,6 @@
 #include "korvane/frame/timers.h"
 
+#include <algorithm>
 #include <mutex>
 #include <stdexcept>
 
@@ -33,13 +34,25 @@ std::shared_ptr<TimerBackend> timerBackend() {
 
 long long getCurrentTick() { return timerBackend()->currentTick(); }
 
+namespace {
+
+// The backends count in nanoseconds, about 292 years; a client's advice may ask for a hold of
+// up to 2^63 milliseconds. A longer wait than a century is as good as never and is held to it,
+// so that no conversion overflows.
+constexpr long long longestTicks = 100LL * 365 * 24 * 3600 * 1000 / tickMilliseconds;
+
+std::chrono::milliseconds durationOf(long long ticks) {
+    return std::chrono::milliseconds(std::min(ticks, longestTicks) * tickMilliseconds);
+}
+
+}  // namespace
+
 TimerHandle delay(TimerCallback callback, long long ticks) {
-    return timerBackend()->schedule(std::move(callback), std::chrono::milliseconds(ticks * tickMilliseconds),
-                                    std::chrono::milliseconds(0));
+    return timerBackend()->schedule(std::move(callback), durationOf(ticks), std::chrono::milliseconds(0));
 }
 
 TimerHandle periodic(TimerCallback callback, long long ticks) {
-    auto period = std::chrono::milliseconds(ticks * tickMilliseconds);
+    auto period = durationOf(ticks);
     return timerBackend()->schedule(std::move(callback), period, period);
 }
 

@@ -161,6 +161,8 @@ INSTANTIATE_TEST_SUITE_P(Scripts, LongPollSessionScript, ::testing::ValuesIn(std
         {{"connect c1", "publish m1", "ms 5", "ticks 100", "connect c2", "ticks 299", "seen c2", "armed", "ticks 1",
           "seen c2", "armed", "connect c3 1", "ticks 1", "seen c3"},
          {"c2:", "armed 1", "c2: response:c2 end", "armed 0", "c3: response:c3 end"}},
+        // A hold as long as a client's advice can ask for (2^63 ms) is kept, and wraps into no past.
+        {{"connect c1 92233720368547758", "ticks 100000", "seen c1", "armed"}, {"c1:", "armed 1"}},
         // A connect with an earlier deadline than the armed timer's takes the timer's place.
         {{"connect c1", "connect c2 10", "armed", "ticks 9", "seen c2", "ticks 1", "seen c2", "armed"},
          {"armed 1", "c2:", "c2: response:c2 end", "armed 0"}},

@@ -231,23 +231,23 @@ TEST_F(HttpServerTest, AnswersWebSocketControlFramesAndClosesOnEachProtocolFault
     }
 }
 
-using FrameReader = test_support::RecordingSubscriber<http::WebSocketFrame>;
+using FrameRecorder = test_support::RecordingSubscriber<http::WebSocketFrame>;
 
 // Both ends of an open client WebSocket, joined to the test's reader and writer.
 struct OpenSocket {
-    std::shared_ptr<FrameReader> reader =
-        std::make_shared<FrameReader>(0, 0, [](const http::WebSocketFrame& frame) { return frame.data.str(); });
+    std::shared_ptr<FrameRecorder> reader =
+        std::make_shared<FrameRecorder>(0, 0, [](const http::WebSocketFrame& frame) { return frame.data.str(); });
     std::shared_ptr<std::atomic<bool>> writerEnded = std::make_shared<std::atomic<bool>>(false);
     std::shared_ptr<FrameStream> writer = std::make_shared<FrameStream>([ended = writerEnded] { *ended = true; });
 
     void send(const std::string& text) { writer->publish(http::WebSocketFrame(DataBuffer(text), 129)); }
     std::vector<std::string> waitForTexts(std::size_t count) {
-        reader->waitFor([count](FrameReader& r) { return r.seen().size() >= count; }, 10s);
+        reader->waitFor([count](FrameRecorder& r) { return r.seen().size() >= count; }, 10s);
         return reader->seen();
     }
     // How the reader's stream ended ("complete" or "error <text>"), or "" when the wait gave up.
     std::string waitForEnd() {
-        reader->waitFor([](FrameReader& r) { return r.count("complete") + r.count("error") > 0; }, 10s);
+        reader->waitFor([](FrameRecorder& r) { return r.count("complete") + r.count("error") > 0; }, 10s);
         const auto events = reader->events();
         return events.back().rfind("next ", 0) == 0 || events.back() == "subscribe" ? "" : events.back();
     }
@@ -291,7 +291,7 @@ struct HttpClientTest : ::testing::Test, HttpServerFixture {
         std::unique_ptr<http::WebSocket> webSocket = open(url, std::move(headers)).get();
         webSocket->inbound->subscribe(socket.reader);
         socket.writer->subscribe(webSocket->outbound);
-        socket.reader->waitFor([](FrameReader& r) { return r.count("subscribe") == 1; }, 10s);
+        socket.reader->waitFor([](FrameRecorder& r) { return r.count("subscribe") == 1; }, 10s);
         return socket;
     }
     std::string failureOf(const std::string& url, http::Headers headers = {}, const std::string& method = "get") {

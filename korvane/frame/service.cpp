@@ -36,6 +36,12 @@ boost::any ContextState::get(const std::string& key) const {
     return found == properties.end() ? boost::any() : found->second;
 }
 
+std::string ContextState::getString(const std::string& key) const {
+    std::lock_guard<std::mutex> guard(mutex);
+    auto found = properties.find(key);
+    return found == properties.end() ? std::string() : boost::any_cast<const std::string&>(found->second);
+}
+
 void ContextState::set(const std::string& key, boost::any value) {
     std::lock_guard<std::mutex> guard(mutex);
     properties[key] = std::move(value);

@@ -68,6 +68,9 @@ public:
     bool has(const std::string& key) const;
     // The value, or an empty boost::any when the key is absent.
     boost::any get(const std::string& key) const;
+    // The string value without copying the boost::any, or empty when the key is absent;
+    // throws boost::bad_any_cast when the value is of another type.
+    std::string getString(const std::string& key) const;
     void set(const std::string& key, boost::any value);
 
 private:

@@ -4,8 +4,6 @@
 #include <exception>
 #include <utility>
 
-#include <boost/any.hpp>
-
 #include "korvane/frame/logger.h"
 #include "korvane/frame/spare_buckets.h"
 #include "korvane/routing/bayeux_counters.h"
@@ -33,10 +31,8 @@ bool readForceIdClear() {
 // The host session id that the context carries, or empty. A value of another type
 // than std::string throws boost::bad_any_cast.
 std::string hostSessionIdOf(const std::shared_ptr<Context>& context) {
-    if (!context || !context->has("sessionId")) {
-        return std::string();
-    }
-    return boost::any_cast<std::string>(context->get("sessionId"));
+    static const std::string key = "sessionId";
+    return context ? context->getString(key) : std::string();
 }
 
 std::shared_ptr<BayeuxAdvice> handshakeAdvice() {

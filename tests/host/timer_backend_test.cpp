@@ -164,32 +164,6 @@ struct ManualTimerTest : TimerBackendTest<ManualTimerBackend> {
     void TearDown() override { common::installTimerBackend(nullptr); }
 };
 
-TEST_F(ManualTimerTest, DelayPeriodicAndShortDelayFireOnTheirDueTimeOnly) {
-    Ticks seen;
-    auto delayed = common::delay([&seen](long long tick) { seen.insert(seen.end(), {common::getCurrentTick(), tick}); },
-                                 3);
-    backend->advanceTicks(2);
-    EXPECT_TRUE(seen.empty());
-    backend->advanceTicks(5);
-    EXPECT_EQ(seen, (Ticks{3, 3})) << "the callback sees the clock at its own due time";
-    EXPECT_EQ(common::getCurrentTick(), 7);
-
-    auto every = common::periodic([&seen](long long tick) { seen.push_back(tick); }, 100);  // armed at tick 7
-    backend->advance(30000ms);
-    EXPECT_EQ(seen, (Ticks{3, 3, 107, 207, 307}));
-    EXPECT_EQ(backend->now(), 30700ms);
-    EXPECT_EQ(backend->armedCount(), 1u);
-    every = nullptr;
-
-    int fired = 0;
-    auto shortDelay = common::shortMsDelay([&fired](long long) { ++fired; }, 5);
-    for (const auto& [step, firedAfter] : {std::pair{4ms, 0}, {1ms, 1}, {100ms, 1}}) {
-        backend->advance(step);
-        EXPECT_EQ(fired, firedAfter) << "after " << step.count() << " ms more";
-    }
-    EXPECT_EQ(backend->armedCount(), 0u);
-}
-
 TEST_F(ManualTimerTest, TimersArmedByACallbackFireWithinTheSameAdvance) {
     TimerHandle inner, beyond;
     auto outer = backend->schedule(

@@ -84,30 +84,28 @@ TEST_F(ServiceRegistryTest, RegistersStartsInOrderDeliversThroughTheContextAndSt
     EXPECT_EQ(send("hi", "/first"), "No service at address: /first");
 }
 
+// What the host registers: the HTTP request reaches the transport, a Bayeux message the protocol service at the
+// same address, and a message of no kind the provider there that takes any.
 TEST_F(ServiceRegistryTest, TransportSharesItsAddressWithTheProtocolServiceAndEachKindFindsItsOwn) {
     auto clock = std::make_shared<common::ManualTimerBackend>();
     auto previousClock = common::installTimerBackend(clock);
     auto protocol = std::make_shared<bayeux::BayeuxServiceProviderImpl>(std::make_shared<bayeux::BayeuxServerImpl>());
-    const Address longPoll("/bayeux/long-poll");
-    registry->add(longPoll, std::make_shared<bayeux::BayeuxLongPollServiceProvider>());
+    auto transport = std::make_shared<bayeux::BayeuxLongPollServiceProvider>();
+    const Address longPoll("/bayeux/long-poll"), any("/bayeux/any");
+    registry->add(longPoll, transport);
     registry->add(longPoll, protocol);
-    registry->add(Address("/bayeux/any"), protocol);
-    registry->add(Address("/bayeux/any"), add("echo-beside"));
-    registry->startAll();
+    registry->add(any, protocol);
+    auto beside = add("echo-beside");
+    registry->add(any, beside);
     EXPECT_THAT([&] { registry->add(longPoll, protocol); },
                 ::testing::ThrowsMessage<std::invalid_argument>(
                     "A service of this kind is already registered at address: /bayeux/long-poll"));
-
-    // The HTTP request reaches the transport; the handshake it sends on to the same address, the protocol service.
-    auto body = std::make_shared<reactive_streams::OneShotPublisher<common::DataBuffer>>(
-        common::DataBuffer(std::string_view(R"({"channel":"/meta/handshake"})")));
-    auto reply = context->handle<http::HttpResponse>(
-        std::make_unique<http::HttpRequest>("post", "/bayeux", http::Headers(), body), Address(longPoll)).get();
-    auto text = reactive_streams::reduce<common::DataBuffer, std::string>(
-        reply->body, [](common::DataBuffer&& chunk, std::string&& all) { return all + chunk.str(); }, "");
-    EXPECT_THAT(text.get(), ::testing::HasSubstr(R"("channel":"/meta/handshake","clientId":")"));
-    EXPECT_EQ(send("hi", "/bayeux/any"), "echo-beside:hi@/bayeux/any") << "a message of no kind there goes by type";
-    registry->stopAll();
+    const http::HttpRequest request("post", "/bayeux", http::Headers(), nullptr);
+    const bayeux::HandshakeRequest handshake;
+    const EchoRequest echo("hi");
+    EXPECT_EQ(registry->resolve(longPoll, &request), transport);
+    EXPECT_EQ(registry->resolve(longPoll, &handshake), protocol);
+    EXPECT_EQ(registry->resolve(any, &echo), beside);
     common::installTimerBackend(previousClock);
 }
 

@@ -9,24 +9,26 @@
 namespace korvane::host {
 namespace {
 
-TEST(WebSocketFrames, MasksPayloadsBehindTheirLengthEncoding) {
-    const struct {
-        std::size_t size;
-        std::string header;  // before the mask key
-    } cases[] = {{13, "\x81\x8D"}, {300, std::string("\x81\xFE\x01\x2C", 4)},
-                 {70000, std::string("\x81\xFF\0\0\0\0\0\x01\x11\x70", 10)}};
-    for (const auto& c : cases) {
-        const std::string payload(c.size, 'p');
+// Both writers at each bound of the length encodings: a server's header, and a client's frame masked behind it.
+TEST(WebSocketFrames, WritesEachLengthEncodingAndMasksAClientsPayload) {
+    const std::pair<std::size_t, std::string> cases[] = {  // payload size, a server's header
+        {125, "\x81\x7D"}, {126, std::string("\x81\x7E\0\x7E", 4)}, {65535, "\x81\x7E\xFF\xFF"},
+        {65536, std::string("\x81\x7F\0\0\0\0\0\x01\0\0", 10)}};
+    for (const auto& [size, header] : cases) {
+        std::uint8_t written[maxFrameHeaderBytes];
+        const std::size_t length = writeFrameHeader(0x81, size, written);
+        EXPECT_EQ(std::string(reinterpret_cast<const char*>(written), length), header) << size;
+        const std::string payload(size, 'p');
         std::string frame;
         appendMaskedFrame(frame, Opcode::text, payload, 0x01020304);
-        ASSERT_EQ(frame.size(), c.header.size() + 4 + c.size);
-        EXPECT_EQ(frame.substr(0, c.header.size()), c.header) << c.size;
-        EXPECT_EQ(frame.substr(c.header.size(), 4), "\x01\x02\x03\x04");
-        std::string unmasked = frame.substr(c.header.size() + 4);
-        for (std::size_t i = 0; i < unmasked.size(); ++i) {
-            unmasked[i] = static_cast<char>(unmasked[i] ^ (i % 4 + 1));
+        ASSERT_EQ(frame.size(), header.size() + 4 + size);
+        std::string maskedHeader = header + "\x01\x02\x03\x04";
+        maskedHeader[1] = static_cast<char>(maskedHeader[1] | 0x80);
+        EXPECT_EQ(frame.substr(0, maskedHeader.size()), maskedHeader) << size;
+        for (std::size_t i = 0; i < size; ++i) {
+            frame[maskedHeader.size() + i] = static_cast<char>(frame[maskedHeader.size() + i] ^ (i % 4 + 1));
         }
-        EXPECT_EQ(unmasked, payload);
+        EXPECT_EQ(frame.substr(maskedHeader.size()), payload);
     }
 }
 
@@ -76,19 +78,6 @@ TEST(WebSocketFrames, CutsPeerBytesIntoFrames) {
                                                                 : "|";
         }
         EXPECT_EQ(outcome, c.outcome) << c.reads[0];
-    }
-}
-
-TEST(WebSocketFrames, WritesUnmaskedHeadersForEachLengthEncoding) {
-    const struct {
-        std::uint64_t size;
-        std::string header;
-    } cases[] = {{125, "\x81\x7D"}, {126, std::string("\x81\x7E\0\x7E", 4)}, {65535, "\x81\x7E\xFF\xFF"},
-                 {65536, std::string("\x81\x7F\0\0\0\0\0\x01\0\0", 10)}};
-    for (const auto& c : cases) {
-        std::uint8_t header[maxFrameHeaderBytes];
-        const std::size_t length = writeFrameHeader(0x81, c.size, header);
-        EXPECT_EQ(std::string(reinterpret_cast<const char*>(header), length), c.header) << c.size;
     }
 }
 

@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <random>
-#include <vector>
 
 namespace korvane::load {
 namespace {
@@ -49,14 +48,12 @@ TEST(LatencyHistogram, SmallValuesAreExactAndLargeOnesWithinTheBucketError) {
 TEST(LatencyHistogram, MergingPerThreadHistogramsEqualsRecordingIntoOne) {
     std::mt19937_64 random(7);
     std::lognormal_distribution<double> latency(7.0, 1.5);
-    LatencyHistogram whole;
-    std::vector<LatencyHistogram> perThread(3);
+    LatencyHistogram whole, merged, perThread[3];
     for (int i = 0; i < 300000; ++i) {
         const auto value = static_cast<std::uint64_t>(latency(random));
         whole.record(value);
         perThread[i % 3].record(value);
     }
-    LatencyHistogram merged;
     for (const LatencyHistogram& part : perThread) {
         merged.merge(part);
     }

@@ -43,9 +43,8 @@ TEST(MessageScanner, ReadsTheFieldsOfRepliesAndDeliveries) {
     const auto stamp =
         deliveryStamp(R"({"channel":"/rooms/3","data":{"p":4,"s":17,"t":123456789,"x":"xxxx"},"id":"9"})");
     ASSERT_TRUE(stamp.has_value());
-    EXPECT_EQ(stamp->publisher, 4);
-    EXPECT_EQ(stamp->sequence, 17);
-    EXPECT_EQ(stamp->sentMicros, 123456789);
+    EXPECT_EQ(std::vector<std::int64_t>({stamp->publisher, stamp->sequence, stamp->sentMicros}),
+              std::vector<std::int64_t>({4, 17, 123456789}));
     EXPECT_FALSE(deliveryStamp(R"({"channel":"/rooms/3","data":{"p":4,"t":1}})").has_value());
     EXPECT_FALSE(deliveryStamp(R"({"channel":"/rooms/3","data":"text"})").has_value());
 }

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <map>
 #include <numeric>
 #include <regex>
 #include <thread>
@@ -16,98 +15,80 @@
 namespace korvane::bayeux::testing {
 namespace {
 
-constexpr int messagesPerClient = 40;
-constexpr auto deadline = std::chrono::seconds(60);
+constexpr int kClients = 4, kMessages = 40;
 const std::string connectFrame = R"({"channel":"/meta/connect","advice":{"timeout":1000}})";
 
 // What one client received: the sequence numbers of each publisher, in arrival order.
-class Inbox {
-public:
+struct Inbox {
     void take(const std::string& text) {
-        static const std::regex delivery(R"re("data":\{"from":"(\w+)","seq":(\d+)\})re");
+        static const std::regex delivery(R"re("data":\{"from":(\d),"seq":(\d+)\})re");
         const std::lock_guard<std::mutex> guard(mutex);
         for (std::sregex_iterator it(text.begin(), text.end(), delivery), end; it != end; ++it) {
-            bySender[(*it)[1]].push_back(std::stoi((*it)[2]));
+            bySender[std::stoi((*it)[1])].push_back(std::stoi((*it)[2]));
             ++total;
         }
     }
-    std::size_t count() { return std::lock_guard<std::mutex>(mutex), total; }
 
     std::mutex mutex;
-    std::map<std::string, std::vector<int>> bySender;
-    std::size_t total = 0;
+    std::vector<int> bySender[kClients];  // under `mutex`
+    std::atomic<int> total{0};
 };
 
-std::string publishOf(const std::string& name, int seq) {
-    return R"({"channel":"/room","data":{"from":")" + name + R"(","seq":)" + std::to_string(seq) + "}}";
-}
+using TransportConcurrency = TransportFixture;
 
-class TransportConcurrency : public TransportFixture {
-protected:
-    // One WebSocket client: this thread alone feeds its socket, connecting again after each
-    // connect reply and publishing in between.
-    void runWebSocketClient(const std::string& name, Inbox& inbox, std::size_t expected) {
+TEST_F(TransportConcurrency, EveryMessageReachesEveryOtherWebSocketClientOnceInOrder) {
+    const int expected = (kClients - 1) * kMessages;
+    Inbox inboxes[kClients];
+    std::atomic<int> ready{0};
+    // One client: this thread alone feeds its socket, connecting again after each connect reply and publishing in
+    // between.
+    auto runClient = [&](int me) {
         std::atomic<bool> reconnect{false};
-        Socket socket = upgrade(browser(name));
+        Socket socket = upgrade(browser("ws" + std::to_string(me)));
         socket.written->onItem = [&](const http::WebSocketFrame& frame) {
-            inbox.take(frame.data.str());
+            inboxes[me].take(frame.data.str());
             reconnect = reconnect || frame.data.str().find("\"/meta/connect\"") != std::string::npos;
         };
         socket.send(R"({"channel":"/meta/handshake"})");
         socket.send(R"({"channel":"/meta/subscribe","subscription":"/room"})");
-        for (ready.fetch_add(1); ready.load() < clients;) {
+        for (ready.fetch_add(1); ready.load() < kClients;) {
             std::this_thread::yield();
         }
         socket.send(connectFrame);
-        const auto stop = std::chrono::steady_clock::now() + deadline;
-        for (int seq = 0; (inbox.count() < expected || seq < messagesPerClient) && std::chrono::steady_clock::now() < stop;) {
+        const auto stop = std::chrono::steady_clock::now() + 60s;
+        for (int seq = 0; (inboxes[me].total < expected || seq < kMessages) && std::chrono::steady_clock::now() < stop;) {
             if (reconnect.exchange(false)) {
                 socket.send(connectFrame);
-            } else if (seq < messagesPerClient) {
-                socket.send(publishOf(name, seq++));
+            } else if (seq < kMessages) {
+                socket.send(R"({"channel":"/room","data":{"from":)" + std::to_string(me) + R"(,"seq":)" +
+                            std::to_string(seq++) + "}}");
             } else {
                 std::this_thread::sleep_for(1ms);
             }
         }
         socket.written->cancel();
-    }
-
-    std::atomic<int> ready{0};
-    const int clients = 4;
-};
-
-TEST_F(TransportConcurrency, EveryMessageReachesEveryOtherWebSocketClientOnceInOrder) {
-    const std::size_t expected = (clients - 1) * messagesPerClient;
-    // Every inbox exists before the threads start, so the map itself is only read.
-    std::map<std::string, Inbox> inboxes;
+    };
     std::atomic<bool> running{true};
     // The clock never runs ahead of real time, so that a client starved of CPU (under a
     // sanitizer, on a busy machine) is not swept for silence in the middle of the run.
-    std::vector<std::thread> threads;
-    threads.emplace_back([&] {
+    std::thread clockThread([&] {
         while (running.load()) {
             clock->advance(1ms);
             std::this_thread::sleep_for(1ms);
         }
     });
-    for (const std::string name : {"ws0", "ws1", "ws2", "ws3"}) {
-        inboxes[name];
-    }
-    for (auto& [name, inbox] : inboxes) {
-        threads.emplace_back([&, name = name] { runWebSocketClient(name, inbox, expected); });
-    }
-    for (std::size_t i = 1; i < threads.size(); ++i) {
-        threads[i].join();
+    std::thread clients[] = {std::thread(runClient, 0), std::thread(runClient, 1), std::thread(runClient, 2),
+                             std::thread(runClient, 3)};
+    for (auto& client : clients) {
+        client.join();
     }
     running = false;
-    threads[0].join();
-    std::vector<int> inOrder(messagesPerClient);
+    clockThread.join();
+    std::vector<int> inOrder(kMessages);
     std::iota(inOrder.begin(), inOrder.end(), 0);
-    for (auto& [receiver, inbox] : inboxes) {
-        for (const auto& [sender, unused] : inboxes) {
-            const auto found = inbox.bySender.find(sender);
-            EXPECT_EQ(found == inbox.bySender.end() ? std::vector<int>() : found->second,
-                      sender == receiver ? std::vector<int>() : inOrder)
+    for (int receiver = 0; receiver < kClients; ++receiver) {
+        for (int sender = 0; sender < kClients; ++sender) {
+            EXPECT_EQ(inboxes[receiver].bySender[sender], sender == receiver ? std::vector<int>() : inOrder)
                 << receiver << " from " << sender;
         }
     }

@@ -51,8 +51,8 @@ struct Answer {
 // One open WebSocket as the host holds it: what the server writes, the feed of what it reads,
 // and the transport's two ends, watched for their release.
 struct Socket {
-    std::shared_ptr<FrameRecorder> written = std::make_shared<FrameRecorder>();
-    std::shared_ptr<FrameFeed> feed = std::make_shared<FrameFeed>(nullptr);
+    std::shared_ptr<FrameRecorder> written;
+    std::shared_ptr<FrameFeed> feed;
     std::weak_ptr<reactive_streams::PublisherAPI<http::WebSocketFrame>> writer;
     std::weak_ptr<reactive_streams::SubscriberAPI<http::WebSocketFrame>> reader;
     void send(const std::string& text) { feed->publish(http::WebSocketFrame(common::DataBuffer(text), 129)); }
@@ -75,17 +75,12 @@ protected:
     std::shared_ptr<Context> browser(const std::string& sessionId = "browser-1") const {
         return std::make_shared<TestContext>(routes, sessionId);
     }
+    // A reply that is no HTTP response fails the test with std::bad_cast.
     static Answer read(std::unique_ptr<Message>&& message) {
-        Answer answer;
-        auto* response = dynamic_cast<http::HttpResponse*>(message.get());
-        if (response == nullptr) {
-            ADD_FAILURE() << "not an HTTP response";
-            return answer;
-        }
-        answer.status = response->status;
-        auto type = response->headers.find("Content-Type");
-        answer.contentType = type == response->headers.end() ? "" : type->second;
-        response->body->subscribe(answer.body);
+        auto& response = dynamic_cast<http::HttpResponse&>(*message);
+        const auto type = response.headers.find("Content-Type");
+        Answer answer{response.status, type == response.headers.end() ? "" : type->second};
+        response.body->subscribe(answer.body);
         return answer;
     }
     std::unique_ptr<Message> send(std::unique_ptr<http::HttpRequest> request, std::shared_ptr<Context> context) {
@@ -95,27 +90,25 @@ protected:
         return read(send(std::make_unique<http::HttpRequest>("post", "/bayeux", http::Headers(), makeBody(json)),
                          context ? context : browser()));
     }
+    // An upgrade that is not answered with a WebSocket fails the test with std::bad_cast.
     Socket upgrade(std::shared_ptr<Context> context = nullptr) {
         http::Headers headers{{"upgrade", "websocket"}, {"connection", "Upgrade"}};
         std::unique_ptr<Message> reply = send(
             std::make_unique<http::HttpRequest>("get", "/bayeux", std::move(headers), nullptr), context ? context : browser());
-        Socket opened;
-        auto* socket = dynamic_cast<http::WebSocket*>(reply.get());
-        if (socket == nullptr) {
-            ADD_FAILURE() << "the upgrade was not answered with a WebSocket";
-            return opened;
-        }
-        opened.writer = socket->inbound;
-        opened.reader = socket->outbound;
-        socket->inbound->subscribe(opened.written);
-        opened.feed->subscribe(socket->outbound);
+        auto& socket = dynamic_cast<http::WebSocket&>(*reply);
+        Socket opened{std::make_shared<FrameRecorder>(), std::make_shared<FrameFeed>(nullptr), socket.inbound, socket.outbound};
+        socket.inbound->subscribe(opened.written);
+        opened.feed->subscribe(socket.outbound);
         return opened;
+    }
+    // The client id in the reply `text`.
+    static std::string clientIdIn(const std::string& text) {
+        const std::size_t at = text.find("\"clientId\":\"");
+        return at == std::string::npos ? std::string() : text.substr(at + 12, 16);
     }
     // Handshakes over long-polling and returns the client id.
     std::string handshake(std::shared_ptr<Context> context = nullptr) {
-        const std::string body = post(R"({"channel":"/meta/handshake","version":"1.0","id":"h"})", context).body->joined();
-        const std::size_t at = body.find("\"clientId\":\"");
-        return at == std::string::npos ? std::string() : body.substr(at + 12, 16);
+        return clientIdIn(post(R"({"channel":"/meta/handshake","version":"1.0","id":"h"})", context).body->joined());
     }
     // `text` with `id` written as `name`.
     static std::string named(std::string text, const std::string& id, const std::string& name) {

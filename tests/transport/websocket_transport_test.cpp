@@ -13,9 +13,7 @@ protected:
     // Handshakes on `socket` and returns the client id it was given.
     static std::string handshake(Socket& socket) {
         socket.send(R"({"channel":"/meta/handshake","id":"h"})");
-        const std::string frame = socket.written->seen().back();
-        const std::size_t at = frame.find("\"clientId\":\"");
-        return at == std::string::npos ? std::string() : frame.substr(at + 12, 16);
+        return clientIdIn(socket.written->seen().back());
     }
     // The frames written to `socket` since `from`, with the client id `id` as `name`.
     static Texts framesSince(Socket& socket, std::size_t from, const std::string& id, const std::string& name) {
@@ -126,14 +124,12 @@ TEST_F(WebSocketTransport, HostClosingTheSocketEndsTheConnectionAndReleasesIt) {
 }
 
 TEST_F(WebSocketTransport, ProviderRefusesWhatIsNoUpgrade) {
-    const std::vector<std::function<std::unique_ptr<Message>()>> refused = {
-        [] { return std::make_unique<http::HttpRequest>("post", "/", http::Headers(), nullptr); },
-        [] { return std::make_unique<http::HttpRequest>("get", "/", http::Headers{{"upgrade", "WebSocket"}}, nullptr); },
-        [] { return std::make_unique<HandshakeRequest>(); },
-        [] { return nullptr; },
-    };
-    for (const auto& make : refused) {
-        Answer answer = read(routes->at("websocket")->deliver(make(), Address("websocket"), browser()).get());
+    std::unique_ptr<Message> refused[] = {
+        std::make_unique<http::HttpRequest>("post", "/", http::Headers(), nullptr),
+        std::make_unique<http::HttpRequest>("get", "/", http::Headers{{"upgrade", "WebSocket"}}, nullptr),
+        std::make_unique<HandshakeRequest>(), nullptr};
+    for (auto& message : refused) {
+        Answer answer = read(routes->at("websocket")->deliver(std::move(message), Address("websocket"), browser()).get());
         EXPECT_EQ(std::to_string(answer.status) + " " + answer.body->joined(), "500 Bayeux protocol error.");
     }
 }

@@ -27,13 +27,22 @@ std::unique_ptr<PublishRequest> publish(const std::string& channel, const std::s
     return request;
 }
 
-// A host's own session: it declares nothing and so is offered everything. Logs "id:event" into
-// the test's log and runs `onPublish` inside its deliver. Threading: the test's thread only.
+// A session that logs "id:event" into the test's log and runs `onPublish` inside its deliver.
+// Made without a server it is a host's own session: it declares nothing and so is offered
+// everything; made with one, it declares its patterns to it, which then offers it only what
+// they match. Threading: the test's thread only.
 class RecordingSession : public BayeuxSession {
 public:
-    RecordingSession(std::string id, Log* log) : id(std::move(id)), log(log) {}
+    RecordingSession(std::string id, Log* log, std::shared_ptr<BayeuxServer> server = nullptr)
+        : id(std::move(id)), log(log), server(std::move(server)) {}
+    ~RecordingSession() override {
+        if (server) {
+            server->forgetSession(*this);
+        }
+    }
     std::shared_ptr<Context> getContext() const override { return nullptr; }
     std::string getId() const override { return id; }
+    bool declaresPatternsTo(const BayeuxServer& routing) const override { return &routing == server.get(); }
     void deliver(const std::vector<std::string>&, const std::shared_ptr<const PublishRequest>& message) override {
         log->push_back(id + ":" + message->channel);
         if (onPublish) {
@@ -42,25 +51,14 @@ public:
     }
     void deliver(const std::shared_ptr<const SubscribeRequest>& m) override { log->push_back(id + ":subscribe " + m->subscription); }
     void deliver(const std::shared_ptr<const UnsubscribeRequest>& m) override { log->push_back(id + ":unsubscribe " + m->subscription); }
+    RecordingSession& hold(const std::string& pattern) { return server->declarePattern(*this, pattern), *this; }
+    RecordingSession& drop(const std::string& pattern) { return server->withdrawPattern(*this, pattern), *this; }
 
     const std::string id;
     Log* const log;
+    const std::shared_ptr<BayeuxServer> server;
     std::function<void(const PublishRequest&)> onPublish;
 };
-
-// A session that declares its patterns to `server`, which then offers it only what they match.
-class DeclaringSession : public RecordingSession {
-public:
-    DeclaringSession(std::shared_ptr<BayeuxServer> server, std::string id, Log* log)
-        : RecordingSession(std::move(id), log), server(std::move(server)) {}
-    ~DeclaringSession() override { server->forgetSession(*this); }
-    bool declaresPatternsTo(const BayeuxServer& routing) const override { return &routing == server.get(); }
-    DeclaringSession& hold(const std::string& pattern) { return server->declarePattern(*this, pattern), *this; }
-    DeclaringSession& drop(const std::string& pattern) { return server->withdrawPattern(*this, pattern), *this; }
-
-    const std::shared_ptr<BayeuxServer> server;
-};
-
 // Counts live allocations, so that a test sees when the last weak reference to a dead
 // session's control block is gone.
 template <class T>
@@ -85,8 +83,8 @@ protected:
         priority ? server->addPrioritySession(session) : server->addSession(session);
         return session;
     }
-    std::shared_ptr<DeclaringSession> declaring(const std::string& id) {
-        return declared.emplace_back(std::make_shared<DeclaringSession>(server, id, &log));
+    std::shared_ptr<RecordingSession> declaring(const std::string& id) {
+        return declared.emplace_back(std::make_shared<RecordingSession>(id, &log, server));
     }
     // Publishes once and returns what the sessions logged for this publish alone.
     Log logOf(const std::string& channel, const std::string& clientId = "publisher") {
@@ -98,7 +96,7 @@ protected:
     std::shared_ptr<BayeuxServerImpl> server = std::make_shared<BayeuxServerImpl>();
     Log log;
     std::vector<std::shared_ptr<RecordingSession>> hosts;
-    std::vector<std::shared_ptr<DeclaringSession>> declared;
+    std::vector<std::shared_ptr<RecordingSession>> declared;
 };
 
 TEST_F(BayeuxServerTest, RefusesMalformedPublishesAndKeepsThemWithTheCaller) {
@@ -258,9 +256,9 @@ TEST_F(BayeuxServerTest, IndexOffersExactlyWhatTheSessionsPatternsMatchOnceEachA
 
 TEST_F(BayeuxServerTest, IndexFollowsWithdrawsRemovesAndDeathsAndIgnoresSessionsNeverAdded) {
     std::atomic<int> live{0};
-    const CountingAllocator<DeclaringSession> allocator(live);
-    auto session = std::allocate_shared<DeclaringSession>(allocator, server, "s", &log);
-    auto neverAdded = std::allocate_shared<DeclaringSession>(allocator, server, "neverAdded", &log);
+    const CountingAllocator<RecordingSession> allocator(live);
+    auto session = std::allocate_shared<RecordingSession>(allocator, "s", &log, server);
+    auto neverAdded = std::allocate_shared<RecordingSession>(allocator, "neverAdded", &log, server);
     neverAdded->hold("/x/**");  // declared patterns route nothing before the session is added
     const std::vector<std::tuple<std::function<void()>, std::string, Log>> steps = {  // then publish from "publisher"
         {[&] { session->hold("/a/*").hold("/a/*").hold("/a//b"), server->addSession(session); }, "/a/b", {"s:/a/b"}},
@@ -300,8 +298,8 @@ struct HeardInterest : InterestListener {
 TEST_F(BayeuxServerTest, InterestListenerHearsOfAKeysFirstAddedHolderAndOfItsLastOnly) {
     const auto listener = std::make_shared<HeardInterest>(*server);
     server->setInterestListener(listener);
-    auto a = std::make_shared<DeclaringSession>(server, "a", &log);
-    auto b = std::make_shared<DeclaringSession>(server, "b", &log);
+    auto a = std::make_shared<RecordingSession>("a", &log, server);
+    auto b = std::make_shared<RecordingSession>("b", &log, server);
     const std::vector<std::pair<std::function<void()>, Log>> steps = {
         {[&] { a->hold("/x/*").hold("/y"); }, {}},
         {[&] { server->addSession(a); }, {"+x/*", "+y"}},

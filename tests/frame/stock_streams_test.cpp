@@ -81,27 +81,23 @@ TEST(CachedValuePublisher, ScriptsOfCachingDemandAndEndings) {
         // A throwing downstream passes it out; one unit of demand is still outstanding.
         {{"publish 1", "publish 2", "subscribe 0", "refuse", "request 2", "accept", "request 0"},
          {"subscribe", "next 1", "threw write failed", "next 2"}},
+        // Publishes, a finish and requests made from inside onNext keep the order.
+        {{"subscribe 1", "chain", "publish 10"}, {"subscribe", "next 10", "next 11", "next 12", "end true", "complete", "finished"}},
     }, Run::publisherSteps({
         {"publish", [](Run& run, unsigned long n, auto&) { run.stage->publish(static_cast<int>(n)); }},
         {"limit", [](Run& run, unsigned long n, auto&) { run.stage->setMaxCached(n); }},
         {"finish", [](Run& run, auto, auto&) { run.stage->finish(); }},
         {"error", [](Run& run, auto, const std::string& text) { run.stage->setError(failure(text)); }},
+        {"chain", [](Run& run, auto, auto&) {
+             run.downstream->onItem = [&run](int value) {
+                 value < 12 ? run.stage->publish(value + 1) : run.stage->finish();
+                 run.downstream->request(1);
+             };
+         }},
     }), [](Log& log) { return std::make_shared<Cached>([&log] { log.push_back("finished"); }); });
     auto silent = std::make_shared<Cached>(nullptr);  // an empty callback is allowed
     silent->finish();
     EXPECT_EQ(outcome(silent->getFuture()), "true");
-}
-
-TEST(CachedValuePublisher, ReentrantCallsFromOnNextKeepTheOrder) {
-    auto publisher = std::make_shared<Cached>(nullptr);
-    auto subscriber = std::make_shared<Recorder>(1, nullptr);
-    publisher->subscribe(subscriber);
-    subscriber->onItem = [&](int value) {
-        value < 12 ? publisher->publish(value + 1) : publisher->finish();
-        subscriber->request(1);
-    };
-    publisher->publish(10);
-    EXPECT_EQ(subscriber->events(), (Log{"subscribe", "next 10", "next 11", "next 12", "complete"}));
 }
 
 TEST(OneShotPublisher, DeliversItsValueAndCompletesOnTheFirstRequestOnly) {
@@ -163,7 +159,6 @@ TEST(ReducingSubscriber, ReduceFoldsStreamsThatEndInsideSubscribeOrLaterAndPasse
     Future<std::string> failed = reduce<std::string, std::string>(failing, concatenate(), "");
     failing->setError(failure("body cut off"));
     EXPECT_EQ(errorOf([&] { failed.get(); }), "body cut off");
-    EXPECT_EQ(outcome(failing->getFuture()), "false");
 
     auto completed = makeSumming();
     completed->onComplete();

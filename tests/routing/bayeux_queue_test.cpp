@@ -25,7 +25,8 @@ std::unique_ptr<Message> message(const std::string& channel, std::shared_ptr<com
 }
 
 // The shared recorder, with a message's channel for its text, that also keeps its subscription
-// weakly to see it released.
+// weakly to see it released. Threading: as RecordingSubscriber's; `subscription` is set in
+// onSubscribe, before another thread is given the recorder.
 struct Recorder : test_support::RecordingSubscriber<std::unique_ptr<Message>> {
     Recorder(unsigned long initialDemand, Log* log)
         : RecordingSubscriber(initialDemand, 0, [](auto& item) { return dynamic_cast<PublishRequest&>(*item).channel; },

@@ -59,8 +59,9 @@ public:
     const std::shared_ptr<BayeuxServer> server;
     std::function<void(const PublishRequest&)> onPublish;
 };
+
 // Counts live allocations, so that a test sees when the last weak reference to a dead
-// session's control block is gone.
+// session's control block is gone. Threading: any thread; the count is atomic.
 template <class T>
 struct CountingAllocator {
     using value_type = T;
@@ -72,6 +73,7 @@ struct CountingAllocator {
     std::atomic<int>* live;
 };
 
+// Threading: the test's thread only.
 class BayeuxServerTest : public ::testing::Test {
 protected:
     // Made sessions live as long as the test.
@@ -283,7 +285,8 @@ TEST_F(BayeuxServerTest, IndexFollowsWithdrawsRemovesAndDeathsAndIgnoresSessions
     EXPECT_EQ(live, 0) << "a session's death drops every reference the server held";
 }
 
-// Logs "+key" or "-key" by what the server says of the key when told of it.
+// Logs "+key" or "-key" by what the server says of the key when told of it. Threading: the
+// test's thread, inside the server's calls.
 struct HeardInterest : InterestListener {
     explicit HeardInterest(BayeuxServer& server) : server(server) {}
     void interestChanged(const std::vector<std::string>& keys) override {

@@ -6,7 +6,6 @@
 // future ends ("end true", "end false" or "end <error text>") and, as "threw <text>", what a step
 // threw. "destroy" drops the stage; the publisher and subscriber steps below and the test's own
 // come from a table of steps.
-// Threading: the test's thread only.
 
 #include <gtest/gtest.h>
 
@@ -28,13 +27,14 @@ inline std::string describe(unsigned long n) { return n == unlimited ? "max" : s
 inline std::string describe(int value) { return std::to_string(value); }
 
 // The shared recorder with its items written by `describe`, built as a stream script builds its downstream.
+// Threading: as RecordingSubscriber's.
 template <class Item>
 struct TextRecorder : RecordingSubscriber<Item> {
     TextRecorder(unsigned long initialDemand, Log* log)
         : RecordingSubscriber<Item>(initialDemand, 0, [](const Item& item) { return describe(item); }, log) {}
 };
 
-// An upstream that only records what is asked of it.
+// An upstream that only records what is asked of it. Threading: the test's thread only.
 struct RecordingSubscription : reactive_streams::Subscription {
     explicit RecordingSubscription(Log* log) : log(log) {}
     void request(unsigned long n) override { log->push_back("up request " + describe(n)); }
@@ -42,6 +42,7 @@ struct RecordingSubscription : reactive_streams::Subscription {
     Log* log;
 };
 
+// Threading: the test's thread only; the stage's callbacks run inside the steps.
 template <class Stage, class Item = int, class Recorder = TextRecorder<Item>>
 struct StreamScript {
     using Steps = std::map<std::string, std::function<void(StreamScript&, unsigned long n, const std::string& text)>>;

@@ -3,6 +3,11 @@
 // The world of the protocol fuzz targets: one protocol service with its routing core
 // and a policy, the long-poll and WebSocket transports, a context that routes as a
 // host's does, and a manual clock, all made afresh for each input so that one input is one history.
+// A script is either posted as bodies through the long-poll transport or sent as text
+// frames on one WebSocket connection; several handshakes make several clients that can
+// publish to one another. Refusals are fine, and so is a frame that fails the socket (later
+// frames still arrive at the transport, as a slow host might deliver them); crashes, leaks,
+// sanitizer reports and bytes written by the server that are not UTF-8 are not.
 //
 // An input is a script of steps separated by newlines. A step "+N" moves the clock
 // N ticks forward (at most maxTicksPerStep); any other step is a body or a frame, in
@@ -19,14 +24,19 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "korvane/codec/utf8.h"
+#include "korvane/frame/cached_value_publisher.h"
+#include "korvane/frame/callback_subscriber.h"
+#include "korvane/frame/http.h"
 #include "korvane/frame/logger.h"
 #include "korvane/frame/manual_timer_backend.h"
+#include "korvane/frame/one_shot_publisher.h"
 #include "korvane/frame/timers.h"
 #include "korvane/routing/bayeux_server.h"
 #include "korvane/service/bayeux_policy.h"
@@ -115,6 +125,53 @@ public:
     FuzzWorld(const FuzzWorld&) = delete;
     FuzzWorld& operator=(const FuzzWorld&) = delete;
 
+    // Posts each body as the host does and reads its response as the host writes it; a held
+    // connect's body arrives later, when the clock moves.
+    void postEach(std::string_view script) {
+        run(script, [this](const std::string& body) {
+            auto request = std::make_unique<http::HttpRequest>(
+                "post", "/bayeux", http::Headers(),
+                std::make_shared<reactive_streams::OneShotPublisher<common::DataBuffer>>(common::DataBuffer(body)));
+            const auto reply = context->handle(std::unique_ptr<Message>(std::move(request)), Address("long-poll")).get();
+            auto* response = dynamic_cast<http::HttpResponse*>(reply.get());
+            if (response == nullptr) {
+                fail("the long-poll transport answered with something other than an HTTP response");
+            }
+            const char* where = response->status == 200 ? "a JSON body" : "an error body";
+            auto reader = std::make_shared<reactive_streams::CallbackSubscriber<common::DataBuffer>>(
+                [this, where](common::DataBuffer&& chunk) { heard(chunk.view(), where); });
+            kept.push_back(reader);
+            response->body->subscribe(reader);
+        });
+    }
+
+    // Sends each step as a text frame on one WebSocket connection.
+    void sendEach(std::string_view script) {
+        constexpr unsigned char textFrame = 129;
+        http::Headers headers{{"upgrade", "websocket"}, {"connection", "Upgrade"}};
+        auto upgrade = std::make_unique<http::HttpRequest>("get", "/bayeux", std::move(headers), nullptr);
+        const auto reply = context->handle(std::unique_ptr<Message>(std::move(upgrade)), Address("websocket")).get();
+        auto* socket = dynamic_cast<http::WebSocket*>(reply.get());
+        if (socket == nullptr) {
+            fail("the upgrade was not answered with a WebSocket");
+        }
+        auto reader = std::make_shared<reactive_streams::CallbackSubscriber<http::WebSocketFrame>>(
+            [this](http::WebSocketFrame&& frame) {
+                if (frame.firstByte != textFrame) {
+                    fail("the server wrote a frame that is not a text frame");
+                }
+                heard(frame.data.view(), "a frame");
+            });
+        auto feed = std::make_shared<reactive_streams::CachedValuePublisher<http::WebSocketFrame, std::function<void()>>>(nullptr);
+        kept.push_back(reader), kept.push_back(feed);
+        socket->inbound->subscribe(reader);
+        feed->subscribe(socket->outbound);
+        run(script, [&feed](const std::string& text) {
+            feed->publish(http::WebSocketFrame(common::DataBuffer(text), textFrame));
+        });
+    }
+
+private:
     // Runs every step of the script: `send` gets each body or frame with its client ids filled in.
     template <class Send>
     void run(std::string_view script, Send&& send) {
@@ -147,9 +204,6 @@ public:
         }
     }
 
-    std::shared_ptr<Context> requestContext() const { return context; }
-
-private:
     std::string withClientIds(std::string_view piece) const {
         std::string text;
         text.reserve(piece.size());
@@ -166,6 +220,7 @@ private:
         return text;
     }
 
+    std::vector<std::shared_ptr<void>> kept;  // the readers and the feed outlive the services, as a host's do
     const std::shared_ptr<common::ManualTimerBackend> clock = std::make_shared<common::ManualTimerBackend>(1000);
     const std::shared_ptr<common::TimerBackend> previousClock;
     const std::shared_ptr<BayeuxServerImpl> server = std::make_shared<BayeuxServerImpl>();

@@ -4,24 +4,19 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
 #include <functional>
-#include <limits>
-#include <map>
-#include <mutex>
 #include <stdexcept>
 #include <thread>
 
 #include "korvane/codec/messages.h"
 #include "korvane/frame/logger.h"
-#include "support/recording_subscriber.h"
+#include "support/stream_script.h"
 
 namespace korvane::bayeux {
 namespace {
 
 using reactive_streams::Subscription;
-using Events = std::vector<std::string>;
-constexpr unsigned long unlimited = std::numeric_limits<unsigned long>::max();
+using test_support::Log;
 
 std::unique_ptr<Message> message(const std::string& channel, std::shared_ptr<common::DataBuffer> data = nullptr) {
     auto request = std::make_unique<PublishRequest>(channel);
@@ -29,96 +24,56 @@ std::unique_ptr<Message> message(const std::string& channel, std::shared_ptr<com
     return request;
 }
 
-// The shared recording subscriber, with a message's channel for its text, that also keeps its
-// subscription weakly to see it released.
-class RecordingSubscriber : public test_support::RecordingSubscriber<std::unique_ptr<Message>> {
-public:
-    RecordingSubscriber(Events& log, unsigned long initialDemand = 0, unsigned long refill = 0)
-        : test_support::RecordingSubscriber<std::unique_ptr<Message>>(
-              initialDemand, refill, [](auto& item) { return dynamic_cast<PublishRequest&>(*item).channel; }, &log) {}
+// The shared recorder, with a message's channel for its text, that also keeps its subscription
+// weakly to see it released. Threading: as RecordingSubscriber's; `subscription` is set in
+// onSubscribe, before another thread is given the recorder.
+struct Recorder : test_support::RecordingSubscriber<std::unique_ptr<Message>> {
+    Recorder(unsigned long initialDemand, Log* log)
+        : RecordingSubscriber(initialDemand, 0, [](auto& item) { return dynamic_cast<PublishRequest&>(*item).channel; },
+                              log) {}
     void onSubscribe(std::weak_ptr<Subscription> given) override {
         subscription = given;
-        test_support::RecordingSubscriber<std::unique_ptr<Message>>::onSubscribe(given);
+        RecordingSubscriber::onSubscribe(given);
     }
-    // Runs `act` for each item, counting the items that arrive while it runs for another.
-    void actOnEachItem(std::function<void()> act) {
-        onItem = [this, act = std::move(act)](auto&) {
-            overlaps += inside.exchange(true);
-            act();
-            inside = false;
-        };
-    }
-
     std::weak_ptr<Subscription> subscription;
-    std::atomic<bool> inside{false};
-    std::atomic<int> overlaps{0};
 };
 
-// Drives a fresh queue through steps "name [argument]" and logs, in order, what its subscribers
-// see ("subscribe", "next /x", "complete", "error TEXT"), how its future ends ("end true" or
-// "end false"), what a probing step reports and, as "threw TEXT", what a step threw.
-// Steps: push CHANNEL, subscribe N (a subscriber that asks for N at once, the current one once
-// accepted), request N|max, cancel, done, whenEmpty, fail TEXT, size (as "size N"), late (a push
-// into an ended queue: "kept" if the caller keeps its message), refill (the current subscriber asks for one more inside each onNext), cancelInside,
-// throwing and accepting (onNext throws from then on, or stops), expired (the current
-// subscription is gone), destroy (drops the queue).
-struct Script {
-    std::vector<std::string> steps;
-    Events log;
-};
+// The queue's steps besides a publisher's: push CHANNEL, done, whenEmpty, fail TEXT, size (as
+// "size N"), late (a push into an ended queue: "kept" if the caller keeps its message), expired
+// (whether the current subscription is gone), and refill and cancelInside (the current subscriber
+// asks for one more, or cancels, inside each onNext; an onNext inside another logs "reentered").
+using Run = test_support::StreamScript<BayeuxQueue, std::unique_ptr<Message>, Recorder>;
 
-void runScripts(const std::vector<Script>& scripts) {
-    for (const Script& script : scripts) {
-        SCOPED_TRACE(script.steps.front() + " ... " + script.steps.back());
-        Events log;  // first in, last out: the queue's destructor still records into it
-        auto queue = std::make_shared<BayeuxQueue>("script");
-        Future<bool> end = queue->getFuture().then([&log](Future<bool>&& result) {
-            return log.push_back(result.get() ? "end true" : "end false"), true;
-        });
-        std::shared_ptr<RecordingSubscriber> current;
-        std::atomic<int> overlaps{0};
-        const std::map<std::string, std::function<void(const std::string&)>> steps = {
-            {"push", [&](auto& channel) { queue->setValue(message(channel)); }},
-            {"subscribe", [&](auto& n) {
-                 auto subscriber = std::make_shared<RecordingSubscriber>(log, std::stoul(n));
-                 queue->subscribe(subscriber);
-                 overlaps += current ? current->overlaps.load() : 0;
-                 current = subscriber;
-             }},
-            {"request", [&](auto& n) { current->request(n == "max" ? unlimited : std::stoul(n)); }},
-            {"cancel", [&](auto&) { current->cancel(); }},
-            {"done", [&](auto&) { queue->done(); }},
-            {"whenEmpty", [&](auto&) { queue->doneWhenEmpty(); }},
-            {"fail", [&](auto& text) { queue->setError(std::make_exception_ptr(std::runtime_error(text))); }},
-            {"size", [&](auto&) { log.push_back("size " + std::to_string(queue->bufferSize())); }},
-            {"late", [&](auto&) {
-                 auto late = message("/late");
-                 queue->setValue(std::move(late));
-                 log.push_back(late ? "kept" : "taken");
-             }},
-            {"refill", [&](auto&) { current->actOnEachItem([subscriber = current.get()] { subscriber->request(1); }); }},
-            {"cancelInside", [&](auto&) { current->actOnEachItem([subscriber = current.get()] { subscriber->cancel(); }); }},
-            {"throwing", [&](auto&) { current->onItem = [](auto&) { throw std::runtime_error("subscriber failed"); }; }},
-            {"accepting", [&](auto&) { current->onItem = nullptr; }},
-            {"expired", [&](auto&) { log.push_back(current->subscription.expired() ? "expired" : "alive"); }},
-            {"destroy", [&](auto&) { queue.reset(); }},
-        };
-        for (const std::string& step : script.steps) {
-            const std::size_t space = step.find(' ');
-            const std::string name = step.substr(0, space);
-            const std::string argument = space == std::string::npos ? "" : step.substr(space + 1);
-            const std::string refused = test_support::errorOf([&] { steps.at(name)(argument); });
-            if (refused != "(no exception)") {
-                log.push_back("threw " + refused);
+Run::Steps::mapped_type insideEachItem(void (*act)(Recorder&)) {
+    return [act](Run& run, auto, auto&) {
+        Recorder& subscriber = *run.downstream;
+        subscriber.onItem = [&subscriber, act, &log = run.log, inside = false](auto&) mutable {
+            if (std::exchange(inside, true)) {
+                log.push_back("reentered");
             }
-        }
-        EXPECT_EQ(log, script.log);
-        EXPECT_EQ(overlaps + (current ? current->overlaps.load() : 0), 0) << "onNext ran inside another onNext";
-    }
+            act(subscriber), inside = false;
+        };
+    };
 }
 
+const Run::Steps queueSteps = Run::publisherSteps({
+    {"push", [](Run& run, auto, auto& channel) { run.stage->setValue(message(channel)); }},
+    {"done", [](Run& run, auto, auto&) { run.stage->done(); }},
+    {"whenEmpty", [](Run& run, auto, auto&) { run.stage->doneWhenEmpty(); }},
+    {"fail", [](Run& run, auto, auto& text) { run.stage->setError(std::make_exception_ptr(std::runtime_error(text))); }},
+    {"size", [](Run& run, auto, auto&) { run.log.push_back("size " + std::to_string(run.stage->bufferSize())); }},
+    {"late", [](Run& run, auto, auto&) {
+         auto late = message("/late");
+         run.stage->setValue(std::move(late));
+         run.log.push_back(late ? "kept" : "taken");
+     }},
+    {"expired", [](Run& run, auto, auto&) { run.log.push_back(run.downstream->subscription.expired() ? "expired" : "alive"); }},
+    {"refill", insideEachItem([](Recorder& subscriber) { subscriber.request(1); })},
+    {"cancelInside", insideEachItem([](Recorder& subscriber) { subscriber.cancel(); })},
+});
+
 TEST(BayeuxQueueTest, ScriptsOfDemandEndingsAndSubscribers) {
-    runScripts({
+    Run::runAll({
         // Queued messages wait for a request; zero adds nothing; demand saturates instead of
         // wrapping, overflowing to zero or being ignored.
         {{"push /1", "push /2", "push /3", "subscribe 0", "size", "request 2", "request 0", "size", "request 5",
@@ -150,24 +105,23 @@ TEST(BayeuxQueueTest, ScriptsOfDemandEndingsAndSubscribers) {
          {"subscribe", "threw Only one subscription allowed.", "next /1", "expired", "subscribe", "size 2", "next /2",
           "next /3", "complete", "end true"}},
         // A throwing subscriber loses only the message in flight, which spent its demand.
-        {{"subscribe 2", "throwing", "push /lost", "accepting", "push /2", "push /3", "size", "whenEmpty",
+        {{"subscribe 2", "refuse", "push /lost", "accept", "push /2", "push /3", "size", "whenEmpty",
           "request 1"},
          {"subscribe", "next /lost", "next /2", "size 1", "next /3", "complete", "end true"}},
         // Destruction completes an open queue and releases the subscription.
         {{"subscribe 1", "push /delivered", "push /undelivered", "destroy", "expired"},
          {"subscribe", "next /delivered", "complete", "end true", "expired"}},
-    });
-    Events log;
+    }, queueSteps, [](Log&) { return std::make_shared<BayeuxQueue>("script"); });
+    Log log;
     BayeuxQueue unowned("unowned");
-    EXPECT_THROW(unowned.subscribe(std::make_shared<RecordingSubscriber>(log, 10)), std::bad_weak_ptr);
-    EXPECT_EQ(log, Events{});
+    EXPECT_THROW(unowned.subscribe(std::make_shared<Recorder>(10, &log)), std::bad_weak_ptr);
+    EXPECT_EQ(log, Log{});
 }
 
 TEST(BayeuxQueueTest, DestructionFreesEveryMessageAndTheQueueKeepsNothingOfADeliveredOne) {
     const auto delivered = std::make_shared<common::DataBuffer>(), undelivered = std::make_shared<common::DataBuffer>();
-    Events log;
     auto queue = std::make_shared<BayeuxQueue>("destroyed");
-    queue->subscribe(std::make_shared<RecordingSubscriber>(log, 1));
+    queue->subscribe(std::make_shared<Recorder>(1, nullptr));
     queue->setValue(message("/delivered", delivered));
     EXPECT_EQ(delivered.use_count(), 2) << "the queue keeps nothing of a delivered message";
     queue->setValue(message("/undelivered", undelivered));
@@ -177,9 +131,8 @@ TEST(BayeuxQueueTest, DestructionFreesEveryMessageAndTheQueueKeepsNothingOfADeli
 
 TEST(BayeuxQueueTest, SubscriptionWithoutItsQueueRefusesLoudlyWithATraceOnStandardError) {
     common::installStderrLogSink();
-    Events log;
     auto queue = std::make_shared<BayeuxQueue>("gone");
-    const auto subscriber = std::make_shared<RecordingSubscriber>(log);
+    const auto subscriber = std::make_shared<Recorder>(0, nullptr);
     queue->subscribe(subscriber);
     const std::shared_ptr<Subscription> kept = subscriber->subscription.lock();
     queue.reset();
@@ -195,34 +148,6 @@ TEST(BayeuxQueueTest, SubscriptionWithoutItsQueueRefusesLoudlyWithATraceOnStanda
     }
 }
 
-// Runs `count` threads that each push `each` messages "/<thread>/<sequence>", plus `also`.
-void runProducers(const std::shared_ptr<BayeuxQueue>& queue, int count, int each, std::function<void()> also) {
-    std::vector<std::thread> threads;
-    for (int p = 0; p < count; ++p) {
-        threads.emplace_back([queue, p, each] {
-            for (int i = 0; i < each; ++i) {
-                queue->setValue(message("/" + std::to_string(p) + "/" + std::to_string(i)));
-            }
-        });
-    }
-    threads.emplace_back(std::move(also));
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-}
-
-// How many messages of each producer arrived; fails unless they came in push order.
-std::vector<int> countInPushOrder(const Events& events, int producers) {
-    std::vector<int> next(producers, 0);
-    for (const std::string& event : events) {
-        int producer = 0, sequence = 0;
-        if (std::sscanf(event.c_str(), "next /%d/%d", &producer, &sequence) == 2) {
-            EXPECT_EQ(sequence, next[producer]++) << "producer " << producer;
-        }
-    }
-    return next;
-}
-
 // A requester asks for small batches while producers push and the queue is ended twice: a third
 // of the rounds first end it once every push is in, the others while the producers push. Each
 // round ends once, never runs two onNext at once, keeps each producer's order and, ended after
@@ -232,12 +157,17 @@ TEST(BayeuxQueueConcurrency, ProducersARequesterAndEndingsOnSeparateThreads) {
     for (int round = 0; round < 30; ++round) {
         const auto queue = std::make_shared<BayeuxQueue>("race");
         Future<bool> end = queue->getFuture();
-        Events log;
-        const auto subscriber = std::make_shared<RecordingSubscriber>(log);
+        const auto subscriber = std::make_shared<Recorder>(0, nullptr);
         std::atomic<long> received{0};
-        subscriber->actOnEachItem([&received] { ++received; });
+        std::atomic<bool> inside{false};
+        std::atomic<int> overlaps{0};
+        subscriber->onItem = [&](auto&) {
+            overlaps += inside.exchange(true);
+            ++received, inside = false;
+        };
         queue->subscribe(subscriber);
-        std::thread requester([&, subscription = subscriber->subscription.lock()] {
+        std::vector<std::thread> threads;
+        threads.emplace_back([&, subscription = subscriber->subscription.lock()] {  // the requester
             for (long requested = 0; subscriber->count("complete") == 0;) {
                 if (requested - received.load() < batch) {
                     requested += batch;
@@ -247,19 +177,26 @@ TEST(BayeuxQueueConcurrency, ProducersARequesterAndEndingsOnSeparateThreads) {
                 }
             }
         });
-        const int ending = round % 3;
-        runProducers(queue, producerCount, messagesEach, [&queue, ending] {
-            ending == 1 ? queue->doneWhenEmpty() : ending == 2 ? queue->done() : void();
-        });
-        queue->doneWhenEmpty();
-        requester.join();
-        ASSERT_TRUE(end.get());
-        ASSERT_EQ(std::count(log.begin(), log.end(), "complete"), 1);
-        ASSERT_EQ(subscriber->overlaps, 0);
-        const std::vector<int> counts = countInPushOrder(log, producerCount);
-        if (ending == 0) {
-            ASSERT_EQ(counts, std::vector<int>(producerCount, messagesEach)) << "round " << round;
+        for (int p = 0; p < producerCount; ++p) {
+            threads.emplace_back([&queue, p] {
+                for (int i = 0; i < messagesEach; ++i) {
+                    queue->setValue(message("/" + std::to_string(p) + "/" + std::to_string(i)));
+                }
+            });
         }
+        const int ending = round % 3;
+        threads.emplace_back([&queue, ending] { ending == 1 ? queue->doneWhenEmpty() : ending == 2 ? queue->done() : void(); });
+        std::for_each(threads.begin() + 1, threads.end(), [](std::thread& thread) { thread.join(); });
+        queue->doneWhenEmpty();
+        threads.front().join();
+        ASSERT_TRUE(end.get());
+        ASSERT_EQ(subscriber->count("complete"), 1);
+        ASSERT_EQ(overlaps, 0);
+        std::vector<int> next(producerCount, 0);
+        for (const std::string& channel : subscriber->seen()) {
+            ASSERT_EQ(channel.substr(3), std::to_string(next[channel[1] - '0']++)) << "pushed order, round " << round;
+        }
+        ASSERT_TRUE(ending != 0 || next == std::vector<int>(producerCount, messagesEach)) << "round " << round;
     }
 }
 

@@ -9,35 +9,67 @@ namespace {
 
 using BayeuxServiceProviderTest = ProviderFixture;
 
-// The handshake answers with the offer and a new client id; every later reply carries its request's fields.
-TEST_F(BayeuxServiceProviderTest, RepliesCarryTheOfferANewClientIdAndTheirRequestsFields) {
+// The handshake answers with the offer and a new client id of its own; every later reply carries its outcome,
+// its error text and advice, and its request's fields. No refusal takes the client away.
+TEST_F(BayeuxServiceProviderTest, EveryReplyCarriesItsOutcomeItsTextAndItsRequestsFields) {
     auto request = std::make_unique<HandshakeRequest>();
     request->id = "1";
     request->clientId = "forged-client-id";
     request->version = "0.1";
     auto response = ask<HandshakeResponse>(std::move(request));
-    ASSERT_TRUE(response);
     EXPECT_EQ(outcome(response) + " " + response->channel + " " + response->id + " " + response->version + " " +
-                  response->minimumVersion,
-              "ok advice:none /meta/handshake 1 1.0 1.0");
-    EXPECT_EQ(response->clientId.size(), 16u);
+                  response->minimumVersion + " " + std::to_string(response->clientId.size()),
+              "ok advice:none /meta/handshake 1 1.0 1.0 16");
     EXPECT_NE(response->clientId, "forged-client-id");
     EXPECT_EQ(response->supportedConnectionTypes, (Texts{"long-polling", "websocket"}));
-    EXPECT_NE(handshake(), handshake());
+    const std::string client = handshake(), sender = handshake();
+    EXPECT_NE(client, sender);
+    std::string neighbour = client;  // a made-up id of the right shape
+    neighbour.back() = neighbour.back() == 'a' ? 'b' : 'a';
     auto badSessionId = std::make_shared<TestContext>();
     badSessionId->set("sessionId", boost::any(42));
     EXPECT_THROW(provider->deliver(std::make_unique<HandshakeRequest>(), Address("bayeux"), badSessionId),
                  boost::bad_any_cast);
-    const std::string receiver = handshake(), sender = handshake();
-    auto subscribed = subscribe(receiver, "/**");
-    EXPECT_EQ(outcome(subscribed) + " " + subscribed->subscription + " " + subscribed->clientId,
-              "ok advice:none /** " + receiver);
-    auto held = connect(receiver);
-    EXPECT_EQ(outcome(held) + " " + held->id + " " + held->clientId, "ok advice:none c-" + receiver + " " + receiver);
+    auto oldConnect = std::make_unique<ConnectRequest>();
+    oldConnect->clientId = client;
+    auto withoutData = std::make_unique<PublishRequest>("/a");
+    withoutData->clientId = client;
+    auto subscribed = subscribe(client, "/**");
+    auto held = connect(client);
     auto ack = publish(sender, "/chat/room", "7");
-    EXPECT_EQ(outcome(ack) + " " + ack->channel + " " + ack->id + " " + ack->clientId, "ok /chat/room 7 " + sender);
-    auto gone = disconnect(receiver);
-    EXPECT_EQ(outcome(gone) + " " + gone->clientId, "ok " + receiver);
+    const std::pair<std::string, std::string> rows[] = {  // each reply is made in table order
+        {outcome(subscribed) + " " + subscribed->subscription + " " + subscribed->clientId,
+         "ok advice:none /** " + client},
+        {outcome(held) + " " + held->id + " " + held->clientId, "ok advice:none c-" + client + " " + client},
+        {outcome(ack) + " " + ack->channel + " " + ack->id + " " + ack->clientId, "ok /chat/room 7 " + sender},
+        {outcome(connect(neighbour)), "refused: No such clientId. advice:1/-1/-1"},
+        {outcome(connect(client, "long-polling", std::nullopt, badSessionId)),
+         "refused: Error while processing connect request advice:1/-1/-1"},
+        {outcome(ask<ConnectResponse>(std::move(oldConnect))),
+         "refused: ConnectRequest isn't supported anymore. advice:none"},
+        {outcome(disconnect(neighbour)), "refused: No such clientId."},
+        {outcome(subscribe(neighbour, "/a")), "refused: No such clientId. advice:none"},
+        {outcome(unsubscribe(neighbour, "/a")), "refused: No such clientId. advice:none"},
+        {outcome(publish(neighbour, "/a")), "refused: No such clientId."},
+        {outcome(subscribe(client, "/a/*/b")), "refused advice:none"},
+        {outcome(unsubscribe(client, "/not/held")), "refused: No such subscription. advice:none"},
+        {outcome(ask<PublishResponse>(std::move(withoutData))), "refused: Unable to publish. Unknown error"},
+        {outcome(subscribe(client, "/a")), "ok advice:none"},
+        {outcome(unsubscribe(client, "/a")), "ok advice:none"},
+    };
+    for (const auto& [actual, expected] : rows) {
+        EXPECT_EQ(actual, expected);
+    }
+    // A receiver that throws fails the publish with the exception's text, if it has one.
+    auto thrower = std::make_shared<RecordingSession>("thrower", nullptr);
+    thrower->onPublish = [](const PublishRequest&) { throw std::runtime_error("receiver exploded"); };
+    server->addSession(thrower);
+    auto refused = publish(client, "/a", "9");
+    EXPECT_EQ(outcome(refused) + " " + refused->id, "refused: Unable to publish. receiver exploded 9");
+    thrower->onPublish = [](const PublishRequest&) { throw 42; };
+    EXPECT_EQ(outcome(publish(client, "/a")), "refused: Unable to publish. Unknown error");
+    auto gone = disconnect(client);
+    EXPECT_EQ(outcome(gone) + " " + gone->clientId, "ok " + client);
 }
 
 // A receiver of everything gets a sender's publish with its id cleared below the browser channels
@@ -66,46 +98,6 @@ TEST_F(BayeuxServiceProviderTest, PublishedIdsAreClearedBelowTheBrowserChannelsO
     unsetenv("TORVEX_KORVANE_BAYEUX_FORCE_ID_CLEAR");
 }
 
-TEST_F(BayeuxServiceProviderTest, EveryRefusalCarriesItsTextAndAdvice) {
-    const std::string client = handshake();
-    std::string neighbour = client;  // a made-up id of the right shape
-    neighbour.back() = neighbour.back() == 'a' ? 'b' : 'a';
-    auto badSessionId = std::make_shared<TestContext>();
-    badSessionId->set("sessionId", boost::any(42));
-    auto oldConnect = std::make_unique<ConnectRequest>();
-    oldConnect->clientId = client;
-    auto withoutData = std::make_unique<PublishRequest>("/a");
-    withoutData->clientId = client;
-    const std::pair<std::string, std::string> rows[] = {  // each reply is made in table order
-        {outcome(connect(neighbour)), "refused: No such clientId. advice:1/-1/-1"},
-        {outcome(connect(client, "long-polling", std::nullopt, badSessionId)),
-         "refused: Error while processing connect request advice:1/-1/-1"},
-        {outcome(ask<ConnectResponse>(std::move(oldConnect))),
-         "refused: ConnectRequest isn't supported anymore. advice:none"},
-        {outcome(disconnect(neighbour)), "refused: No such clientId."},
-        {outcome(subscribe(neighbour, "/a")), "refused: No such clientId. advice:none"},
-        {outcome(unsubscribe(neighbour, "/a")), "refused: No such clientId. advice:none"},
-        {outcome(publish(neighbour, "/a")), "refused: No such clientId."},
-        {outcome(subscribe(client, "/a/*/b")), "refused advice:none"},
-        {outcome(unsubscribe(client, "/not/held")), "refused: No such subscription. advice:none"},
-        {outcome(ask<PublishResponse>(std::move(withoutData))), "refused: Unable to publish. Unknown error"},
-    };
-    for (const auto& [actual, expected] : rows) {
-        EXPECT_EQ(actual, expected);
-    }
-    // None of the refusals took the client away.
-    EXPECT_TRUE(subscribe(client, "/a")->successful);
-    EXPECT_TRUE(unsubscribe(client, "/a")->successful);
-    // A receiver that throws fails the publish with the exception's text, if it has one.
-    auto standardThrower = std::make_shared<RecordingSession>("thrower", nullptr);
-    standardThrower->onPublish = [](const PublishRequest&) { throw std::runtime_error("receiver exploded"); };
-    server->addSession(standardThrower);
-    auto refused = publish(client, "/a", "9");
-    EXPECT_EQ(outcome(refused) + " " + refused->id, "refused: Unable to publish. receiver exploded 9");
-    standardThrower->onPublish = [](const PublishRequest&) { throw 42; };
-    EXPECT_EQ(outcome(publish(client, "/a")), "refused: Unable to publish. Unknown error");
-}
-
 // Admits a handshake whose ext is a user's name as a JSON string ("mallory" is banned), and
 // lets that user subscribe and publish below /public/ and /user/<name>/. Notes every question.
 class UserPolicy : public BayeuxPolicy {
@@ -116,7 +108,7 @@ public:
     };
 
     HandshakeDecision mayHandshake(const std::shared_ptr<Context>& context, std::string_view ext) override {
-        asked.push_back("handshake " + hostSessionOf(context) + " " + std::string(ext));
+        note("handshake", context, std::string(ext));
         HandshakeDecision decision;
         decision.allowed = ext.size() > 2 && ext != "\"mallory\"";
         decision.reason = ext.empty() ? "" : "banned";
@@ -134,16 +126,16 @@ public:
         return decide("publish", client, channel, context);
     }
 
-    Texts asked;  // one thread in these tests
+    Texts asked;  // "<question> <host session> <what was asked>"; one thread in these tests
 
 private:
-    static std::string hostSessionOf(const std::shared_ptr<Context>& context) {
-        return boost::any_cast<std::string>(context->get("sessionId"));
+    void note(const std::string& question, const std::shared_ptr<Context>& context, const std::string& what) {
+        asked.push_back(question + " " + boost::any_cast<std::string>(context->get("sessionId")) + " " + what);
     }
-    PolicyDecision decide(const std::string& what, const PolicyClient& client, const std::string& target,
+    PolicyDecision decide(const std::string& question, const PolicyClient& client, const std::string& target,
                           const std::shared_ptr<Context>& context) {
         const std::string& user = dynamic_cast<const User&>(*client.grant).name;
-        asked.push_back(what + " " + hostSessionOf(context) + " " + user + " " + target);
+        note(question, context, user + " " + target);
         const bool allowed = target.rfind("/public/", 0) == 0 || target.rfind("/user/" + user + "/", 0) == 0;
         return allowed ? PolicyDecision::allow() : PolicyDecision::deny();
     }
@@ -273,10 +265,13 @@ TEST_F(BayeuxServiceProviderTest, ConnectsBeyondTheLimitOfAHostSessionAndTypeBec
     EXPECT_EQ(provider->getActiveConnectCountForSessionId("browser-1", "long-polling"), 3u);
 }
 
+// The sweep runs every 100 ticks while there are clients; the direct calls pin its boundary.
 TEST_F(BayeuxServiceProviderTest, SweepDropsAtTheTickOfTheTimeoutEveryClientThatContactDidNotRenew) {
+    EXPECT_EQ(clock->armedCount(), 1u) << "the provider sweeps from birth";
     const std::string subscriber = handshake(), publisher = handshake(), oldStyleConnector = handshake();
     const std::string longHolder = handshake();
     auto heldStream = open(connect(longHolder, "long-polling", 300000));
+    std::weak_ptr<LongPollSession> subscriberSession = provider->getSession(subscriber, "");
     clock->setTick(startTick + 1000);
     EXPECT_TRUE(subscribe(subscriber, "/a")->successful);
     EXPECT_TRUE(publish(publisher, "/a")->successful);
@@ -292,15 +287,10 @@ TEST_F(BayeuxServiceProviderTest, SweepDropsAtTheTickOfTheTimeoutEveryClientThat
     EXPECT_EQ(heldStream->seen(), Texts{"response:c-" + longHolder}) << "the swept session answered its connect";
     EXPECT_EQ(heldStream->completionCount(), 1);
     EXPECT_EQ(outcome(disconnect(longHolder)), "refused: No such clientId.");
-}
-
-TEST_F(BayeuxServiceProviderTest, PeriodicSweepRunsOnlyWhileThereAreClientsAndFlushMarksOpenConnects) {
-    EXPECT_EQ(clock->armedCount(), 1u) << "the provider sweeps from birth";
-    std::weak_ptr<LongPollSession> session = provider->getSession(handshake(), "");
     clock->advanceTicks(1199);
-    EXPECT_FALSE(session.expired());
+    EXPECT_FALSE(subscriberSession.expired());
     clock->advanceTicks(1);
-    EXPECT_TRUE(session.expired());
+    EXPECT_TRUE(subscriberSession.expired() && !provider->getSession(publisher, ""));
     EXPECT_EQ(clock->armedCount(), 0u) << "an idle provider runs no timer";
     const std::string client = handshake();
     EXPECT_EQ(clock->armedCount(), 1u);

@@ -1,7 +1,9 @@
 // Three korvane-bayeux servers sharing their channels through two redis-server shards,
 // with the cometd client on each: delivery across servers on both transports to exactly
 // the holders of a channel, no echo and no duplicates, subscriptions in Redis that follow
-// the local holders, a shard going away and back, and a shard list that differs.
+// the local holders, a shard going away and back, and a shard list that differs. The
+// orchestrator's probes: /healthz answers while the process serves, /readyz while every
+// shard is heard.
 
 import { after, before, describe, test } from "node:test";
 import assert from "node:assert/strict";
@@ -20,6 +22,15 @@ const client = async (server, transport = "long-polling") => {
     return cometd;
 };
 const clusterWarnings = (server) => server.output().split("\n").filter((line) => line.includes("[korvane::cluster]"));
+// "<status> <text>" of /healthz and /readyz, then the bridge's gauges in /metrics as "up/shards".
+const health = async (server) => {
+    const answers = await Promise.all(["/healthz", "/readyz", "/metrics"].map(async (path) => {
+        const response = await fetch(new URL(path, server.url));
+        return `${response.status} ${await response.text()}`;
+    }));
+    const gauge = (name) => answers[2].match(new RegExp(`^${name} (\\d+)$`, "m"))?.[1];
+    return `${answers[0]}${answers[1]}${gauge("korvane_redis_up")}/${gauge("korvane_redis_shards")}`;
+};
 
 describe("servers sharing channels through Redis shards", () => {
     const password = `pw-${randomBytes(6).toString("hex")}`;
@@ -149,6 +160,7 @@ describe("servers sharing channels through Redis shards", () => {
         await sleep(1500);
         assert.deepEqual(seen[away], [-1], "only the local delivery while its shard is away");
         assert.equal(clusterWarnings(servers.a).length - warningsBefore, 1, "one warning for the outage, not one per attempt");
+        assert.equal(await health(servers.a), "200 serving\n503 not connected to Redis\n1/2", "alive while not ready");
 
         shards[1] = await startRedis({ port: shards[1].port, password });
         const firstAfter = n;
@@ -163,6 +175,7 @@ describe("servers sharing channels through Redis shards", () => {
         assert.equal(new Set(seen[away]).size, seen[away].length, "no duplicates");
         assert.deepEqual([...seen[away]].sort((x, y) => x - y), seen[away], "in order");
         assert.deepEqual(seen[away].filter((value) => value >= resumed), Array.from({ length: 20 }, (_, k) => resumed + k), "nothing lost once back");
+        assert.equal(await health(servers.a), "200 serving\n200 ready\n2/2");
         for (const server of Object.values(servers)) assert.ok(!server.output().includes(password), "the password is never logged");
     });
 
@@ -182,6 +195,7 @@ test("a Redis that accepts connections and never answers holds up no publisher; 
     await new Promise((resolve) => silent.listen(0, "127.0.0.1", resolve));
     const server = await startServer({ args: ["--redis", `redis://127.0.0.1:${silent.address().port}`, "--redis-buffer", "10"] });
     const [listener, publisher] = [await client(server), await client(server)];
+    assert.equal(await health(server), "200 serving\n503 not connected to Redis\n0/1", "never ready before Redis answers");
     const seen = [];
     await subscribe(listener, "/busy/room", (message) => seen.push(message.data.n));
     const started = Date.now();
@@ -198,4 +212,10 @@ test("a Redis that accepts connections and never answers holds up no publisher; 
     await server.stop();
     sockets.forEach((socket) => socket.destroy());
     await new Promise((resolve) => silent.close(resolve));
+});
+
+test("a lone server is ready as soon as it serves", async () => {
+    const server = await startServer();
+    assert.equal(await health(server), "200 serving\n200 ready\nundefined/undefined");
+    await server.stop();
 });

@@ -1,14 +1,9 @@
 #include "korvane/session/local_session.h"
 
-#include <atomic>
-#include <thread>
-
 #include "session/session_test_support.h"
 
 namespace korvane::bayeux::testing {
 namespace {
-
-using LocalPublisher = std::shared_ptr<reactive_streams::PublisherAPI<std::shared_ptr<const PublishRequest>>>;
 
 class LocalBayeuxSessionTest : public ::testing::Test {
 protected:
@@ -71,49 +66,6 @@ TEST_F(LocalBayeuxSessionTest, PublishStampsTheSessionNoticesDoNothingAndDestruc
     EXPECT_EQ(server->held()["forgotten"], 1);
     EXPECT_EQ(own->events(), (Log{"subscribe", "next m1", "complete"}));
     publish("/a", "after");
-}
-
-// Deliveries on several threads walk the subscriptions while another thread releases
-// publishers (so the walks prune the same entries) and adds new ones.
-TEST(LocalBayeuxSessionConcurrency, ConcurrentDeliveriesSurviveEachOthersPruning) {
-    constexpr int rounds = 300;
-    constexpr std::size_t kept = 20;
-    auto session = std::make_shared<LocalBayeuxSession>(std::make_shared<BayeuxServerImpl>(), nullptr);
-    const std::vector<std::string> segments{"a"};
-    std::vector<LocalPublisher> keptStreams;
-    std::vector<decltype(watch(keptStreams[0]))> keptSeen;
-    for (std::size_t i = 0; i < kept; ++i) {
-        keptStreams.push_back(session->subscribe("/a"));
-        keptSeen.push_back(watch(keptStreams.back()));
-    }
-    std::atomic<bool> stop{false};
-    std::thread churn([&] {
-        while (!stop.load()) {
-            std::vector<LocalPublisher> transient;
-            for (int i = 0; i < 10; ++i) {
-                transient.push_back(session->subscribe(std::vector<std::string>{"/a", "/*"}));
-            }
-            std::this_thread::yield();
-        }
-    });
-    std::vector<std::thread> deliverers;
-    for (int t = 0; t < 3; ++t) {
-        deliverers.emplace_back([&] {
-            for (int i = 0; i < rounds; ++i) {
-                session->deliver(segments, std::shared_ptr<const PublishRequest>(makePublish("/a", "m")));
-            }
-        });
-    }
-    for (auto& thread : deliverers) {
-        thread.join();
-    }
-    stop = true;
-    churn.join();
-    for (const auto& recorder : keptSeen) {
-        EXPECT_EQ(recorder->size(), 3u * rounds);
-    }
-    session->deliver(segments, std::shared_ptr<const PublishRequest>(makePublish("/a", "last")));
-    EXPECT_EQ(session->subscriptionCount(), kept);
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include "korvane/session/long_poll_session.h"
+#include "korvane/session/local_session.h"
 
 #include <algorithm>
 #include <atomic>
@@ -251,8 +252,9 @@ TEST_F(LongPollSessionTest, PendingLimitIsReportedOnceWithTheLockReleasedAndNoth
 // patterns that overlap their steady "/load/*", short-lived sessions with a held connect join
 // either tier, are removed and die, and a timer thread moves the clock: every session gets every
 // message once and in order, however many of its patterns match it meanwhile, each dying session
-// answers its connect, and the dead leave nothing behind in the server.
-TEST(LongPollSessionConcurrency, EveryAcceptedMessageReachesTheStreamsOnceAndInOrder) {
+// answers its connect, and the dead leave nothing behind in the server. A local session's released
+// feeds are pruned by deliveries on several threads at once while new ones come and go.
+TEST(SessionConcurrency, EveryAcceptedMessageReachesTheStreamsOnceAndInOrder) {
     constexpr int publisherCount = 3, messagesEach = 600, clientCount = 2, sessionsPerClient = 4;
     ManualClock clock;
     auto server = std::make_shared<BayeuxServerImpl>();
@@ -270,6 +272,15 @@ TEST(LongPollSessionConcurrency, EveryAcceptedMessageReachesTheStreamsOnceAndInO
     host->onPublish = [&offeredToHost](const PublishRequest&) { ++offeredToHost; };
     server->addPrioritySession(host);
     std::vector<std::shared_ptr<StreamRecorder>> dyingStreams;
+    // A local session's steady feeds; deliveries on several threads prune its released ones together.
+    const auto local = std::make_shared<LocalBayeuxSession>(server, nullptr);
+    server->addSession(local);
+    std::vector<LocalPublisher> feeds;
+    std::vector<decltype(watch(local->subscribe("/load/*")))> feedsSeen;
+    for (int feed = 0; feed < 5; ++feed) {
+        feeds.push_back(local->subscribe("/load/*"));
+        feedsSeen.push_back(watch(feeds.back()));
+    }
     const auto running = [&publishersDone] { return publishersDone.load() < publisherCount; };
     std::vector<std::thread> threads;
     threads.emplace_back([&] {
@@ -291,6 +302,10 @@ TEST(LongPollSessionConcurrency, EveryAcceptedMessageReachesTheStreamsOnceAndInO
             shortLived->subscribe("/load/**");
             round % 2 == 0 ? server->addSession(shortLived) : server->addPrioritySession(shortLived);
             dyingStreams.push_back(watch(shortLived->connectStream("dying", 300, true, true)));
+            std::vector<LocalPublisher> released;
+            for (int feed = 0; feed < 10; ++feed) {
+                released.push_back(local->subscribe(std::vector<std::string>{exact, "/load/**"}));
+            }
             const auto transient = std::make_shared<RecordingSession>("transient", nullptr);
             server->addSession(transient);
             server->removeSession(round % 3 == 0 ? std::shared_ptr<BayeuxSession>(shortLived) : transient);
@@ -348,6 +363,11 @@ TEST(LongPollSessionConcurrency, EveryAcceptedMessageReachesTheStreamsOnceAndInO
     }
     sessions.clear();
     EXPECT_EQ(clock->armedCount(), 0u);
+    for (const auto& seen : feedsSeen) {
+        EXPECT_EQ(seen->size(), std::size_t{publisherCount * messagesEach});
+    }
+    ASSERT_TRUE(server->deliver(makePublish("/load/0", "last")));
+    EXPECT_EQ(local->subscriptionCount(), feeds.size()) << "what was released is pruned";
 }
 
 }  // namespace

@@ -99,6 +99,7 @@ public:
 };
 
 using StreamRecorder = Recorder<std::unique_ptr<Message>>;
+using LocalPublisher = std::shared_ptr<reactive_streams::PublisherAPI<std::shared_ptr<const PublishRequest>>>;
 
 template <class Item>  // only named in decltype: the item type of a stream
 Item itemOf(const reactive_streams::PublisherAPI<Item>*);

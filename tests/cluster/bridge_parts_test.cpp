@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "korvane/cluster/backoff.h"
@@ -93,9 +94,7 @@ std::string parsed(const char* url, const char* fallback) {
 }
 
 TEST(RedisEndpoint, UrlsGiveHostPortDatabaseAndCredentialsAndBadOnesAreRefusedWithoutQuotingThem) {
-    const struct {
-        const char *url, *fallback, *expected;
-    } cases[] = {
+    const std::tuple<const char*, const char*, const char*> cases[] = {  // URL, password from elsewhere, outcome
         {"redis://localhost", nullptr, "localhost 6379/0 localhost:6379/0 :"},
         {"redis://127.0.0.1:7000", nullptr, "127.0.0.1 7000/0 127.0.0.1:7000/0 :"},
         {"redis://127.0.0.1:7000/", nullptr, "127.0.0.1 7000/0 127.0.0.1:7000/0 :"},
@@ -118,23 +117,19 @@ TEST(RedisEndpoint, UrlsGiveHostPortDatabaseAndCredentialsAndBadOnesAreRefusedWi
         {"redis://[::1", nullptr, "invalid Redis URL: unclosed [ in host"},
         {"redis://[::1]x", nullptr, "invalid Redis URL: bad host"},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(parsed(c.url, c.fallback), c.expected) << c.url;
+    for (const auto& [url, fallback, expected] : cases) {
+        EXPECT_EQ(parsed(url, fallback), expected) << url;
     }
 }
 
 TEST(ChannelSharding, PatternKeysBecomeRedisNamesThatTakeThePrefixLiterally) {
-    const struct {
-        std::string key;
-        bool wildcard;
-        std::string path;
-    } keys[] = {
+    const std::tuple<std::string, bool, std::string> keys[] = {  // key, wildcard, path
         {"a/b", false, "/a/b"}, {"a/*", true, "/a/"}, {"a/b/**", true, "/a/b/"},
         {"*", true, "/"},       {"**", true, "/"},    {"a/**b", false, "/a/**b"},
     };
-    for (const auto& expected : keys) {
-        EXPECT_EQ(isWildcardKey(expected.key), expected.wildcard) << expected.key;
-        EXPECT_EQ(keyPath(expected.key), expected.path) << expected.key;
+    for (const auto& [key, wildcard, path] : keys) {
+        EXPECT_EQ(isWildcardKey(key), wildcard) << key;
+        EXPECT_EQ(keyPath(key), path) << key;
     }
     EXPECT_EQ(redisGlob("p[*]?\\:/a/"), "p\\[\\*\\]\\?\\\\:/a/*");
 }

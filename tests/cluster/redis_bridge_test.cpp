@@ -37,6 +37,10 @@
 namespace korvane::cluster {
 namespace {
 
+using Delivery = std::shared_ptr<const bayeux::PublishRequest>;
+using Inbox = test_support::RecordingSubscriber<Delivery>;
+using namespace std::chrono_literals;
+
 // A frame's origin and message as one line; "-" for a missing data buffer.
 std::string fieldsOf(const std::string& origin, const bayeux::PublishRequest& message) {
     return origin + "|" + message.channel + "|" + message.id + "|" + message.clientId + "|" +
@@ -164,14 +168,14 @@ TEST(ChannelSharding, EveryServerPlacesAChannelAlikeAndAnAddedShardTakesChannels
 }
 
 TEST(Backoff, DoublesUpToTheCapAndStartsOverAfterASuccess) {
-    Backoff backoff(std::chrono::milliseconds(100), std::chrono::milliseconds(5000));
+    Backoff backoff(100ms, 5000ms);
     std::vector<long> waits;
     for (int i = 0; i < 9; ++i) {
         waits.push_back(static_cast<long>(backoff.next().count()));
     }
     EXPECT_EQ(waits, (std::vector<long>{100, 200, 400, 800, 1600, 3200, 5000, 5000, 5000}));
     backoff.reset();
-    EXPECT_EQ(backoff.next(), std::chrono::milliseconds(100));
+    EXPECT_EQ(backoff.next(), 100ms);
 }
 
 TEST(BoundedQueue, KeepsOrderDropsPastCapacityCountsTheDropsAndClosesWithoutCounting) {
@@ -242,9 +246,6 @@ TEST(BoundedQueueConcurrency, EveryProducersOrderSurvivesEveryItemIsTakenOrCount
     }
 }
 
-using Delivery = std::shared_ptr<const bayeux::PublishRequest>;
-using Inbox = test_support::RecordingSubscriber<Delivery>;
-using namespace std::chrono_literals;
 
 // A redis-server of the test's own on a free loopback port, killed at the end.
 class RedisProcess {

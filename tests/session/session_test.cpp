@@ -18,12 +18,18 @@
 namespace korvane::bayeux::testing {
 namespace {
 
-class LongPollSessionTest : public ::testing::Test {
+// A remote client's session subscribed to "/a/**" and a local participant's session, both on a
+// routing core where the host's session "spy" notes what it hears.
+class SessionTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        spy->onPublish = [this](const PublishRequest& message) { spy->record("from " + message.clientId); };
+        spy->onPublish = [this](const PublishRequest& message) {
+            heard.push_back(&message);
+            spy->record("from " + message.clientId);
+        };
         server->addSession(spy);
         server->addSession(session);
+        server->addSession(local);
         ASSERT_TRUE(session->subscribe("/a/**"));
         log.clear();
     }
@@ -32,11 +38,13 @@ protected:
     }
 
     ManualClock clock;
-    Log log;  // what the host's session "spy" heard
+    Log log;                                    // what the host's session "spy" heard
+    std::vector<const PublishRequest*> heard;  // and the messages it was offered
     std::shared_ptr<BayeuxServerImpl> server = std::make_shared<BayeuxServerImpl>();
     std::shared_ptr<RecordingSession> spy = std::make_shared<RecordingSession>("spy", &log);
     std::shared_ptr<LongPollSession> session = std::make_shared<LongPollSession>(server, nullptr);
     const std::string id = session->getId();
+    std::shared_ptr<LocalBayeuxSession> local = std::make_shared<LocalBayeuxSession>(server, nullptr);
 };
 
 // A transport's sink kept across connects: each connect's messages go to the recorder of that
@@ -69,7 +77,7 @@ private:
 // response must come from this session, and no delivered message carries its publisher's id.
 using Script = std::pair<std::vector<std::string>, Texts>;
 
-class LongPollSessionScript : public LongPollSessionTest, public ::testing::WithParamInterface<Script> {
+class LongPollSessionScript : public SessionTest, public ::testing::WithParamInterface<Script> {
 protected:
     Texts run(const std::vector<std::string>& steps) {
         Texts probes;
@@ -193,7 +201,7 @@ INSTANTIATE_TEST_SUITE_P(Scripts, LongPollSessionScript, ::testing::ValuesIn(std
 
 // A pattern is "/..." not ending in "/", with a wildcard only at its very end. Only an accepted
 // pattern is declared to the routing core and told to the host's sessions; holds are counted.
-TEST_F(LongPollSessionTest, PatternsAreCheckedCountedToldAndForgottenWhenTheSessionDies) {
+TEST_F(SessionTest, PatternsAreCheckedCountedToldAndForgottenWhenTheSessionDies) {
     const std::pair<const char*, bool> cases[] = {{"/a/b", true}, {"/a/*", true},   {"/a/**", true}, {"/a*", true},
                                                   {"/a/*/b", false}, {"/", false}, {"/a/", false},  {"a/b", false},
                                                   {"", false},    {"/a/***", false}};
@@ -223,15 +231,23 @@ TEST_F(LongPollSessionTest, PatternsAreCheckedCountedToldAndForgottenWhenTheSess
     EXPECT_EQ(server->heldKeys(), Keys{}) << "a dying session leaves nothing held";
 }
 
-// The routing core skips the sender by the id stamped here, and keeps a refused request with its caller.
-TEST_F(LongPollSessionTest, PublishStampsTheSenderAndPassesOnTheRoutingCoresAnswer) {
+// The routing core skips the sender by the id stamped here, and keeps a refused request with its
+// caller; a local participant's shared message goes on as it is.
+TEST_F(SessionTest, PublishStampsTheSenderAndPassesOnTheRoutingCoresAnswer) {
     EXPECT_TRUE(session->publish(makePublish("/a/b", "own", "forged")));
-    EXPECT_EQ(log, (Log{"spy:/a/b", "spy:from " + id}));
+    EXPECT_TRUE(local->publish(makePublish("/a/b", "owned", "forged")));
+    auto shared = std::shared_ptr<const PublishRequest>(makePublish("/a/b", "shared", "forged"));
+    EXPECT_TRUE(local->publish(std::shared_ptr<const PublishRequest>(shared)));
+    const std::string fromLocal = "spy:from " + local->getId();
+    EXPECT_EQ(log, (Log{"spy:/a/b", "spy:from " + id, "spy:/a/b", fromLocal, "spy:/a/b", fromLocal}));
+    EXPECT_EQ(heard.back(), shared.get());
     EXPECT_FALSE(session->publish(makePublish("/a/*", "bad")));
+    EXPECT_FALSE(local->publish(makePublish("/a/*", "bad")));
+    EXPECT_FALSE(local->publish(std::shared_ptr<const PublishRequest>(makePublish("/", "bad"))));
 }
 
 // The report takes the session's own lock: one made with the lock held would deadlock.
-TEST_F(LongPollSessionTest, PendingLimitIsReportedOnceWithTheLockReleasedAndNothingMoreIsKept) {
+TEST_F(SessionTest, PendingLimitIsReportedOnceWithTheLockReleasedAndNothingMoreIsKept) {
     Texts reported;
     PendingLimit limit{2, 0, [&](const std::string& clientId) {
                            EXPECT_FALSE(session->hasActiveConnect());
@@ -250,31 +266,20 @@ TEST_F(LongPollSessionTest, PendingLimitIsReportedOnceWithTheLockReleasedAndNoth
     EXPECT_EQ(stream->seen(), (Texts{"m1", "m2", "m3", "response:c"})) << "nothing past the first excess is kept";
 }
 
-class LocalBayeuxSessionTest : public ::testing::Test {
-protected:
-    void SetUp() override { server->addSession(session); }
-    void publish(const std::string& channel, const std::string& data) {
-        ASSERT_TRUE(server->deliver(makePublish(channel, data)));
-    }
-
-    std::shared_ptr<BayeuxServerImpl> server = std::make_shared<BayeuxServerImpl>();
-    std::shared_ptr<LocalBayeuxSession> session = std::make_shared<LocalBayeuxSession>(server, nullptr);
-};
-
 // The routing core holds the patterns of live subscriptions; a released one is pruned only by a
 // deliver that matches it.
-TEST_F(LocalBayeuxSessionTest, EachLiveSubscriptionIsDeclaredAndGetsAMatchingMessageOnceAndAllShareIt) {
-    LocalPublisher both = session->subscribe(std::vector<std::string>{"/a/*", "/a/b", "/a/**"}),
-                   first = session->subscribe("/a/b"), second = session->subscribe("/a/b"),
-                   never = session->subscribe(std::vector<std::string>{});
+TEST_F(SessionTest, EachLiveLocalSubscriptionIsDeclaredAndGetsAMatchingMessageOnceAndAllShareIt) {
+    LocalPublisher both = local->subscribe(std::vector<std::string>{"/a/*", "/a/b", "/a/**"}),
+                   first = local->subscribe("/a/b"), second = local->subscribe("/a/b"),
+                   never = local->subscribe(std::vector<std::string>{});
     auto bothSeen = watch(both), firstSeen = watch(first), secondSeen = watch(second), neverSeen = watch(never);
-    session->subscribe("/c");  // released at once
+    local->subscribe("/c");  // released at once
     using Keys = std::vector<std::string>;
     EXPECT_EQ(server->heldKeys(), (Keys{"a/*", "a/**", "a/b", "c"}));
-    publish("/a/b", "m1");
-    publish("/a/c", "m2");
+    publish("m1", "/a/b");
+    publish("m2", "/a/c");
     EXPECT_TRUE(server->isHeld("c")) << "an entry that does not match is not tested for life";
-    publish("/c", "m3");
+    publish("m3", "/c");
     EXPECT_EQ(server->heldKeys(), (Keys{"a/*", "a/**", "a/b"}));
     EXPECT_EQ(bothSeen->seen(), (Texts{"m1", "m2"})) << "three matching patterns, one offer";
     EXPECT_EQ(firstSeen->seen(), Texts{"m1"});
@@ -284,33 +289,19 @@ TEST_F(LocalBayeuxSessionTest, EachLiveSubscriptionIsDeclaredAndGetsAMatchingMes
         << "receivers share the one published object";
 }
 
-// The routing core skips the sender by the id stamped here, and keeps a refused request with its
-// caller. Each stream is a cached-value publisher: a finish comes after the values.
-TEST_F(LocalBayeuxSessionTest, PublishStampsTheSessionNoticesDoNothingAndDestructionFinishesEveryStream) {
-    Log log;
-    std::vector<const PublishRequest*> heard;
-    const auto spy = std::make_shared<RecordingSession>("spy", &log);
-    spy->onPublish = [&](const PublishRequest& message) { heard.push_back(&message), spy->record(message.clientId); };
-    server->addSession(spy);
-    EXPECT_TRUE(session->publish(makePublish("/a", "owned", "forged")));
-    auto shared = std::shared_ptr<const PublishRequest>(makePublish("/a", "shared", "forged"));
-    EXPECT_TRUE(session->publish(std::shared_ptr<const PublishRequest>(shared)));
-    const std::string stamp = "spy:" + session->getId();
-    EXPECT_EQ(log, (Log{"spy:/a", stamp, "spy:/a", stamp}));
-    EXPECT_EQ(heard.back(), shared.get()) << "a shared message is passed on as it is";
-    EXPECT_FALSE(session->publish(makePublish("/a/*", "bad")));
-    EXPECT_FALSE(session->publish(std::shared_ptr<const PublishRequest>(makePublish("/", "bad"))));
-    const LocalPublisher stream = session->subscribe("/a");
+// Each stream is a cached-value publisher: a finish comes after the values.
+TEST_F(SessionTest, ALocalSessionIgnoresNoticesAndFinishesEveryStreamWhenItDies) {
+    const LocalPublisher stream = local->subscribe("/a");
     auto own = watch(stream);
-    session->deliver(std::make_shared<const SubscribeRequest>("/a", "other"));
-    session->deliver(std::make_shared<const UnsubscribeRequest>("/a", "other"));
-    session->flush();
-    EXPECT_EQ(log.size(), 4u) << "subscribing tells nobody";
-    publish("/a", "m1");
-    session.reset();
-    EXPECT_TRUE(server->heldKeys().empty()) << "the session forgot itself";
+    local->deliver(std::make_shared<const SubscribeRequest>("/a", "other"));
+    local->deliver(std::make_shared<const UnsubscribeRequest>("/a", "other"));
+    local->flush();
+    EXPECT_EQ(log, Log{}) << "subscribing tells nobody";
+    publish("m1", "/a");
+    local.reset();
+    EXPECT_EQ(server->heldKeys(), std::vector<std::string>{"a/**"}) << "the dead session forgot itself";
     EXPECT_EQ(own->events(), (Log{"subscribe", "next m1", "complete"}));
-    publish("/a", "after");
+    publish("after", "/a");
 }
 
 // Publishers deliver while clients connect on their own threads, the sessions add and drop

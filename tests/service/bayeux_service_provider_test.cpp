@@ -418,7 +418,8 @@ TEST_F(BayeuxServiceProviderTest, AClientPastThePendingLimitIsDroppedWhileTheOth
     // Each waiting message counts 18 bytes: "/room" and {"text":"hi"}. The reader's messages
     // leave with its connects, and their bytes with them.
     // Messages, bytes (0: no limit), the waiting message that drops; the library's default keeps every one.
-    const std::tuple<std::size_t, std::size_t, int> limits[] = {{0, 0, 6}, {3, 0, 4}, {0, 54, 4}, {0, 53, 3}, {4, 54, 4}};
+    const std::tuple<std::size_t, std::size_t, int> limits[] = {
+        {0, 0, 6}, {3, 0, 4}, {0, 54, 4}, {0, 53, 3}, {4, 54, 4}};
     std::string sender;
     for (const auto& [messages, bytes, droppedAt] : limits) {
         SCOPED_TRACE(std::to_string(messages) + " messages, " + std::to_string(bytes) + " bytes");

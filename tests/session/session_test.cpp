@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <deque>
 #include <map>
 #include <numeric>
 #include <random>
@@ -47,34 +46,24 @@ protected:
     std::shared_ptr<LocalBayeuxSession> local = std::make_shared<LocalBayeuxSession>(server, nullptr);
 };
 
-// A transport's sink kept across connects: each connect's messages go to the recorder of that
-// connect, in the order the connects opened; its response ends it.
+// A transport's sink kept across connects: it records what every connect through it carries.
 class SinkRecorder : public ConnectSink {
 public:
-    void expect(std::shared_ptr<StreamRecorder> recorder) { recorders.push_back(std::move(recorder)); }
-    void deliver(std::unique_ptr<Message>&& message) override {
-        ASSERT_FALSE(recorders.empty()) << "a message for no open connect: " << describe(message);
-        const bool last = dynamic_cast<const ConnectResponse*>(message.get()) != nullptr;
-        recorders.front()->onNext(std::move(message));
-        if (last) {
-            recorders.front()->onComplete();
-            recorders.pop_front();
-        }
-    }
+    void deliver(std::unique_ptr<Message>&& message) override { recorder->onNext(std::move(message)); }
 
-private:
-    std::deque<std::shared_ptr<StreamRecorder>> recorders;
+    const std::shared_ptr<StreamRecorder> recorder = std::make_shared<StreamRecorder>();
 };
 
 // Runs steps "name [arguments]" on the fixture's session, subscribed to "/a/**", and returns what
 // the probing steps reported. Steps: connect ID [TICKS] [streaming|slow] (a buffered connect held
 // 300 ticks unless told; a slow reader asks for nothing at first), sink ID [TICKS] (a buffered
-// connect through the one sink the steps share), unsink (the sink goes), request ID N, cancel ID (its
-// reader lets go, as when its client goes away), publish DATA
-// [CHANNEL] (to "/a/b" unless told), notices (another client's subscribe and unsubscribe), ms N,
-// ticks N, flush, poll ID (a short poll), destroy (drops the session), and the probes: seen ID (as
-// "ID: <items> end" once it ended), armed (timers armed), active (a connect is open). Every
-// response must come from this session, and no delivered message carries its publisher's id.
+// connect through the one sink the steps share, whose items the probe "seen sink" shows), unsink
+// (the sink goes), request ID N, cancel ID (its reader lets go, as when its client goes away),
+// publish DATA [CHANNEL] (to "/a/b" unless told), notices (another client's subscribe and
+// unsubscribe), ms N, ticks N, flush, poll ID (a short poll), destroy (drops the session), and the
+// probes: seen ID (as "ID: <items> end" once it ended), armed (timers armed), active (a connect is
+// open). Every response must come from this session, and no delivered message carries its
+// publisher's id.
 using Script = std::pair<std::vector<std::string>, Texts>;
 
 class LongPollSessionScript : public SessionTest, public ::testing::WithParamInterface<Script> {
@@ -83,16 +72,17 @@ protected:
         Texts probes;
         std::map<std::string, std::shared_ptr<StreamRecorder>> streams;
         auto sink = std::make_shared<SinkRecorder>();
+        streams["sink"] = sink->recorder;
         for (const std::string& step : steps) {
             std::istringstream words(step);
             std::string name, first, second, third;
             words >> name >> first >> second >> third;
-            const long long hold = name == "connect" || name == "sink" ? std::stoll(second.empty() ? "300" : second) : 0;
+            const bool opens = name == "connect" || name == "sink";
+            const long long hold = opens ? std::stoll(second.empty() ? "300" : second) : 0;
             if (name == "connect") {
                 streams[first] = watch(session->connectStream(first, hold, third != "streaming", true),
                                        third == "slow" ? 0 : ~0ul);
             } else if (name == "sink") {
-                sink->expect(streams[first] = std::make_shared<StreamRecorder>());
                 session->connectTo(sink, first, hold, true, true);
             } else if (name == "unsink" || name == "destroy") {
                 name == "unsink" ? sink.reset() : session.reset();
@@ -179,11 +169,11 @@ INSTANTIATE_TEST_SUITE_P(Scripts, LongPollSessionScript, ::testing::ValuesIn(std
          {"armed 1", "c2:", "c2: response:c2 end", "armed 0"}},
         // Through a sink: the same batching and timers, connects answered in the order they opened,
         // pending messages at once, and a session dying with one open answers it.
-        {{"sink c1", "ms 12000", "publish m1", "ms 2", "publish m2", "ms 2", "seen c1", "ms 1", "seen c1",
-          "publish m3", "sink c2", "sink c3", "seen c2", "seen c3", "ticks 300", "seen c3", "sink c4", "publish m4",
-          "destroy", "seen c4"},
-         {"c1:", "c1: m1 m2 response:c1 end", "c2: m3 response:c2 end", "c3:", "c3: response:c3 end",
-          "c4: m4 response:c4 end"}},
+        {{"sink c1", "ms 12000", "publish m1", "ms 2", "publish m2", "ms 2", "seen sink", "ms 1", "seen sink",
+          "publish m3", "sink c2", "sink c3", "seen sink", "ticks 300", "sink c4", "publish m4", "destroy",
+          "seen sink"},
+         {"sink:", "sink: m1 m2 response:c1", "sink: m1 m2 response:c1 m3 response:c2",
+          "sink: m1 m2 response:c1 m3 response:c2 response:c3 m4 response:c4"}},
         // A connect whose reader let go (its sink gone, its stream cancelled) is no longer open, and
         // what comes for it waits for the next connect.
         {{"sink c1", "unsink", "publish m1", "ms 5", "active", "connect c2", "seen c2"},

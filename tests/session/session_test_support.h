@@ -77,9 +77,6 @@ public:
     long errorCount() { return this->count("error"); }
     // A connect still held: nothing carried, not ended.
     bool isHeld() { return this->events() == test_support::Log{"subscribe"}; }
-    bool waitCompleted(std::chrono::milliseconds limit) {
-        return this->waitFor([](Base& recorder) { return recorder.count("complete") > 0; }, limit);
-    }
     std::string joined() {
         std::string all;
         for (const std::string& text : this->seen()) {

@@ -184,32 +184,6 @@ TEST_F(BayeuxServiceProviderTest, EveryReplyCarriesItsOutcomeItsTextAndItsReques
     EXPECT_EQ(outcome(gone) + " " + gone->clientId, "ok " + client);
 }
 
-// A receiver of everything gets a sender's publish with its id cleared below the browser channels
-// or when the environment says exactly "true".
-TEST_F(BayeuxServiceProviderTest, PublishedIdsAreClearedBelowTheBrowserChannelsOrByTheExactValueTrue) {
-    const std::tuple<const char*, const char*, const char*> rows[] = {  // environment, channel, id delivered
-        {nullptr, "/torvex/client/abc", ""}, {nullptr, "/torvex/Venthra", ""}, {nullptr, "/torvex/Venthra2/x", ""},
-        {nullptr, "/torvex/clientele", "7"}, {nullptr, "/chat/room", "7"},     {"true", "/chat/room", ""},
-        {"True", "/chat/room", "7"},         {"1", "/chat/room", "7"},         {"true ", "/chat/room", "7"}};
-    for (const auto& [environment, channel, expectedId] : rows) {
-        SCOPED_TRACE(std::string(environment ? environment : "<unset>") + " " + channel);
-        environment ? setenv("TORVEX_KORVANE_BAYEUX_FORCE_ID_CLEAR", environment, 1)
-                    : unsetenv("TORVEX_KORVANE_BAYEUX_FORCE_ID_CLEAR");
-        provider = makeProvider(server);
-        const std::string receiver = handshake(), sender = handshake();
-        ASSERT_TRUE(subscribe(receiver, "/**")->successful);
-        auto stream = open(connect(receiver));
-        ASSERT_TRUE(publish(sender, channel, "7")->successful);
-        clock->advance(5ms);
-        EXPECT_EQ(stream->seen(), (Texts{"{\"text\":\"hi\"}", "response:c-" + receiver}));
-        const auto* delivered = stream->at<PublishRequest>(0);
-        EXPECT_EQ(delivered ? delivered->channel + " " + delivered->id + " from '" + delivered->clientId + "'" : "",
-                  std::string(channel) + " " + expectedId + " from ''");
-        EXPECT_TRUE(disconnect(receiver)->successful);
-    }
-    unsetenv("TORVEX_KORVANE_BAYEUX_FORCE_ID_CLEAR");
-}
-
 // Admits a handshake whose ext is a user's name as a JSON string ("mallory" is banned), and
 // lets that user subscribe and publish below /public/ and /user/<name>/. Notes every question.
 class UserPolicy : public BayeuxPolicy {
@@ -291,9 +265,10 @@ TEST_F(BayeuxServiceProviderTest, APolicyDecidesHandshakesSubscribesAndPublishes
                                     "publish browser-1 ann /user/bob/inbox", "publish browser-1 ann /public/room"}));
 }
 
-// The host stamps what comes in from clients and what goes out to each, and drops some of both:
-// on a held connect and on a short poll alike.
-TEST_F(BayeuxServiceProviderTest, HostHooksChangeOrDropMessagesOnTheirWayInAndOut) {
+// What receivers of everything get of a publish: the host's hooks stamp what comes in from clients
+// and what goes out to each, and drop some of both, on a held connect and on a short poll alike; the
+// id is cleared below the browser channels or when the environment says exactly "true".
+TEST_F(BayeuxServiceProviderTest, HostHooksChangeOrDropMessagesAndIdsAreClearedBelowTheBrowserChannels) {
     BayeuxServiceOptions options;
     options.incoming = [](BayeuxBase& request, const std::shared_ptr<Context>&) {
         if (auto* message = dynamic_cast<PublishRequest*>(&request)) {
@@ -306,19 +281,32 @@ TEST_F(BayeuxServiceProviderTest, HostHooksChangeOrDropMessagesOnTheirWayInAndOu
                                                             message.data->str() + "}");
         return message.channel != "/hidden";
     };
-    provider = makeProvider(server, options);
-    const std::string held = handshake(), polled = handshake(), sender = handshake();
-    ASSERT_TRUE(subscribe(held, "/**")->successful && subscribe(polled, "/**")->successful);
-    auto heldStream = open(connect(held));
-    EXPECT_EQ(outcome(publish(sender, "/muted")), "refused: 403:/muted:message dropped");
-    EXPECT_EQ(outcome(publish(sender, "/hidden")), "ok");
-    EXPECT_EQ(outcome(publish(sender, "/room")), "ok");
-    clock->advance(5ms);
-    auto polledStream = open(connect(polled, "short-polling"));
-    for (const auto& [client, stream] : {std::pair{held, heldStream}, {polled, polledStream}}) {
-        EXPECT_EQ(stream->seen().front(), "{\"to\":\"" + client + "\",\"data\":{\"in\":{\"text\":\"hi\"}}}");
-        EXPECT_EQ(stream->seen().size(), 2u) << "the dropped messages are followed by the connect's response";
+    const std::tuple<const char*, const char*, const char*> rows[] = {  // environment, channel, id delivered
+        {nullptr, "/torvex/client/abc", ""}, {nullptr, "/torvex/Venthra", ""}, {nullptr, "/torvex/Venthra2/x", ""},
+        {nullptr, "/torvex/clientele", "7"}, {nullptr, "/chat/room", "7"},     {"true", "/chat/room", ""},
+        {"True", "/chat/room", "7"},         {"1", "/chat/room", "7"},         {"true ", "/chat/room", "7"}};
+    for (const auto& [environment, channel, expectedId] : rows) {
+        SCOPED_TRACE(std::string(environment ? environment : "<unset>") + " " + channel);
+        environment ? setenv("TORVEX_KORVANE_BAYEUX_FORCE_ID_CLEAR", environment, 1)
+                    : unsetenv("TORVEX_KORVANE_BAYEUX_FORCE_ID_CLEAR");
+        provider = makeProvider(server, options);
+        const std::string held = handshake(), polled = handshake(), sender = handshake();
+        ASSERT_TRUE(subscribe(held, "/**")->successful && subscribe(polled, "/**")->successful);
+        auto heldStream = open(connect(held));
+        EXPECT_EQ(outcome(publish(sender, "/muted")), "refused: 403:/muted:message dropped");
+        EXPECT_TRUE(publish(sender, "/hidden")->successful && publish(sender, channel, "7")->successful);
+        clock->advance(5ms);
+        auto polledStream = open(connect(polled, "short-polling"));
+        for (const auto& [client, stream] : {std::pair{held, heldStream}, {polled, polledStream}}) {
+            EXPECT_EQ(stream->seen().front(), "{\"to\":\"" + client + "\",\"data\":{\"in\":{\"text\":\"hi\"}}}");
+            EXPECT_EQ(stream->seen().size(), 2u) << "the dropped messages are followed by the connect's response";
+            const auto* delivered = stream->at<PublishRequest>(0);
+            EXPECT_EQ(delivered ? delivered->channel + " " + delivered->id + " from '" + delivered->clientId + "'" : "",
+                      std::string(channel) + " " + expectedId + " from ''");
+        }
+        EXPECT_TRUE(disconnect(held)->successful);
     }
+    unsetenv("TORVEX_KORVANE_BAYEUX_FORCE_ID_CLEAR");
 }
 
 TEST_F(BayeuxServiceProviderTest, ConnectHoldTimeFollowsTheClientsAdvice) {

@@ -38,7 +38,8 @@ std::string outcome(const std::unique_ptr<Response>& reply) {
 
 // A provider on a fresh routing core and a manual clock, spoken to through its typed dispatch as
 // a transport does. Requests go out in the context `browser`, which routes nowhere, unless a test
-// names another.
+// names another. The request helpers may be called from several threads, as the provider may; the
+// members are set before any thread starts.
 class ProviderFixture : public ::testing::Test {
 protected:
     static constexpr long long startTick = 5000;

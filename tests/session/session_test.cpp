@@ -18,7 +18,7 @@ namespace korvane::bayeux::testing {
 namespace {
 
 // A remote client's session subscribed to "/a/**" and a local participant's session, both on a
-// routing core where the host's session "spy" notes what it hears.
+// routing core where the host's session "spy" notes what it hears. One thread: the test's.
 class SessionTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -46,7 +46,8 @@ protected:
     std::shared_ptr<LocalBayeuxSession> local = std::make_shared<LocalBayeuxSession>(server, nullptr);
 };
 
-// A transport's sink kept across connects: it records what every connect through it carries.
+// A transport's sink kept across connects: it records what every connect through it carries. The
+// session calls deliver on whichever thread drains it; the recorder is safe from any thread.
 class SinkRecorder : public ConnectSink {
 public:
     void deliver(std::unique_ptr<Message>&& message) override { recorder->onNext(std::move(message)); }

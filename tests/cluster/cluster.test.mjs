@@ -1,7 +1,9 @@
 // Three korvane-bayeux servers sharing their channels through two redis-server shards,
 // with the cometd client on each: delivery across servers on both transports to exactly
 // the holders of a channel, no echo and no duplicates, subscriptions in Redis that follow
-// the local holders, a shard going away and back, and a shard list that differs.
+// the local holders, a shard going away and back, and a shard list that differs. The
+// orchestrator's probes: /healthz answers while the process serves, /readyz while every
+// shard is heard.
 
 import { after, before, describe, test } from "node:test";
 import assert from "node:assert/strict";
@@ -20,13 +22,21 @@ const client = async (server, transport = "long-polling") => {
     return cometd;
 };
 const clusterWarnings = (server) => server.output().split("\n").filter((line) => line.includes("[korvane::cluster]"));
+// "<status> <text>" of /healthz and /readyz, then the bridge's gauges in /metrics as "up/shards".
+const health = async (server) => {
+    const answers = await Promise.all(["/healthz", "/readyz", "/metrics"].map(async (path) => {
+        const response = await fetch(new URL(path, server.url));
+        return `${response.status} ${await response.text()}`;
+    }));
+    const gauge = (name) => answers[2].match(new RegExp(`^${name} (\\d+)$`, "m"))?.[1];
+    return `${answers[0]}${answers[1]}${gauge("korvane_redis_up")}/${gauge("korvane_redis_shards")}`;
+};
 
 describe("servers sharing channels through Redis shards", () => {
     const password = `pw-${randomBytes(6).toString("hex")}`;
     const prefix = `korvane-test-${randomBytes(3).toString("hex")}:`;
     const shards = [];
     const servers = {};
-    let probes = 0;
     const startClustered = (urls, env = {}) =>
         startServer({ args: [...urls.flatMap((url) => ["--redis", url]), "--redis-prefix", prefix], env });
     // How many servers subscribe to `channel` in Redis, and the shards that carry it.
@@ -36,15 +46,10 @@ describe("servers sharing channels through Redis shards", () => {
     };
     const patternCounts = () => Promise.all(shards.map(async (shard) => Number((await shard.cli("PUBSUB", "NUMPAT"))[0])));
 
-    // Publishes from `from` until a subscriber on `to` sees it: the bridges of both are up.
-    const awaitCrossing = async (from, to) => {
-        const channel = `/probe/${++probes}`;
-        const [listener, talker] = [await client(to), await client(from)];
-        let seen = 0;
-        await subscribe(listener, channel, () => ++seen);
-        for (const end = Date.now() + 15000; seen === 0; await sleep(100)) {
-            assert.ok(Date.now() < end, `no message crossed to ${to.url} within 15 s`);
-            await publish(talker, channel, { probe: true });
+    // Until /readyz answers 200: every shard of `server` is heard.
+    const awaitReady = async (server) => {
+        for (const end = Date.now() + 15000; !(await health(server)).includes("200 ready"); await sleep(100)) {
+            assert.ok(Date.now() < end, `${server.url} not ready within 15 s`);
         }
     };
 
@@ -54,9 +59,7 @@ describe("servers sharing channels through Redis shards", () => {
         servers.a = await startClustered(bases.map((base) => `redis://:${password}@${base}`));
         servers.b = await startClustered(bases.map((base) => `redis://${base}`), { KORVANE_REDIS_PASSWORD: password });
         servers.c = await startClustered(bases.map((base) => `redis://:${password}@${base}/0`));
-        await awaitCrossing(servers.b, servers.a);
-        await awaitCrossing(servers.a, servers.b);
-        await awaitCrossing(servers.a, servers.c);
+        for (const server of Object.values(servers)) await awaitReady(server);
     });
     after(async () => {
         await Promise.all(clients.map(disconnect));
@@ -68,15 +71,10 @@ describe("servers sharing channels through Redis shards", () => {
         test(`over ${transport}: a message reaches the holders of its channel once, as sent, and no one else, for exact channels and both wildcards`, async () => {
             const t = `/t/${transport}`;
             // Server a holds an exact channel and, in another session, a wildcard that Redis sends it too.
-            // The publisher on b holds the exact channel and a witness next to it sees it locally.
+            // The publisher on b holds the exact channel and a witness next to it sees it locally. c's Redis
+            // glob for /one/* covers /one/x/y, its pattern does not. Each channel with the holders it reaches:
             const holders = [["a", "/exact"], ["a", "/**"], ["c", "/one/*"], ["c", "/deep/**"], ["b", "/exact"], ["b", "/exact"]];
-            const publishes = [
-                ["/exact", [0, 1, 5]],
-                ["/one/x", [1, 2]],
-                ["/one/x/y", [1]], // c's Redis glob covers it, its pattern does not
-                ["/deep/x/y", [1, 3]],
-                ["/elsewhere", [1]],
-            ];
+            const publishes = [["/exact", [0, 1, 5]], ["/one/x", [1, 2]], ["/one/x/y", [1]], ["/deep/x/y", [1, 3]], ["/elsewhere", [1]]];
             const [seen, on] = [holders.map(() => []), []];
             for (const [index, [server, pattern]] of holders.entries()) {
                 on.push(await client(servers[server], transport));
@@ -149,6 +147,7 @@ describe("servers sharing channels through Redis shards", () => {
         await sleep(1500);
         assert.deepEqual(seen[away], [-1], "only the local delivery while its shard is away");
         assert.equal(clusterWarnings(servers.a).length - warningsBefore, 1, "one warning for the outage, not one per attempt");
+        assert.equal(await health(servers.a), "200 serving\n503 not connected to Redis\n1/2", "alive while not ready");
 
         shards[1] = await startRedis({ port: shards[1].port, password });
         const firstAfter = n;
@@ -163,6 +162,7 @@ describe("servers sharing channels through Redis shards", () => {
         assert.equal(new Set(seen[away]).size, seen[away].length, "no duplicates");
         assert.deepEqual([...seen[away]].sort((x, y) => x - y), seen[away], "in order");
         assert.deepEqual(seen[away].filter((value) => value >= resumed), Array.from({ length: 20 }, (_, k) => resumed + k), "nothing lost once back");
+        assert.equal(await health(servers.a), "200 serving\n200 ready\n2/2");
         for (const server of Object.values(servers)) assert.ok(!server.output().includes(password), "the password is never logged");
     });
 
@@ -182,6 +182,7 @@ test("a Redis that accepts connections and never answers holds up no publisher; 
     await new Promise((resolve) => silent.listen(0, "127.0.0.1", resolve));
     const server = await startServer({ args: ["--redis", `redis://127.0.0.1:${silent.address().port}`, "--redis-buffer", "10"] });
     const [listener, publisher] = [await client(server), await client(server)];
+    assert.equal(await health(server), "200 serving\n503 not connected to Redis\n0/1", "never ready before Redis answers");
     const seen = [];
     await subscribe(listener, "/busy/room", (message) => seen.push(message.data.n));
     const started = Date.now();
@@ -198,4 +199,10 @@ test("a Redis that accepts connections and never answers holds up no publisher; 
     await server.stop();
     sockets.forEach((socket) => socket.destroy());
     await new Promise((resolve) => silent.close(resolve));
+});
+
+test("a lone server is ready as soon as it serves", async () => {
+    const server = await startServer();
+    assert.equal(await health(server), "200 serving\n200 ready\nundefined/undefined");
+    await server.stop();
 });

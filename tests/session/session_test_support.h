@@ -1,14 +1,12 @@
 #pragma once
 
 // Helpers of the session, protocol-service and transport tests: a recorder of what a stream
-// hands its subscriber, a routing core that keeps a ledger of declared patterns, a message
-// builder and a manual clock. All but the clock are safe to use from several threads.
+// hands its subscriber, a message builder and a manual clock. All but the clock are safe to
+// use from several threads.
 
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <map>
-#include <mutex>
 
 #include "korvane/codec/messages.h"
 #include "korvane/frame/http.h"
@@ -79,9 +77,6 @@ public:
     long errorCount() { return this->count("error"); }
     // A connect still held: nothing carried, not ended.
     bool isHeld() { return this->events() == test_support::Log{"subscribe"}; }
-    bool waitCompleted(std::chrono::milliseconds limit) {
-        return this->waitFor([](Base& recorder) { return recorder.count("complete") > 0; }, limit);
-    }
     std::string joined() {
         std::string all;
         for (const std::string& text : this->seen()) {
@@ -99,6 +94,7 @@ public:
 };
 
 using StreamRecorder = Recorder<std::unique_ptr<Message>>;
+using LocalPublisher = std::shared_ptr<reactive_streams::PublisherAPI<std::shared_ptr<const PublishRequest>>>;
 
 template <class Item>  // only named in decltype: the item type of a stream
 Item itemOf(const reactive_streams::PublisherAPI<Item>*);
@@ -110,31 +106,5 @@ auto watch(const std::shared_ptr<Publisher>& publisher, unsigned long demand = ~
     publisher->subscribe(recorder);
     return recorder;
 }
-
-// A routing core that keeps a ledger of the patterns its sessions declare, how often each is
-// held now, and of how many sessions were forgotten (as "forgotten").
-class PatternLedger : public BayeuxServerImpl {
-public:
-    void declarePattern(BayeuxSession& session, const std::string& pattern) override {
-        count(pattern, 1), BayeuxServerImpl::declarePattern(session, pattern);
-    }
-    void withdrawPattern(BayeuxSession& session, const std::string& pattern) override {
-        count(pattern, -1), BayeuxServerImpl::withdrawPattern(session, pattern);
-    }
-    void forgetSession(BayeuxSession& session) override {
-        count("forgotten", 1), BayeuxServerImpl::forgetSession(session);
-    }
-    std::map<std::string, int> held() { return std::lock_guard<std::mutex>(mutex), holds; }
-
-private:
-    void count(const std::string& key, int change) {
-        const std::lock_guard<std::mutex> guard(mutex);
-        if ((holds[key] += change) == 0) {
-            holds.erase(key);
-        }
-    }
-    std::mutex mutex;
-    std::map<std::string, int> holds;
-};
 
 }  // namespace korvane::bayeux::testing

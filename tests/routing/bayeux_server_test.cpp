@@ -9,69 +9,17 @@
 
 #include "korvane/codec/channel.h"
 #include "korvane/frame/data_buffer.h"
+#include "routing/routing_test_support.h"
 
 namespace korvane::bayeux {
 namespace {
 
-using Log = std::vector<std::string>;
+using namespace testing;
 
 Log sorted(Log log) {
     std::sort(log.begin(), log.end());
     return log;
 }
-
-std::unique_ptr<PublishRequest> publish(const std::string& channel, const std::string& clientId = "publisher") {
-    auto request = std::make_unique<PublishRequest>(channel);
-    request->clientId = clientId;
-    request->data = std::make_shared<common::DataBuffer>();
-    return request;
-}
-
-// A session that logs "id:event" into the test's log and runs `onPublish` inside its deliver.
-// Made without a server it is a host's own session: it declares nothing and so is offered
-// everything; made with one, it declares its patterns to it, which then offers it only what
-// they match. Threading: the test's thread only.
-class RecordingSession : public BayeuxSession {
-public:
-    RecordingSession(std::string id, Log* log, std::shared_ptr<BayeuxServer> server = nullptr)
-        : id(std::move(id)), log(log), server(std::move(server)) {}
-    ~RecordingSession() override {
-        if (server) {
-            server->forgetSession(*this);
-        }
-    }
-    std::shared_ptr<Context> getContext() const override { return nullptr; }
-    std::string getId() const override { return id; }
-    bool declaresPatternsTo(const BayeuxServer& routing) const override { return &routing == server.get(); }
-    void deliver(const std::vector<std::string>&, const std::shared_ptr<const PublishRequest>& message) override {
-        log->push_back(id + ":" + message->channel);
-        if (onPublish) {
-            onPublish(*message);
-        }
-    }
-    void deliver(const std::shared_ptr<const SubscribeRequest>& m) override { log->push_back(id + ":subscribe " + m->subscription); }
-    void deliver(const std::shared_ptr<const UnsubscribeRequest>& m) override { log->push_back(id + ":unsubscribe " + m->subscription); }
-    RecordingSession& hold(const std::string& pattern) { return server->declarePattern(*this, pattern), *this; }
-    RecordingSession& drop(const std::string& pattern) { return server->withdrawPattern(*this, pattern), *this; }
-
-    const std::string id;
-    Log* const log;
-    const std::shared_ptr<BayeuxServer> server;
-    std::function<void(const PublishRequest&)> onPublish;
-};
-
-// Counts live allocations, so that a test sees when the last weak reference to a dead
-// session's control block is gone. Threading: any thread; the count is atomic.
-template <class T>
-struct CountingAllocator {
-    using value_type = T;
-    explicit CountingAllocator(std::atomic<int>& liveCount) : live(&liveCount) {}
-    template <class U>
-    CountingAllocator(const CountingAllocator<U>& other) : live(other.live) {}
-    T* allocate(std::size_t n) { return ++*live, std::allocator<T>().allocate(n); }
-    void deallocate(T* p, std::size_t n) { --*live, std::allocator<T>().deallocate(p, n); }
-    std::atomic<int>* live;
-};
 
 // Threading: the test's thread only.
 class BayeuxServerTest : public ::testing::Test {

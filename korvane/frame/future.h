@@ -1,6 +1,8 @@
 #pragma once
 
 // One-shot, single-consumer result channel: Promise<T> writes, Future<T> reads.
+// A future made ready (makeReadyFuture) holds its value itself and has no shared
+// state, so an answer known at once costs no allocation and no lock.
 //
 // Threading: a state has one mutex; no operation here holds two. A continuation
 // attached by `then` runs on whichever thread completes the pair last: the
@@ -14,6 +16,7 @@
 #include <exception>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <type_traits>
 #include <utility>
@@ -93,10 +96,12 @@ public:
     Future() noexcept : valid(false) {}
     explicit Future(std::shared_ptr<State> sharedState) noexcept
         : state(std::move(sharedState)), valid(state != nullptr) {}
-    Future(Future&& other) noexcept : state(std::move(other.state)), valid(other.valid.exchange(false)) {}
+    Future(Future&& other) noexcept
+        : state(std::move(other.state)), readyValue(std::move(other.readyValue)), valid(other.valid.exchange(false)) {}
     Future& operator=(Future&& other) noexcept {
         if (this != &other) {
             state = std::move(other.state);
+            readyValue = std::move(other.readyValue);
             valid.store(other.valid.exchange(false));
         }
         return *this;
@@ -116,7 +121,19 @@ public:
     auto then(F&& function) -> Future<std::invoke_result_t<std::decay_t<F>&, Future<T>&&>>;
 
 private:
+    template <class U>
+    friend Future<U> makeReadyFuture(U&& value);
+
+    struct Ready {};
+    Future(T&& value, Ready) : readyValue(std::move(value)), valid(true) {}
+
+    // `then` on a ready future: runs `function` here and now, as a state's continuation would.
+    template <class F>
+    auto thenReady(F&& function) -> Future<std::invoke_result_t<std::decay_t<F>&, Future<T>&&>>;
+
+    // Without a state the future is ready: its value is here until `get` or `then` takes it.
     std::shared_ptr<State> state;
+    std::optional<T> readyValue;
     std::atomic<bool> valid;
 };
 
@@ -158,12 +175,10 @@ private:
     std::atomic<bool> valid;
 };
 
-// A future over a state that is already resolved; the state's futureReturned stays false.
+// A future that already holds `value`.
 template <class T>
 Future<T> makeReadyFuture(T&& value) {
-    auto state = std::make_shared<detail::SharedFutureState<T>>();
-    state->setValue(std::move(value));
-    return Future<T>(std::move(state));
+    return Future<T>(std::move(value), typename Future<T>::Ready{});
 }
 
 template <class T>
@@ -283,6 +298,14 @@ T Future<T>::get() {
     if (!valid.load()) {
         throw std::runtime_error("Future state isn't valid!");
     }
+    if (!state) {
+        if (!readyValue) {
+            throw std::runtime_error("Future already returned it's value or has an associated continuation.");
+        }
+        T value = std::move(*readyValue);
+        readyValue.reset();
+        return value;
+    }
     std::shared_ptr<State> held = state;
     std::unique_lock<std::mutex> lock(held->mutex);
     if (held->valueReturned || held->continuation != nullptr) {
@@ -317,6 +340,9 @@ auto Future<T>::then(F&& function) -> Future<std::invoke_result_t<std::decay_t<F
     if (!valid.exchange(false)) {
         throw std::runtime_error("Future state isn't valid!");
     }
+    if (!state) {
+        return thenReady(std::forward<F>(function));
+    }
     std::unique_lock<std::mutex> lock(state->mutex);
     if (state->valueReturned || state->continuation != nullptr) {
         throw std::runtime_error("Future already has returned it's value or has an associated continuation.");
@@ -328,6 +354,23 @@ auto Future<T>::then(F&& function) -> Future<std::invoke_result_t<std::decay_t<F
     state->continuation = continuation.release();
     state->fireContinuation(lock);
     return result;
+}
+
+template <class T>
+template <class F>
+auto Future<T>::thenReady(F&& function) -> Future<std::invoke_result_t<std::decay_t<F>&, Future<T>&&>> {
+    using R = std::invoke_result_t<std::decay_t<F>&, Future<T>&&>;
+    if (!readyValue) {
+        throw std::runtime_error("Future already has returned it's value or has an associated continuation.");
+    }
+    Future<T> spent(std::move(*readyValue), Ready{});
+    readyValue.reset();
+    std::decay_t<F> callable(std::forward<F>(function));
+    try {
+        return makeReadyFuture<R>(callable(std::move(spent)));
+    } catch (...) {
+        return makeErrorFuture<R>(std::current_exception());
+    }
 }
 
 template <class T>

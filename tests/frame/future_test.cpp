@@ -35,6 +35,7 @@ TEST(Future, MisuseIsRefusedWithItsOwnText) {
     const std::pair<std::function<void()>, std::string> cases[] = {
         {[] { auto f = makeReadyFuture(1); f.then(identity); f.then(identity); }, notValid},
         {[] { auto f = makeReadyFuture(1); f.get(); f.get(); }, getRefused},
+        {[] { auto f = makeReadyFuture(1); f.get(); f.then(identity); }, thenRefused},
         {[] { auto f = makeReadyFuture(1); f.then(identity); f.get(); }, notValid},
         {[] { auto f = makeReadyFuture(1); Future<int> taker(std::move(f)); f.get(); }, notValid},
         {[&] { claimed([](Future<int>&& f) { f.get(); }); }, getRefused},

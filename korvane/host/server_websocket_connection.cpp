@@ -76,9 +76,9 @@ DataBuffer closePayload(websocket::close_code code) {
 //
 // The service's frames (`inbound`) come through the relay `writer` and are written in
 // order; those ready together (a delivery and the connect reply behind it) leave in one
-// gathered socket write. The flush that starts a write is deferred behind the handlers
-// already queued on the strand, so that a reply put in the inbox just after its message
-// joins it. On a plain socket the write is tried at once without blocking, and only what
+// gathered socket write. The inbox's first frame wakes the strand by a defer, which from
+// an I/O thread runs only once the handler that made the frame has returned, so that a
+// reply put in the inbox just after its message joins it. On a plain socket the write is tried at once without blocking, and only what
 // the kernel does not take waits for the socket. The peer's messages are read whole,
 // only within the demand the service asked for, and handed to `outbound` on the strand;
 // a plain socket waits for readability and is then read without blocking, so no read
@@ -212,7 +212,7 @@ private:
         writer = std::make_shared<RelaySubscriber<WebSocketFrame>>(
             [link = link, inbox = inbox](FrameSignal&& signal) {
                 if (inbox->put(std::move(signal))) {
-                    link->post([](ServerWebSocketConnection& connection) { connection.onInboxReady(); });
+                    link->defer([](ServerWebSocketConnection& connection) { connection.onInboxReady(); });
                 }
             },
             false);
@@ -409,7 +409,7 @@ private:
 
     void onInboxReady() {
         takeInbox();
-        scheduleFlush();
+        doWrite();
     }
 
     void takeInbox() {

@@ -9,13 +9,14 @@
 // context goes, so nothing posts to a context that no longer exists.
 // Internal to the host's server: included only by its .cpp files.
 //
-// Locking: `mutex` guards `target` and is held across the post (which never runs
-// the work inline), so that a cut() that returned has no post in flight.
+// Locking: `mutex` guards `target` and is held across the post or defer (neither
+// runs the work inline), so that a cut() that returned has no post in flight.
 
 #include <memory>
 #include <mutex>
 #include <utility>
 
+#include <boost/asio/defer.hpp>
 #include <boost/asio/post.hpp>
 
 namespace korvane::host {
@@ -34,6 +35,20 @@ public:
         }
         boost::asio::post(target->executor(),
                           [target = target, work = std::forward<Work>(work)]() mutable { work(*target); });
+        return true;
+    }
+
+    // As post, but called from a handler of the same I/O context the work waits until
+    // that handler has returned, and then runs on the same thread: what the handler
+    // goes on to hand the target meanwhile is there when the work runs.
+    template <class Work>
+    bool defer(Work&& work) {
+        std::lock_guard<std::mutex> guard(mutex);
+        if (!target) {
+            return false;
+        }
+        boost::asio::defer(target->executor(),
+                           [target = target, work = std::forward<Work>(work)]() mutable { work(*target); });
         return true;
     }
 

@@ -86,6 +86,12 @@ TEST(JsonReader, ReadStringOrNullDecodesEscapes) {
                  {"\"" + a40 + "\\\\\\\"x\"", a40 + "\\\"x"}, {"\"" + a40 + "\\\"\\\"\"", a40 + "\"\""},
                  {"\"" + a40, unterminated}, {"\"" + a40 + "\\", unterminated}, {"\"" + a40 + "\\\"", unterminated}},
                 readStringOrNull);
+    // A closing quote, an escape or the end at every place in and past the first eight-byte words.
+    for (std::size_t at = 0; at < 18; ++at) {
+        const std::string run(at, 'a');
+        expectCases({{"\"" + run + "\"", run}, {"\"" + run + "\\\"x\"", run + "\"x"}, {"\"" + run + "\\", unterminated}},
+                    readStringOrNull);
+    }
     expectCases({{"a\\", fails + "Invalid JSON escape sequence"}}, [](std::uint64_t&, const DataBuffer& buffer) {
         return decodeStringSpan(buffer, 0, buffer.size);
     });

@@ -344,21 +344,32 @@ std::unique_ptr<Message> parseObject(std::uint64_t& cursor, const DataBuffer& bu
     return message;
 }
 
+// An array of one message is that message; a container is made only for a second one.
 std::unique_ptr<Message> parseArray(std::uint64_t& cursor, const DataBuffer& buffer, bool isRequest) {
-    auto container = std::make_unique<BayeuxContainer>();
+    std::unique_ptr<Message> first;
+    std::unique_ptr<BayeuxContainer> container;
     json::expectChar(cursor, buffer, '[');
     for (;;) {
         json::skipWhitespace(cursor, buffer);
         if (cursor >= buffer.size || buffer.data[cursor] != '{') {
             throw std::invalid_argument("Invalid JSON, expected '{'");
         }
-        container->messages.push_back(parseObject(cursor, buffer, isRequest));
+        std::unique_ptr<Message> message = parseObject(cursor, buffer, isRequest);
+        if (container) {
+            container->messages.push_back(std::move(message));
+        } else if (!first) {
+            first = std::move(message);
+        } else {
+            container = std::make_unique<BayeuxContainer>();
+            container->messages.push_back(std::move(first));
+            container->messages.push_back(std::move(message));
+        }
         char c = json::nextChar(cursor, buffer);
         if (c == ']') {
-            if (container->messages.size() == 1) {
-                return std::move(container->messages.front());
+            if (container) {
+                return container;
             }
-            return container;
+            return first;
         }
         if (c != ',' || cursor >= buffer.size) {
             throw std::invalid_argument("JSON parsing error, invalid bayeux message array");

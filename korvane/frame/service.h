@@ -30,15 +30,22 @@ namespace korvane {
 class KORVANE_EXPORT Address {
 public:
     Address() = default;
-    explicit Address(std::string name) : serviceName(std::move(name)) {}
+    explicit Address(std::string name)
+        : serviceName(name.empty() ? nullptr : std::make_shared<const std::string>(std::move(name))) {}
 
-    const std::string& name() const noexcept { return serviceName; }
-    explicit operator bool() const noexcept { return !serviceName.empty(); }
-    bool operator==(const Address& other) const noexcept { return serviceName == other.serviceName; }
-    bool operator!=(const Address& other) const noexcept { return serviceName != other.serviceName; }
+    const std::string& name() const noexcept { return serviceName ? *serviceName : noName(); }
+    explicit operator bool() const noexcept { return serviceName != nullptr; }
+    bool operator==(const Address& other) const noexcept { return name() == other.name(); }
+    bool operator!=(const Address& other) const noexcept { return name() != other.name(); }
 
 private:
-    std::string serviceName;
+    static const std::string& noName() noexcept {
+        static const std::string empty;
+        return empty;
+    }
+
+    // Shared: an address is copied with every request it carries, its name never changes.
+    std::shared_ptr<const std::string> serviceName;
 };
 
 namespace common {

@@ -143,7 +143,7 @@ std::shared_ptr<LongPollSession> BayeuxServiceProviderImpl::getSession(const std
     }
     ClientInfo& info = found->second;
     info.tick = common::getCurrentTick();
-    if (!connectionType.empty()) {
+    if (!connectionType.empty() && info.connectionType != connectionType) {
         info.connectionType = connectionType;
     }
     KORVANE_LOG(logger, common::logFrequent) << "Tick updated for client: " << clientId << " to " << info.tick;
@@ -414,16 +414,26 @@ bool BayeuxServiceProviderImpl::openConnect(const ConnectStreamRequest& request,
 Future<std::unique_ptr<Message>> BayeuxServiceProviderImpl::handle(std::unique_ptr<ConnectStreamRequest>&& request,
                                                                    Address&& /*address*/,
                                                                    std::shared_ptr<Context>&& context) {
-    auto response = respondTo(*request, std::make_unique<ConnectStreamResponse>());
+    auto response = std::make_unique<ConnectStreamResponse>();
+    bool opened = false;
+    bool failed = false;
     try {
-        if (openConnect(*request, context, *response)) {
-            response->successful = true;
-            return resolved(std::move(response));
-        }
-        refuseUnknownClient(*response);
+        opened = openConnect(*request, context, *response);
     } catch (...) {
+        failed = true;
+    }
+    // The request is spent: its ids move to the reply.
+    response->id = std::move(request->id);
+    response->clientId = std::move(request->clientId);
+    if (opened) {
+        response->successful = true;
+        return resolved(std::move(response));
+    }
+    if (failed) {
         // The exception's own text is deliberately not passed on to the client.
         response->error = "Error while processing connect request";
+    } else {
+        refuseUnknownClient(*response);
     }
     response->successful = false;
     response->advice = handshakeAdvice();

@@ -152,19 +152,18 @@ void WebSocketConnection::fillClientId(Message& message) {
 }
 
 void WebSocketConnection::sendMessage(std::unique_ptr<Message>&& message) {
+    // A reply that carries a client id (the handshake's) teaches the connection its id.
+    BayeuxBase* bayeux = bayeuxFieldsOf(*message);
     std::shared_ptr<FramePublisher> publisher;
     {
         std::lock_guard<std::mutex> guard(mutex);
         publisher = framePublisher;
+        if (publisher && bayeux != nullptr && !bayeux->clientId.empty() && bayeux->clientId != clientId) {
+            clientId = bayeux->clientId;
+        }
     }
     if (!publisher) {
         return;
-    }
-    // A reply that carries a client id (the handshake's) teaches the connection its id.
-    BayeuxBase* bayeux = bayeuxFieldsOf(*message);
-    if (bayeux != nullptr && !bayeux->clientId.empty()) {
-        std::lock_guard<std::mutex> guard(mutex);
-        clientId = bayeux->clientId;
     }
     common::DataBuffer text;
     text.reserve(typicalFrameBytes);

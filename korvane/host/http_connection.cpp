@@ -26,6 +26,7 @@
 #include "korvane/host/host_context.h"
 #include "korvane/host/host_counters.h"
 #include "korvane/host/relay_subscriber.h"
+#include "korvane/host/response_head.h"
 #include "korvane/host/server_state.h"
 #include "korvane/host/strand_link.h"
 #include "korvane/host/server_websocket_connection.h"
@@ -71,22 +72,6 @@ void appendChunk(std::string_view data, std::string& out) {
     out += beast::buffers_to_string(bhttp::chunk_header(data.size()));
     out.append(data);
     out += beast::buffers_to_string(bhttp::chunk_crlf());
-}
-
-// The head of a response as its serializer writes it.
-template <class Head>
-std::string serializedHead(Head& head) {
-    bhttp::response_serializer<bhttp::empty_body> serializer(head);
-    serializer.split(true);
-    std::string text;
-    beast::error_code error;
-    while (!error && !serializer.is_header_done()) {
-        serializer.next(error, [&](beast::error_code&, const auto& buffers) {
-            text += beast::buffers_to_string(buffers);
-            serializer.consume(net::buffer_size(buffers));
-        });
-    }
-    return text;
 }
 
 bool isBayeuxPath(std::string_view path, std::string_view bayeuxPath) {

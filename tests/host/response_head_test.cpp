@@ -1,0 +1,51 @@
+#include "korvane/host/response_head.h"
+
+#include <gtest/gtest.h>
+
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
+
+namespace korvane::host {
+namespace {
+
+namespace bhttp = boost::beast::http;
+using Head = bhttp::response<bhttp::empty_body>;
+
+// What Beast's own serializer writes for the head alone.
+std::string beastHead(Head& head) {
+    bhttp::response_serializer<bhttp::empty_body> serializer(head);
+    serializer.split(true);
+    std::string text;
+    boost::beast::error_code error;
+    while (!error && !serializer.is_header_done()) {
+        serializer.next(error, [&](boost::beast::error_code&, const auto& buffers) {
+            text += boost::beast::buffers_to_string(buffers);
+            serializer.consume(boost::asio::buffer_size(buffers));
+        });
+    }
+    return text;
+}
+
+TEST(ResponseHead, IsWhatBeastsSerializerWrites) {
+    struct Case {
+        unsigned status, version;
+        const char* reason;
+        bool chunked, keepAlive;
+    };
+    const Case cases[] = {{200, 11, "", true, true},   {404, 10, "", false, false}, {599, 11, "", false, true},
+                          {200, 11, "Fine", true, false}, {101, 11, "", false, true}};
+    for (const Case& c : cases) {
+        Head head(static_cast<bhttp::status>(c.status), c.version);
+        head.reason(c.reason);
+        head.set("Content-Type", "application/json;charset=UTF-8");
+        head.insert("x-Mixed-Case", "a, b");
+        head.insert("Set-Cookie", "k=v; Path=/");
+        head.chunked(c.chunked);
+        head.keep_alive(c.keepAlive);
+        EXPECT_EQ(serializedHead(head), beastHead(head)) << c.status << " " << c.version;
+    }
+    EXPECT_EQ(serializedHead(Head(bhttp::status::no_content, 11)), "HTTP/1.1 204 No Content\r\n\r\n");
+}
+
+}  // namespace
+}  // namespace korvane::host

@@ -26,7 +26,7 @@
 #include "korvane/host/host_context.h"
 #include "korvane/host/host_counters.h"
 #include "korvane/host/relay_subscriber.h"
-#include "korvane/host/response_head.h"
+#include "korvane/host/response_text.h"
 #include "korvane/host/server_state.h"
 #include "korvane/host/strand_link.h"
 #include "korvane/host/server_websocket_connection.h"
@@ -65,13 +65,6 @@ std::string lowered(std::string_view text) {
     std::transform(result.begin(), result.end(), result.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     return result;
-}
-
-// One chunk of a chunked body, framed by Beast's own chunk header and line end.
-void appendChunk(std::string_view data, std::string& out) {
-    out += beast::buffers_to_string(bhttp::chunk_header(data.size()));
-    out.append(data);
-    out += beast::buffers_to_string(bhttp::chunk_crlf());
 }
 
 bool isBayeuxPath(std::string_view path, std::string_view bayeuxPath) {
@@ -514,7 +507,7 @@ private:
         while (!pendingBody.empty() && !ended && !pendingBody.front().error) {
             BodySignal& signal = pendingBody.front();
             if (!signal.item) {
-                outgoing += beast::buffers_to_string(bhttp::make_chunk_last());
+                outgoing += lastChunk;
                 ended = true;
             } else {
                 ++taken;

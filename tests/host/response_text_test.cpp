@@ -1,4 +1,4 @@
-#include "korvane/host/response_head.h"
+#include "korvane/host/response_text.h"
 
 #include <gtest/gtest.h>
 
@@ -26,7 +26,7 @@ std::string beastHead(Head& head) {
     return text;
 }
 
-TEST(ResponseHead, IsWhatBeastsSerializerWrites) {
+TEST(ResponseText, HeadAndChunksAreWhatBeastWrites) {
     struct Case {
         unsigned status, version;
         const char* reason;
@@ -45,6 +45,14 @@ TEST(ResponseHead, IsWhatBeastsSerializerWrites) {
         EXPECT_EQ(serializedHead(head), beastHead(head)) << c.status << " " << c.version;
     }
     EXPECT_EQ(serializedHead(Head(bhttp::status::no_content, 11)), "HTTP/1.1 204 No Content\r\n\r\n");
+    for (std::size_t size : {1, 15, 16, 255, 256, 4096, 65537}) {
+        const std::string data(size, 'x');
+        std::string ours = "kept", beasts = "kept";
+        appendChunk(data, ours);
+        beasts += boost::beast::buffers_to_string(bhttp::make_chunk(boost::asio::buffer(data)));
+        EXPECT_EQ(ours, beasts) << size;
+    }
+    EXPECT_EQ(lastChunk, boost::beast::buffers_to_string(bhttp::make_chunk_last()));
 }
 
 }  // namespace

@@ -32,6 +32,7 @@
 #include <boost/beast/websocket/ssl.hpp>
 
 #include "korvane/frame/transform_processor.h"
+#include "korvane/host/ascii_case.h"
 
 namespace korvane::host {
 namespace {
@@ -51,10 +52,6 @@ const char* const kServiceStopped = "The HTTP client service stopped";
 
 std::exception_ptr failure(const std::string& text) { return std::make_exception_ptr(std::runtime_error(text)); }
 
-std::string toLower(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
-    return text;
-}
 
 bool isIpLiteral(const std::string& host) {
     boost::system::error_code ec;
@@ -91,7 +88,7 @@ WebSocketUrl parseWebSocketUrl(const std::string& text) {
     }
     WebSocketUrl url;
     url.text = text;
-    const std::string scheme = toLower(text.substr(0, schemeEnd));
+    const std::string scheme = asciiLowered(text.substr(0, schemeEnd));
     if (scheme == "wss") {
         url.secure = true;
     } else if (scheme != "ws") {
@@ -140,7 +137,7 @@ HeaderList upgradeHeaders(const http::Headers& headers) {
                                            "sec-websocket-version", "sec-websocket-extensions"};
     HeaderList kept;
     for (const auto& [name, value] : headers) {
-        const std::string lowered = toLower(name);
+        const std::string lowered = asciiLowered(name);
         if (std::none_of(std::begin(reserved), std::end(reserved), [&](const char* r) { return lowered == r; })) {
             kept.emplace_back(name, value);
         }
@@ -773,7 +770,7 @@ public:
 
     Future<std::unique_ptr<Message>> open(const http::HttpRequest& request) {
         WebSocketUrl url = parseWebSocketUrl(request.target);
-        if (toLower(request.method) != "get") {
+        if (asciiLowered(request.method) != "get") {
             throw std::invalid_argument("A WebSocket upgrade is a get request, not " + request.method + ": " +
                                         request.target);
         }

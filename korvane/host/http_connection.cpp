@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <chrono>
 #include <exception>
 #include <fstream>
@@ -22,6 +21,7 @@
 #include "korvane/frame/logger.h"
 #include "korvane/frame/one_shot_publisher.h"
 #include "korvane/frame/ring_queue.h"
+#include "korvane/host/ascii_case.h"
 #include "korvane/host/browser_session.h"
 #include "korvane/host/host_context.h"
 #include "korvane/host/host_counters.h"
@@ -59,13 +59,6 @@ using BodySignal = StreamSignal<DataBuffer>;
 
 template <class Stream>
 constexpr bool isTls = std::is_same_v<Stream, TlsStream>;
-
-std::string lowered(std::string_view text) {
-    std::string result(text);
-    std::transform(result.begin(), result.end(), result.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return result;
-}
 
 bool isBayeuxPath(std::string_view path, std::string_view bayeuxPath) {
     return !bayeuxPath.empty() && path.compare(0, bayeuxPath.size(), bayeuxPath) == 0 &&
@@ -322,7 +315,7 @@ private:
         }
         http::Headers headers;
         for (const auto& field : request) {
-            headers.emplace(lowered(field.name_string()), std::string(field.value()));
+            headers.emplace(asciiLowered(field.name_string()), std::string(field.value()));
         }
         auto context = HostContext::create(state->registry);
         context->set("sessionId", boost::any(sessionId));
@@ -330,7 +323,7 @@ private:
             doDescribeRequest(*context, headers);
         }
         auto body = std::make_shared<reactive_streams::OneShotPublisher<DataBuffer>>(DataBuffer(request.body()));
-        auto message = std::make_unique<http::HttpRequest>(lowered(request.method_string()),
+        auto message = std::make_unique<http::HttpRequest>(asciiLowered(request.method_string()),
                                                            std::string(request.target()), std::move(headers),
                                                            std::move(body));
         Future<std::unique_ptr<Message>> answer =

@@ -1,22 +1,16 @@
 #include "korvane/host/origin_policy.h"
 
 #include <algorithm>
-#include <cctype>
+
+#include "korvane/host/ascii_case.h"
 
 namespace korvane::host {
 
 namespace {
 
-std::string lowered(std::string_view text) {
-    std::string result(text);
-    std::transform(result.begin(), result.end(), result.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return result;
-}
-
 // "host[:port]" without a port that only repeats the scheme's default.
 std::string authority(std::string_view text, std::string_view scheme) {
-    std::string result = lowered(text);
+    std::string result = asciiLowered(text);
     const std::string defaultPort = scheme == "https" || scheme == "wss" ? ":443" : ":80";
     if (result.size() > defaultPort.size() &&
         result.compare(result.size() - defaultPort.size(), defaultPort.size(), defaultPort) == 0) {
@@ -41,7 +35,7 @@ bool OriginPolicy::allowsUpgrade(std::string_view origin, std::string_view host)
     if (schemeEnd == std::string_view::npos || host.empty()) {
         return false;
     }
-    const std::string scheme = lowered(origin.substr(0, schemeEnd));
+    const std::string scheme = asciiLowered(origin.substr(0, schemeEnd));
     std::string_view originAuthority = origin.substr(schemeEnd + 3);
     originAuthority = originAuthority.substr(0, originAuthority.find('/'));
     // A Host header carries no scheme: its default port is the one of the origin's scheme.

@@ -8,6 +8,7 @@
 #include <ctime>
 
 #include "korvane/frame/logger.h"
+#include "korvane/host/ascii_case.h"
 
 namespace korvane::host {
 
@@ -208,9 +209,7 @@ std::string StaticFiles::contentTypeFor(const fs::path& path) {
         {".ico", "image/x-icon"},
         {".txt", "text/plain; charset=utf-8"},
     };
-    std::string extension = path.extension().string();
-    std::transform(extension.begin(), extension.end(), extension.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    const std::string extension = asciiLowered(path.extension().string());
     for (const auto& [suffix, type] : types) {
         if (extension == suffix) {
             return type;

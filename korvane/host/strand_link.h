@@ -29,13 +29,7 @@ public:
     // Runs `work(target)` on the target's strand; false when the link is cut.
     template <class Work>
     bool post(Work&& work) {
-        std::lock_guard<std::mutex> guard(mutex);
-        if (!target) {
-            return false;
-        }
-        boost::asio::post(target->executor(),
-                          [target = target, work = std::forward<Work>(work)]() mutable { work(*target); });
-        return true;
+        return submit<false>(std::forward<Work>(work));
     }
 
     // As post, but called from a handler of the same I/O context the work waits until
@@ -43,13 +37,7 @@ public:
     // goes on to hand the target meanwhile is there when the work runs.
     template <class Work>
     bool defer(Work&& work) {
-        std::lock_guard<std::mutex> guard(mutex);
-        if (!target) {
-            return false;
-        }
-        boost::asio::defer(target->executor(),
-                           [target = target, work = std::forward<Work>(work)]() mutable { work(*target); });
-        return true;
+        return submit<true>(std::forward<Work>(work));
     }
 
     // Drops the connection; the reference goes after the lock is released.
@@ -60,6 +48,21 @@ public:
     }
 
 private:
+    template <bool deferred, class Work>
+    bool submit(Work&& work) {
+        std::lock_guard<std::mutex> guard(mutex);
+        if (!target) {
+            return false;
+        }
+        auto run = [target = target, work = std::forward<Work>(work)]() mutable { work(*target); };
+        if constexpr (deferred) {
+            boost::asio::defer(target->executor(), std::move(run));
+        } else {
+            boost::asio::post(target->executor(), std::move(run));
+        }
+        return true;
+    }
+
     std::mutex mutex;
     std::shared_ptr<Target> target;
 };

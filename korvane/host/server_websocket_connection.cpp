@@ -78,11 +78,11 @@ DataBuffer closePayload(websocket::close_code code) {
 // order; those ready together (a delivery and the connect reply behind it) leave in one
 // gathered socket write. The inbox's first frame wakes the strand by a defer, which from
 // an I/O thread runs only once the handler that made the frame has returned, so that a
-// reply put in the inbox just after its message joins it. On a plain socket the write is tried at once without blocking, and only what
-// the kernel does not take waits for the socket. The peer's messages are read whole,
-// only within the demand the service asked for, and handed to `outbound` on the strand;
-// a plain socket waits for readability and is then read without blocking, so no read
-// buffer is held while the peer is quiet.
+// reply put in the inbox just after its message joins it. On a plain socket the write is
+// tried at once without blocking, and only what the kernel does not take waits for the
+// socket. The peer's messages are read whole, only within the demand the service asked
+// for, and handed to `outbound` on the strand; a plain socket waits for readability and
+// is then read without blocking, so no read buffer is held while the peer is quiet.
 //
 // Bounds: the frames waiting for the socket (`queuedBytes`) may not exceed the server's
 // wsBacklogBytes, and a socket write may not wait longer than its writeTimeout; past

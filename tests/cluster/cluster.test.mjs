@@ -31,6 +31,10 @@ const health = async (server) => {
     const gauge = (name) => answers[2].match(new RegExp(`^${name} (\\d+)$`, "m"))?.[1];
     return `${answers[0]}${answers[1]}${gauge("korvane_redis_up")}/${gauge("korvane_redis_shards")}`;
 };
+// Resolves once the asynchronous `condition()` holds, asking every 50 ms; fails with `what` after `ms`.
+const eventually = async (condition, ms, what) => {
+    for (const end = Date.now() + ms; !(await condition()); await sleep(50)) assert.ok(Date.now() < end, what);
+};
 
 describe("servers sharing channels through Redis shards", () => {
     const password = `pw-${randomBytes(6).toString("hex")}`;
@@ -46,20 +50,15 @@ describe("servers sharing channels through Redis shards", () => {
     };
     const patternCounts = () => Promise.all(shards.map(async (shard) => Number((await shard.cli("PUBSUB", "NUMPAT"))[0])));
 
-    // Until /readyz answers 200: every shard of `server` is heard.
-    const awaitReady = async (server) => {
-        for (const end = Date.now() + 15000; !(await health(server)).includes("200 ready"); await sleep(100)) {
-            assert.ok(Date.now() < end, `${server.url} not ready within 15 s`);
-        }
-    };
-
     before(async () => {
         for (let k = 0; k < 2; ++k) shards.push(await startRedis({ password }));
         const bases = shards.map((shard) => `127.0.0.1:${shard.port}`);
         servers.a = await startClustered(bases.map((base) => `redis://:${password}@${base}`));
         servers.b = await startClustered(bases.map((base) => `redis://${base}`), { KORVANE_REDIS_PASSWORD: password });
         servers.c = await startClustered(bases.map((base) => `redis://:${password}@${base}/0`));
-        for (const server of Object.values(servers)) await awaitReady(server);
+        for (const server of Object.values(servers)) {
+            await eventually(async () => (await health(server)).includes("200 ready"), 15000, `${server.url} not ready within 15 s`);
+        }
     });
     after(async () => {
         await Promise.all(clients.map(disconnect));
@@ -96,9 +95,16 @@ describe("servers sharing channels through Redis shards", () => {
         });
     }
 
-    test("Redis subscriptions follow the local holders: one per server however many hold, gone with the last", async () => {
+    test("Redis holds a subscription by its reply, once per server however many hold it, until the last leaves", async () => {
         const patternsBefore = await patternCounts();
-        const holders = [await client(servers.a), await client(servers.a)];
+        const [holders, talker] = [[await client(servers.a), await client(servers.a)], await client(servers.b)];
+        // A message published on another server right after the subscribe reply arrives.
+        const seen = [];
+        for (let n = 0; n < 20; ++n) {
+            await subscribe(holders[0], `/t/fresh/${n}`, (message) => seen.push(message.data.n));
+            await publish(talker, `/t/fresh/${n}`, { n });
+        }
+        await until(() => seen.length === 20, 5000, `all 20 messages, got ${seen}`);
         const handles = [await subscribe(holders[0], "/t/leave", () => {}), await subscribe(holders[1], "/t/leave", () => {})];
         await subscribe(holders[1], "/t/leave/*", () => {});
         assert.equal((await inRedis("/t/leave")).servers, 1, "in Redis by the time the subscribe is acknowledged");
@@ -107,20 +113,8 @@ describe("servers sharing channels through Redis shards", () => {
         await sleep(300);
         assert.equal((await inRedis("/t/leave")).servers, 1, "another holder is left");
         await disconnect(holders[1]);
-        for (const end = Date.now() + 3000; (await inRedis("/t/leave")).servers !== 0; await sleep(50)) {
-            assert.ok(Date.now() < end, "the last holder's leaving did not unsubscribe");
-        }
+        await eventually(async () => (await inRedis("/t/leave")).servers === 0, 3000, "the last holder's leaving did not unsubscribe");
         assert.deepEqual(await patternCounts(), patternsBefore, "nor the wildcard's");
-    });
-
-    test("a message published on another server right after the subscribe reply arrives", async () => {
-        const [listener, talker] = [await client(servers.a), await client(servers.b)];
-        const seen = [];
-        for (let n = 0; n < 20; ++n) {
-            await subscribe(listener, `/t/fresh/${n}`, (message) => seen.push(message.data.n));
-            await publish(talker, `/t/fresh/${n}`, { n });
-        }
-        await until(() => seen.length === 20, 5000, `all 20 messages, got ${seen}`);
     });
 
     test("while a shard is away only its channels stop crossing; they resume on their own, in order", async () => {
@@ -151,10 +145,8 @@ describe("servers sharing channels through Redis shards", () => {
 
         shards[1] = await startRedis({ port: shards[1].port, password });
         const firstAfter = n;
-        for (const end = Date.now() + 15000; !seen[away].some((value) => value >= firstAfter); await sleep(100)) {
-            assert.ok(Date.now() < end, "delivery did not resume within 15 s");
-            await publish(remote, away, { n: n++ });
-        }
+        const resuming = async () => (await publish(remote, away, { n: n++ }), seen[away].some((value) => value >= firstAfter));
+        await eventually(resuming, 15000, "delivery did not resume within 15 s");
         const resumed = n;
         while (n < resumed + 20) await publish(remote, away, { n: n++ });
         await until(() => seen[away].includes(n - 1), 5000, "the messages after the restart");

@@ -12,22 +12,16 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <map>
-#include <memory>
 #include <optional>
-#include <stdexcept>
-#include <string>
 #include <thread>
 #include <tuple>
-#include <vector>
 
 #include "korvane/cluster/backoff.h"
 #include "korvane/cluster/bounded_queue.h"
 #include "korvane/cluster/channel_sharding.h"
 #include "korvane/cluster/cluster_frame.h"
 #include "korvane/cluster/redis_bridge.h"
-#include "korvane/cluster/redis_connection.h"
 #include "korvane/cluster/redis_endpoint.h"
 #include "korvane/routing/bayeux_server.h"
 #include "support/recording_subscriber.h"
@@ -40,6 +34,18 @@ namespace {
 using Delivery = std::shared_ptr<const bayeux::PublishRequest>;
 using Inbox = test_support::RecordingSubscriber<Delivery>;
 using namespace std::chrono_literals;
+
+// A message with these fields; no data buffer for nullopt.
+std::unique_ptr<bayeux::PublishRequest> makeMessage(const std::string& channel, const std::optional<std::string>& data,
+                                                    const std::string& id = "", const std::string& clientId = "") {
+    auto message = std::make_unique<bayeux::PublishRequest>(channel);
+    message->id = id;
+    message->clientId = clientId;
+    if (data) {
+        message->data = std::make_shared<common::DataBuffer>(*data);
+    }
+    return message;
+}
 
 // A frame's origin and message as one line; "-" for a missing data buffer.
 std::string fieldsOf(const std::string& origin, const bayeux::PublishRequest& message) {
@@ -64,23 +70,15 @@ TEST(ClusterFrame, EveryFieldCrossesByteForByte) {
         {"empty origin and channel", "", "", "", "", std::string("null")},
     };
     for (const auto& c : cases) {
-        bayeux::PublishRequest message(c.channel);
-        message.id = c.id;
-        message.clientId = c.clientId;
-        if (c.data) {
-            message.data = std::make_shared<common::DataBuffer>(*c.data);
-        }
-        const ClusterFrame decoded = decodeClusterFrame(encodeClusterFrame(c.origin, message));
-        EXPECT_EQ(fieldsOf(decoded.origin, *decoded.message), fieldsOf(c.origin, message)) << c.name;
+        const auto message = makeMessage(c.channel, c.data, c.id, c.clientId);
+        const ClusterFrame decoded = decodeClusterFrame(encodeClusterFrame(c.origin, *message));
+        EXPECT_EQ(fieldsOf(decoded.origin, *decoded.message), fieldsOf(c.origin, *message)) << c.name;
     }
 }
 
 // The layout is version, flags and length-prefixed fields; a malformed frame is refused with its reason.
 TEST(ClusterFrame, LayoutIsPinnedAndMalformedFramesAreRefusedWithTheirReason) {
-    bayeux::PublishRequest message("/c");
-    message.id = "7";
-    message.data = std::make_shared<common::DataBuffer>("{}");
-    const std::string good = encodeClusterFrame("or", message);
+    const std::string good = encodeClusterFrame("or", *makeMessage("/c", "{}", "7"));
     EXPECT_EQ(good, std::string("\x01\x01\0\0\0\x02or\0\0\0\x02/c\0\0\0\x01"
                                 "7\0\0\0\0\0\0\0\x02{}",
                                 29));
@@ -246,8 +244,8 @@ TEST(BoundedQueueConcurrency, EveryProducersOrderSurvivesEveryItemIsTakenOrCount
     }
 }
 
-
-// A redis-server of the test's own on a free loopback port, killed at the end.
+// A redis-server of the test's own on a free loopback port, killed at the end. Whoever uses it
+// waits for it to answer.
 class RedisProcess {
 public:
     RedisProcess() {
@@ -271,21 +269,8 @@ public:
                      "--appendonly", "no", nullptr);
             ::_exit(127);
         }
-        for (int attempt = 0;; ++attempt) {
-            try {
-                RedisConnection(endpoint, 500ms, 500ms).command({"PING"});
-                return;
-            } catch (const std::runtime_error&) {
-                if (attempt == 500 || ::waitpid(pid, nullptr, WNOHANG) == pid) {
-                    stop();
-                    throw std::runtime_error("redis-server did not start: scripts/install-deps installs it");
-                }
-                std::this_thread::sleep_for(20ms);
-            }
-        }
     }
-    ~RedisProcess() { stop(); }
-    void stop() {
+    ~RedisProcess() {
         ::kill(pid, SIGKILL);
         ::waitpid(pid, nullptr, 0);
     }
@@ -297,15 +282,11 @@ public:
 // One server's routing core with its bridge and in-process participants. The bridge goes
 // first, then the feeds its threads deliver into.
 struct Node {
-    Node(const RedisEndpoint& endpoint, const std::string& prefix) {
-        RedisBridgeOptions options;
-        options.shards = {endpoint};
-        options.prefix = prefix;
-        bridge = std::make_unique<RedisBridge>(participant(), routing, options);
-    }
+    Node(const RedisEndpoint& endpoint, const std::string& prefix)
+        : bridge(std::make_unique<RedisBridge>(participant(), routing, RedisBridgeOptions{{endpoint}, prefix})) {}
     std::shared_ptr<bayeux::LocalBayeuxSession> participant() {
-        auto context = std::make_shared<test_support::TestContext>();
-        auto session = std::make_shared<bayeux::LocalBayeuxSession>(routing, std::move(context));
+        auto session =
+            std::make_shared<bayeux::LocalBayeuxSession>(routing, std::make_shared<test_support::TestContext>());
         routing->addSession(session);
         return session;
     }
@@ -323,18 +304,6 @@ struct Node {
     std::unique_ptr<RedisBridge> bridge;
 };
 
-std::unique_ptr<bayeux::PublishRequest> makeMessage(const std::string& channel, const std::string& data,
-                                                    const std::string& id = "") {
-    auto message = std::make_unique<bayeux::PublishRequest>(channel);
-    message->data = std::make_shared<common::DataBuffer>(data);
-    message->id = id;
-    return message;
-}
-
-std::size_t countOf(Inbox& inbox) {
-    return inbox.read([](const auto& items) { return items.size(); });
-}
-
 // Ends with a bridge stopping while a publisher keeps publishing on its server.
 TEST(RedisBridgeConcurrency, ThreadsPublishingOnOneServerReachTheOtherOnceEachInTheirOwnOrder) {
     RedisProcess redis;
@@ -345,7 +314,7 @@ TEST(RedisBridgeConcurrency, ThreadsPublishingOnOneServerReachTheOtherOnceEachIn
         for (int attempt = 0; attempt < 100 && !node->bridge->isConnected(); ++attempt) {
             std::this_thread::sleep_for(100ms);
         }
-        ASSERT_TRUE(node->bridge->isConnected()) << "the bridge never heard Redis";
+        ASSERT_TRUE(node->bridge->isConnected()) << "no redis-server: scripts/install-deps installs it";
     }
     auto farSide = west.listen(*west.member, "/room/**");
     auto witness = east.participant();
@@ -356,26 +325,22 @@ TEST(RedisBridgeConcurrency, ThreadsPublishingOnOneServerReachTheOtherOnceEachIn
     east.routing->awaitInterestSettled(5s);
 
     constexpr int threads = 4, perThread = 250;
-    std::vector<std::shared_ptr<bayeux::LocalBayeuxSession>> sessions;
-    std::map<std::string, std::string> channelOf;
-    for (int t = 0; t < threads; ++t) {
-        sessions.push_back(east.participant());
-        channelOf[sessions.back()->getId()] = "/room/" + std::to_string(t);
-    }
+    std::map<std::string, std::string> channelOf;  // of each publisher's client id
     std::vector<std::thread> publishers;
     for (int t = 0; t < threads; ++t) {
-        publishers.emplace_back([&, t] {
+        auto session = east.participant();
+        const std::string channel = channelOf[session->getId()] = "/room/" + std::to_string(t);
+        publishers.emplace_back([session, channel] {
             for (int n = 0; n < perThread; ++n) {
-                const std::string text = std::to_string(n);
-                sessions[t]->publish(makeMessage("/room/" + std::to_string(t), "{\"n\":" + text + "}", text));
+                session->publish(makeMessage(channel, "{\"n\":" + std::to_string(n) + "}", std::to_string(n)));
             }
-            sessions[t]->publish(makeMessage("/service/private", "1"));
+            session->publish(makeMessage("/service/private", "1"));
         });
     }
     for (auto& publisher : publishers) {
         publisher.join();
     }
-    ASSERT_TRUE(farSide->waitFor([](Inbox& i) { return countOf(i) >= threads * perThread; }, 10s));
+    ASSERT_TRUE(farSide->waitFor([](Inbox& i) { return i.seen().size() >= threads * perThread; }, 10s));
     std::this_thread::sleep_for(200ms);
 
     std::map<std::string, int> nextPerPublisher;
@@ -390,8 +355,8 @@ TEST(RedisBridgeConcurrency, ThreadsPublishingOnOneServerReachTheOtherOnceEachIn
             EXPECT_EQ(message->data->str(), "{\"n\":" + next + "}");
         }
     });
-    EXPECT_EQ(countOf(*nearSide), std::size_t(threads * perThread)) << "nothing comes back to its own server";
-    EXPECT_EQ(countOf(*meta), 0u) << "/service/** stays on its server";
+    EXPECT_EQ(nearSide->seen().size(), std::size_t(threads * perThread)) << "nothing comes back to its own server";
+    EXPECT_EQ(meta->seen().size(), 0u) << "/service/** stays on its server";
 
     std::atomic<bool> done{false};
     std::thread busy([&] {
@@ -409,9 +374,8 @@ TEST(RedisBridgeConcurrency, ThreadsPublishingOnOneServerReachTheOtherOnceEachIn
 TEST(RedisBridge, ASessionWithoutAContextIsRefused) {
     auto routing = std::make_shared<bayeux::BayeuxServerImpl>();
     auto session = std::make_shared<bayeux::LocalBayeuxSession>(routing, nullptr);
-    RedisBridgeOptions options;
-    options.shards.emplace_back().host = "127.0.0.1";
-    EXPECT_THROW(RedisBridge(session, routing, options), std::invalid_argument);
+    EXPECT_THROW(RedisBridge(session, routing, RedisBridgeOptions{{parseRedisUrl("redis://127.0.0.1", nullptr)}}),
+                 std::invalid_argument);
 }
 
 }  // namespace

@@ -44,18 +44,15 @@ class ProviderFixture : public ::testing::Test {
 protected:
     static constexpr long long startTick = 5000;
 
-    void SetUp() override { provider = makeProvider(server); }
-    static std::shared_ptr<BayeuxServiceProviderImpl> makeProvider(std::shared_ptr<BayeuxServer> core,
-                                                                   BayeuxServiceOptions options = {}) {
-        auto made = std::make_shared<BayeuxServiceProviderImpl>(std::move(core), options);
-        made->start();
-        return made;
+    void SetUp() override { restart(); }
+    // A new provider in place of the current one, on `core` or the fixture's routing core.
+    void restart(BayeuxServiceOptions options = {}, std::shared_ptr<BayeuxServer> core = nullptr) {
+        provider = std::make_shared<BayeuxServiceProviderImpl>(core ? std::move(core) : server, std::move(options));
+        provider->start();
     }
-    static BayeuxServiceOptions pendingLimit(std::size_t messages, std::size_t bytes = 0) {
-        BayeuxServiceOptions options;
-        options.maxPendingMessages = messages;
-        options.maxPendingBytes = bytes;
-        return options;
+    static BayeuxServiceOptions withLimits(std::size_t messages, std::size_t bytes = 0,
+                                           std::shared_ptr<BayeuxPolicy> policy = nullptr) {
+        return {messages, bytes, std::move(policy), nullptr, nullptr};
     }
     // The connect of `clientId` was answered, carrying nothing, and is over; a short poll's answer
     // carries the advice `retry`.
@@ -64,6 +61,13 @@ protected:
         EXPECT_EQ(stream.completionCount(), 1);
     }
     static constexpr const char* retry = " advice:0/200/-1";
+    // A request made of `args`, from `clientId`.
+    template <class Request, class... Args>
+    static std::unique_ptr<Request> from(const std::string& clientId, Args&&... args) {
+        auto request = std::make_unique<Request>(std::forward<Args>(args)...);
+        request->clientId = clientId;
+        return request;
+    }
     // Sends one request the way a transport does; null, and a failure, for a reply of another type.
     template <class Response, class Request>
     std::unique_ptr<Response> ask(std::unique_ptr<Request> request, std::shared_ptr<Context> context = nullptr) {
@@ -80,9 +84,8 @@ protected:
     std::unique_ptr<ConnectStreamResponse> connect(const std::string& clientId, std::string type = "long-polling",
                                                    std::optional<long long> adviceTimeout = {},
                                                    std::shared_ptr<Context> context = nullptr) {
-        auto request = std::make_unique<ConnectStreamRequest>();
+        auto request = from<ConnectStreamRequest>(clientId);
         request->id = "c-" + clientId;
-        request->clientId = clientId;
         request->connectionType = std::move(type);
         request->bufferResponses = request->holdResponses = true;
         if (adviceTimeout) {
@@ -111,9 +114,7 @@ protected:
     }
     std::unique_ptr<DisconnectResponse> disconnect(const std::string& clientId,
                                                    std::shared_ptr<Context> context = nullptr) {
-        auto request = std::make_unique<DisconnectRequest>();
-        request->clientId = clientId;
-        return ask<DisconnectResponse>(std::move(request), std::move(context));
+        return ask<DisconnectResponse>(from<DisconnectRequest>(clientId), std::move(context));
     }
 
     ManualClock clock{startTick};  // outlives the provider
@@ -127,9 +128,8 @@ using BayeuxServiceProviderTest = ProviderFixture;
 // The handshake answers with the offer and a new client id of its own; every later reply carries its outcome,
 // its error text and advice, and its request's fields. No refusal takes the client away.
 TEST_F(BayeuxServiceProviderTest, EveryReplyCarriesItsOutcomeItsTextAndItsRequestsFields) {
-    auto request = std::make_unique<HandshakeRequest>();
+    auto request = from<HandshakeRequest>("forged-client-id");
     request->id = "1";
-    request->clientId = "forged-client-id";
     request->version = "0.1";
     auto response = ask<HandshakeResponse>(std::move(request));
     EXPECT_EQ(outcome(response) + " " + response->channel + " " + response->id + " " + response->version + " " +
@@ -143,12 +143,6 @@ TEST_F(BayeuxServiceProviderTest, EveryReplyCarriesItsOutcomeItsTextAndItsReques
     neighbour.back() = neighbour.back() == 'a' ? 'b' : 'a';
     auto badSessionId = std::make_shared<TestContext>();
     badSessionId->set("sessionId", boost::any(42));
-    EXPECT_THROW(provider->deliver(std::make_unique<HandshakeRequest>(), Address("bayeux"), badSessionId),
-                 boost::bad_any_cast);
-    auto oldConnect = std::make_unique<ConnectRequest>();
-    oldConnect->clientId = client;
-    auto withoutData = std::make_unique<PublishRequest>("/a");
-    withoutData->clientId = client;
     auto subscribed = subscribe(client, "/**");
     auto held = connect(client);
     auto ack = publish(sender, "/chat/room", "7");
@@ -160,7 +154,7 @@ TEST_F(BayeuxServiceProviderTest, EveryReplyCarriesItsOutcomeItsTextAndItsReques
         {outcome(connect(neighbour)), "refused: No such clientId. advice:1/-1/-1"},
         {outcome(connect(client, "long-polling", std::nullopt, badSessionId)),
          "refused: Error while processing connect request advice:1/-1/-1"},
-        {outcome(ask<ConnectResponse>(std::move(oldConnect))),
+        {outcome(ask<ConnectResponse>(from<ConnectRequest>(client))),
          "refused: ConnectRequest isn't supported anymore. advice:none"},
         {outcome(disconnect(neighbour)), "refused: No such clientId."},
         {outcome(subscribe(neighbour, "/a")), "refused: No such clientId. advice:none"},
@@ -168,7 +162,7 @@ TEST_F(BayeuxServiceProviderTest, EveryReplyCarriesItsOutcomeItsTextAndItsReques
         {outcome(publish(neighbour, "/a")), "refused: No such clientId."},
         {outcome(subscribe(client, "/a/*/b")), "refused advice:none"},
         {outcome(unsubscribe(client, "/not/held")), "refused: No such subscription. advice:none"},
-        {outcome(ask<PublishResponse>(std::move(withoutData))), "refused: Unable to publish. Unknown error"},
+        {outcome(ask<PublishResponse>(from<PublishRequest>(client, "/a"))), "refused: Unable to publish. Unknown error"},
         {outcome(subscribe(client, "/a")), "ok advice:none"},
         {outcome(unsubscribe(client, "/a")), "ok advice:none"},
     };
@@ -187,8 +181,8 @@ TEST_F(BayeuxServiceProviderTest, EveryReplyCarriesItsOutcomeItsTextAndItsReques
     EXPECT_EQ(outcome(gone) + " " + gone->clientId, "ok " + client);
 }
 
-// Admits a handshake whose ext is a user's name as a JSON string ("mallory" is banned), and
-// lets that user subscribe and publish below /public/ and /user/<name>/. Notes every question.
+// Admits a handshake whose ext is a user's name as a JSON string ("mallory" is banned), and lets that user
+// subscribe and publish below /public/ and /user/<name>/. Notes every question in `asked`; one thread here.
 class UserPolicy : public BayeuxPolicy {
 public:
     struct User : ClientGrant {
@@ -201,9 +195,7 @@ public:
         HandshakeDecision decision;
         decision.allowed = ext.size() > 2 && ext != "\"mallory\"";
         decision.reason = ext.empty() ? "" : "banned";
-        if (decision.allowed) {
-            decision.grant = std::make_shared<User>(std::string(ext.substr(1, ext.size() - 2)));
-        }
+        decision.grant = decision.allowed ? std::make_shared<User>(std::string(ext.substr(1, ext.size() - 2))) : nullptr;
         return decision;
     }
     PolicyDecision maySubscribe(const PolicyClient& client, const std::string& pattern,
@@ -215,7 +207,7 @@ public:
         return decide("publish", client, channel, context);
     }
 
-    Texts asked;  // "<question> <host session> <what was asked>"; one thread in these tests
+    Texts asked;  // "<question> <host session> <what was asked>"
 
 private:
     void note(const std::string& question, const std::shared_ptr<Context>& context, const std::string& what) {
@@ -225,16 +217,13 @@ private:
                           const std::shared_ptr<Context>& context) {
         const std::string& user = dynamic_cast<const User&>(*client.grant).name;
         note(question, context, user + " " + target);
-        const bool allowed = target.rfind("/public/", 0) == 0 || target.rfind("/user/" + user + "/", 0) == 0;
-        return allowed ? PolicyDecision::allow() : PolicyDecision::deny();
+        return {target.rfind("/public/", 0) == 0 || target.rfind("/user/" + user + "/", 0) == 0, ""};
     }
 };
 
 TEST_F(BayeuxServiceProviderTest, APolicyDecidesHandshakesSubscribesAndPublishesAndARefusalTouchesNoOneElse) {
     auto policy = std::make_shared<UserPolicy>();
-    BayeuxServiceOptions options;
-    options.policy = policy;
-    provider = makeProvider(server, options);
+    restart(withLimits(0, 0, policy));
     auto handshakeAs = [this](const std::string& ext) {
         auto request = std::make_unique<HandshakeRequest>();
         request->ext = ext;
@@ -292,7 +281,7 @@ TEST_F(BayeuxServiceProviderTest, HostHooksChangeOrDropMessagesAndIdsAreClearedB
         SCOPED_TRACE(std::string(environment ? environment : "<unset>") + " " + channel);
         environment ? setenv("TORVEX_KORVANE_BAYEUX_FORCE_ID_CLEAR", environment, 1)
                     : unsetenv("TORVEX_KORVANE_BAYEUX_FORCE_ID_CLEAR");
-        provider = makeProvider(server, options);
+        restart(options);
         const std::string held = handshake(), polled = handshake(), sender = handshake();
         ASSERT_TRUE(subscribe(held, "/**")->successful && subscribe(polled, "/**")->successful);
         auto heldStream = open(connect(held));
@@ -376,9 +365,7 @@ TEST_F(BayeuxServiceProviderTest, SweepDropsAtTheTickOfTheTimeoutEveryClientThat
     clock->setTick(startTick + 1000);
     EXPECT_TRUE(subscribe(subscriber, "/a")->successful);
     EXPECT_TRUE(publish(publisher, "/a")->successful);
-    auto oldStyle = std::make_unique<ConnectRequest>();
-    oldStyle->clientId = oldStyleConnector;
-    ask<ConnectResponse>(std::move(oldStyle));
+    ask<ConnectResponse>(from<ConnectRequest>(oldStyleConnector));
     provider->sweepClients(startTick + 1199);
     EXPECT_TRUE(heldStream->isHeld()) << "dropped a tick early";
     provider->sweepClients(startTick + 1200);
@@ -411,7 +398,7 @@ TEST_F(BayeuxServiceProviderTest, AClientPastThePendingLimitIsDroppedWhileTheOth
     std::string sender;
     for (const auto& [messages, bytes, droppedAt] : limits) {
         SCOPED_TRACE(std::to_string(messages) + " messages, " + std::to_string(bytes) + " bytes");
-        provider = makeProvider(server, pendingLimit(messages, bytes));
+        restart(withLimits(messages, bytes));
         const std::string idle = handshake(), reader = handshake();
         sender = handshake();
         ASSERT_TRUE(subscribe(idle, "/room")->successful && subscribe(reader, "/room")->successful);
@@ -435,7 +422,7 @@ TEST_F(BayeuxServiceProviderTest, AClientPastThePendingLimitIsDroppedWhileTheOth
 }
 
 TEST_F(BayeuxServiceProviderTest, DropWarningsComeAtMostOnceASecondAndCountEveryDrop) {
-    provider = makeProvider(server, pendingLimit(1));
+    restart(withLimits(1));
     test_support::ChannelCapture warnings("korvane::bayeux::service");
     const std::string sender = handshake();
     const std::string line = " client(s) over the limit of 1 pending messages\n";
@@ -485,7 +472,7 @@ using BayeuxServiceProviderConcurrency = ProviderFixture;
 
 TEST_F(BayeuxServiceProviderConcurrency, ASweepDestroysWhatItDropsOutsideTheLockAndDestructionWaitsForIt) {
     auto gated = std::make_shared<GatedServer>();
-    provider = makeProvider(gated);
+    restart({}, gated);
     const std::string stale = handshake();
     ASSERT_TRUE(subscribe(stale, "/a")->successful);
     clock->advanceTicks(1150);
@@ -516,7 +503,7 @@ TEST_F(BayeuxServiceProviderConcurrency, ASweepDestroysWhatItDropsOutsideTheLock
 // the pending limit are dropped as publishes flood them, and half of those leave by themselves,
 // racing their drop.
 TEST_F(BayeuxServiceProviderConcurrency, ClientsLiveDropAndLeaveOnSeveralThreadsWhileTheClockRuns) {
-    provider = makeProvider(server, pendingLimit(5));
+    restart(withLimits(5));
     std::vector<std::string> idle;
     for (int client = 0; client < 20; ++client) {
         idle.push_back(handshake());

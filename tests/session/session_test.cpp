@@ -259,40 +259,33 @@ TEST_F(SessionTest, PendingLimitIsReportedOnceWithTheLockReleasedAndNothingMoreI
 }
 
 // The routing core holds the patterns of live subscriptions; a released one is pruned only by a
-// deliver that matches it.
-TEST_F(SessionTest, EachLiveLocalSubscriptionIsDeclaredAndGetsAMatchingMessageOnceAndAllShareIt) {
+// deliver that matches it. Each stream is a cached-value publisher: a finish comes after the values.
+TEST_F(SessionTest, EachLiveLocalSubscriptionGetsAMatchingMessageOnceAllShareItAndTheSessionsDeathEndsIt) {
     LocalPublisher both = local->subscribe(std::vector<std::string>{"/a/*", "/a/b", "/a/**"}),
                    first = local->subscribe("/a/b"), second = local->subscribe("/a/b"),
                    never = local->subscribe(std::vector<std::string>{});
     auto bothSeen = watch(both), firstSeen = watch(first), secondSeen = watch(second), neverSeen = watch(never);
     local->subscribe("/c");  // released at once
+    local->deliver(std::make_shared<const SubscribeRequest>("/a", "other"));
+    local->deliver(std::make_shared<const UnsubscribeRequest>("/a", "other"));
+    local->flush();
+    EXPECT_EQ(log, Log{}) << "subscribing tells nobody, and notices change nothing";
     EXPECT_EQ(server->heldKeys(), (Keys{"a/*", "a/**", "a/b", "c"}));
     publish("m1", "/a/b");
     publish("m2", "/a/c");
     EXPECT_TRUE(server->isHeld("c")) << "an entry that does not match is not tested for life";
     publish("m3", "/c");
     EXPECT_EQ(server->heldKeys(), (Keys{"a/*", "a/**", "a/b"}));
-    EXPECT_EQ(bothSeen->seen(), (Texts{"m1", "m2"})) << "three matching patterns, one offer";
     EXPECT_EQ(firstSeen->seen(), Texts{"m1"});
     EXPECT_EQ(secondSeen->seen(), Texts{"m1"});
     EXPECT_EQ(neverSeen->size(), 0u);
     EXPECT_EQ(firstSeen->at<PublishRequest>(0), secondSeen->at<PublishRequest>(0))
         << "receivers share the one published object";
-}
-
-// Each stream is a cached-value publisher: a finish comes after the values.
-TEST_F(SessionTest, ALocalSessionIgnoresNoticesAndFinishesEveryStreamWhenItDies) {
-    const LocalPublisher stream = local->subscribe("/a");
-    auto own = watch(stream);
-    local->deliver(std::make_shared<const SubscribeRequest>("/a", "other"));
-    local->deliver(std::make_shared<const UnsubscribeRequest>("/a", "other"));
-    local->flush();
-    EXPECT_EQ(log, Log{}) << "subscribing tells nobody";
-    publish("m1", "/a");
     local.reset();
-    EXPECT_EQ(server->heldKeys(), std::vector<std::string>{"a/**"}) << "the dead session forgot itself";
-    EXPECT_EQ(own->events(), (Log{"subscribe", "next m1", "complete"}));
-    publish("after", "/a");
+    EXPECT_EQ(server->heldKeys(), Keys{"a/**"}) << "the dead session forgot itself";
+    EXPECT_EQ(bothSeen->events(), (Log{"subscribe", "next m1", "next m2", "complete"}))
+        << "three matching patterns, one offer";
+    publish("after", "/a/b");
 }
 
 // Publishers deliver while clients connect on their own threads, the sessions add and drop

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <stdexcept>
@@ -31,7 +32,7 @@ using FrameStream = reactive_streams::CachedValuePublisher<http::WebSocketFrame,
 // Stands in for the Bayeux transports: it answers each request with a WebSocket echoing each
 // message back ("finish" ends its frame stream, "fail" fails it), and records the upgrade's
 // headers and browser session; a target with "/fail" gets a failed answer. The HTTP side is checked end to end (interop).
-// Threading: the server's I/O threads call handle and end the frame streams; `mutex` guards `upgrades`.
+// Threading: the server's I/O threads call handle and end the frame streams; `mutex` guards the records.
 class FakeBayeuxService : public http::HttpServiceProvider {
 public:
     Future<std::unique_ptr<Message>> handle(std::unique_ptr<http::HttpRequest>&& request, Address&&,
@@ -43,7 +44,11 @@ public:
         const std::lock_guard<std::mutex> guard(mutex);
         upgrades.emplace_back(request->headers,
                               context->has("sessionId") ? boost::any_cast<std::string>(context->get("sessionId")) : "");
-        auto frames = std::make_shared<FrameStream>([this] { ++finished; });
+        auto frames = std::make_shared<FrameStream>([this] {
+            const std::lock_guard<std::mutex> guard(mutex);
+            ++finished;
+            changed.notify_all();
+        });
         // The frame stream lives as long as the server holds the echo, its reading end.
         auto echo = std::make_shared<reactive_streams::CallbackSubscriber<http::WebSocketFrame>>(
             [frames](http::WebSocketFrame&& frame) {
@@ -59,13 +64,17 @@ public:
     }
 
     // Whether the service's WebSocket frame streams ended `count` times.
-    bool waitForFinished(int count) { return test_support::eventually([&] { return finished >= count; }); }
+    bool waitForFinished(int count) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, 10s, [this, count] { return finished >= count; });
+    }
 
     std::mutex mutex;
     std::vector<std::pair<http::Headers, std::string>> upgrades;  // each upgrade's headers and browser session
 
 private:
-    std::atomic<int> finished{0};
+    std::condition_variable changed;
+    int finished = 0;  // under `mutex`
 };
 
 struct HttpServerFixture {

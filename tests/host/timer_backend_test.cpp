@@ -272,44 +272,25 @@ TYPED_TEST(RealClockTimerConcurrency, EarlierTimersWakeTheWaitAndNothingRunsWhil
     EXPECT_EQ(this->waitFor(3), (Names{"refused", "10ms", "came due while stopped"}));
 }
 
-TYPED_TEST(RealClockTimerConcurrency, ReleaseWaitsForTheCallbackRunningOnAnotherThreadAndFreesItsCaptures) {
-    auto captured = std::make_shared<int>(3);
-    std::weak_ptr<int> capturedWatch = captured;
-    auto handle = this->backend->schedule(
-        [this, captured = std::move(captured)](long long) {
-            this->note("entered");
-            this->waitFor(2);  // until the test opens the gate
-            this->note("finished");
-        },
-        0ms, 0ms);
-    ASSERT_EQ(this->waitFor(1).size(), 1u);
-    captured.reset();
-    std::thread releaser([&] {
-        handle = nullptr;
-        this->note(capturedWatch.expired() ? "released" : "released with the captures alive");
-    });
-    // Gives a release that fails to wait the time to return early, before the gate opens.
-    std::this_thread::sleep_for(20ms);
-    this->note("gate opened");
-    releaser.join();
-    EXPECT_EQ(this->waitFor(4), (Names{"entered", "gate opened", "finished", "released"}));
-}
-
-TYPED_TEST(RealClockTimerConcurrency, NoCallbackStartsAfterItsReleaseReturnedAndNoneOverlapAnother) {
-    std::atomic<int> ran{0}, ranAfterRelease{0}, running{0}, overlaps{0};
+// Threads arm timers and release them, some while their callbacks run: a release waits for a callback running on
+// another thread and frees its captures, no callback starts after its release returned, and none overlaps another.
+TYPED_TEST(RealClockTimerConcurrency, ReleaseWaitsForItsRunningCallbackAndNoCallbackStartsAfterItOrOverlapsAnother) {
+    std::atomic<int> ran{0}, ranAfterRelease{0}, returnedEarly{0}, running{0}, overlaps{0}, capturesKept{0};
     auto armAndRelease = [&](int thread) {
         for (int round = 0; round < 300; ++round) {
             auto released = std::make_shared<std::atomic<bool>>(false);
             auto handle = this->backend->schedule(
                 [&, released](long long) {
                     overlaps += running++ != 0 ? 1 : 0;
-                    ++ran;
                     ranAfterRelease += *released ? 1 : 0;
+                    std::this_thread::sleep_for(++ran % 2 == 0 ? 300us : 0us);  // long enough for a release to come
+                    returnedEarly += *released ? 1 : 0;  // its release returned while it still ran
                     --running;
                 },
                 std::chrono::milliseconds(round % 3), std::chrono::milliseconds(thread % 2));
-            std::this_thread::sleep_for(round % 5 == 0 ? 500us : 0us);
+            std::this_thread::sleep_for(std::chrono::milliseconds(round % 3));  // about when it falls due
             handle = nullptr;
+            capturesKept += released.use_count() != 1 ? 1 : 0;
             released->store(true);
         }
     };
@@ -320,6 +301,7 @@ TYPED_TEST(RealClockTimerConcurrency, NoCallbackStartsAfterItsReleaseReturnedAnd
     }
     EXPECT_EQ(this->pass(5ms), Names{});
     EXPECT_EQ(ranAfterRelease.load(), 0);
+    EXPECT_EQ(returnedEarly.load() + capturesKept.load(), 0) << "a release returned before its callback, or kept its captures";
     EXPECT_EQ(overlaps.load(), 0) << "callbacks ran on two threads at once";
     EXPECT_GT(ran.load(), 0) << "no callback raced with its release";
 }

@@ -7,15 +7,10 @@
 
 #include <gmock/gmock.h>
 
-#include <boost/asio/connect.hpp>
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/read.hpp>
-#include <boost/asio/write.hpp>
-
 #include "korvane/bayeux.h"
 #include "korvane/host/allow_list_policy.h"
 #include "korvane/host/host_context.h"
-#include "host/test_certificate.h"
+#include "host/host_test_support.h"
 #include "support/recording_subscriber.h"
 
 namespace korvane::host {
@@ -24,16 +19,8 @@ namespace {
 // Posts `body` to the Bayeux path on a connection of its own, with `headers` (each ending in
 // CRLF), and returns the whole response.
 std::string post(unsigned short port, const std::string& headers, const std::string& body) {
-    namespace net = boost::asio;
-    net::io_context io;
-    net::ip::tcp::socket socket(io);
-    socket.connect({net::ip::make_address("127.0.0.1"), port});
-    net::write(socket, net::buffer("POST /bayeux HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n" + headers +
-                                   "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body));
-    std::string response;
-    boost::system::error_code ended;
-    net::read(socket, net::dynamic_buffer(response), ended);
-    return response;
+    return test::exchange(port, "POST /bayeux HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n" + headers +
+                                    "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
 }
 
 class BayeuxHostTest : public ::testing::Test {

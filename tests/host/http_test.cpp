@@ -11,10 +11,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/read.hpp>
 #include <boost/asio/read_until.hpp>
-#include <boost/asio/write.hpp>
 
 #include "korvane/frame/cached_value_publisher.h"
 #include "korvane/frame/callback_subscriber.h"
@@ -22,7 +19,7 @@
 #include "korvane/host/host.h"
 #include "korvane/host/websocket_frames.h"
 #include "support/recording_subscriber.h"
-#include "test_certificate.h"
+#include "host/host_test_support.h"
 
 namespace korvane::host {
 namespace {
@@ -35,6 +32,7 @@ using FrameStream = reactive_streams::CachedValuePublisher<http::WebSocketFrame,
 // Stands in for the Bayeux transports: it answers each request with a WebSocket echoing each
 // message back ("finish" ends its frame stream, "fail" fails it), and records the upgrade's
 // headers and browser session; a target with "/fail" gets a failed answer. The HTTP side is checked end to end (interop).
+// Threading: the server's I/O threads call handle and end the frame streams; `mutex` guards the records.
 class FakeBayeuxService : public http::HttpServiceProvider {
 public:
     Future<std::unique_ptr<Message>> handle(std::unique_ptr<http::HttpRequest>&& request, Address&&,
@@ -43,11 +41,11 @@ public:
             return makeErrorFuture<std::unique_ptr<Message>>(
                 std::make_exception_ptr(std::runtime_error("the service broke down")));
         }
-        std::lock_guard<std::mutex> guard(mutex);
-        upgrades.push_back(request->headers);
-        sessions.push_back(context->has("sessionId") ? boost::any_cast<std::string>(context->get("sessionId")) : "");
+        const std::lock_guard<std::mutex> guard(mutex);
+        upgrades.emplace_back(request->headers,
+                              context->has("sessionId") ? boost::any_cast<std::string>(context->get("sessionId")) : "");
         auto frames = std::make_shared<FrameStream>([this] {
-            std::lock_guard<std::mutex> guard(mutex);
+            const std::lock_guard<std::mutex> guard(mutex);
             ++finished;
             changed.notify_all();
         });
@@ -72,12 +70,11 @@ public:
     }
 
     std::mutex mutex;
-    std::vector<http::Headers> upgrades;  // the headers of each upgrade, under `mutex`
-    std::vector<std::string> sessions;    // the browser session of each upgrade, under `mutex`
+    std::vector<std::pair<http::Headers, std::string>> upgrades;  // each upgrade's headers and browser session
 
 private:
     std::condition_variable changed;
-    int finished = 0;
+    int finished = 0;  // under `mutex`
 };
 
 struct HttpServerFixture {
@@ -113,25 +110,13 @@ struct HttpServerFixture {
 
 struct HttpServerTest : ::testing::Test, HttpServerFixture {};
 
-// A raw client's connection to `port`, `request` sent.
-boost::asio::ip::tcp::socket sent(boost::asio::io_context& io, unsigned short port, const std::string& request) {
-    boost::asio::ip::tcp::socket socket(io);
-    socket.connect({boost::asio::ip::make_address("127.0.0.1"), port});
-    boost::asio::write(socket, boost::asio::buffer(request));
-    return socket;
-}
-
 // An answer the service failed, or a WebSocket for a request that is no upgrade: a 500 that says why.
 TEST_F(HttpServerTest, AnswersWhatTheServiceCannotWith500AndItsReason) {
     start(options());
     for (const auto& [target, reason] : {std::pair{"/bayeux/fail", "the service broke down"},
                                          std::pair{"/bayeux", "A WebSocket cannot answer this request"}}) {
-        boost::asio::io_context io;
-        auto socket =
-            sent(io, server->port(), "GET " + std::string(target) + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n");
-        std::string text;
-        boost::system::error_code end;
-        boost::asio::read(socket, boost::asio::dynamic_buffer(text), end);
+        const std::string text = test::exchange(
+            server->port(), "GET " + std::string(target) + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n");
         EXPECT_THAT(text, ::testing::StartsWith("HTTP/1.1 500")) << target;
         EXPECT_THAT(text, ::testing::EndsWith(reason)) << target;
     }
@@ -199,7 +184,7 @@ TEST_F(HttpServerTest, AnswersWebSocketControlFramesAndClosesOnEachProtocolFault
     };
     for (const auto& [frames, answer] : rows) {
         boost::asio::io_context io;
-        auto socket = sent(io, server->port(),
+        auto socket = test::sent(io, server->port(),
                            "GET /bayeux HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: Upgrade\r\nUpgrade: websocket\r\n"
                            "Sec-WebSocket-Version: 13\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n");
         std::string head;
@@ -233,11 +218,7 @@ struct OpenSocket {
     }
     // Whether the client cancelled the writer: told it that the socket is gone.
     bool writerCancelled() {
-        const auto end = std::chrono::steady_clock::now() + 10s;
-        while (!*writerEnded && std::chrono::steady_clock::now() < end) {
-            std::this_thread::sleep_for(1ms);
-        }
-        return *writerEnded && !writer->getFuture().get();
+        return test_support::eventually([this] { return writerEnded->load(); }) && !writer->getFuture().get();
     }
 };
 
@@ -305,14 +286,16 @@ TEST_F(HttpClientTest, ExchangesFramesInOrderOnDemandOverWsAndWssWithTheRequests
         EXPECT_EQ(socket.waitForEnd(), "complete");
         EXPECT_TRUE(service->waitForFinished(++finished));
 
-        std::lock_guard<std::mutex> guard(service->mutex);
-        const http::Headers& headers = service->upgrades.back();
-        ASSERT_EQ(headers.count("tvapikey"), 1u);
-        EXPECT_EQ(headers.find("tvapikey")->second, "k1");
-        // The upgrade's own headers are sent once, by the upgrade, not again from the request.
-        EXPECT_EQ(headers.count("upgrade") + headers.count("connection"), 2u);
-        EXPECT_EQ(headers.find("host")->second, "127.0.0.1:" + std::to_string(server->port()));
-        EXPECT_EQ(service->sessions.back(), browser) << "the upgrade runs in the browser session its cookie names";
+        const std::lock_guard<std::mutex> guard(service->mutex);
+        const auto& [headers, session] = service->upgrades.back();
+        std::string seen;  // the upgrade's own headers once, by the upgrade, not again from the request
+        for (const std::string name : {"tvapikey", "upgrade", "connection", "host"}) {
+            for (auto [at, end] = headers.equal_range(name); at != end; ++at) {
+                seen += name + "=" + at->second + " ";
+            }
+        }
+        EXPECT_EQ(seen, "tvapikey=k1 upgrade=websocket connection=upgrade host=127.0.0.1:" + std::to_string(server->port()) + " ");
+        EXPECT_EQ(session, browser) << "the upgrade runs in the browser session its cookie names";
     }
 }
 

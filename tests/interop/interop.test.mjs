@@ -69,10 +69,9 @@ for (const transport of ["long-polling", "websocket"]) {
             assert.deepEqual(seen, Array.from({ length: 500 }, (_, seq) => seq));
         });
 
-        test("refusals come back as error replies", async () => {
+        test("a refusal comes back as an error reply", async () => {
             const cometd = await client();
             await assert.rejects(publish(cometd, "/wild/*", {}), /"successful":false,"error":"Unable to publish. Unknown error"/);
-            await assert.rejects(subscribe(cometd, "/bad/**/x", () => {}), /"successful":false/);
         });
     });
 

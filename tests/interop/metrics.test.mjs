@@ -87,16 +87,9 @@ test("the counters move by exactly what a scripted client did", async () => {
         for (const end = Date.now() + 5000; (during = await scrape(server.url)).get("korvane_connects_held") !== 1; await sleep(10)) {
             assert.ok(Date.now() < end, "the WebSocket connect is not held");
         }
-        for (const [name, value] of [
-            ['korvane_clients{connection_type="long-polling"}', 1],
-            ['korvane_clients{connection_type="websocket"}', 1],
-            ['korvane_clients{connection_type="none"}', 1],
-            ["korvane_connects_held", 1],
-            ["korvane_routing_sessions", 3],
-            ["korvane_routing_patterns", 1],
-        ]) {
-            assert.equal(during.get(name), value, name);
-        }
+        const gauges = ["long-polling", "websocket", "none"].map((type) => `korvane_clients{connection_type="${type}"}`)
+            .concat("korvane_connects_held", "korvane_routing_sessions", "korvane_routing_patterns");
+        assert.deepEqual(gauges.map((name) => during.get(name)), [1, 1, 1, 1, 3, 1]);
 
         await post(bayeux, [{ channel: "/room", clientId: poller, data: { n: 1 } }]);
         await until(() => socket.messages.some((message) => message.channel === "/room"), 5000, "the delivery over WebSocket");
@@ -163,10 +156,7 @@ test("the counters move by exactly what a scripted client did", async () => {
 });
 
 test("a public listener shows metrics only on --metrics-listen", async () => {
-    for (const [args, listened] of [
-        [[], false],
-        [["--metrics-listen", "127.0.0.1:0"], true],
-    ]) {
+    for (const [args, listened] of [[[], false], [["--metrics-listen", "127.0.0.1:0"], true]]) {
         const server = await startServer({ listen: ":0", args });
         try {
             assert.equal((await fetch(new URL("/metrics", server.url))).status, 404);

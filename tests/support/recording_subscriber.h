@@ -13,7 +13,6 @@
 #include <functional>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -79,11 +78,7 @@ public:
     }
     // Waits until `done` holds of this recorder, at most `limit`; true if it does.
     bool waitFor(const std::function<bool(RecordingSubscriber&)>& done, std::chrono::milliseconds limit) {
-        const auto end = std::chrono::steady_clock::now() + limit;
-        while (!done(*this) && std::chrono::steady_clock::now() < end) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        return done(*this);
+        return eventually([&] { return done(*this); }, limit);
     }
 
     std::function<void(const T&)> onItem;

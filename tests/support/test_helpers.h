@@ -2,10 +2,12 @@
 
 // Small helpers shared by the unit tests of several areas.
 
+#include <chrono>
 #include <cstddef>
 #include <exception>
 #include <functional>
 #include <string>
+#include <thread>
 
 namespace korvane::test_support {
 
@@ -18,6 +20,14 @@ std::string errorOf(const std::function<void()>& action) {
         return error.what();
     }
     return "(no exception)";
+}
+
+// Whether `done()` holds within `limit`, checked every millisecond: a bound against a hang, never a timing check.
+inline bool eventually(const std::function<bool()>& done, std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+    for (const auto end = std::chrono::steady_clock::now() + limit; !done() && std::chrono::steady_clock::now() < end;) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return done();
 }
 
 // `piece` written `times` times, for deeply nested inputs.

@@ -80,15 +80,14 @@ void WebSocketConnection::handleFrame(http::WebSocketFrame&& frame) {
         // A text frame must hold UTF-8; one that does not fails the socket like any
         // frame that cannot be handled.
         std::unique_ptr<Message> message = deserializeUtf8Request(frame.data);
-        if (typeid(*message) == typeid(ConnectStreamRequest)) {
-            doHandleConnect(std::move(message));
-        } else if (auto* batch = dynamic_cast<BayeuxContainer*>(message.get())) {
-            // A connect inside a batch is a single message like the others; its stream is dropped.
+        if (auto* batch = dynamic_cast<BayeuxContainer*>(message.get())) {
+            // A connect inside a batch is held like one on its own: a stream left without a
+            // subscriber would swallow what the session puts in it and stay with the session.
             for (std::unique_ptr<Message>& contained : batch->messages) {
-                doHandleSingle(std::move(contained));
+                doHandleOne(std::move(contained));
             }
         } else {
-            doHandleSingle(std::move(message));
+            doHandleOne(std::move(message));
         }
     } catch (...) {
         KORVANE_LOG(logger, common::logFailure) << "Error while processing frame: " << frame.data.view();
@@ -96,8 +95,12 @@ void WebSocketConnection::handleFrame(http::WebSocketFrame&& frame) {
     }
 }
 
-void WebSocketConnection::doHandleSingle(std::unique_ptr<Message>&& message) {
-    sendMessage(doAskService(std::move(message)));
+void WebSocketConnection::doHandleOne(std::unique_ptr<Message>&& message) {
+    if (typeid(*message) == typeid(ConnectStreamRequest)) {
+        doHandleConnect(std::move(message));
+    } else {
+        sendMessage(doAskService(std::move(message)));
+    }
 }
 
 std::unique_ptr<Message> WebSocketConnection::doAskService(std::unique_ptr<Message>&& message) {

@@ -63,9 +63,10 @@ public:
     void done(bool failed);
 
 private:
+    // A connect, alone or inside a batch, is held; any other message is sent to the
+    // service, its reply waited for and written.
+    void doHandleOne(std::unique_ptr<Message>&& message);
     void doHandleConnect(std::unique_ptr<Message>&& connect);
-    // Sends one message to the service, waits for its reply and writes it.
-    void doHandleSingle(std::unique_ptr<Message>&& message);
     std::unique_ptr<Message> doAskService(std::unique_ptr<Message>&& message);
     // A message with no clientId gets the one the connection learned from a reply.
     void fillClientId(Message& message);

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "korvane/frame/future.h"
+#include "korvane/frame/lazy_promise.h"
 #include "korvane/frame/reactive_streams.h"
 #include "korvane/frame/ring_queue.h"
 #include "korvane/frame/transform_processor.h"
@@ -255,7 +256,7 @@ private:
     std::uint64_t maxCached = std::numeric_limits<std::uint64_t>::max();
     common::RingQueue<T> cache;
     F onFinished;
-    Promise<bool> donePromise;
+    LazyPromise<bool> donePromise;
     std::exception_ptr error;
     std::shared_ptr<SubscriberAPI<T>> subscriber;
     std::shared_ptr<CachedValueSubscription> subscription;

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "korvane/frame/future.h"
+#include "korvane/frame/lazy_promise.h"
 #include "korvane/frame/reactive_streams.h"
 #include "korvane/export.h"
 
@@ -89,7 +90,7 @@ public:
 
 private:
     std::mutex mutex;
-    Promise<bool> donePromise;
+    LazyPromise<bool> donePromise;
     std::function<void(T&&)> callback;
     std::weak_ptr<Subscription> upstream;
     bool finished = false;

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "korvane/frame/future.h"
+#include "korvane/frame/lazy_promise.h"
 #include "korvane/frame/reactive_streams.h"
 #include "korvane/export.h"
 
@@ -182,7 +183,7 @@ private:
     std::mutex mutex;
     std::shared_ptr<SubscriberAPI<B>> subscriber;
     std::function<B(A&&)> transform;
-    Promise<bool> donePromise;
+    LazyPromise<bool> donePromise;
     std::shared_ptr<Subscription> subscription;
     std::weak_ptr<Subscription> upstream;
     std::exception_ptr error;

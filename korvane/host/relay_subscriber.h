@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "korvane/frame/future.h"
+#include "korvane/frame/lazy_promise.h"
 #include "korvane/frame/reactive_streams.h"
 
 namespace korvane::host {
@@ -120,7 +121,7 @@ private:
     Deliver deliver;
     std::vector<Signal> collected;
     std::weak_ptr<reactive_streams::Subscription> upstream;
-    Promise<bool> donePromise;
+    LazyPromise<bool> donePromise;
     bool collecting;
     bool ended = false;
 };

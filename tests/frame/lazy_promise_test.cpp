@@ -1,0 +1,58 @@
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <optional>
+#include <stdexcept>
+
+#include "korvane/frame/lazy_promise.h"
+#include "support/test_helpers.h"
+
+namespace korvane {
+namespace {
+
+using test_support::errorOf;
+
+// What a future taken at some point of a promise's life yields: the outcome, whether
+// the future came before or after it, and the texts of misuse.
+TEST(LazyPromise, AFutureYieldsTheOutcomeWhicheverCameFirstAndMisuseIsRefused) {
+    const auto failure = std::make_exception_ptr(std::runtime_error("broken"));
+    struct Case {
+        const char* name;
+        std::function<std::optional<Future<bool>>(LazyPromise<bool>&)> steps;
+        std::string yields;  // "true", "false" or the error's text
+    };
+    const Case cases[] = {
+        {"value, then future", [](auto& p) { p.setValue(true); return p.getFuture(); }, "true"},
+        {"future, then value", [](auto& p) { auto f = p.getFuture(); p.setValue(false); return f; }, "false"},
+        {"error, then future", [&](auto& p) { p.setError(failure); return p.getFuture(); }, "broken"},
+        {"future, then error", [&](auto& p) { auto f = p.getFuture(); p.setError(failure); return f; }, "broken"},
+        {"future, promise gone", [](auto&) { LazyPromise<bool> gone; return gone.getFuture(); },
+         "Promise destroyed before it provided a value."},
+        {"second outcome", [](auto& p) { p.setValue(true); p.setValue(true); return std::nullopt; },
+         "Promise already resolved."},
+        {"second future", [](auto& p) { p.setValue(true); p.getFuture(); p.getFuture(); return std::nullopt; },
+         "Promise already returned a future."},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        LazyPromise<bool> promise;
+        std::optional<Future<bool>> future;
+        const std::string refused = errorOf<std::runtime_error>([&] { future = c.steps(promise); });
+        const std::string yielded = !future ? refused : errorOf<std::runtime_error>([&] {
+            throw std::runtime_error(future->get() ? "true" : "false");
+        });
+        EXPECT_EQ(yielded, c.yields);
+    }
+}
+
+TEST(LazyPromise, AContinuationAttachedEarlyRunsInsideTheOutcome) {
+    LazyPromise<bool> promise;
+    bool ran = false;
+    promise.getFuture().then([&](Future<bool>&& done) { return ran = done.get(); });
+    EXPECT_FALSE(ran);
+    promise.setValue(true);
+    EXPECT_TRUE(ran);
+}
+
+}  // namespace
+}  // namespace korvane

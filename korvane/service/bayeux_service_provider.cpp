@@ -1,5 +1,6 @@
 #include "korvane/service/bayeux_service_provider.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <exception>
 #include <utility>
@@ -123,7 +124,7 @@ std::shared_ptr<LongPollSession> BayeuxServiceProviderImpl::createSession(const 
 
     std::unique_lock<std::mutex> lock(mutex);
     ClientInfo& info = clients[clientId];
-    clientsBySession[sessionId].emplace(clientId, &info);
+    clientsBySession[sessionId].push_back(&info);
     info.sessionId = sessionId;
     info.session = session;
     info.grant = std::move(grant);
@@ -239,12 +240,14 @@ void BayeuxServiceProviderImpl::sweepClients(long long tick) {
 BayeuxServiceProviderImpl::ClientInfo BayeuxServiceProviderImpl::doForget(ClientMap::iterator client) {
     auto browser = clientsBySession.find(client->second.sessionId);
     if (browser != clientsBySession.end()) {
-        browser->second.erase(client->first);
-        if (browser->second.empty()) {
+        std::vector<const ClientInfo*>& records = browser->second;
+        *std::find(records.begin(), records.end(), &client->second) = records.back();
+        records.pop_back();
+        if (records.empty()) {
             clientsBySession.erase(browser);
             common::releaseSpareBuckets(clientsBySession);
-        } else {
-            common::releaseSpareBuckets(browser->second);
+        } else if (records.capacity() > 4 * records.size()) {
+            records.shrink_to_fit();
         }
     }
     ClientInfo forgotten = std::move(client->second);
@@ -260,7 +263,7 @@ std::size_t BayeuxServiceProviderImpl::getActiveConnectCountForSessionId(const s
         return 0;
     }
     std::size_t count = 0;
-    for (const auto& [clientId, client] : browser->second) {
+    for (const ClientInfo* client : browser->second) {
         const ClientInfo& info = *client;
         if (info.connectionType == connectionType && info.session->hasActiveConnect()) {
             ++count;

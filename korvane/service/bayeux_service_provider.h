@@ -124,7 +124,8 @@ private:
     // The clients of each host session, by id, so that counting one browser's connects
     // visits that browser's records only. The records are the nodes of `clients`, whose
     // addresses stay put until they are erased.
-    using ClientsBySession = std::unordered_map<std::string, std::unordered_map<std::string, const ClientInfo*>>;
+    // A browser has a client or a few, so each one's records are a short list.
+    using ClientsBySession = std::unordered_map<std::string, std::vector<const ClientInfo*>>;
 
     // Entered with `mutex` held (the lock is the proof); arms the sweep unless it runs.
     void startSweeping(std::unique_lock<std::mutex>& lock);

@@ -78,10 +78,8 @@ TEST(ServiceDispatch, DeliverChecksTheServiceStateAndTheMessageType) {
 
 TEST(ServiceDispatch, ContextHandleCastsTheReply) {
     auto context = std::make_shared<test_support::TestContext>();
-    std::vector<std::string> routedMethods;
-    context->route = [&routedMethods](std::unique_ptr<Message>&& message, Address&&) {
+    context->route = [](std::unique_ptr<Message>&& message, Address&&) {
         const std::string method = dynamic_cast<http::HttpRequest&>(*message).method;
-        routedMethods.push_back(method);
         if (method == "fail") {
             return makeErrorFuture<std::unique_ptr<Message>>(
                 std::make_exception_ptr(std::runtime_error("connection refused")));
@@ -100,7 +98,6 @@ TEST(ServiceDispatch, ContextHandleCastsTheReply) {
     EXPECT_EQ(failureOf<std::runtime_error>(upgrade("fail")), "connection refused");
     auto identity = context->handle<Message, http::HttpRequest>(makeRequest("post"), Address("c"));
     EXPECT_NE(dynamic_cast<http::HttpResponse*>(identity.get().get()), nullptr);
-    EXPECT_EQ(routedMethods, (std::vector<std::string>{"upgrade", "get", "fail", "post"}));
 
     auto response = http::makeReadyHttpResponse(400, "Unknown Bayeux Transport").get();
     auto& ready = dynamic_cast<http::HttpResponse&>(*response);

@@ -122,15 +122,10 @@ TEST(JsonReader, ReadIntegerBooleanAndStringListAcceptOnlyTheirForms) {
 
 TEST(JsonReader, MillionLevelsOfNestingAreScannedWithoutNativeRecursion) {
     constexpr std::size_t levels = 1000000;
-    const std::string arrays = repeated("[", levels) + "1" + repeated("]", levels);
-    const std::string objects = repeated("{\"k\":", levels) + "null" + repeated("}", levels);
     const std::string mixed = repeated("[{\"k\":", levels / 2) + "\"v\"" + repeated("}]", levels / 2);
     // Cut off behind a complete element, every open level ends silently.
-    expectCases({{arrays + " ", std::to_string(arrays.size())}, {objects + " ", std::to_string(objects.size())},
-                 {mixed + ",", std::to_string(mixed.size())}, {repeated("[", levels) + "1", std::to_string(levels + 1)},
-                 {repeated("[", levels), std::to_string(levels)}, {repeated("[", levels) + "0", numberExpected},
-                 {repeated("[", levels) + "1" + repeated("]", levels - 1) + "}", collectionInvalid},
-                 {repeated("{\"k\":", levels) + "1" + repeated("}", levels / 2) + "]", collectionInvalid},
+    expectCases({{mixed + ",", std::to_string(mixed.size())}, {repeated("[", levels) + "1", std::to_string(levels + 1)},
+                 {repeated("[{\"k\":", levels / 2) + "1" + repeated("]}", levels / 2), collectionInvalid},
                  {repeated("[1,", levels) + "]", numberExpected}},
                 cursorAfter(skipValue));
 }

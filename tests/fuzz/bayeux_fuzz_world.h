@@ -67,13 +67,9 @@ using test_support::Services;
 class FuzzPolicy : public BayeuxPolicy {
 public:
     HandshakeDecision mayHandshake(const std::shared_ptr<Context>&, std::string_view ext) override {
-        HandshakeDecision decision;
-        if (ext.find("deny") != std::string_view::npos) {
-            decision.allowed = false;
-            decision.reason = std::string(ext.substr(0, 16));
-        } else if (!ext.empty()) {
-            decision.grant = std::make_shared<const ClientGrant>();
-        }
+        const bool denied = ext.find("deny") != std::string_view::npos;
+        HandshakeDecision decision{denied ? PolicyDecision::deny(std::string(ext.substr(0, 16))) : PolicyDecision::allow()};
+        decision.grant = denied || ext.empty() ? nullptr : std::make_shared<const ClientGrant>();
         return decision;
     }
     PolicyDecision maySubscribe(const PolicyClient& client, const std::string& pattern,

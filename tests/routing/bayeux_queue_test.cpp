@@ -154,9 +154,8 @@ TEST(BayeuxQueueConcurrency, ProducersARequesterAndEndingsOnSeparateThreads) {
         const auto queue = std::make_shared<BayeuxQueue>("race");
         Future<bool> end = queue->getFuture();
         const auto subscriber = std::make_shared<Recorder>(0, nullptr);
-        std::atomic<long> received{0};
+        std::atomic<long> received{0}, overlaps{0};
         std::atomic<bool> inside{false};
-        std::atomic<int> overlaps{0};
         subscriber->onItem = [&](auto&) {
             overlaps += inside.exchange(true);
             ++received, inside = false;

@@ -204,35 +204,6 @@ TEST_F(BayeuxServerTest, IndexOffersExactlyWhatTheSessionsPatternsMatchOnceEachA
     }
 }
 
-TEST_F(BayeuxServerTest, IndexFollowsWithdrawsRemovesAndDeathsAndIgnoresSessionsNeverAdded) {
-    std::atomic<int> live{0};
-    const CountingAllocator<RecordingSession> allocator(live);
-    auto session = std::allocate_shared<RecordingSession>(allocator, "s", &log, server);
-    auto neverAdded = std::allocate_shared<RecordingSession>(allocator, "neverAdded", &log, server);
-    neverAdded->hold("/x/**");  // declared patterns route nothing before the session is added
-    const std::vector<std::tuple<std::function<void()>, std::string, Log>> steps = {  // then publish from "publisher"
-        {[&] { session->hold("/a/*").hold("/a/*").hold("/a//b"), server->addSession(session); }, "/a/b", {"s:/a/b"}},
-        {[&] { session->drop("/a/*"); }, "/a/c", {"s:/a/c"}},  // one hold is left
-        {[&] { session->drop("/a/*").drop("/a/*").drop("/never"); }, "/a/c", {}},
-        {[] {}, "/a/b", {"s:/a/b"}},
-        {[&] { session->drop("/a/b"); }, "/a/b", {}},  // any spelling of the pattern withdraws it
-        // One offer per place in the lists.
-        {[&] { session->hold("/x/**"), server->addSession(session), server->addPrioritySession(session); }, "/x/y",
-         {"s:/x/y", "s:/x/y", "s:/x/y"}},
-        {[&] {
-             EXPECT_EQ(logOf("/x/y", "s"), Log{}) << "the sender is skipped";
-             server->removeSession(session);
-         }, "/x/y", {}},
-        {[&] { server->addSession(session); }, "/x/y", {"s:/x/y"}},  // removal keeps the patterns for the next add
-        {[&] { session.reset(), neverAdded.reset(); }, "/x/y", {}},
-    };
-    for (const auto& [step, channel, expected] : steps) {
-        step();
-        EXPECT_EQ(logOf(channel), expected) << channel;
-    }
-    EXPECT_EQ(live, 0) << "a session's death drops every reference the server held";
-}
-
 // Logs "+key" or "-key" by what the server says of the key when told of it. Threading: the
 // test's thread, inside the server's calls.
 struct HeardInterest : InterestListener {
@@ -246,30 +217,48 @@ struct HeardInterest : InterestListener {
     Log heard;
 };
 
-TEST_F(BayeuxServerTest, InterestListenerHearsOfAKeysFirstAddedHolderAndOfItsLastOnly) {
+// After each step, what a publish from "publisher" reaches and what the interest listener heard: of a
+// key's first added holder and of its last only. Sessions never added neither receive nor hold.
+TEST_F(BayeuxServerTest, IndexAndInterestFollowHoldsWithdrawsRemovesAndDeaths) {
+    std::atomic<int> live{0};
+    const CountingAllocator<RecordingSession> allocator(live);
+    auto s = std::allocate_shared<RecordingSession>(allocator, "s", &log, server);
+    auto b = std::allocate_shared<RecordingSession>(allocator, "b", &log, server);
+    auto neverAdded = std::allocate_shared<RecordingSession>(allocator, "neverAdded", &log, server);
     const auto listener = std::make_shared<HeardInterest>(*server);
     server->setInterestListener(listener);
-    auto a = std::make_shared<RecordingSession>("a", &log, server);
-    auto b = std::make_shared<RecordingSession>("b", &log, server);
-    const std::vector<std::pair<std::function<void()>, Log>> steps = {
-        {[&] { a->hold("/x/*").hold("/y"); }, {}},
-        {[&] { server->addSession(a); }, {"+x/*", "+y"}},
-        {[&] { b->hold("/x//*"); server->addSession(b); server->addPrioritySession(b); }, {}},
-        {[&] { a->drop("/x/*").drop("/y"); }, {"-y"}},
-        {[&] { server->removeSession(b); }, {"-x/*"}},
-        {[&] { server->addPrioritySession(b); }, {"+x/*"}},
-        {[&] { b.reset(); }, {"-x/*"}},
-        {[&] { a->hold("/z/**"); }, {"+z/**"}},
-        {[&] {
-             EXPECT_EQ(server->heldKeys(), Log{"z/**"});
-             server->setInterestListener(nullptr), a->drop("/z/**");
-         }, {}},  // a listener removed hears nothing
+    struct Step {
+        std::function<void()> act;
+        std::string channel;
+        Log offered, heard;
     };
-    for (std::size_t step = 0; step < steps.size(); ++step) {
+    const Step steps[] = {
+        {[&] { neverAdded->hold("/x/**").hold("/a/b"), s->hold("/a/*").hold("/a/*").hold("/a//b"); }, "/a/b", {}, {}},
+        {[&] { server->addSession(s); }, "/a/b", {"s:/a/b"}, {"+a/*", "+a/b"}},
+        {[&] { s->drop("/a/*"); }, "/a/c", {"s:/a/c"}, {}},  // one hold is left
+        {[&] { s->drop("/a/*").drop("/a/*").drop("/never"); }, "/a/c", {}, {"-a/*"}},
+        // One offer per place in the lists; a second holder is no news.
+        {[&] { b->hold("/a/b"), server->addSession(b), server->addPrioritySession(b); }, "/a/b",
+         {"b:/a/b", "b:/a/b", "s:/a/b"}, {}},
+        {[&] { s->drop("/a/b"); }, "/a/b", {"b:/a/b", "b:/a/b"}, {}},  // any spelling of the pattern withdraws it
+        {[&] { server->removeSession(b); }, "/a/b", {}, {"-a/b"}},  // a remove takes every place
+        {[&] { server->addPrioritySession(b); }, "/a/b", {"b:/a/b"}, {"+a/b"}},  // and keeps the patterns
+        {[&] { b.reset(); }, "/a/b", {}, {"-a/b"}},
+        {[&] { s->hold("/x/**"); }, "/x/y", {"s:/x/y"}, {"+x/**"}},
+        {[&] {
+             EXPECT_EQ(logOf("/x/y", "s"), Log{}) << "the sender is skipped";
+             EXPECT_EQ(server->heldKeys(), Log{"x/**"});
+             server->setInterestListener(nullptr), s->drop("/x/**");
+         }, "/x/y", {}, {}},  // a listener removed hears nothing
+        {[&] { s.reset(), neverAdded.reset(); }, "/x/y", {}, {}},
+    };
+    for (std::size_t step = 0; step < std::size(steps); ++step) {
         listener->heard.clear();
-        steps[step].first();
-        EXPECT_EQ(sorted(listener->heard), steps[step].second) << "step " << step;
+        steps[step].act();
+        EXPECT_EQ(sorted(listener->heard), steps[step].heard) << "step " << step;
+        EXPECT_EQ(sorted(logOf(steps[step].channel)), steps[step].offered) << "step " << step;
     }
+    EXPECT_EQ(live, 0) << "a session's death drops every reference the server held";
 }
 
 }  // namespace

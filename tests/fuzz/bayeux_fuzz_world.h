@@ -68,7 +68,8 @@ class FuzzPolicy : public BayeuxPolicy {
 public:
     HandshakeDecision mayHandshake(const std::shared_ptr<Context>&, std::string_view ext) override {
         const bool denied = ext.find("deny") != std::string_view::npos;
-        HandshakeDecision decision{denied ? PolicyDecision::deny(std::string(ext.substr(0, 16))) : PolicyDecision::allow()};
+        HandshakeDecision decision{denied ? PolicyDecision::deny(std::string(ext.substr(0, 16)))
+                                          : PolicyDecision::allow()};
         decision.grant = denied || ext.empty() ? nullptr : std::make_shared<const ClientGrant>();
         return decision;
     }

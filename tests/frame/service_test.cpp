@@ -66,9 +66,8 @@ TEST(ServiceDispatch, DeliverChecksTheServiceStateAndTheMessageType) {
     auto request = makeRequest("post");
     const http::HttpRequest* sent = request.get();
     auto reply = service->deliver(std::move(request), Address("bayeux"), context).get();
-    EXPECT_EQ(service->handled.get(), sent);
-    EXPECT_EQ(service->handledAddress, Address("bayeux"));
-    EXPECT_EQ(service->handledContext, context);
+    EXPECT_TRUE(service->handled.get() == sent && service->handledAddress == Address("bayeux") &&
+                service->handledContext == context);
     EXPECT_EQ(dynamic_cast<http::HttpResponse&>(*reply).status, 202);
     EXPECT_EQ(errorOf<std::logic_error>([&] { deliver(makeRequest("delete")); }), "handler failed");
     RecordingHttpService unshared;

@@ -29,11 +29,6 @@ using Processor = TransformProcessor<int, std::string>;
 using Cached = CachedValuePublisher<int, std::function<void()>>;
 using Source = CachedValuePublisher<std::string, std::function<void()>>;
 
-std::shared_ptr<Processor> makeProcessor() {
-    return std::make_shared<Processor>([](int&& value) {
-        return value < 0 ? throw std::invalid_argument("negative") : "#" + std::to_string(value);
-    });
-}
 Future<std::string> concatenated(std::shared_ptr<PublisherAPI<std::string>> chunks, const std::string& initial) {
     return reduce<std::string, std::string>(
         std::move(chunks), [](std::string&& chunk, std::string&& sum) { return sum + chunk; }, initial);
@@ -63,7 +58,11 @@ TEST(TransformProcessor, ScriptsOfDemandItemsAndEndings) {
         // A downstream that throws passes it out and the lock is released by the unwinding.
         {{"subscribe max", "refuse", "next 2", "accept", "next 3"}, {"subscribe", "next #2", "threw write failed",
           "next #3"}},
-    }, Run::publisherSteps(Run::subscriberSteps()), [](Log&) { return makeProcessor(); });
+    }, Run::publisherSteps(Run::subscriberSteps()), [](Log&) {
+        return std::make_shared<Processor>([](int&& value) {
+            return value < 0 ? throw std::invalid_argument("negative") : "#" + std::to_string(value);
+        });
+    });
 }
 
 TEST(CachedValuePublisher, ScriptsOfCachingDemandAndEndings) {

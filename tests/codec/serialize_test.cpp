@@ -140,7 +140,6 @@ TEST(Serialize, RefusesWhatIsNoSingleMessageAndKeepsTheBuffer) {
               "Unknown bayeux type: " + common::mangledTypeName(typeid(BayeuxContainer)));
     EXPECT_NE(batch, nullptr);
     EXPECT_EQ(out.str(), "[x");
-    EXPECT_THROW(serializeBayeuxMessage(std::unique_ptr<Message>(), out), std::bad_typeid);
 }
 
 }  // namespace

@@ -102,8 +102,8 @@ TEST(Future, ValueLivesInTheStateAndPromiseDeathAfterResolvingIsQuiet) {
     EXPECT_EQ(pending.get(), 8);
 }
 
-TEST(Future, ErrorsTravelDownAChainOfThenAndUnwrapOneExceptionPtrLevel) {
-    Promise<int> source, second;
+TEST(Future, ErrorsTravelDownChainsOfThenAndThroughUnwrap) {
+    Promise<int> source, second, once, twice;
     int stagesRun = 0;
     auto addOne = [&stagesRun](Future<int>&& f) { return ++stagesRun, f.get() + 1; };
     Future<int> end = source.getFuture().then(addOne).then(addOne).then(addOne);
@@ -115,15 +115,14 @@ TEST(Future, ErrorsTravelDownAChainOfThenAndUnwrapOneExceptionPtrLevel) {
     EXPECT_EQ(errorOf<std::out_of_range>([&] { end.get(); }), "source failed");
     EXPECT_EQ(errorOf<std::logic_error>([&] { failedMidway.get(); }), "stage two");
 
-    std::exception_ptr inner = std::make_exception_ptr(std::invalid_argument("inner"));
-    Promise<int> once, twice;
-    once.setError(std::make_exception_ptr(inner));
-    EXPECT_EQ(errorOf<std::invalid_argument>([&] { once.getFuture().get(); }), "inner");
-    twice.setError(std::make_exception_ptr(std::make_exception_ptr(inner)));
+    // A stored exception_ptr is unwrapped one level.
+    const std::exception_ptr nested = std::make_exception_ptr(std::invalid_argument("nested"));
+    once.setError(std::make_exception_ptr(nested));
+    EXPECT_EQ(errorOf<std::invalid_argument>([&] { once.getFuture().get(); }), "nested");
+    twice.setError(std::make_exception_ptr(std::make_exception_ptr(nested)));
     EXPECT_THROW(twice.getFuture().get(), std::exception_ptr);
-}
 
-TEST(Future, UnwrapFlattensInEitherOrderAndPassesErrorsOfBothLevels) {
+    // Unwrap flattens in either order and passes the errors of both levels.
     Promise<Future<int>> outer, failingOuter;
     Promise<int> inner, readyInner;
     Future<int> flat = unwrap(outer.getFuture()), outerFailed = unwrap(failingOuter.getFuture()), innerDied;

@@ -33,8 +33,10 @@ protected:
         priority ? server->addPrioritySession(session) : server->addSession(session);
         return session;
     }
-    std::shared_ptr<RecordingSession> declaring(const std::string& id) {
-        return declared.emplace_back(std::make_shared<RecordingSession>(id, &log, server));
+    // A session that declares its patterns to the server, and holds `pattern` if one is given.
+    std::shared_ptr<RecordingSession> declaring(const std::string& id, const std::string& pattern = "") {
+        const auto session = declared.emplace_back(std::make_shared<RecordingSession>(id, &log, server));
+        return pattern.empty() ? session : (session->hold(pattern), session);
     }
     // Publishes once and returns what the sessions logged for this publish alone.
     Log logOf(const std::string& channel, const std::string& clientId = "publisher") {
@@ -78,13 +80,10 @@ TEST_F(BayeuxServerTest, PriorityTierFirstHostBeforeDeclaringSenderSkippedNotice
     for (const auto& [id, priority] : {std::pair{"me", false}, {"p1", true}, {"", false}, {"p2", true}}) {
         add(id, priority);
     }
-    server->addSession(declaring("ordinary"));
-    server->addPrioritySession(declaring("priority"));
-    server->addSession(declaring("other"));
+    server->addSession(declaring("ordinary", "/x/*"));
+    server->addPrioritySession(declaring("priority", "/x/*"));
+    server->addSession(declaring("other", "/y"));
     add("o");
-    for (const auto& session : declared) {
-        session->hold(session->id == "other" ? "/y" : "/x/*");
-    }
     EXPECT_EQ(logOf("/x/1", "me"), (Log{"p1:/x/1", "p2:/x/1", "priority:/x/1", ":/x/1", "o:/x/1", "ordinary:/x/1"}));
     EXPECT_EQ(logOf("/z", ""), (Log{"p1:/z", "p2:/z", "me:/z", "o:/z"})) << "a host's session is offered everything";
     log.clear();
@@ -148,12 +147,9 @@ TEST_F(BayeuxServerTest, ReentrantCallsTakeEffectAtTheNextSnapshotAndExceptionsS
 }
 
 TEST_F(BayeuxServerTest, IndexSessionAddedOrDeclaringDuringAPublishJoinsAtTheNextSnapshot) {
-    const auto priority = declaring("priority"), ordinary = declaring("ordinary");
-    const auto byPriority = declaring("addedByPriority"), latePriority = declaring("latePriority");
-    const auto byOrdinary = declaring("addedByOrdinary"), declaredLate = declaring("declaredByOrdinary");
-    for (const auto& session : {priority, ordinary, byPriority, latePriority, byOrdinary}) {
-        session->hold("/x");
-    }
+    const auto priority = declaring("priority", "/x"), ordinary = declaring("ordinary", "/x");
+    const auto byPriority = declaring("addedByPriority", "/x"), latePriority = declaring("latePriority", "/x");
+    const auto byOrdinary = declaring("addedByOrdinary", "/x"), declaredLate = declaring("declaredByOrdinary");
     server->addPrioritySession(priority);
     server->addSession(ordinary);
     server->addSession(declaredLate);

@@ -158,12 +158,10 @@ TEST(BayeuxQueueConcurrency, ProducersARequesterAndEndingsOnSeparateThreads) {
         queue->subscribe(subscriber);
         std::vector<std::thread> threads;
         threads.emplace_back([&, subscription = subscriber->subscription.lock()] {  // the requester
-            for (long requested = 0; subscriber->count("complete") == 0;) {
+            for (long requested = 0; subscriber->count("complete") == 0; std::this_thread::yield()) {
                 if (requested - received.load() < batch) {
                     requested += batch;
                     subscription->request(batch);
-                } else {
-                    std::this_thread::yield();
                 }
             }
         });

@@ -68,10 +68,8 @@ class FuzzPolicy : public BayeuxPolicy {
 public:
     HandshakeDecision mayHandshake(const std::shared_ptr<Context>&, std::string_view ext) override {
         const bool denied = ext.find("deny") != std::string_view::npos;
-        HandshakeDecision decision{denied ? PolicyDecision::deny(std::string(ext.substr(0, 16)))
-                                          : PolicyDecision::allow()};
-        decision.grant = denied || ext.empty() ? nullptr : std::make_shared<const ClientGrant>();
-        return decision;
+        return {denied ? PolicyDecision::deny(std::string(ext.substr(0, 16))) : PolicyDecision::allow(),
+                denied || ext.empty() ? nullptr : std::make_shared<const ClientGrant>()};
     }
     PolicyDecision maySubscribe(const PolicyClient& client, const std::string& pattern,
                                 const std::shared_ptr<Context>&) override {
@@ -201,17 +199,15 @@ private:
         }
     }
 
+    // The piece with each "@d" replaced by the client id of the d-th newest handshake, once there is one.
     std::string withClientIds(std::string_view piece) const {
-        std::string text;
-        text.reserve(piece.size());
-        for (std::size_t i = 0; i < piece.size(); ++i) {
-            const bool token = piece[i] == '@' && i + 1 < piece.size() && piece[i + 1] >= '0' && piece[i + 1] <= '9';
-            if (token && !clientIds.empty()) {
-                const std::size_t back = static_cast<std::size_t>(piece[i + 1] - '0') % clientIds.size();
-                text += clientIds[clientIds.size() - 1 - back];
-                ++i;
-            } else {
-                text += piece[i];
+        std::string text(piece);
+        for (std::size_t at = text.find('@'); at != std::string::npos && !clientIds.empty();
+             at = text.find('@', at + 1)) {
+            if (at + 1 < text.size() && text[at + 1] >= '0' && text[at + 1] <= '9') {
+                const std::string& id = clientIds[clientIds.size() - 1 - (text[at + 1] - '0') % clientIds.size()];
+                text.replace(at, 2, id);
+                at += id.size() - 1;
             }
         }
         return text;

@@ -39,7 +39,7 @@ TEST(Serialize, EveryClassHasItsExactBytes) {
         meta + "subscribe\",\"id\":\"2\",\"clientId\":\"c1\",\"subscription\":\"/a/*\"}",
         meta + "unsubscribe" + noClient + ",\"subscription\":\"\"}",
         meta + "unsubscribe\",\"id\":\"9\",\"clientId\":\"k\",\"subscription\":\"/a/**\"}",
-        meta + "handshake" + noClient + ",\"version\":\"1.0\",\"minimumVersion\":\"0.9\","
+        meta + "handshake\",\"id\":\"1\",\"clientId\":null,\"version\":\"1.0\",\"minimumVersion\":\"0.9\","
             "\"supportedConnectionTypes\":[\"long-polling\",\"callback-polling\"]}",
         meta + "disconnect\",\"id\":\"3\",\"clientId\":\"k\"}",
         meta + "connect\",\"clientId\":\"abc\",\"connectionType\":\"long-polling\","

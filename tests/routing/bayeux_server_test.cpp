@@ -220,9 +220,9 @@ TEST_F(BayeuxServerTest, IndexAndInterestFollowHoldsWithdrawsRemovesAndDeaths) {
         {[&] { s->drop("/a/*"); }, "/a/c", {"s:/a/c"}, {}},  // one hold is left
         {[&] { s->drop("/a/*").drop("/a/*").drop("/never"); }, "/a/c", {}, {"-a/*"}},
         // One offer per place in the lists; a second holder is no news.
-        {[&] { b->hold("/a/b"), server->addSession(b), server->addPrioritySession(b); }, "/a/b",
-         {"b:/a/b", "b:/a/b", "s:/a/b"}, {}},
-        {[&] { s->drop("/a/b"); }, "/a/b", {"b:/a/b", "b:/a/b"}, {}},  // any spelling of the pattern withdraws it
+        {[&] { b->hold("/a/b"), server->addSession(b), server->addSession(b), server->addPrioritySession(b); },
+         "/a/b", {"b:/a/b", "b:/a/b", "b:/a/b", "s:/a/b"}, {}},
+        {[&] { s->drop("/a/b"); }, "/a/b", {"b:/a/b", "b:/a/b", "b:/a/b"}, {}},  // any spelling of the pattern withdraws it
         {[&] { server->removeSession(b); }, "/a/b", {}, {"-a/b"}},  // a remove takes every place
         {[&] { server->addPrioritySession(b); }, "/a/b", {"b:/a/b"}, {"+a/b"}},  // and keeps the patterns
         {[&] { b.reset(); }, "/a/b", {}, {"-a/b"}},

@@ -95,9 +95,7 @@ public:
         options.policy = std::make_shared<FuzzPolicy>();
         // Every other delivery is stamped with an id, and those on /drop are dropped on their way out.
         options.outgoing = [stamps = std::make_shared<int>(0)](const std::string&, PublishRequest& message) {
-            if (++*stamps % 2 == 0) {
-                message.id = "stamp";
-            }
+            message.id = ++*stamps % 2 == 0 ? "stamp" : message.id;
             return message.channel.rfind("/drop", 0) != 0;
         };
         provider = std::make_shared<BayeuxServiceProviderImpl>(server, options);

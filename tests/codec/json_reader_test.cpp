@@ -37,9 +37,9 @@ Reader cursorAfter(void (*routine)(std::uint64_t&, const DataBuffer&)) {
 const std::string numberExpected = fails + "Invalid JSON, expected a number";
 const std::string quoteExpected = fails + "Invalid JSON, expected '\"'", unterminated = fails + "Invalid JSON string";
 const std::string collectionInvalid = fails + "JSON parsing error, invalid collection.";
+const std::string literalTrue = fails + "Invalid JSON, expected a literaltrue";
 
 TEST(JsonReader, SkipValueAcceptsAndRefusesByPosition) {
-    const std::string literalTrue = fails + "Invalid JSON, expected a literaltrue";
     const std::string literalNull = fails + "Invalid JSON, expected a literalnull";
     const std::string noString = fails + "Invalid JSON, expected a string";
     expectCases({{"", numberExpected}, {"{\"a\":0", numberExpected}, {"{\"a\":1", "6"}, {"{\"a\":true", literalTrue},
@@ -103,7 +103,6 @@ TEST(JsonReader, ReadIntegerBooleanAndStringListAcceptOnlyTheirForms) {
                  {"+1", numberExpected}, {"-", numberExpected}, {"x", numberExpected}, {"\"5\"", numberExpected}},
                 [](std::uint64_t& at, const DataBuffer& buffer) { return std::to_string(readInteger(at, buffer)); });
 
-    const std::string literalTrue = fails + "Invalid JSON, expected a literaltrue";
     const std::string notBoolean = fails + "Invalid JSON boolean";
     expectCases({{" true ", "1"}, {"false}", "0"}, {"true", literalTrue}, {"tru ", literalTrue}, {"null", notBoolean},
                  {"\"true\"", notBoolean}, {"1", notBoolean}, {"", notBoolean}},

@@ -115,11 +115,8 @@ TEST(Deserialize, PublishKeepsTheDataBytesAsTheyStand) {
     // The publish parser reads `channel` itself, so the last one wins; so does the last `data`.
     const std::pair<std::string, std::string> cases[] = {
         {"{\"channel\":\"/foo\"}", "PublishRequest /foo|| "},
-        {"{\"channel\":\"/foo\",\"data\":{\"a\" : 1}}", "PublishRequest /foo|| {\"a\" : 1}"},
-        {"{\"data\":  [1,2] ,\"id\":\"7\",\"channel\":\"/foo\",\"clientId\":\"c1\",\"error\":\"x\"}",
-         "PublishRequest /foo|7|c1 [1,2]"},
-        {"{\"channel\":\"/foo\",\"data\":\"\\q\\u12\",\"data\":\"bad \\escape\"}",
-         "PublishRequest /foo|| \"bad \\escape\""},
+        {"{\"data\":  [1,2] ,\"id\":\"7\",\"channel\":\"/f\",\"clientId\":\"c\"}", "PublishRequest /f|7|c [1,2]"},
+        {"{\"channel\":\"/f\",\"data\":\"\\q\\u12\",\"data\":\"bad \\escape\"}", "PublishRequest /f|| \"bad \\escape\""},
         {"{\"channel\":\"/foo\",\"data\":{}", "PublishRequest /foo|| {}"},
         {"{\"channel\":\"/a\",\"id\":\"1\",\"id\":\"2\",\"channel\":\"/b\"}", "PublishRequest /b|2| "},
     };

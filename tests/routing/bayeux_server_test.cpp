@@ -209,12 +209,7 @@ TEST_F(BayeuxServerTest, IndexAndInterestFollowHoldsWithdrawsRemovesAndDeaths) {
     auto neverAdded = std::allocate_shared<RecordingSession>(allocator, "neverAdded", &log, server);
     const auto listener = std::make_shared<HeardInterest>(*server);
     server->setInterestListener(listener);
-    struct Step {
-        std::function<void()> act;
-        std::string channel;
-        Log offered, heard;
-    };
-    const Step steps[] = {
+    const std::tuple<std::function<void()>, std::string, Log, Log> steps[] = {  // act, publish to, offered, heard
         {[&] { neverAdded->hold("/x/**").hold("/a/b"), s->hold("/a/*").hold("/a/*").hold("/a//b"); }, "/a/b", {}, {}},
         {[&] { server->addSession(s); }, "/a/b", {"s:/a/b"}, {"+a/*", "+a/b"}},
         {[&] { s->drop("/a/*"); }, "/a/c", {"s:/a/c"}, {}},  // one hold is left
@@ -234,11 +229,12 @@ TEST_F(BayeuxServerTest, IndexAndInterestFollowHoldsWithdrawsRemovesAndDeaths) {
          }, "/x/y", {}, {}},  // a listener removed hears nothing
         {[&] { s.reset(), neverAdded.reset(); }, "/x/y", {}, {}},
     };
-    for (std::size_t step = 0; step < std::size(steps); ++step) {
+    int step = 0;
+    for (const auto& [act, channel, offered, heard] : steps) {
         listener->heard.clear();
-        steps[step].act();
-        EXPECT_EQ(sorted(listener->heard), steps[step].heard) << "step " << step;
-        EXPECT_EQ(sorted(logOf(steps[step].channel)), steps[step].offered) << "step " << step;
+        act();
+        EXPECT_EQ(sorted(listener->heard), heard) << "step " << step;
+        EXPECT_EQ(sorted(logOf(channel)), offered) << "step " << step++;
     }
     EXPECT_EQ(live, 0) << "a session's death drops every reference the server held";
 }

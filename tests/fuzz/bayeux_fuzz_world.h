@@ -87,9 +87,15 @@ private:
     }
 };
 
+// Puts the previous timer backend back when the world goes, after all its members declared later.
+struct ClockRestorer {
+    std::shared_ptr<common::TimerBackend> previous;
+    ~ClockRestorer() { common::installTimerBackend(previous); }
+};
+
 class FuzzWorld {
 public:
-    FuzzWorld() : previousClock(common::installTimerBackend(clock)) {
+    FuzzWorld() {
         BayeuxServiceOptions options;
         options.maxPendingMessages = fuzzPendingLimit;
         options.policy = std::make_shared<FuzzPolicy>();
@@ -108,12 +114,6 @@ public:
         }
         services = made;
         context = std::make_shared<TestContext>(services, "fuzz-browser");
-    }
-    ~FuzzWorld() {
-        context.reset();
-        provider.reset();
-        services.reset();
-        common::installTimerBackend(previousClock);
     }
     FuzzWorld(const FuzzWorld&) = delete;
     FuzzWorld& operator=(const FuzzWorld&) = delete;
@@ -213,7 +213,7 @@ private:
 
     std::vector<std::shared_ptr<void>> kept;  // the readers and the feed outlive the services, as a host's do
     const std::shared_ptr<common::ManualTimerBackend> clock = std::make_shared<common::ManualTimerBackend>(1000);
-    const std::shared_ptr<common::TimerBackend> previousClock;
+    const ClockRestorer restorer{common::installTimerBackend(clock)};  // declared before all that may hold timers
     const std::shared_ptr<BayeuxServerImpl> server = std::make_shared<BayeuxServerImpl>();
     std::shared_ptr<BayeuxServiceProviderImpl> provider;
     std::shared_ptr<const Services> services;

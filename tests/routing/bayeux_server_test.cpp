@@ -130,12 +130,16 @@ TEST_F(BayeuxServerTest, ReentrantCallsTakeEffectAtTheNextReadOfTheirListAndExce
     const auto declaredLate = declaring("dDeclaredLate");
     server->addSession(declaredLate);
     priority->onPublish = [&](const PublishRequest&) {
-        server->addSession(addedByPriority), server->addPrioritySession(host("lateToThisWalk"));
-        server->addSession(declaring("dAddedByPriority", "/x")), server->addPrioritySession(declaring("dLate", "/x"));
+        server->addSession(addedByPriority);
+        server->addPrioritySession(host("lateToThisWalk"));
+        server->addSession(declaring("dAddedByPriority", "/x"));
+        server->addPrioritySession(declaring("dLate", "/x"));
     };
     ordinary->onPublish = [&](const PublishRequest&) {
-        server->addSession(host("addedByOrdinary")), server->addSession(declaring("dAddedByOrdinary", "/x"));
-        server->removeSession(removed), declaredLate->hold("/x");
+        server->addSession(host("addedByOrdinary"));
+        server->addSession(declaring("dAddedByOrdinary", "/x"));
+        server->removeSession(removed);
+        declaredLate->hold("/x");
         priority->onPublish = nullptr;
         server->deliver(publish("/inner", "ordinary"));
         ordinary->onPublish = nullptr;
@@ -225,7 +229,8 @@ TEST_F(BayeuxServerTest, IndexAndInterestFollowHoldsWithdrawsRemovesAndDeaths) {
         {[&] {
              EXPECT_EQ(logOf("/x/y", "s"), Log{}) << "the sender is skipped";
              EXPECT_EQ(server->heldKeys(), Log{"x/**"});
-             server->setInterestListener(nullptr), s->drop("/x/**");
+             server->setInterestListener(nullptr);
+             s->drop("/x/**");
          }, "/x/y", {}, {}},  // a listener removed hears nothing
         {[&] { s.reset(), neverAdded.reset(); }, "/x/y", {}, {}},
     };

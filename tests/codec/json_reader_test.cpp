@@ -37,9 +37,9 @@ Reader cursorAfter(void (*routine)(std::uint64_t&, const DataBuffer&)) {
 const std::string numberExpected = fails + "Invalid JSON, expected a number";
 const std::string quoteExpected = fails + "Invalid JSON, expected '\"'", unterminated = fails + "Invalid JSON string";
 const std::string collectionInvalid = fails + "JSON parsing error, invalid collection.";
+const std::string literalTrue = fails + "Invalid JSON, expected a literaltrue";
 
 TEST(JsonReader, SkipValueAcceptsAndRefusesByPosition) {
-    const std::string literalTrue = fails + "Invalid JSON, expected a literaltrue";
     const std::string literalNull = fails + "Invalid JSON, expected a literalnull";
     const std::string noString = fails + "Invalid JSON, expected a string";
     expectCases({{"", numberExpected}, {"{\"a\":0", numberExpected}, {"{\"a\":1", "6"}, {"{\"a\":true", literalTrue},
@@ -54,24 +54,19 @@ TEST(JsonReader, SkipValueAcceptsAndRefusesByPosition) {
                  {"\"\\\"\\\"\\\"\"", "8"}, {"{\"a\":[1,{\"b\":[]}],\"c\":\"x\"} ", "26"}, {"[[[[]]]]", "8"},
                  // Only four bytes are whitespace; a NUL byte is no end of the text.
                  {" \t\r\n1 ", "5"}, {"\v1", numberExpected}, {"\f1", numberExpected}, {std::string("1\0", 2), "1"},
-                 {"{\"a\"", fails + "Invalid JSON, expected ':'"}, {"{\"a\":", numberExpected}},
-                cursorAfter(skipValue));
-}
-
-TEST(JsonReader, SkipNumberTestsTheFormAndTheEndOfTheBuffer) {
-    expectCases({{"+1", numberExpected}, {"-", numberExpected}, {"-x", numberExpected}, {"0", numberExpected},
+                 {"{\"a\"", fails + "Invalid JSON, expected ':'"}, {"{\"a\":", numberExpected},
+                 // Numbers: the form, and a digit at the end of the buffer that may not be the last.
+                 {"+1", numberExpected}, {"-", numberExpected}, {"-x", numberExpected}, {"0", numberExpected},
                  {"-0", numberExpected}, {"0 ", "1"}, {"01 ", "1"}, {"-0,", "2"}, {"7", "1"}, {"123", "3"},
                  {"1.", numberExpected}, {"1.x", numberExpected}, {"1.5", "3"}, {"1.25]", "4"}, {"0.5 ", "3"},
                  {"1e", numberExpected}, {"1e+", numberExpected}, {"1e+x", numberExpected}, {"1ex", numberExpected},
                  {"1e+5", "4"}, {"1E-2 ", "4"}, {"1.5e3,", "5"}, {"0e1", "3"}},
-                cursorAfter(skipNumber));
+                cursorAfter(skipValue));
 }
 
 TEST(JsonReader, ReadStringOrNullDecodesEscapes) {
     const std::string pair = fails + "Invalid JSON surrogate pair", hex = fails + "Invalid JSON hex escape sequence";
     const std::string secondUnit = fails + "Invalid JOSN surrogate pair second code unit", emoji = "\xF0\x9F\x98\x80";
-    // Long strings are scanned in larger steps; escapes on either side of that change still hide their byte.
-    const std::string a30(30, 'a'), a40(40, 'a'), b10(10, 'b');
     expectCases({{"\"abc\"", "abc"}, {"\"a\\\"b\\\\\"", "a\"b\\"}, {" null ", ""}, {"\"\"", ""}, {"\"\\q\"", "q"},
                  {"null", fails + "Invalid JSON, expected a literalnull"}, {"\"\\\"\\\\\\/\"", "\"\\/"},
                  {"\"\\n\\t\\r\\b\\f\"", "\n\t\r\b\f"}, {"\"\\u00e9\"", "\xC3\xA9"}, {"\"\\u00E9\"", "\xC3\xA9"},
@@ -81,15 +76,15 @@ TEST(JsonReader, ReadStringOrNullDecodesEscapes) {
                  {"\"\\ud83dabcdefg\"", fails + "Invalid JSON unicode escaped character"}, {"\"\\ud83d\\uzzzz\"", hex},
                  {"\"\\ud83d\\u0041\"", secondUnit}, {"\"\\ud83d\\ud83d\"", secondUnit}, {"\"\\u00\"", hex},
                  {"\"\\u00zz\"", hex}, {"\"raw\ncontrol\x01\"", "raw\ncontrol\x01"}, {"\"\xC3(\"", "\xC3("},
-                 {"\"abc", unterminated}, {"\"a\\\"", unterminated}, {"12", quoteExpected}, {"[\"a\"]", quoteExpected},
-                 {"\"" + a30 + "\\\"" + b10 + "\"", a30 + "\"" + b10}, {"\"" + a30 + "a\\\"b\"", a30 + "a\"b"},
-                 {"\"" + a40 + "\\\\\\\"x\"", a40 + "\\\"x"}, {"\"" + a40 + "\\\"\\\"\"", a40 + "\"\""},
-                 {"\"" + a40, unterminated}, {"\"" + a40 + "\\", unterminated}, {"\"" + a40 + "\\\"", unterminated}},
+                 {"\"abc", unterminated}, {"\"a\\\"", unterminated}, {"12", quoteExpected}, {"[\"a\"]", quoteExpected}},
                 readStringOrNull);
-    // A closing quote, an escape or the end at every place in and past the first eight-byte words.
-    for (std::size_t at = 0; at < 18; ++at) {
+    // A closing quote, escapes or the end at every place in and past the eight-byte words, and past the
+    // short-string scan, where the search jumps from backslash to backslash.
+    for (std::size_t at = 0; at < 48; ++at) {
         const std::string run(at, 'a');
-        expectCases({{"\"" + run + "\"", run}, {"\"" + run + "\\\"x\"", run + "\"x"}, {"\"" + run + "\\", unterminated}},
+        expectCases({{"\"" + run + "\"", run}, {"\"" + run + "\\\"x\"", run + "\"x"}, {"\"" + run, unterminated},
+                     {"\"" + run + "\\\\\\\"\\\"\"", run + "\\\"\""}, {"\"" + run + "\\", unterminated},
+                     {"\"" + run + "\\\"", unterminated}},
                     readStringOrNull);
     }
     expectCases({{"a\\", fails + "Invalid JSON escape sequence"}}, [](std::uint64_t&, const DataBuffer& buffer) {
@@ -106,7 +101,6 @@ TEST(JsonReader, ReadIntegerBooleanAndStringListAcceptOnlyTheirForms) {
                  {"+1", numberExpected}, {"-", numberExpected}, {"x", numberExpected}, {"\"5\"", numberExpected}},
                 [](std::uint64_t& at, const DataBuffer& buffer) { return std::to_string(readInteger(at, buffer)); });
 
-    const std::string literalTrue = fails + "Invalid JSON, expected a literaltrue";
     const std::string notBoolean = fails + "Invalid JSON boolean";
     expectCases({{" true ", "1"}, {"false}", "0"}, {"true", literalTrue}, {"tru ", literalTrue}, {"null", notBoolean},
                  {"\"true\"", notBoolean}, {"1", notBoolean}, {"", notBoolean}},
@@ -125,15 +119,10 @@ TEST(JsonReader, ReadIntegerBooleanAndStringListAcceptOnlyTheirForms) {
 
 TEST(JsonReader, MillionLevelsOfNestingAreScannedWithoutNativeRecursion) {
     constexpr std::size_t levels = 1000000;
-    const std::string arrays = repeated("[", levels) + "1" + repeated("]", levels);
-    const std::string objects = repeated("{\"k\":", levels) + "null" + repeated("}", levels);
     const std::string mixed = repeated("[{\"k\":", levels / 2) + "\"v\"" + repeated("}]", levels / 2);
     // Cut off behind a complete element, every open level ends silently.
-    expectCases({{arrays + " ", std::to_string(arrays.size())}, {objects + " ", std::to_string(objects.size())},
-                 {mixed + ",", std::to_string(mixed.size())}, {repeated("[", levels) + "1", std::to_string(levels + 1)},
-                 {repeated("[", levels), std::to_string(levels)}, {repeated("[", levels) + "0", numberExpected},
-                 {repeated("[", levels) + "1" + repeated("]", levels - 1) + "}", collectionInvalid},
-                 {repeated("{\"k\":", levels) + "1" + repeated("}", levels / 2) + "]", collectionInvalid},
+    expectCases({{mixed + ",", std::to_string(mixed.size())}, {repeated("[", levels) + "1", std::to_string(levels + 1)},
+                 {repeated("[{\"k\":", levels / 2) + "1" + repeated("]}", levels / 2), collectionInvalid},
                  {repeated("[1,", levels) + "]", numberExpected}},
                 cursorAfter(skipValue));
 }

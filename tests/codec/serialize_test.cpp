@@ -27,11 +27,6 @@ std::unique_ptr<Message> with(Fill fill, Arguments... arguments) {
     return message;
 }
 
-// `top` lists the members of an Advice in declaration order: reconnect, timeout, interval, multipleClients, hosts.
-std::shared_ptr<BayeuxAdvice> shared(const Advice& top, std::unordered_map<std::string, Advice> transports = {}) {
-    return std::make_shared<BayeuxAdvice>(BayeuxAdvice{top, std::move(transports)});
-}
-
 TEST(Serialize, EveryClassHasItsExactBytes) {
     // Text the reader turns into a message comes back byte for byte, read on either side, and a publish
     // request the same from serializePublishRequest alone. The reader decodes the escapes the writer makes.
@@ -44,9 +39,11 @@ TEST(Serialize, EveryClassHasItsExactBytes) {
         meta + "subscribe\",\"id\":\"2\",\"clientId\":\"c1\",\"subscription\":\"/a/*\"}",
         meta + "unsubscribe" + noClient + ",\"subscription\":\"\"}",
         meta + "unsubscribe\",\"id\":\"9\",\"clientId\":\"k\",\"subscription\":\"/a/**\"}",
-        meta + "handshake" + noClient + ",\"version\":\"1.0\","
+        meta + "handshake\",\"id\":\"1\",\"clientId\":null,\"version\":\"1.0\",\"minimumVersion\":\"0.9\","
             "\"supportedConnectionTypes\":[\"long-polling\",\"callback-polling\"]}",
         meta + "disconnect\",\"id\":\"3\",\"clientId\":\"k\"}",
+        meta + "connect\",\"clientId\":\"abc\",\"connectionType\":\"long-polling\","
+            "\"advice\":{\"reconnect\":\"none\",\"timeout\":0,\"multipleClients\":false}}",
         "{\"channel\":\"/chat/room1\",\"id\":\"5\",\"clientId\":null,\"successful\":true}",
     };
     const std::vector<std::string> responses = {
@@ -58,9 +55,9 @@ TEST(Serialize, EveryClassHasItsExactBytes) {
             "\"advice\":{\"reconnect\":\"none\",\"multipleClients\":false}}",
         meta + "unsubscribe" + noClient + ",\"successful\":false,\"error\":\"403::denied\",\"subscription\":\"/a\"}",
         meta + "handshake\",\"clientId\":\"k\",\"successful\":true,\"error\":\"\xF0\x9F\x98\x80\",\"version\":\"1.0\","
-            "\"supportedConnectionTypes\":[\"long-polling\",\"websocket\"],\"advice\":{\"reconnect\":\"handshake\","
-            "\"interval\":5,\"timeout\":6,\"multipleClients\":true,\"websocket\":{\"reconnect\":\"none\","
-            "\"timeout\":0,\"multipleClients\":false,\"hosts\":[\"h\"]}}}",
+            "\"minimumVersion\":\"0.9\",\"supportedConnectionTypes\":[\"long-polling\",\"websocket\"],\"advice\":{"
+            "\"reconnect\":\"handshake\",\"interval\":5,\"timeout\":6,\"multipleClients\":true,\"hosts\":[\"x\",\"y\"],"
+            "\"websocket\":{\"reconnect\":\"none\",\"timeout\":0,\"multipleClients\":false,\"hosts\":[\"h\"]}}}",
         meta + "connect" + noClient + ",\"successful\":true,"
             "\"advice\":{\"reconnect\":\"none\",\"multipleClients\":false,"
             "\"long-polling\":{\"reconnect\":\"retry\",\"interval\":1000,\"multipleClients\":true}}}",
@@ -76,44 +73,19 @@ TEST(Serialize, EveryClassHasItsExactBytes) {
             EXPECT_EQ(textOf(std::move(message)), text);
         }
     }
-    // Messages the reader never produces, or with members that never reach the wire.
+    // Messages the reader never produces, or with members that never reach the wire; an unknown reconnect is "error".
     std::pair<std::unique_ptr<Message>, std::string> cases[] = {
         {std::make_unique<PublishRequest>("/foo"), "{\"channel\":\"/foo\",\"clientId\":null}"},
-        {with<ConnectRequest>([](auto& m) { m.clientId = "k"; m.connectionType = "long-polling"; }),
-         meta + "connect\",\"clientId\":\"k\",\"connectionType\":\"long-polling\"}"},
-        {with<ConnectStreamRequest>([](auto& m) {
-             m.advice = shared({Advice::None, 0, -1, false, {}});
-             m.bufferResponses = m.holdResponses = true;
-         }),
-         meta + "connect" + noClient + ",\"advice\":{\"reconnect\":\"none\",\"timeout\":0,\"multipleClients\":false}}"},
+        {with<ConnectRequest>([](auto& m) { m.connectionType = "long-polling"; }),
+         meta + "connect" + noClient + ",\"connectionType\":\"long-polling\"}"},
+        {with<ConnectStreamRequest>([](auto& m) { m.bufferResponses = m.holdResponses = true; }),
+         meta + "connect" + noClient + "}"},
         {with<ConnectResponse>([](auto& m) {
-             m.error = "e";
-             m.advice = shared({Advice::Retry, -1, 0, false, {}});
+             const Advice top{static_cast<Advice::Reconnect>(7), -1, 0, false, {}};  // reconnect, timeout, interval, ...
+             m.advice = std::make_shared<BayeuxAdvice>(BayeuxAdvice{top, {}});
          }),
-         meta + "connect" + noClient + ",\"successful\":false,\"error\":\"e\","
-                "\"advice\":{\"reconnect\":\"retry\",\"interval\":0,\"multipleClients\":false}}"},
-        // Hosts and connection-type names are written as raw quoted text.
-        {with<ConnectStreamResponse>([](auto& m) {
-             m.clientId = "k";
-             m.successful = true;
-             m.advice = shared({Advice::Retry, 0, 2000, false, {}},
-                               {{"long-polling", {Advice::Handshake, -1, -1, true, {"h1", "h\"2"}}}});
-         }),
-         meta + "connect\",\"clientId\":\"k\",\"successful\":true,"
-                "\"advice\":{\"reconnect\":\"retry\",\"interval\":2000,\"timeout\":0,\"multipleClients\":false,"
-                "\"long-polling\":{\"reconnect\":\"handshake\",\"multipleClients\":true,"
-                "\"hosts\":[\"h1\",\"h\"2\"]}}}"},
-        // An unknown reconnect value is written as "error".
-        {with<HandshakeResponse>([](auto& m) {
-             m.clientId = "k";
-             m.successful = true;
-             m.version = m.minimumVersion = "1.0";
-             m.supportedConnectionTypes = {"long-polling"};
-             m.advice = shared({static_cast<Advice::Reconnect>(7), 30000, -1, false, {"x"}});
-         }),
-         meta + "handshake\",\"clientId\":\"k\",\"successful\":true,\"version\":\"1.0\",\"minimumVersion\":\"1.0\","
-                "\"supportedConnectionTypes\":[\"long-polling\"],"
-                "\"advice\":{\"reconnect\":\"error\",\"timeout\":30000,\"multipleClients\":false,\"hosts\":[\"x\"]}}"},
+         meta + "connect" + noClient + ",\"successful\":false,"
+                "\"advice\":{\"reconnect\":\"error\",\"interval\":0,\"multipleClients\":false}}"},
     };
     for (auto& [message, expected] : cases) {
         EXPECT_EQ(textOf(std::move(message)), expected);
@@ -142,12 +114,11 @@ TEST(Serialize, ReceiversCopiesShareTheOriginalsTextUntilTheyDiffer) {
     original->clientId = "sender";
     original->data = std::make_shared<DataBuffer>(std::string("{\"n\":1}"));
     const std::shared_ptr<const PublishRequest> published = original;
-    const std::string delivered = "{\"channel\":\"/room\",\"id\":\"7\",\"clientId\":null,\"data\":{\"n\":1}}";
     using Change = void (*)(PublishRequest&);
     const std::pair<Change, std::string> cases[] = {
-        {[](PublishRequest&) {}, delivered},
+        {[](PublishRequest&) {}, "{\"channel\":\"/room\",\"id\":\"7\",\"clientId\":null,\"data\":{\"n\":1}}"},
         {[](PublishRequest& m) { m.clientId = "k"; }, "{\"channel\":\"/room\",\"id\":\"7\",\"clientId\":\"k\",\"data\":{\"n\":1}}"},
-        {[](PublishRequest& m) { m.channel = "/other"; }, "{\"channel\":\"/other\",\"id\":\"7\",\"clientId\":null,\"data\":{\"n\":1}}"},
+        {[](PublishRequest& m) { m.channel = "/b"; }, "{\"channel\":\"/b\",\"id\":\"7\",\"clientId\":null,\"data\":{\"n\":1}}"},
         {[](PublishRequest& m) { m.id.clear(); }, "{\"channel\":\"/room\",\"clientId\":null,\"data\":{\"n\":1}}"},
         {[](PublishRequest& m) { m.data = std::make_shared<DataBuffer>(std::string("2")); },
          "{\"channel\":\"/room\",\"id\":\"7\",\"clientId\":null,\"data\":2}"},
@@ -157,7 +128,8 @@ TEST(Serialize, ReceiversCopiesShareTheOriginalsTextUntilTheyDiffer) {
         change(*copy);
         EXPECT_EQ(textOf(std::move(copy)), expected);
     }
-    EXPECT_EQ(textOf(std::make_unique<PublishRequest>(*original)), "{\"channel\":\"/room\",\"id\":\"7\",\"clientId\":\"sender\",\"data\":{\"n\":1}}")
+    EXPECT_EQ(textOf(std::make_unique<PublishRequest>(*original)),
+              "{\"channel\":\"/room\",\"id\":\"7\",\"clientId\":\"sender\",\"data\":{\"n\":1}}")
         << "the original itself still carries its sender";
 }
 
@@ -168,7 +140,6 @@ TEST(Serialize, RefusesWhatIsNoSingleMessageAndKeepsTheBuffer) {
               "Unknown bayeux type: " + common::mangledTypeName(typeid(BayeuxContainer)));
     EXPECT_NE(batch, nullptr);
     EXPECT_EQ(out.str(), "[x");
-    EXPECT_THROW(serializeBayeuxMessage(std::unique_ptr<Message>(), out), std::bad_typeid);
 }
 
 }  // namespace

@@ -61,26 +61,20 @@ TEST(Future, MisuseIsRefusedWithItsOwnText) {
 
 // The continuation runs inside the call, and so on the thread, that completes the pair.
 TEST(Future, ContinuationRunsInsideWhicheverCallCompletesThePairAndItsGetReturnsAtOnce) {
-    Promise<int> resolvedFirst;
+    Promise<int> resolvedFirst, attachedFirst, unread;
+    int runs = 0;
+    auto doubled = [&runs](Future<int>&& f) { return ++runs, std::to_string(f.get() * 2); };
     resolvedFirst.setValue(20);
-    bool ran = false;
-    Future<int> doubled = resolvedFirst.getFuture().then([&ran](Future<int>&& f) { return ran = true, f.get() * 2; });
-    EXPECT_TRUE(ran);
-    EXPECT_EQ(doubled.get(), 40);
-
-    Promise<int> attachedFirst;
-    ran = false;
-    Future<std::string> text =
-        attachedFirst.getFuture().then([&ran](Future<int>&& f) { return ran = true, std::to_string(f.get()); });
-    EXPECT_FALSE(ran);
+    Future<std::string> early = resolvedFirst.getFuture().then(doubled);
+    EXPECT_EQ(runs, 1);
+    Future<std::string> late = attachedFirst.getFuture().then(doubled);
+    EXPECT_EQ(runs, 1);
     attachedFirst.setValue(7);
-    EXPECT_TRUE(ran);
-    EXPECT_EQ(text.get(), "7");
+    EXPECT_EQ(runs, 2);
+    EXPECT_EQ(early.get() + " " + late.get(), "40 14");
     // The fired continuation cleared the flags, so the promise hands out a second
     // future; its value was claimed by the continuation's get.
     EXPECT_EQ(errorOf([&] { attachedFirst.getFuture().get(); }), getRefused);
-
-    Promise<int> unread;
     Future<bool> ignored = unread.getFuture().then([](Future<int>&&) { return true; });
     unread.setValue(6);
     EXPECT_EQ(unread.getFuture().get(), 6);
@@ -108,51 +102,41 @@ TEST(Future, ValueLivesInTheStateAndPromiseDeathAfterResolvingIsQuiet) {
     EXPECT_EQ(pending.get(), 8);
 }
 
-TEST(Future, ErrorsTravelDownAChainOfThenAndUnwrapOneExceptionPtrLevel) {
-    Promise<int> promise;
+TEST(Future, ErrorsTravelDownChainsOfThenAndThroughUnwrap) {
+    Promise<int> source, second, once, twice;
     int stagesRun = 0;
     auto addOne = [&stagesRun](Future<int>&& f) { return ++stagesRun, f.get() + 1; };
-    Future<int> end = promise.getFuture().then(addOne).then(addOne).then(addOne);
-    promise.setError(std::make_exception_ptr(std::out_of_range("source failed")));
-    EXPECT_EQ(stagesRun, 3);
-    EXPECT_EQ(errorOf<std::out_of_range>([&] { end.get(); }), "source failed");
-
-    Promise<int> second;
+    Future<int> end = source.getFuture().then(addOne).then(addOne).then(addOne);
     Future<int> failedMidway =
         second.getFuture().then([](Future<int>&&) -> int { throw std::logic_error("stage two"); }).then(addOne);
+    source.setError(std::make_exception_ptr(std::out_of_range("source failed")));
     second.setValue(1);
+    EXPECT_EQ(stagesRun, 4);
+    EXPECT_EQ(errorOf<std::out_of_range>([&] { end.get(); }), "source failed");
     EXPECT_EQ(errorOf<std::logic_error>([&] { failedMidway.get(); }), "stage two");
 
-    std::exception_ptr inner = std::make_exception_ptr(std::invalid_argument("inner"));
-    Promise<int> once, twice;
-    once.setError(std::make_exception_ptr(inner));
-    EXPECT_EQ(errorOf<std::invalid_argument>([&] { once.getFuture().get(); }), "inner");
-    twice.setError(std::make_exception_ptr(std::make_exception_ptr(inner)));
+    // A stored exception_ptr is unwrapped one level.
+    const std::exception_ptr nested = std::make_exception_ptr(std::invalid_argument("nested"));
+    once.setError(std::make_exception_ptr(nested));
+    EXPECT_EQ(errorOf<std::invalid_argument>([&] { once.getFuture().get(); }), "nested");
+    twice.setError(std::make_exception_ptr(std::make_exception_ptr(nested)));
     EXPECT_THROW(twice.getFuture().get(), std::exception_ptr);
-}
 
-TEST(Future, UnwrapFlattensInEitherOrderAndPassesErrorsOfBothLevels) {
-    Promise<Future<int>> outer;
-    Promise<int> inner;
-    Future<int> flat = unwrap(outer.getFuture());
+    // Unwrap flattens in either order and passes the errors of both levels.
+    Promise<Future<int>> outer, failingOuter;
+    Promise<int> inner, readyInner;
+    Future<int> flat = unwrap(outer.getFuture()), outerFailed = unwrap(failingOuter.getFuture()), innerDied;
     outer.setValue(inner.getFuture());
     inner.setValue(11);
-    EXPECT_EQ(flat.get(), 11);
-
-    Promise<int> readyInner;
     readyInner.setValue(12);
-    EXPECT_EQ(unwrap(makeReadyFuture(readyInner.getFuture())).get(), 12);
-
-    Promise<Future<int>> failingOuter;
-    Future<int> outerFailed = unwrap(failingOuter.getFuture());
     failingOuter.setError(std::make_exception_ptr(std::runtime_error("outer failed")));
-    EXPECT_EQ(errorOf([&] { outerFailed.get(); }), "outer failed");
-
-    Future<int> innerDied;
     {
         Promise<int> dying;
         innerDied = unwrap(makeReadyFuture(dying.getFuture()));
     }
+    EXPECT_EQ(flat.get(), 11);
+    EXPECT_EQ(unwrap(makeReadyFuture(readyInner.getFuture())).get(), 12);
+    EXPECT_EQ(errorOf([&] { outerFailed.get(); }), "outer failed");
     EXPECT_EQ(errorOf([&] { innerDied.get(); }), promiseDied);
 }
 

@@ -67,14 +67,9 @@ using test_support::Services;
 class FuzzPolicy : public BayeuxPolicy {
 public:
     HandshakeDecision mayHandshake(const std::shared_ptr<Context>&, std::string_view ext) override {
-        HandshakeDecision decision;
-        if (ext.find("deny") != std::string_view::npos) {
-            decision.allowed = false;
-            decision.reason = std::string(ext.substr(0, 16));
-        } else if (!ext.empty()) {
-            decision.grant = std::make_shared<const ClientGrant>();
-        }
-        return decision;
+        const bool denied = ext.find("deny") != std::string_view::npos;
+        return {denied ? PolicyDecision::deny(std::string(ext.substr(0, 16))) : PolicyDecision::allow(),
+                denied || ext.empty() ? nullptr : std::make_shared<const ClientGrant>()};
     }
     PolicyDecision maySubscribe(const PolicyClient& client, const std::string& pattern,
                                 const std::shared_ptr<Context>&) override {
@@ -92,17 +87,21 @@ private:
     }
 };
 
+// Puts the previous timer backend back when the world goes, after all its members declared later.
+struct ClockRestorer {
+    std::shared_ptr<common::TimerBackend> previous;
+    ~ClockRestorer() { common::installTimerBackend(previous); }
+};
+
 class FuzzWorld {
 public:
-    FuzzWorld() : previousClock(common::installTimerBackend(clock)) {
+    FuzzWorld() {
         BayeuxServiceOptions options;
         options.maxPendingMessages = fuzzPendingLimit;
         options.policy = std::make_shared<FuzzPolicy>();
         // Every other delivery is stamped with an id, and those on /drop are dropped on their way out.
         options.outgoing = [stamps = std::make_shared<int>(0)](const std::string&, PublishRequest& message) {
-            if (++*stamps % 2 == 0) {
-                message.id = "stamp";
-            }
+            message.id = ++*stamps % 2 == 0 ? "stamp" : message.id;
             return message.channel.rfind("/drop", 0) != 0;
         };
         provider = std::make_shared<BayeuxServiceProviderImpl>(server, options);
@@ -115,12 +114,6 @@ public:
         }
         services = made;
         context = std::make_shared<TestContext>(services, "fuzz-browser");
-    }
-    ~FuzzWorld() {
-        context.reset();
-        provider.reset();
-        services.reset();
-        common::installTimerBackend(previousClock);
     }
     FuzzWorld(const FuzzWorld&) = delete;
     FuzzWorld& operator=(const FuzzWorld&) = delete;
@@ -204,17 +197,15 @@ private:
         }
     }
 
+    // The piece with each "@d" replaced by the client id of the d-th newest handshake, once there is one.
     std::string withClientIds(std::string_view piece) const {
-        std::string text;
-        text.reserve(piece.size());
-        for (std::size_t i = 0; i < piece.size(); ++i) {
-            const bool token = piece[i] == '@' && i + 1 < piece.size() && piece[i + 1] >= '0' && piece[i + 1] <= '9';
-            if (token && !clientIds.empty()) {
-                const std::size_t back = static_cast<std::size_t>(piece[i + 1] - '0') % clientIds.size();
-                text += clientIds[clientIds.size() - 1 - back];
-                ++i;
-            } else {
-                text += piece[i];
+        std::string text(piece);
+        for (std::size_t at = text.find('@'); at != std::string::npos && !clientIds.empty();
+             at = text.find('@', at + 1)) {
+            if (at + 1 < text.size() && text[at + 1] >= '0' && text[at + 1] <= '9') {
+                const std::string& id = clientIds[clientIds.size() - 1 - (text[at + 1] - '0') % clientIds.size()];
+                text.replace(at, 2, id);
+                at += id.size() - 1;
             }
         }
         return text;
@@ -222,7 +213,7 @@ private:
 
     std::vector<std::shared_ptr<void>> kept;  // the readers and the feed outlive the services, as a host's do
     const std::shared_ptr<common::ManualTimerBackend> clock = std::make_shared<common::ManualTimerBackend>(1000);
-    const std::shared_ptr<common::TimerBackend> previousClock;
+    const ClockRestorer restorer{common::installTimerBackend(clock)};  // declared before all that may hold timers
     const std::shared_ptr<BayeuxServerImpl> server = std::make_shared<BayeuxServerImpl>();
     std::shared_ptr<BayeuxServiceProviderImpl> provider;
     std::shared_ptr<const Services> services;

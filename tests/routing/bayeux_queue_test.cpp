@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <functional>
 #include <stdexcept>
 #include <thread>
 
@@ -112,10 +111,6 @@ TEST(BayeuxQueueTest, ScriptsOfDemandEndingsAndSubscribers) {
         {{"subscribe 1", "push /delivered", "push /undelivered", "destroy", "expired"},
          {"subscribe", "next /delivered", "complete", "end true", "expired"}},
     }, queueSteps, [](Log&) { return std::make_shared<BayeuxQueue>("script"); });
-    Log log;
-    BayeuxQueue unowned("unowned");
-    EXPECT_THROW(unowned.subscribe(std::make_shared<Recorder>(10, &log)), std::bad_weak_ptr);
-    EXPECT_EQ(log, Log{});
 }
 
 TEST(BayeuxQueueTest, DestructionFreesEveryMessageAndTheQueueKeepsNothingOfADeliveredOne) {
@@ -136,16 +131,12 @@ TEST(BayeuxQueueTest, SubscriptionWithoutItsQueueRefusesLoudlyWithATraceOnStanda
     queue->subscribe(subscriber);
     const std::shared_ptr<Subscription> kept = subscriber->subscription.lock();
     queue.reset();
-    const std::pair<std::function<void()>, std::string> calls[] = {
-        {[&] { kept->request(1); }, "No publisher, can not request!"},
-        {[&] { kept->cancel(); }, "No publisher, can not cancel!"}};
-    for (const auto& [call, text] : calls) {
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(test_support::errorOf<std::runtime_error>(call), text);
-        const std::string trace = testing::internal::GetCapturedStderr();
-        EXPECT_NE(trace.find("Cancelled with no publisher"), std::string::npos) << trace;
-        EXPECT_NE(trace.find("korvane_routing_tests"), std::string::npos) << "a stack trace names the frames";
-    }
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(test_support::errorOf<std::runtime_error>([&] { kept->request(1); }), "No publisher, can not request!");
+    EXPECT_EQ(test_support::errorOf<std::runtime_error>([&] { kept->cancel(); }), "No publisher, can not cancel!");
+    const std::string trace = testing::internal::GetCapturedStderr();
+    EXPECT_NE(trace.find("Cancelled with no publisher"), std::string::npos) << trace;
+    EXPECT_NE(trace.find("korvane_routing_tests"), std::string::npos) << "a stack trace names the frames";
 }
 
 // A requester asks for small batches while producers push and the queue is ended twice: a third
@@ -158,9 +149,8 @@ TEST(BayeuxQueueConcurrency, ProducersARequesterAndEndingsOnSeparateThreads) {
         const auto queue = std::make_shared<BayeuxQueue>("race");
         Future<bool> end = queue->getFuture();
         const auto subscriber = std::make_shared<Recorder>(0, nullptr);
-        std::atomic<long> received{0};
+        std::atomic<long> received{0}, overlaps{0};
         std::atomic<bool> inside{false};
-        std::atomic<int> overlaps{0};
         subscriber->onItem = [&](auto&) {
             overlaps += inside.exchange(true);
             ++received, inside = false;
@@ -168,12 +158,10 @@ TEST(BayeuxQueueConcurrency, ProducersARequesterAndEndingsOnSeparateThreads) {
         queue->subscribe(subscriber);
         std::vector<std::thread> threads;
         threads.emplace_back([&, subscription = subscriber->subscription.lock()] {  // the requester
-            for (long requested = 0; subscriber->count("complete") == 0;) {
+            for (long requested = 0; subscriber->count("complete") == 0; std::this_thread::yield()) {
                 if (requested - received.load() < batch) {
                     requested += batch;
                     subscription->request(batch);
-                } else {
-                    std::this_thread::yield();
                 }
             }
         });

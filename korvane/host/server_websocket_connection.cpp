@@ -111,8 +111,7 @@ public:
           inbound(std::move(inbound)),
           outbound(std::move(outbound)),
           reader(this->state->options.maxWsMessageBytes, true),
-          idleTimer(strandExecutor),
-          writeWatch(strandExecutor) {}
+          deadlineTimer(strandExecutor) {}
 
     ~ServerWebSocketConnection() override { state->connections.remove(trackerId); }
 
@@ -125,7 +124,7 @@ public:
             doFinish();
             return;
         }
-        upgradeRequest = std::move(upgrade);
+        upgradeRequest = std::make_unique<UpgradeRequest>(std::move(upgrade));
         beast::get_lowest_layer(stream).expires_never();
         handshake = std::make_unique<websocket::stream<Stream&>>(stream);
         websocket::stream_base::timeout timeouts{};
@@ -138,7 +137,7 @@ public:
                 response.insert(beast::http::field::set_cookie, cookie);
             }
         }));
-        handshake->async_accept(upgradeRequest, [self = this->shared_from_this()](beast::error_code error) {
+        handshake->async_accept(*upgradeRequest, [self = this->shared_from_this()](beast::error_code error) {
             self->onAccepted(error);
         });
     }
@@ -198,7 +197,7 @@ private:
 
     void onAccepted(beast::error_code error) {
         handshake.reset();
-        upgradeRequest = UpgradeRequest();
+        upgradeRequest.reset();
         if (error || finished) {
             doFinish();
             return;
@@ -208,7 +207,7 @@ private:
             socket().non_blocking(true, error);
         }
         lastRead = Clock::now();
-        armIdleTimer(lastRead + state->options.wsIdle / 2);
+        armDeadline(lastRead + state->options.wsIdle / 2);
         writer = std::make_shared<RelaySubscriber<WebSocketFrame>>(
             [link = link, inbox = inbox](FrameSignal&& signal) {
                 if (inbox->put(std::move(signal))) {
@@ -498,7 +497,9 @@ private:
                 skipWritten(error ? 0 : written);
             }
             writeStarted = Clock::now();
-            watchWrite();
+            if (state->options.writeTimeout.count() != 0) {
+                armDeadline(writeStarted + state->options.writeTimeout);
+            }
             net::async_write(stream, sendBuffers, [self = this->shared_from_this()](beast::error_code error, std::size_t) {
                 self->onWritten(error);
             });
@@ -553,7 +554,7 @@ private:
         if (closeWritten && !closeWasWritten) {
             // The peer's close, and a TLS peer's end of its session, are waited for this long.
             closeWrittenAt = Clock::now();
-            armIdleTimer(closeWrittenAt + state->options.headerTimeout);
+            armDeadline(closeWrittenAt + state->options.headerTimeout);
             if (peerClosed) {
                 doTeardown();
             }
@@ -562,70 +563,64 @@ private:
         doWrite();
     }
 
-    // Arms the write timer unless it is armed or there is no timeout.
-    void watchWrite() {
-        if (state->options.writeTimeout.count() == 0 || watchingWrite) {
+    // ---- deadlines: the idle ping and cut, the close handshake's wait, the write timeout ----
+
+    // One timer serves them all, armed for the earliest: an earlier deadline replaces
+    // the armed one, a later one waits for it. Whatever fires looks at the clock and
+    // the connection's state, does what is due and arms the timer for what comes next,
+    // so an early or spare firing does no harm.
+    void armDeadline(Clock::time_point due) {
+        if (deadlineArmed && deadlineDue <= due) {
             return;
         }
-        watchingWrite = true;
-        writeWatch.expires_at(writeStarted + state->options.writeTimeout);
-        writeWatch.async_wait([weakSelf = this->weak_from_this()](beast::error_code) {
-            if (auto self = weakSelf.lock()) {
-                self->onWriteWatch();
-            }
-        });
-    }
-
-    void onWriteWatch() {
-        watchingWrite = false;
-        if (!writing || finished) {
-            return;
-        }
-        if (Clock::now() - writeStarted < state->options.writeTimeout) {
-            watchWrite();
-            return;
-        }
-        writeTimedOut = true;
-        beast::error_code ignored;
-        socket().close(ignored);
-    }
-
-    // ---- the idle ping and the close handshake's wait ------------------------------------
-
-    void armIdleTimer(Clock::time_point due) {
-        idleTimer.expires_at(due);
-        idleTimer.async_wait([weakSelf = this->weak_from_this()](beast::error_code error) {
+        deadlineArmed = true;
+        deadlineDue = due;
+        deadlineTimer.expires_at(due);
+        deadlineTimer.async_wait([weakSelf = this->weak_from_this()](beast::error_code error) {
             auto self = weakSelf.lock();
             if (self && error != net::error::operation_aborted) {
-                self->onIdleTimer();
+                self->onDeadline();
             }
         });
     }
 
-    // One firing per half idle time at most: reads only move `lastRead`, and the timer
-    // looks at it when it fires.
-    void onIdleTimer() {
+    // One firing per half idle time at most while the peer is quiet: reads only move
+    // `lastRead`, and the timer looks at it when it fires.
+    void onDeadline() {
+        deadlineArmed = false;
         if (finished) {
             return;
         }
         const Clock::time_point now = Clock::now();
+        const auto writeTimeout = state->options.writeTimeout;
+        const bool timingWrite = writing && writeTimeout.count() != 0;
+        if (timingWrite && now - writeStarted >= writeTimeout) {
+            writeTimedOut = true;
+            beast::error_code ignored;
+            socket().close(ignored);
+            return;
+        }
+        Clock::time_point next;
         if (closeWritten) {
-            if (now >= closeWrittenAt + state->options.headerTimeout) {
+            next = closeWrittenAt + state->options.headerTimeout;
+            if (now >= next) {
                 doFinish();  // the peer did not answer our close frame
+                return;
             }
-            return;
+        } else {
+            const auto half = state->options.wsIdle / 2;
+            if (now - lastRead >= state->options.wsIdle) {
+                KORVANE_LOG(logger, common::logTrace) << "WebSocket closed: no answer to its ping";
+                doFinish();
+                return;
+            }
+            if (now - lastRead >= half && !pingSent) {
+                pingSent = true;
+                queueControl(pingFrame, DataBuffer());
+            }
+            next = lastRead + (pingSent ? state->options.wsIdle : half);
         }
-        const auto half = state->options.wsIdle / 2;
-        if (now - lastRead >= state->options.wsIdle) {
-            KORVANE_LOG(logger, common::logTrace) << "WebSocket closed: no answer to its ping";
-            doFinish();
-            return;
-        }
-        if (now - lastRead >= half && !pingSent) {
-            pingSent = true;
-            queueControl(pingFrame, DataBuffer());
-        }
-        armIdleTimer(lastRead + (pingSent ? state->options.wsIdle : half));
+        armDeadline(timingWrite ? std::min(next, writeStarted + writeTimeout) : next);
     }
 
     // ---- ending ----------------------------------------------------------------------
@@ -695,8 +690,7 @@ private:
         if (messages) {
             messages->onComplete();
         }
-        idleTimer.cancel();
-        writeWatch.cancel();
+        deadlineTimer.cancel();
         beast::get_lowest_layer(stream).close();
     }
 
@@ -709,7 +703,7 @@ private:
     std::uint64_t trackerId = 0;
     // Only while the upgrade is answered.
     std::unique_ptr<websocket::stream<Stream&>> handshake;
-    UpgradeRequest upgradeRequest;
+    std::unique_ptr<UpgradeRequest> upgradeRequest;
 
     std::shared_ptr<RelaySubscriber<WebSocketFrame>> writer;
     const std::shared_ptr<SignalInbox> inbox = std::make_shared<SignalInbox>();
@@ -728,8 +722,8 @@ private:
     std::array<std::array<std::uint8_t, maxFrameHeaderBytes>, maxFramesPerWrite> sendHeaders;
     std::vector<net::const_buffer> sendBuffers;
 
-    net::steady_timer idleTimer;
-    net::steady_timer writeWatch;
+    net::steady_timer deadlineTimer;
+    Clock::time_point deadlineDue;
     Clock::time_point lastRead;
     Clock::time_point writeStarted;
     Clock::time_point closeWrittenAt;
@@ -737,7 +731,7 @@ private:
     bool reading = false;
     bool writing = false;
     bool flushPosted = false;
-    bool watchingWrite = false;
+    bool deadlineArmed = false;
     bool writeTimedOut = false;
     bool pingSent = false;
     bool closeRequested = false;  // no more frames from the service

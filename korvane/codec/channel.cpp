@@ -3,6 +3,8 @@
 #include <limits>
 #include <stdexcept>
 
+#include "korvane/frame/spare_buckets.h"
+
 namespace korvane::bayeux {
 
 namespace {
@@ -130,6 +132,7 @@ bool Channel::channelMatches(const std::vector<std::string>& segments) const {
 Channel& Channel::childFor(const std::string& segment) {
     auto child = children.find(segment);
     if (child == children.end()) {
+        common::startSmall(children);
         child = children.emplace(segment, std::make_unique<Channel>()).first;
     }
     return *child->second;

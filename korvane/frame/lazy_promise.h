@@ -13,6 +13,7 @@
 // setError, as a Promise's would.
 
 #include <exception>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <utility>
@@ -53,7 +54,7 @@ public:
         if (error) {
             return makeErrorFuture<T>(error);
         }
-        promise.emplace();
+        promise = std::make_unique<Promise<T>>();
         return promise->getFuture();
     }
 
@@ -65,8 +66,8 @@ private:
         resolved = true;
     }
 
-    std::optional<Promise<T>> promise;  // only for a future taken before the outcome
-    std::optional<T> outcome;           // an outcome no future has taken yet
+    std::unique_ptr<Promise<T>> promise;  // only for a future taken before the outcome
+    std::optional<T> outcome;             // an outcome no future has taken yet
     std::exception_ptr error;
     bool resolved = false;
     bool futureTaken = false;

@@ -1,5 +1,7 @@
 #include "korvane/frame/service.h"
 
+#include "korvane/frame/spare_buckets.h"
+
 namespace korvane {
 
 Message::Message() = default;
@@ -44,6 +46,7 @@ std::string ContextState::getString(const std::string& key) const {
 
 void ContextState::set(const std::string& key, boost::any value) {
     std::lock_guard<std::mutex> guard(mutex);
+    startSmall(properties);
     properties[key] = std::move(value);
 }
 

@@ -150,6 +150,7 @@ void BayeuxServerImpl::declarePattern(BayeuxSession& session, const std::string&
         std::lock_guard<std::mutex> guard(mutex);
         changes = doWatchInterest();
         DeclaredSession& entry = declared[&session];
+        common::startSmall(entry.holds);
         if (++entry.holds[key] == 1) {
             doIndex(entry, &session, key, changes);
         }

@@ -101,11 +101,14 @@ class ServerWebSocketConnection : public ConnectionTracker::Tracked,
 public:
     using Executor = typename Stream::executor_type;
     static constexpr bool plain = std::is_same_v<Stream, PlainStream>;
+    // A plain connection keeps only its socket: the HTTP stream's timers and operation
+    // state (some 600 bytes) serve nothing once frames are read and written by hand.
+    using Carrier = std::conditional_t<plain, PlainStream::socket_type, Stream>;
 
     ServerWebSocketConnection(Stream&& stream, std::shared_ptr<ServerState> state,
                               std::shared_ptr<reactive_streams::PublisherAPI<WebSocketFrame>> inbound,
                               std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound)
-        : stream(std::move(stream)),
+        : stream(carrierOf(std::move(stream))),
           strandExecutor(this->stream.get_executor()),
           state(std::move(state)),
           inbound(std::move(inbound)),
@@ -125,8 +128,10 @@ public:
             return;
         }
         upgradeRequest = std::make_unique<UpgradeRequest>(std::move(upgrade));
-        beast::get_lowest_layer(stream).expires_never();
-        handshake = std::make_unique<websocket::stream<Stream&>>(stream);
+        if constexpr (!plain) {
+            beast::get_lowest_layer(stream).expires_never();
+        }
+        handshake = std::make_unique<websocket::stream<Carrier&>>(stream);
         websocket::stream_base::timeout timeouts{};
         timeouts.handshake_timeout = state->options.headerTimeout;
         timeouts.idle_timeout = websocket::stream_base::none();
@@ -193,7 +198,21 @@ private:
         std::shared_ptr<StrandLink<ServerWebSocketConnection>> link;
     };
 
-    auto& socket() { return beast::get_lowest_layer(stream).socket(); }
+    static Carrier carrierOf(Stream&& stream) {
+        if constexpr (plain) {
+            return stream.release_socket();
+        } else {
+            return std::move(stream);
+        }
+    }
+
+    auto& socket() {
+        if constexpr (plain) {
+            return stream;
+        } else {
+            return beast::get_lowest_layer(stream).socket();
+        }
+    }
 
     void onAccepted(beast::error_code error) {
         handshake.reset();
@@ -691,10 +710,11 @@ private:
             messages->onComplete();
         }
         deadlineTimer.cancel();
-        beast::get_lowest_layer(stream).close();
+        beast::error_code ignored;
+        socket().close(ignored);
     }
 
-    Stream stream;
+    Carrier stream;
     const Executor strandExecutor;
     const std::shared_ptr<ServerState> state;
     std::shared_ptr<reactive_streams::PublisherAPI<WebSocketFrame>> inbound;
@@ -702,7 +722,7 @@ private:
     std::shared_ptr<StrandLink<ServerWebSocketConnection>> link;
     std::uint64_t trackerId = 0;
     // Only while the upgrade is answered.
-    std::unique_ptr<websocket::stream<Stream&>> handshake;
+    std::unique_ptr<websocket::stream<Carrier&>> handshake;
     std::unique_ptr<UpgradeRequest> upgradeRequest;
 
     std::shared_ptr<RelaySubscriber<WebSocketFrame>> writer;

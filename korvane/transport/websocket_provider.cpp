@@ -80,7 +80,10 @@ void WebSocketConnection::handleFrame(http::WebSocketFrame&& frame) {
         // A text frame must hold UTF-8; one that does not fails the socket like any
         // frame that cannot be handled.
         std::unique_ptr<Message> message = deserializeUtf8Request(frame.data);
-        if (auto* batch = dynamic_cast<BayeuxContainer*>(message.get())) {
+        // The reader makes exactly a BayeuxContainer for a batch; telling it by its type
+        // spares every other frame a cross-cast through the message classes.
+        if (typeid(*message) == typeid(BayeuxContainer)) {
+            auto* batch = static_cast<BayeuxContainer*>(message.get());
             // A connect inside a batch is held like one on its own: a stream left without a
             // subscriber would swallow what the session puts in it and stay with the session.
             for (std::unique_ptr<Message>& contained : batch->messages) {

@@ -80,28 +80,6 @@ TEST(Future, ContinuationRunsInsideWhicheverCallCompletesThePairAndItsGetReturns
     EXPECT_EQ(unread.getFuture().get(), 6);
 }
 
-TEST(Future, ValueLivesInTheStateAndPromiseDeathAfterResolvingIsQuiet) {
-    std::weak_ptr<int> stored;
-    {
-        Promise<std::shared_ptr<int>> promise;
-        promise.getFuture();
-        auto value = std::make_shared<int>(1);
-        stored = value;
-        promise.setValue(std::move(value));
-        EXPECT_FALSE(stored.expired()) << "an unread value stays in the state";
-    }
-    EXPECT_TRUE(stored.expired()) << "and goes with it";
-
-    Promise<int> original;
-    Future<int> pending = original.getFuture();
-    {
-        Promise<int> owner(std::move(original));
-        { Promise<int> gone(std::move(original)); }  // a moved-from promise resolves nothing
-        owner.setValue(8);
-    }
-    EXPECT_EQ(pending.get(), 8);
-}
-
 TEST(Future, ErrorsTravelDownChainsOfThenAndThroughUnwrap) {
     Promise<int> source, second, once, twice;
     int stagesRun = 0;

@@ -10,7 +10,6 @@ namespace korvane::bayeux::json {
 namespace {
 
 using common::DataBuffer;
-using test_support::repeated;
 using Reader = std::function<std::string(std::uint64_t&, const DataBuffer&)>;
 
 // Marks the expected outcome of a row whose routine throws std::invalid_argument with the text behind it.
@@ -115,16 +114,6 @@ TEST(JsonReader, ReadIntegerBooleanAndStringListAcceptOnlyTheirForms) {
                     return std::accumulate(list.begin(), list.end(), std::string(),
                                            [](const std::string& all, const auto& one) { return all + one + "|"; });
                 });
-}
-
-TEST(JsonReader, MillionLevelsOfNestingAreScannedWithoutNativeRecursion) {
-    constexpr std::size_t levels = 1000000;
-    const std::string mixed = repeated("[{\"k\":", levels / 2) + "\"v\"" + repeated("}]", levels / 2);
-    // Cut off behind a complete element, every open level ends silently.
-    expectCases({{mixed + ",", std::to_string(mixed.size())}, {repeated("[", levels) + "1", std::to_string(levels + 1)},
-                 {repeated("[{\"k\":", levels / 2) + "1" + repeated("]}", levels / 2), collectionInvalid},
-                 {repeated("[1,", levels) + "]", numberExpected}},
-                cursorAfter(skipValue));
 }
 
 }  // namespace

@@ -26,13 +26,6 @@ void expectCases(const std::vector<std::pair<std::string, std::string>>& cases, 
     }
 }
 
-// Renders the cursor behind a routine that returns nothing.
-Reader cursorAfter(void (*routine)(std::uint64_t&, const DataBuffer&)) {
-    return [routine](std::uint64_t& cursor, const DataBuffer& buffer) {
-        return routine(cursor, buffer), std::to_string(cursor);
-    };
-}
-
 const std::string numberExpected = fails + "Invalid JSON, expected a number";
 const std::string quoteExpected = fails + "Invalid JSON, expected '\"'", unterminated = fails + "Invalid JSON string";
 const std::string collectionInvalid = fails + "JSON parsing error, invalid collection.";
@@ -60,7 +53,9 @@ TEST(JsonReader, SkipValueAcceptsAndRefusesByPosition) {
                  {"1.", numberExpected}, {"1.x", numberExpected}, {"1.5", "3"}, {"1.25]", "4"}, {"0.5 ", "3"},
                  {"1e", numberExpected}, {"1e+", numberExpected}, {"1e+x", numberExpected}, {"1ex", numberExpected},
                  {"1e+5", "4"}, {"1E-2 ", "4"}, {"1.5e3,", "5"}, {"0e1", "3"}},
-                cursorAfter(skipValue));
+                [](std::uint64_t& cursor, const DataBuffer& buffer) {
+                    return skipValue(cursor, buffer), std::to_string(cursor);  // the cursor behind the value
+                });
 }
 
 TEST(JsonReader, ReadStringOrNullDecodesEscapes) {

@@ -126,15 +126,12 @@ public:
                 "post", "/bayeux", http::Headers(),
                 std::make_shared<reactive_streams::OneShotPublisher<common::DataBuffer>>(common::DataBuffer(body)));
             const auto reply = context->handle(std::unique_ptr<Message>(std::move(request)), Address("long-poll")).get();
-            auto* response = dynamic_cast<http::HttpResponse*>(reply.get());
-            if (response == nullptr) {
-                fail("the long-poll transport answered with something other than an HTTP response");
-            }
-            const char* where = response->status == 200 ? "a JSON body" : "an error body";
+            auto& response = dynamic_cast<http::HttpResponse&>(*reply);  // anything else throws, and so fails
+            const char* where = response.status == 200 ? "a JSON body" : "an error body";
             auto reader = std::make_shared<reactive_streams::CallbackSubscriber<common::DataBuffer>>(
                 [this, where](common::DataBuffer&& chunk) { heard(chunk.view(), where); });
             kept.push_back(reader);
-            response->body->subscribe(reader);
+            response.body->subscribe(reader);
         });
     }
 
@@ -144,10 +141,7 @@ public:
         http::Headers headers{{"upgrade", "websocket"}, {"connection", "Upgrade"}};
         auto upgrade = std::make_unique<http::HttpRequest>("get", "/bayeux", std::move(headers), nullptr);
         const auto reply = context->handle(std::unique_ptr<Message>(std::move(upgrade)), Address("websocket")).get();
-        auto* socket = dynamic_cast<http::WebSocket*>(reply.get());
-        if (socket == nullptr) {
-            fail("the upgrade was not answered with a WebSocket");
-        }
+        auto& socket = dynamic_cast<http::WebSocket&>(*reply);  // anything else throws, and so fails
         auto reader = std::make_shared<reactive_streams::CallbackSubscriber<http::WebSocketFrame>>(
             [this](http::WebSocketFrame&& frame) {
                 if (frame.firstByte != textFrame) {
@@ -157,8 +151,8 @@ public:
             });
         auto feed = std::make_shared<reactive_streams::CachedValuePublisher<http::WebSocketFrame, std::function<void()>>>(nullptr);
         kept.push_back(reader), kept.push_back(feed);
-        socket->inbound->subscribe(reader);
-        feed->subscribe(socket->outbound);
+        socket.inbound->subscribe(reader);
+        feed->subscribe(socket.outbound);
         run(script, [&feed](const std::string& text) {
             feed->publish(http::WebSocketFrame(common::DataBuffer(text), textFrame));
         });

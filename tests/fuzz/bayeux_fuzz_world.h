@@ -104,15 +104,13 @@ public:
             message.id = ++*stamps % 2 == 0 ? "stamp" : message.id;
             return message.channel.rfind("/drop", 0) != 0;
         };
-        provider = std::make_shared<BayeuxServiceProviderImpl>(server, options);
-        auto made = std::make_shared<Services>(
-            Services{{"bayeux", provider},
+        services = std::make_shared<const Services>(
+            Services{{"bayeux", std::make_shared<BayeuxServiceProviderImpl>(server, options)},
                      {"long-poll", std::make_shared<BayeuxLongPollServiceProvider>()},
                      {"websocket", std::make_shared<BayeuxWebSocketServiceProvider>()}});
-        for (auto& entry : *made) {
+        for (const auto& entry : *services) {
             entry.second->start();
         }
-        services = made;
         context = std::make_shared<TestContext>(services, "fuzz-browser");
     }
     FuzzWorld(const FuzzWorld&) = delete;
@@ -209,7 +207,6 @@ private:
     const std::shared_ptr<common::ManualTimerBackend> clock = std::make_shared<common::ManualTimerBackend>(1000);
     const ClockRestorer restorer{common::installTimerBackend(clock)};  // declared before all that may hold timers
     const std::shared_ptr<BayeuxServerImpl> server = std::make_shared<BayeuxServerImpl>();
-    std::shared_ptr<BayeuxServiceProviderImpl> provider;
     std::shared_ptr<const Services> services;
     std::shared_ptr<TestContext> context;
     std::vector<std::string> clientIds;

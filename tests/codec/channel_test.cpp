@@ -58,8 +58,8 @@ TEST(Channel, CountsEveryHoldPopsOnlyWhatIsHeldAndPrunesWhatEmptied) {
     EXPECT_EQ(counts(*a.children.at("c")), (std::vector<int>{0, 0, 0}));
     EXPECT_EQ(a.children.size(), 2u);
     std::string popped;  // '+' for each pop that took a hold
-    for (const char* pattern : {"/a/c", "/a/*", "/a/**", "/a/c/d/e", "/x", "/a/c/d/*", "/", "/a/c/d", "/a/b/*", "/a/b/*",
-                                "/a/b/**", "/a/b"}) {
+    for (const char* pattern :
+         {"/a/c", "/a/*", "/a/**", "/a/c/d/e", "/x", "/a/c/d/*", "/", "/a/c/d", "/a/b/*", "/a/b/*", "/a/b/**", "/a/b"}) {
         popped += channel.popPattern(pattern) ? '+' : '-';
     }
     EXPECT_EQ(popped, "-------++-++");

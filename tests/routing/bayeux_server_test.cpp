@@ -8,7 +8,6 @@
 #include <stdexcept>
 
 #include "korvane/codec/channel.h"
-#include "korvane/frame/data_buffer.h"
 #include "routing/routing_test_support.h"
 
 namespace korvane::bayeux {

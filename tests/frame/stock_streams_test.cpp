@@ -17,7 +17,6 @@ namespace {
 using test_support::errorOf;
 using test_support::Log;
 using test_support::RecordingSubscription;
-using Recorder = test_support::TextRecorder<int>;
 
 // "true", "false" or the error text of a resolved done future.
 std::string outcome(Future<bool>&& done) {
@@ -159,7 +158,7 @@ TEST(CachedValuePublisherConcurrency, EveryValueArrivesOnceInPerThreadOrder) {
     std::vector<int> next(threads, 0);  // written under the publisher's one-at-a-time delivery
     std::atomic<int> received{0}, outOfOrder{0};
     auto publisher = std::make_shared<Cached>(nullptr);
-    auto batches = std::make_shared<Recorder>(batch, nullptr);
+    auto batches = std::make_shared<test_support::TextRecorder<int>>(batch, nullptr);
     batches->onItem = [&](int value) {
         std::this_thread::yield();  // widens the window in which another thread may overtake this item
         outOfOrder += value % perThread != next[value / perThread]++;

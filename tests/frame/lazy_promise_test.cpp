@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <stdexcept>
+#include <tuple>
 
 #include "korvane/frame/lazy_promise.h"
 #include "support/test_helpers.h"
@@ -15,12 +16,8 @@ using test_support::errorOf;
 // the future came before or after it, whether a continuation runs at once, and the texts of misuse.
 TEST(LazyPromise, AFutureYieldsTheOutcomeWhicheverCameFirstAndMisuseIsRefused) {
     const auto failure = std::make_exception_ptr(std::runtime_error("broken"));
-    struct Case {
-        const char* name;
-        std::function<Future<bool>(LazyPromise<bool>&)> steps;
-        std::string yields;  // "true", "false" or the error's text
-    };
-    const Case cases[] = {
+    // Each case's name, steps, and what its future yields: "true", "false" or the error's text.
+    const std::tuple<const char*, std::function<Future<bool>(LazyPromise<bool>&)>, std::string> cases[] = {
         {"value, then future", [](auto& p) { p.setValue(true); return p.getFuture(); }, "true"},
         {"future, then value", [](auto& p) { auto f = p.getFuture(); p.setValue(false); return f; }, "false"},
         {"error, then future", [&](auto& p) { p.setError(failure); return p.getFuture(); }, "broken"},
@@ -38,10 +35,10 @@ TEST(LazyPromise, AFutureYieldsTheOutcomeWhicheverCameFirstAndMisuseIsRefused) {
              return p.setValue(true), makeReadyFuture(bool{ran});
          }, "true"},
     };
-    for (const Case& c : cases) {
+    for (const auto& [name, steps, yields] : cases) {
         LazyPromise<bool> promise;
-        const auto yielded = [&] { throw std::runtime_error(c.steps(promise).get() ? "true" : "false"); };
-        EXPECT_EQ(errorOf<std::runtime_error>(yielded), c.yields) << c.name;
+        const auto yielded = [&, &steps = steps] { throw std::runtime_error(steps(promise).get() ? "true" : "false"); };
+        EXPECT_EQ(errorOf<std::runtime_error>(yielded), yields) << name;
     }
 }
 

@@ -26,7 +26,6 @@ std::exception_ptr failure(const std::string& text) { return std::make_exception
 
 using Processor = TransformProcessor<int, std::string>;
 using Cached = CachedValuePublisher<int, std::function<void()>>;
-using Source = CachedValuePublisher<std::string, std::function<void()>>;
 
 Future<std::string> concatenated(std::shared_ptr<PublisherAPI<std::string>> chunks, const std::string& initial) {
     return reduce<std::string, std::string>(
@@ -137,7 +136,7 @@ TEST(ReducingSubscriber, ReduceFoldsStreamsThatEndInsideSubscribeOrLaterAndPasse
     EXPECT_TRUE(ranInsideThen) << "a stream that ended inside subscribe leaves the result already resolved";
     EXPECT_EQ(seen.get(), ">whole");
     EXPECT_EQ(concatenated(nullptr, "initial").get(), "initial");
-    auto failing = std::make_shared<Source>(nullptr);
+    auto failing = std::make_shared<CachedValuePublisher<std::string, std::function<void()>>>(nullptr);
     Future<std::string> failed = concatenated(failing, "");
     failing->setError(failure("body cut off"));
     EXPECT_EQ(errorOf([&] { failed.get(); }), "body cut off");

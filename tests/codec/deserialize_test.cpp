@@ -65,9 +65,7 @@ TEST(Deserialize, ChannelChoosesTheClassOnEitherSide) {
     };
     for (const auto& [channel, classes] : cases) {
         const std::string text = "{\"channel\":\"" + channel + "\"}";
-        auto request = parse(text);
-        EXPECT_EQ(classOf(request) + " " + classOf(parse(text, false)), classes);
-        EXPECT_EQ(dynamic_cast<BayeuxBase&>(*request).channel, channel);
+        EXPECT_EQ(classOf(parse(text)) + " " + classOf(parse(text, false)), classes);
     }
     // A channel written with an escape is decoded before it is compared; an array of one is a bare message.
     EXPECT_EQ(fieldsOf(parse("{\"channel\":\"\\/meta\\/handshake\"}")), "HandshakeRequest /meta/handshake||");
@@ -154,8 +152,7 @@ TEST(Deserialize, MetaMessagesReadTheirMembersAndAdvice) {
     // Only the two exact words map to retry (0) and handshake (1); everything else is none (2).
     std::string reconnects;
     for (const char* text : {"\"retry\"", "\"handshake\"", "\"none\"", "\"Retry\"", "\"\"", "null"}) {
-        auto message = parse(std::string("{\"channel\":\"/meta/connect\",\"advice\":{\"reconnect\":") + text + "}}",
-                             false);
+        auto message = parse(head + ",\"advice\":{\"reconnect\":" + text + "}}", false);
         reconnects += std::to_string(dynamic_cast<ConnectStreamResponse&>(*message).advice->reconnect);
     }
     EXPECT_EQ(reconnects, "012222");

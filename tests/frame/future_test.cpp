@@ -27,19 +27,16 @@ TEST(Future, MisuseIsRefusedWithItsOwnText) {
     resolved->setValue(4);
     Future<int> second(resolved);
     EXPECT_EQ(Future<int>(resolved).get(), 4);
-    auto claimed = [](auto&& second) {
-        auto s = std::make_shared<State>();
-        Future<int>(s).then(identity);
-        second(Future<int>(s));
-    };
     const std::pair<std::function<void()>, std::string> cases[] = {
         {[] { auto f = makeReadyFuture(1); f.then(identity); f.then(identity); }, notValid},
         {[] { auto f = makeReadyFuture(1); f.get(); f.get(); }, getRefused},
         {[] { auto f = makeReadyFuture(1); f.get(); f.then(identity); }, thenRefused},
         {[] { auto f = makeReadyFuture(1); f.then(identity); f.get(); }, notValid},
         {[] { auto f = makeReadyFuture(1); Future<int> taker(std::move(f)); f.get(); }, notValid},
-        {[&] { claimed([](Future<int>&& f) { f.get(); }); }, getRefused},
-        {[&] { claimed([](Future<int>&& f) { f.then(identity); }); }, thenRefused},
+        // A second handle on a state whose value a continuation claimed.
+        {[] { auto s = std::make_shared<State>(); Future<int>(s).then(identity); Future<int>(s).get(); }, getRefused},
+        {[] { auto s = std::make_shared<State>(); Future<int>(s).then(identity); Future<int>(s).then(identity); },
+         thenRefused},
         {[&] { second.then(identity); }, thenRefused},
         {[] { Promise<int> p; p.getFuture(); p.getFuture(); }, "Promise already returned a future."},
         {[] { Promise<int> p; p.setValue(1); p.setValue(2); }, "Promise already resolved."},
@@ -80,28 +77,6 @@ TEST(Future, ContinuationRunsInsideWhicheverCallCompletesThePairAndItsGetReturns
     EXPECT_EQ(unread.getFuture().get(), 6);
 }
 
-TEST(Future, ValueLivesInTheStateAndPromiseDeathAfterResolvingIsQuiet) {
-    std::weak_ptr<int> stored;
-    {
-        Promise<std::shared_ptr<int>> promise;
-        promise.getFuture();
-        auto value = std::make_shared<int>(1);
-        stored = value;
-        promise.setValue(std::move(value));
-        EXPECT_FALSE(stored.expired()) << "an unread value stays in the state";
-    }
-    EXPECT_TRUE(stored.expired()) << "and goes with it";
-
-    Promise<int> original;
-    Future<int> pending = original.getFuture();
-    {
-        Promise<int> owner(std::move(original));
-        { Promise<int> gone(std::move(original)); }  // a moved-from promise resolves nothing
-        owner.setValue(8);
-    }
-    EXPECT_EQ(pending.get(), 8);
-}
-
 TEST(Future, ErrorsTravelDownChainsOfThenAndThroughUnwrap) {
     Promise<int> source, second, once, twice;
     int stagesRun = 0;
@@ -122,20 +97,14 @@ TEST(Future, ErrorsTravelDownChainsOfThenAndThroughUnwrap) {
     twice.setError(std::make_exception_ptr(std::make_exception_ptr(nested)));
     EXPECT_THROW(twice.getFuture().get(), std::exception_ptr);
 
-    // Unwrap flattens in either order and passes the errors of both levels.
-    Promise<Future<int>> outer, failingOuter;
-    Promise<int> inner, readyInner;
-    Future<int> flat = unwrap(outer.getFuture()), outerFailed = unwrap(failingOuter.getFuture()), innerDied;
-    outer.setValue(inner.getFuture());
-    inner.setValue(11);
-    readyInner.setValue(12);
+    // Unwrap passes the errors of both levels; its flattening carries every long-poll reply.
+    Promise<Future<int>> failingOuter;
+    Future<int> outerFailed = unwrap(failingOuter.getFuture()), innerDied;
     failingOuter.setError(std::make_exception_ptr(std::runtime_error("outer failed")));
     {
         Promise<int> dying;
         innerDied = unwrap(makeReadyFuture(dying.getFuture()));
     }
-    EXPECT_EQ(flat.get(), 11);
-    EXPECT_EQ(unwrap(makeReadyFuture(readyInner.getFuture())).get(), 12);
     EXPECT_EQ(errorOf([&] { outerFailed.get(); }), "outer failed");
     EXPECT_EQ(errorOf([&] { innerDied.get(); }), promiseDied);
 }

@@ -104,15 +104,13 @@ public:
             message.id = ++*stamps % 2 == 0 ? "stamp" : message.id;
             return message.channel.rfind("/drop", 0) != 0;
         };
-        provider = std::make_shared<BayeuxServiceProviderImpl>(server, options);
-        auto made = std::make_shared<Services>(
-            Services{{"bayeux", provider},
+        services = std::make_shared<const Services>(
+            Services{{"bayeux", std::make_shared<BayeuxServiceProviderImpl>(server, options)},
                      {"long-poll", std::make_shared<BayeuxLongPollServiceProvider>()},
                      {"websocket", std::make_shared<BayeuxWebSocketServiceProvider>()}});
-        for (auto& entry : *made) {
+        for (const auto& entry : *services) {
             entry.second->start();
         }
-        services = made;
         context = std::make_shared<TestContext>(services, "fuzz-browser");
     }
     FuzzWorld(const FuzzWorld&) = delete;
@@ -126,15 +124,12 @@ public:
                 "post", "/bayeux", http::Headers(),
                 std::make_shared<reactive_streams::OneShotPublisher<common::DataBuffer>>(common::DataBuffer(body)));
             const auto reply = context->handle(std::unique_ptr<Message>(std::move(request)), Address("long-poll")).get();
-            auto* response = dynamic_cast<http::HttpResponse*>(reply.get());
-            if (response == nullptr) {
-                fail("the long-poll transport answered with something other than an HTTP response");
-            }
-            const char* where = response->status == 200 ? "a JSON body" : "an error body";
+            auto& response = dynamic_cast<http::HttpResponse&>(*reply);  // anything else throws, and so fails
+            const char* where = response.status == 200 ? "a JSON body" : "an error body";
             auto reader = std::make_shared<reactive_streams::CallbackSubscriber<common::DataBuffer>>(
                 [this, where](common::DataBuffer&& chunk) { heard(chunk.view(), where); });
             kept.push_back(reader);
-            response->body->subscribe(reader);
+            response.body->subscribe(reader);
         });
     }
 
@@ -144,10 +139,7 @@ public:
         http::Headers headers{{"upgrade", "websocket"}, {"connection", "Upgrade"}};
         auto upgrade = std::make_unique<http::HttpRequest>("get", "/bayeux", std::move(headers), nullptr);
         const auto reply = context->handle(std::unique_ptr<Message>(std::move(upgrade)), Address("websocket")).get();
-        auto* socket = dynamic_cast<http::WebSocket*>(reply.get());
-        if (socket == nullptr) {
-            fail("the upgrade was not answered with a WebSocket");
-        }
+        auto& socket = dynamic_cast<http::WebSocket&>(*reply);  // anything else throws, and so fails
         auto reader = std::make_shared<reactive_streams::CallbackSubscriber<http::WebSocketFrame>>(
             [this](http::WebSocketFrame&& frame) {
                 if (frame.firstByte != textFrame) {
@@ -157,8 +149,8 @@ public:
             });
         auto feed = std::make_shared<reactive_streams::CachedValuePublisher<http::WebSocketFrame, std::function<void()>>>(nullptr);
         kept.push_back(reader), kept.push_back(feed);
-        socket->inbound->subscribe(reader);
-        feed->subscribe(socket->outbound);
+        socket.inbound->subscribe(reader);
+        feed->subscribe(socket.outbound);
         run(script, [&feed](const std::string& text) {
             feed->publish(http::WebSocketFrame(common::DataBuffer(text), textFrame));
         });
@@ -215,7 +207,6 @@ private:
     const std::shared_ptr<common::ManualTimerBackend> clock = std::make_shared<common::ManualTimerBackend>(1000);
     const ClockRestorer restorer{common::installTimerBackend(clock)};  // declared before all that may hold timers
     const std::shared_ptr<BayeuxServerImpl> server = std::make_shared<BayeuxServerImpl>();
-    std::shared_ptr<BayeuxServiceProviderImpl> provider;
     std::shared_ptr<const Services> services;
     std::shared_ptr<TestContext> context;
     std::vector<std::string> clientIds;

@@ -17,11 +17,7 @@ namespace {
 using reactive_streams::Subscription;
 using test_support::Log;
 
-std::unique_ptr<Message> message(const std::string& channel, std::shared_ptr<common::DataBuffer> data = nullptr) {
-    auto request = std::make_unique<PublishRequest>(channel);
-    request->data = std::move(data);
-    return request;
-}
+std::unique_ptr<Message> message(const std::string& channel) { return std::make_unique<PublishRequest>(channel); }
 
 // The shared recorder, with a message's channel for its text, that also keeps its subscription
 // weakly to see it released. Threading: as RecordingSubscriber's; `subscription` is set in
@@ -111,17 +107,6 @@ TEST(BayeuxQueueTest, ScriptsOfDemandEndingsAndSubscribers) {
         {{"subscribe 1", "push /delivered", "push /undelivered", "destroy", "expired"},
          {"subscribe", "next /delivered", "complete", "end true", "expired"}},
     }, queueSteps, [](Log&) { return std::make_shared<BayeuxQueue>("script"); });
-}
-
-TEST(BayeuxQueueTest, DestructionFreesEveryMessageAndTheQueueKeepsNothingOfADeliveredOne) {
-    const auto delivered = std::make_shared<common::DataBuffer>(), undelivered = std::make_shared<common::DataBuffer>();
-    auto queue = std::make_shared<BayeuxQueue>("destroyed");
-    queue->subscribe(std::make_shared<Recorder>(1, nullptr));
-    queue->setValue(message("/delivered", delivered));
-    EXPECT_EQ(delivered.use_count(), 2) << "the queue keeps nothing of a delivered message";
-    queue->setValue(message("/undelivered", undelivered));
-    queue.reset();
-    EXPECT_EQ(undelivered.use_count(), 1);
 }
 
 TEST(BayeuxQueueTest, SubscriptionWithoutItsQueueRefusesLoudlyWithATraceOnStandardError) {

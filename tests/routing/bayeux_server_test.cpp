@@ -8,7 +8,6 @@
 #include <stdexcept>
 
 #include "korvane/codec/channel.h"
-#include "korvane/frame/data_buffer.h"
 #include "routing/routing_test_support.h"
 
 namespace korvane::bayeux {
@@ -26,7 +25,7 @@ class BayeuxServerTest : public ::testing::Test {
 protected:
     // Made sessions live as long as the test.
     std::shared_ptr<RecordingSession> host(const std::string& id) {
-        return hosts.emplace_back(std::make_shared<RecordingSession>(id, &log));
+        return sessions.emplace_back(std::make_shared<RecordingSession>(id, &log));
     }
     std::shared_ptr<RecordingSession> add(const std::string& id, bool priority = false) {
         const auto session = host(id);
@@ -35,7 +34,7 @@ protected:
     }
     // A session that declares its patterns to the server, and holds `pattern` if one is given.
     std::shared_ptr<RecordingSession> declaring(const std::string& id, const std::string& pattern = "") {
-        const auto session = declared.emplace_back(std::make_shared<RecordingSession>(id, &log, server));
+        const auto session = sessions.emplace_back(std::make_shared<RecordingSession>(id, &log, server));
         return pattern.empty() ? session : (session->hold(pattern), session);
     }
     // Publishes once and returns what the sessions logged for this publish alone.
@@ -47,8 +46,7 @@ protected:
 
     std::shared_ptr<BayeuxServerImpl> server = std::make_shared<BayeuxServerImpl>();
     Log log;
-    std::vector<std::shared_ptr<RecordingSession>> hosts;
-    std::vector<std::shared_ptr<RecordingSession>> declared;
+    std::vector<std::shared_ptr<RecordingSession>> sessions;
 };
 
 TEST_F(BayeuxServerTest, RefusesMalformedPublishesAndKeepsThemWithTheCaller) {
@@ -171,7 +169,7 @@ TEST_F(BayeuxServerTest, IndexOffersExactlyWhatTheSessionsPatternsMatchOnceEachA
     for (std::size_t i = 0; i < patterns.size(); ++i) {
         models[i].pushPattern(patterns[i]);
         server->addSession(declaring(patterns[i]));
-        declared.back()->hold(patterns[i]);
+        sessions.back()->hold(patterns[i]);
         everything->hold(patterns[i]).hold(patterns[i]);
     }
     server->addSession(everything);  // declared before it was added, unlike the others

@@ -3,7 +3,6 @@
 // Small helpers shared by the unit tests of several areas.
 
 #include <chrono>
-#include <cstddef>
 #include <exception>
 #include <functional>
 #include <string>
@@ -28,16 +27,6 @@ inline bool eventually(const std::function<bool()>& done, std::chrono::milliseco
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return done();
-}
-
-// `piece` written `times` times, for deeply nested inputs.
-inline std::string repeated(const std::string& piece, std::size_t times) {
-    std::string text;
-    text.reserve(piece.size() * times);
-    while (times-- > 0) {
-        text += piece;
-    }
-    return text;
 }
 
 }  // namespace korvane::test_support

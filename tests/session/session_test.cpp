@@ -62,11 +62,10 @@ public:
 // 300 ticks unless told; a slow reader asks for nothing at first), sink ID [TICKS] (a buffered
 // connect through the one sink the steps share, whose items the probe "seen sink" shows), unsink
 // (the sink goes), request ID N, cancel ID (its reader lets go, as when its client goes away),
-// publish DATA [CHANNEL] (to "/a/b" unless told), notices (another client's subscribe and
-// unsubscribe), ms N, ticks N, flush, poll ID (a short poll), destroy (drops the session), and the
-// probes: seen ID (as "ID: <items> end" once it ended), armed (timers armed), active (a connect is
-// open). Every response must come from this session, and no delivered message carries its
-// publisher's id.
+// publish DATA [CHANNEL] (to "/a/b" unless told), ms N, ticks N, flush, destroy (drops the session),
+// and the probes: seen ID (as "ID: <items> end" once it ended), armed (timers armed), active (a
+// connect is open). Every response must come from this session, and no delivered message carries
+// its publisher's id. Short polls are the protocol service's to show.
 using Script = std::pair<std::vector<std::string>, Texts>;
 
 class LongPollSessionScript : public SessionTest, public ::testing::WithParamInterface<Script> {
@@ -93,16 +92,11 @@ protected:
                 name == "cancel" ? streams.at(first)->cancel() : streams.at(first)->request(std::stoul(second));
             } else if (name == "publish") {
                 publish(first, second.empty() ? "/a/b" : second);
-            } else if (name == "notices") {
-                session->deliver(std::make_shared<const SubscribeRequest>("/b", "other"));
-                session->deliver(std::make_shared<const UnsubscribeRequest>("/a/**", "other"));
             } else if (name == "ms" || name == "ticks") {
                 name == "ms" ? clock->advance(std::chrono::milliseconds(std::stoll(first)))
                              : clock->advanceTicks(std::stoll(first));
             } else if (name == "flush") {
                 session->flush();
-            } else if (name == "poll") {
-                streams[first] = watch(session->korvaneShortPoll(first));
             } else if (name == "seen") {
                 const Texts seen = streams.at(first)->seen();
                 const long ends = streams.at(first)->completionCount();
@@ -129,18 +123,12 @@ TEST_P(LongPollSessionScript, ConnectsBuffersTimersAndAnswers) {
     EXPECT_EQ(run(GetParam().first), GetParam().second);
 }
 
-const std::string retry = " advice:0/200/-1";
 INSTANTIATE_TEST_SUITE_P(Scripts, LongPollSessionScript, ::testing::ValuesIn(std::vector<Script>{
         // A burst inside the buffer period gives one answer; the period does not stretch, and the
         // connect's deadline (tick 120) passing within it answers nothing.
         {{"connect c1 120", "ms 11999", "publish m1", "ms 2", "publish m2", "ms 2", "publish m3", "seen c1", "ms 1",
           "seen c1", "armed", "publish later", "armed"},
          {"c1:", "c1: m1 m2 m3 response:c1 end", "armed 0", "armed 0"}},
-        // Pending messages answer the next connect at once, in order; notices about other sessions
-        // change nothing.
-        {{"notices", "publish m1", "publish m2 /a/c/d", "publish ignored /b", "armed", "connect c1", "seen c1",
-          "active"},
-         {"armed 0", "c1: m1 m2 response:c1 end", "active no"}},
         // The next connect answers the open one; a flush leaves the answer to the next message or connect.
         {{"connect c1", "connect c2", "seen c1", "seen c2", "publish m1", "ms 5", "seen c2", "connect c3", "flush",
           "ticks 1000", "seen c3", "armed", "active", "publish m2", "ms 5", "seen c3", "connect c4", "flush",
@@ -184,12 +172,6 @@ INSTANTIATE_TEST_SUITE_P(Scripts, LongPollSessionScript, ::testing::ValuesIn(std
         {{"connect c1", "publish m1", "ms 5", "seen c1", "connect c2", "cancel c2", "active", "publish m2", "ms 5",
           "publish m3", "connect c3", "ms 5", "seen c2", "seen c3"},
          {"c1: m1 response:c1 end", "active no", "c2:", "c3: m2 m3 response:c3 end"}},
-        // A short poll answers with retry advice, answers an open connect and leaves none open; the
-        // idle session's connect timer goes when it falls due.
-        {{"connect c1", "publish m1", "publish m2", "ms 1", "poll s1", "seen c1", "seen s1", "publish m3", "poll s2",
-          "seen s2", "active", "armed", "ticks 300", "armed"},
-         {"c1: m1 m2 response:c1 end", "s1: response:s1" + retry + " end", "s2: m3 response:s2" + retry + " end",
-          "active no", "armed 1", "armed 0"}},
 }));
 
 // A pattern is "/..." not ending in "/", with a wildcard only at its very end. Only an accepted

@@ -477,54 +477,5 @@ TEST_F(BayeuxServiceProviderConcurrency, ASweepDestroysWhatItDropsOutsideTheLock
     EXPECT_EQ(clock->armedCount(), 0u);
 }
 
-// Workers on several threads live whole client lives while the clock runs, idle clients past
-// the pending limit are dropped as publishes flood them, and half of those leave by themselves,
-// racing their drop.
-TEST_F(BayeuxServiceProviderConcurrency, ClientsLiveDropAndLeaveOnSeveralThreadsWhileTheClockRuns) {
-    restart(withLimits(5));
-    std::vector<std::string> idle;
-    for (int client = 0; client < 20; ++client) {
-        idle.push_back(handshake());
-        ASSERT_TRUE(subscribe(idle.back(), "/flood/**")->successful);
-    }
-    std::atomic<bool> stop{false};
-    std::thread timerThread([this, &stop] {
-        for (; !stop; std::this_thread::sleep_for(200us)) {
-            clock->advance(5ms);
-        }
-    });
-    std::vector<std::thread> threads;
-    for (int worker = 0; worker < 4; ++worker) {
-        threads.emplace_back([this, worker] {
-            auto context = std::make_shared<TestContext>("browser-" + std::to_string(worker % 2));
-            const std::string own = std::to_string(worker);
-            for (int round = 0; round < 40; ++round) {
-                const std::string receiver = handshake(context), sender = handshake(context);
-                EXPECT_TRUE(subscribe(receiver, "/load/" + own, context)->successful);
-                auto stream = open(connect(receiver, worker % 2 == 0 ? "long-polling" : "websocket", {}, context));
-                EXPECT_TRUE(publish(sender, "/load/" + own, "", context)->successful);
-                EXPECT_TRUE(publish(sender, "/flood/" + own, "", context)->successful);
-                EXPECT_TRUE(disconnect(sender, context)->successful && disconnect(receiver, context)->successful);
-                // The dying receiver answers its connect, whatever the clock has done meanwhile.
-                EXPECT_TRUE(stream->waitFor([](auto& recorder) { return recorder.count("complete") > 0; }, 5s));
-            }
-        });
-    }
-    threads.emplace_back([this, &idle] {
-        for (std::size_t client = 0; client < idle.size(); client += 2) {
-            disconnect(idle[client]);
-        }
-    });
-    for (auto& thread : threads) {
-        thread.join();
-    }
-    stop = true;
-    timerThread.join();
-    EXPECT_EQ(provider->getActiveConnectCountForSessionId("browser-0", "long-polling"), 0u);
-    for (const std::string& client : idle) {
-        EXPECT_FALSE(provider->getSession(client, "")) << client;
-    }
-}
-
 }  // namespace
 }  // namespace korvane::bayeux::testing

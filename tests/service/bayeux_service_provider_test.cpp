@@ -1,4 +1,3 @@
-#include <atomic>
 #include <cstdlib>
 #include <future>
 #include <mutex>
@@ -283,7 +282,6 @@ TEST_F(BayeuxServiceProviderTest, HostHooksChangeOrDropMessagesAndIdsAreClearedB
             EXPECT_EQ(delivered ? delivered->channel + " " + delivered->id + " from '" + delivered->clientId + "'" : "",
                       std::string(channel) + " " + expectedId + " from ''");
         }
-        EXPECT_TRUE(disconnect(held)->successful);
     }
     unsetenv("TORVEX_KORVANE_BAYEUX_FORCE_ID_CLEAR");
 }
@@ -364,14 +362,8 @@ TEST_F(BayeuxServiceProviderTest, SweepDropsAtTheTickOfTheTimeoutEveryClientThat
     clock->advanceTicks(1);
     EXPECT_TRUE(subscriberSession.expired() && !provider->getSession(publisher, ""));
     EXPECT_EQ(clock->armedCount(), 0u) << "an idle provider runs no timer";
-    const std::string client = handshake();
-    EXPECT_EQ(clock->armedCount(), 1u);
-    auto flushed = open(connect(client));
-    provider->flush();
-    clock->advanceTicks(600);
-    EXPECT_TRUE(flushed->isHeld()) << "a flushed connect waits for the next message or connect";
-    EXPECT_TRUE(disconnect(client)->successful);
-    EXPECT_EQ(clock->armedCount(), 0u);
+    handshake();
+    EXPECT_EQ(clock->armedCount(), 1u) << "a new client starts it again";
 }
 
 TEST_F(BayeuxServiceProviderTest, AClientPastThePendingLimitIsDroppedWhileTheOthersCarryOn) {
@@ -461,19 +453,13 @@ TEST_F(BayeuxServiceProviderConcurrency, ASweepDestroysWhatItDropsOutsideTheLock
     // The registry is usable while the sweep is stuck: it holds no lock any more.
     EXPECT_EQ(handshake().size(), 16u);
     EXPECT_TRUE(publish(fresh, "/b")->successful);
-    std::atomic<bool> destroyed{false};
-    std::thread destroyer([owner = std::move(provider), &destroyed]() mutable {
-        owner.reset();
-        destroyed = true;
-    });
+    auto destroyed = std::async(std::launch::async, [owner = std::move(provider)]() mutable { owner.reset(); });
     // `fresh` keeps the sweep alive, so the destructor has to wait for the sweep that is still
     // running on the timer thread.
-    std::this_thread::sleep_for(50ms);
-    EXPECT_FALSE(destroyed.load());
+    EXPECT_EQ(destroyed.wait_for(50ms), std::future_status::timeout);
     gated->gate.set_value();
     timerThread.join();
-    destroyer.join();
-    EXPECT_TRUE(destroyed.load());
+    destroyed.get();
     EXPECT_EQ(clock->armedCount(), 0u);
 }
 

@@ -42,9 +42,7 @@ std::unique_ptr<bayeux::PublishRequest> makeMessage(const std::string& channel, 
     auto message = std::make_unique<bayeux::PublishRequest>(channel);
     message->id = id;
     message->clientId = clientId;
-    if (data) {
-        message->data = std::make_shared<common::DataBuffer>(*data);
-    }
+    message->data = data ? std::make_shared<common::DataBuffer>(*data) : nullptr;
     return message;
 }
 
@@ -55,24 +53,20 @@ std::string fieldsOf(const std::string& origin, const bayeux::PublishRequest& me
 }
 
 TEST(ClusterFrame, EveryFieldCrossesByteForByte) {
-    struct FrameCase {
-        const char* name;
-        std::string origin, channel, id, clientId;
-        std::optional<std::string> data;
+    // Origin, channel, id, client id and data: every field; no data; empty data; bytes that are not text;
+    // data past 64 KiB; empty origin and channel.
+    const std::tuple<std::string, std::string, std::string, std::string, std::optional<std::string>> cases[] = {
+        {"origin1", "/chat/room", "42", "client7", std::string(R"({"text":"hi","n":[1,2.50,-0]})")},
+        {"o", "/a", "", "", std::nullopt},
+        {"o", "/a", "", "", std::string()},
+        {std::string("o\0x", 3), "/bin", "id", "c", std::string("\0\x01\xff\"\\\n", 6)},
+        {"o", "/big", "1", "c", std::string(70000, 'x')},
+        {"", "", "", "", std::string("null")},
     };
-    const std::string binary("\0\x01\xff\"\\\n", 6);
-    const FrameCase cases[] = {
-        {"all fields", "origin1", "/chat/room", "42", "client7", std::string(R"({"text":"hi","n":[1,2.50,-0]})")},
-        {"no data", "o", "/a", "", "", std::nullopt},
-        {"empty data", "o", "/a", "", "", std::string()},
-        {"bytes that are not text", "o\0x", "/bin", "id", "c", binary},
-        {"data past 64 KiB", "o", "/big", "1", "c", std::string(70000, 'x')},
-        {"empty origin and channel", "", "", "", "", std::string("null")},
-    };
-    for (const auto& c : cases) {
-        const auto message = makeMessage(c.channel, c.data, c.id, c.clientId);
-        const ClusterFrame decoded = decodeClusterFrame(encodeClusterFrame(c.origin, *message));
-        EXPECT_EQ(fieldsOf(decoded.origin, *decoded.message), fieldsOf(c.origin, *message)) << c.name;
+    for (const auto& [origin, channel, id, clientId, data] : cases) {
+        const auto message = makeMessage(channel, data, id, clientId);
+        const ClusterFrame decoded = decodeClusterFrame(encodeClusterFrame(origin, *message));
+        EXPECT_EQ(fieldsOf(decoded.origin, *decoded.message), fieldsOf(origin, *message)) << channel;
     }
 }
 

@@ -339,19 +339,18 @@ TEST_F(BayeuxServiceProviderTest, ConnectsBeyondTheLimitOfAHostSessionAndTypeBec
 // The sweep runs every 100 ticks while there are clients; the direct calls pin its boundary.
 TEST_F(BayeuxServiceProviderTest, SweepDropsAtTheTickOfTheTimeoutEveryClientThatContactDidNotRenew) {
     EXPECT_EQ(clock->armedCount(), 1u) << "the provider sweeps from birth";
-    const std::string subscriber = handshake(), publisher = handshake(), oldStyleConnector = handshake();
-    const std::string longHolder = handshake();
+    const std::string subscriber = handshake(), publisher = handshake(), oldStyle = handshake(), longHolder = handshake();
     auto heldStream = open(connect(longHolder, "long-polling", 300000));
     std::weak_ptr<LongPollSession> subscriberSession = provider->getSession(subscriber, "");
     clock->setTick(startTick + 1000);
     EXPECT_TRUE(subscribe(subscriber, "/a")->successful);
     EXPECT_TRUE(publish(publisher, "/a")->successful);
-    ask<ConnectResponse>(from<ConnectRequest>(oldStyleConnector));
+    ask<ConnectResponse>(from<ConnectRequest>(oldStyle));  // refused: no contact
     provider->sweepClients(startTick + 1199);
     EXPECT_TRUE(heldStream->isHeld()) << "dropped a tick early";
     provider->sweepClients(startTick + 1200);
     EXPECT_TRUE(provider->getSession(subscriber, "") && provider->getSession(publisher, ""));
-    EXPECT_FALSE(provider->getSession(oldStyleConnector, ""));
+    EXPECT_FALSE(provider->getSession(oldStyle, ""));
     EXPECT_FALSE(provider->getSession(longHolder, "")) << "an open connect is no contact";
     expectAnswered(*heldStream, longHolder);  // by the dying session
     EXPECT_EQ(outcome(disconnect(longHolder)), "refused: No such clientId.");

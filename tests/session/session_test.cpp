@@ -219,8 +219,7 @@ TEST_F(SessionTest, PendingLimitIsReportedOnceWithTheLockReleasedAndNothingMoreI
                            EXPECT_FALSE(session->hasActiveConnect());
                            reported.push_back(clientId);
                        }};
-    server->removeSession(session);
-    session = std::make_shared<LongPollSession>(server, nullptr, limit);
+    session = std::make_shared<LongPollSession>(server, nullptr, limit);  // in place of the fixture's
     server->addSession(session);
     ASSERT_TRUE(session->subscribe("/a/**"));
     for (const char* data : {"m1", "m2", "m3", "m4", "m5"}) {

@@ -338,7 +338,8 @@ TEST(RedisBridgeConcurrency, ThreadsPublishingOnOneServerReachTheOtherOnceEachIn
 TEST(RedisBridge, ASessionWithoutAContextIsRefused) {
     auto routing = std::make_shared<bayeux::BayeuxServerImpl>();
     auto session = std::make_shared<bayeux::LocalBayeuxSession>(routing, nullptr);
-    EXPECT_THROW(RedisBridge(session, routing, RedisBridgeOptions{{parseRedisUrl("redis://h", nullptr)}}), std::invalid_argument);
+    const RedisBridgeOptions options{{parseRedisUrl("redis://h", nullptr)}};
+    EXPECT_THROW(RedisBridge(session, routing, options), std::invalid_argument);
 }
 
 }  // namespace

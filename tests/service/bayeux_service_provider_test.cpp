@@ -339,8 +339,8 @@ TEST_F(BayeuxServiceProviderTest, ConnectsBeyondTheLimitOfAHostSessionAndTypeBec
 // The sweep runs every 100 ticks while there are clients; the direct calls pin its boundary.
 TEST_F(BayeuxServiceProviderTest, SweepDropsAtTheTickOfTheTimeoutEveryClientThatContactDidNotRenew) {
     EXPECT_EQ(clock->armedCount(), 1u) << "the provider sweeps from birth";
-    const std::string subscriber = handshake(), publisher = handshake(), oldStyle = handshake(), longHolder = handshake();
-    auto heldStream = open(connect(longHolder, "long-polling", 300000));
+    const std::string subscriber = handshake(), publisher = handshake(), oldStyle = handshake(), holder = handshake();
+    auto heldStream = open(connect(holder, "long-polling", 300000));
     std::weak_ptr<LongPollSession> subscriberSession = provider->getSession(subscriber, "");
     clock->setTick(startTick + 1000);
     EXPECT_TRUE(subscribe(subscriber, "/a")->successful);
@@ -351,9 +351,9 @@ TEST_F(BayeuxServiceProviderTest, SweepDropsAtTheTickOfTheTimeoutEveryClientThat
     provider->sweepClients(startTick + 1200);
     EXPECT_TRUE(provider->getSession(subscriber, "") && provider->getSession(publisher, ""));
     EXPECT_FALSE(provider->getSession(oldStyle, ""));
-    EXPECT_FALSE(provider->getSession(longHolder, "")) << "an open connect is no contact";
-    expectAnswered(*heldStream, longHolder);  // by the dying session
-    EXPECT_EQ(outcome(disconnect(longHolder)), "refused: No such clientId.");
+    EXPECT_FALSE(provider->getSession(holder, "")) << "an open connect is no contact";
+    expectAnswered(*heldStream, holder);  // by the dying session
+    EXPECT_EQ(outcome(disconnect(holder)), "refused: No such clientId.");
     clock->advanceTicks(1199);
     EXPECT_FALSE(subscriberSession.expired());
     clock->advanceTicks(1);

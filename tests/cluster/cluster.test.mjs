@@ -56,9 +56,8 @@ describe("servers sharing channels through Redis shards", () => {
         servers.a = await startClustered(bases.map((base) => `redis://:${password}@${base}`));
         servers.b = await startClustered(bases.map((base) => `redis://${base}`), { KORVANE_REDIS_PASSWORD: password });
         servers.c = await startClustered(bases.map((base) => `redis://:${password}@${base}/0`));
-        for (const server of Object.values(servers)) {
-            await eventually(async () => (await health(server)).includes("200 ready"), 15000, `${server.url} not ready within 15 s`);
-        }
+        const ready = async (server) => (await health(server)).includes("200 ready");
+        for (const server of Object.values(servers)) await eventually(() => ready(server), 15000, `${server.url} not ready within 15 s`);
     });
     after(async () => {
         await Promise.all(clients.map(disconnect));
@@ -119,8 +118,7 @@ describe("servers sharing channels through Redis shards", () => {
 
     test("while a shard is away only its channels stop crossing; they resume on their own, in order", async () => {
         const [listener, neighbour, remote] = [await client(servers.a), await client(servers.a), await client(servers.b)];
-        const seen = {};
-        const shardChannels = [];
+        const [seen, shardChannels] = [{}, []];
         for (let k = 0; shardChannels.filter(Boolean).length < 2; ++k) {
             const channel = `/shard/${k}`;
             seen[channel] = [];
@@ -151,8 +149,7 @@ describe("servers sharing channels through Redis shards", () => {
         while (n < resumed + 20) await publish(remote, away, { n: n++ });
         await until(() => seen[away].includes(n - 1), 5000, "the messages after the restart");
         await sleep(200);
-        assert.equal(new Set(seen[away]).size, seen[away].length, "no duplicates");
-        assert.deepEqual([...seen[away]].sort((x, y) => x - y), seen[away], "in order");
+        assert.ok(seen[away].every((value, k) => k === 0 || value > seen[away][k - 1]), `in order, no duplicates: ${seen[away]}`);
         assert.deepEqual(seen[away].filter((value) => value >= resumed), Array.from({ length: 20 }, (_, k) => resumed + k), "nothing lost once back");
         assert.equal(await health(servers.a), "200 serving\n200 ready\n2/2");
         for (const server of Object.values(servers)) assert.ok(!server.output().includes(password), "the password is never logged");

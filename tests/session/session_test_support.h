@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <numeric>
 
 #include "korvane/codec/messages.h"
 #include "korvane/frame/http.h"
@@ -78,11 +79,8 @@ public:
     // A connect still held: nothing carried, not ended.
     bool isHeld() { return this->events() == test_support::Log{"subscribe"}; }
     std::string joined() {
-        std::string all;
-        for (const std::string& text : this->seen()) {
-            all += text;
-        }
-        return all;
+        const Texts texts = this->seen();
+        return std::accumulate(texts.begin(), texts.end(), std::string());
     }
     // The message at `index` as `U`, or null if missing or of another type; it lives as long as the recorder.
     template <class U>

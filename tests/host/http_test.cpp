@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <stdexcept>
@@ -32,7 +31,7 @@ using FrameStream = reactive_streams::CachedValuePublisher<http::WebSocketFrame,
 // Stands in for the Bayeux transports: it answers each request with a WebSocket echoing each
 // message back ("finish" ends its frame stream, "fail" fails it), and records the upgrade's
 // headers and browser session; a target with "/fail" gets a failed answer. The HTTP side is checked end to end (interop).
-// Threading: the server's I/O threads call handle and end the frame streams; `mutex` guards the records.
+// Threading: the server's I/O threads call handle and end the frame streams; `mutex` guards the upgrades.
 class FakeBayeuxService : public http::HttpServiceProvider {
 public:
     Future<std::unique_ptr<Message>> handle(std::unique_ptr<http::HttpRequest>&& request, Address&&,
@@ -44,11 +43,7 @@ public:
         const std::lock_guard<std::mutex> guard(mutex);
         upgrades.emplace_back(request->headers,
                               context->has("sessionId") ? boost::any_cast<std::string>(context->get("sessionId")) : "");
-        auto frames = std::make_shared<FrameStream>([this] {
-            const std::lock_guard<std::mutex> guard(mutex);
-            ++finished;
-            changed.notify_all();
-        });
+        auto frames = std::make_shared<FrameStream>([this] { ++finished; });
         // The frame stream lives as long as the server holds the echo, its reading end.
         auto echo = std::make_shared<reactive_streams::CallbackSubscriber<http::WebSocketFrame>>(
             [frames](http::WebSocketFrame&& frame) {
@@ -65,16 +60,12 @@ public:
 
     // Whether the service's WebSocket frame streams ended `count` times.
     bool waitForFinished(int count) {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, 10s, [this, count] { return finished >= count; });
+        return test_support::eventually([this, count] { return finished >= count; });
     }
 
     std::mutex mutex;
     std::vector<std::pair<http::Headers, std::string>> upgrades;  // each upgrade's headers and browser session
-
-private:
-    std::condition_variable changed;
-    int finished = 0;  // under `mutex`
+    std::atomic<int> finished{0};
 };
 
 struct HttpServerFixture {
@@ -295,24 +286,22 @@ TEST_F(HttpClientTest, EndsBothStreamsWhenEitherSideCloses) {
         socket.reader->request(5);
         act(socket);
         EXPECT_TRUE(service->waitForFinished(++finished)) << "the server's socket stayed open";
-        {
-            const std::lock_guard<std::mutex> guard(service->mutex);
-            const auto& [headers, session] = service->upgrades.back();
-            std::string seen;  // the upgrade's own headers once, by the upgrade, not again from the request
-            for (const std::string name : {"tvapikey", "upgrade", "connection", "host"}) {
-                for (auto [at, end] = headers.equal_range(name); at != end; ++at) {
-                    seen += name + "=" + at->second + " ";
-                }
-            }
-            EXPECT_EQ(seen, "tvapikey=k1 upgrade=websocket connection=upgrade host=127.0.0.1:" + std::to_string(server->port()) + " ");
-            EXPECT_EQ(session, browser) << "the upgrade runs in the browser session its cookie names";
-        }
         socket.reader->request(1000);  // reads what the server wrote before it went
         if (!readerEnd.empty()) {
             EXPECT_THAT(socket.waitForEnd(), ::testing::StartsWith(readerEnd));
         }
         // The writer is told that the socket is gone, or already ended itself.
         EXPECT_TRUE(how == "writer fails" || socket.writerCancelled());
+        const std::lock_guard<std::mutex> guard(service->mutex);  // to the next upgrade
+        const auto& [headers, session] = service->upgrades.back();
+        std::string seen;  // the upgrade's own headers once, by the upgrade, not again from the request
+        for (const std::string name : {"tvapikey", "upgrade", "connection", "host"}) {
+            for (auto [at, end] = headers.equal_range(name); at != end; ++at) {
+                seen += name + "=" + at->second + " ";
+            }
+        }
+        EXPECT_EQ(seen, "tvapikey=k1 upgrade=websocket connection=upgrade host=127.0.0.1:" + std::to_string(server->port()) + " ");
+        EXPECT_EQ(session, browser) << "the upgrade runs in the browser session its cookie names";
     }
 }
 

@@ -118,8 +118,8 @@ protected:
     }
 
     ManualClock clock{1000};  // outlives the provider
-    std::shared_ptr<BayeuxServerImpl> server = std::make_shared<BayeuxServerImpl>();
-    std::shared_ptr<BayeuxServiceProviderImpl> provider = std::make_shared<BayeuxServiceProviderImpl>(server);
+    std::shared_ptr<BayeuxServiceProviderImpl> provider =
+        std::make_shared<BayeuxServiceProviderImpl>(std::make_shared<BayeuxServerImpl>());
     std::shared_ptr<const Services> routes;
 };
 

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <map>
@@ -203,10 +204,8 @@ TEST_F(ManualTimerTest, ManyTimersReleasedAtRandomPlacesInTheQueueLeaveTheRestIn
     }
     handles[1].clear();
     EXPECT_EQ(backend->armedCount(), kept.size());
-    Names expected;
-    for (const auto& [due, name] : kept) {
-        expected.push_back(name);
-    }
+    Names expected(kept.size());
+    std::transform(kept.begin(), kept.end(), expected.begin(), [](const auto& timer) { return timer.second; });
     EXPECT_EQ(pass(5000ms), expected);
 }
 

@@ -17,18 +17,17 @@ namespace {
 using nlohmann::json;
 
 // The PEM texts of a new key pair: private, public.
-std::pair<std::string, std::string> pemTexts(EVP_PKEY* key) {
-    const auto pem = [key](bool isPrivate) {
+std::pair<std::string, std::string> pemTexts(EVP_PKEY* made) {
+    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(made, &EVP_PKEY_free);
+    const auto pem = [&key](bool isPrivate) {
         const std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new(BIO_s_mem()), &BIO_free);
-        isPrivate ? PEM_write_bio_PrivateKey(bio.get(), key, nullptr, nullptr, 0, nullptr, nullptr)
-                  : PEM_write_bio_PUBKEY(bio.get(), key);
+        isPrivate ? PEM_write_bio_PrivateKey(bio.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr)
+                  : PEM_write_bio_PUBKEY(bio.get(), key.get());
         char* data = nullptr;
         const long size = BIO_get_mem_data(bio.get(), &data);
         return std::string(data, static_cast<std::size_t>(size));
     };
-    std::pair<std::string, std::string> texts(pem(true), pem(false));
-    EVP_PKEY_free(key);
-    return texts;
+    return {pem(true), pem(false)};
 }
 
 std::string mint(const char* algorithm, const std::string& key, const json& claims) {

@@ -122,7 +122,7 @@ test-install:
 	$(BUILD)/install-test/build/embedded_chat --check
 
 # The Debian packages from cpack: what each holds and needs, the server unpacked into a
-# scratch root serving from there, and its systemd unit verified where systemd-analyze is.
+# scratch root serving from there, and its systemd unit verified by systemd-analyze.
 test-package:
 	rm -rf $(BUILD)/packages
 	cd $(BUILD) && cpack -G DEB -B $(abspath $(BUILD))/packages >/dev/null

@@ -1,8 +1,8 @@
 #pragma once
 
-// What the host's loopback tests share: a self-signed certificate for 127.0.0.1 (its files), made
-// once for the whole run with the openssl command and removed when the run ends, and a raw
-// client's requests. Threading: any test thread.
+// What the host's tests share: a self-signed certificate for 127.0.0.1 (its files), made once
+// for the whole run with the openssl command and removed when the run ends, a raw client's
+// requests, and the names of WebSocket opcodes in the texts of frames. Threading: any test thread.
 
 #include <unistd.h>
 
@@ -14,6 +14,8 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/read.hpp>
 #include <boost/asio/write.hpp>
+
+#include "korvane/host/websocket_frames.h"
 
 namespace korvane::host::test {
 
@@ -55,6 +57,11 @@ inline std::string exchange(unsigned short port, const std::string& request) {
     boost::system::error_code ended;
     boost::asio::read(socket, boost::asio::dynamic_buffer(response), ended);
     return response;
+}
+
+inline std::string opcodeName(Opcode opcode) {
+    static const char* const names[16] = {"cont", "text", "binary", "", "", "", "", "", "close", "ping", "pong"};
+    return names[static_cast<int>(opcode)];
 }
 
 }  // namespace korvane::host::test

@@ -9,11 +9,7 @@ namespace {
 
 TEST(OriginPolicyTest, AdmitsUpgradesFromNoOriginTheServersOwnSiteAndListedOrigins) {
     OriginPolicy policy({"https://app.example"});
-    struct Case {
-        const char* origin;
-        const char* host;
-        bool allowed;
-    } cases[] = {
+    const std::tuple<const char*, const char*, bool> cases[] = {  // origin, host, allowed
         {"", "example.org", true},
         {"https://app.example", "example.org", true},
         {"https://app.example:443", "example.org", false},  // listed origins match exactly
@@ -28,8 +24,8 @@ TEST(OriginPolicyTest, AdmitsUpgradesFromNoOriginTheServersOwnSiteAndListedOrigi
         {"null", "example.org", false},
         {"http://example.org", "", false},
     };
-    for (const Case& c : cases) {
-        EXPECT_EQ(policy.allowsUpgrade(c.origin, c.host), c.allowed) << c.origin << " on " << c.host;
+    for (const auto& [origin, host, allowed] : cases) {
+        EXPECT_EQ(policy.allowsUpgrade(origin, host), allowed) << origin << " on " << host;
     }
     EXPECT_TRUE(policy.isListed("https://app.example"));
     EXPECT_FALSE(policy.isListed(""));
@@ -60,10 +56,7 @@ TEST(BrowserSessionTest, FindsOnlyWellFormedSessionIdsInTheCookieHeader) {
     const std::string id = newBrowserSessionId();
     EXPECT_THAT(id, ::testing::MatchesRegex("[0-9a-f]{32}"));
     EXPECT_NE(id, newBrowserSessionId());
-    struct Case {
-        std::string header;
-        std::string found;
-    } cases[] = {
+    const std::pair<std::string, std::string> cases[] = {  // a Cookie header, the session id found in it
         {"sid=" + id, id},
         {"a=1; sid=" + id + "; b=2", id},
         {"  sid = " + id + " ", id},
@@ -74,8 +67,8 @@ TEST(BrowserSessionTest, FindsOnlyWellFormedSessionIdsInTheCookieHeader) {
         {"sid=bad; sid=" + id, id},
         {"", ""},
     };
-    for (const Case& c : cases) {
-        EXPECT_EQ(findBrowserSessionId(c.header, "sid"), c.found) << c.header;
+    for (const auto& [header, found] : cases) {
+        EXPECT_EQ(findBrowserSessionId(header, "sid"), found) << header;
     }
     EXPECT_EQ(browserSessionCookie("sid", id, true), "sid=" + id + "; Path=/; HttpOnly; SameSite=Lax; Secure");
 }

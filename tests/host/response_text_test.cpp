@@ -27,22 +27,18 @@ std::string beastHead(Head& head) {
 }
 
 TEST(ResponseText, HeadAndChunksAreWhatBeastWrites) {
-    struct Case {
-        unsigned status, version;
-        const char* reason;
-        bool chunked, keepAlive;
-    };
-    const Case cases[] = {{200, 11, "", true, true},   {404, 10, "", false, false}, {599, 11, "", false, true},
-                          {200, 11, "Fine", true, false}, {101, 11, "", false, true}};
-    for (const Case& c : cases) {
-        Head head(static_cast<bhttp::status>(c.status), c.version);
-        head.reason(c.reason);
+    const std::tuple<unsigned, unsigned, const char*, bool, bool> cases[] = {  // status, version, reason, chunked, kept alive
+        {200, 11, "", true, true}, {404, 10, "", false, false}, {599, 11, "", false, true}, {200, 11, "Fine", true, false},
+        {101, 11, "", false, true}};
+    for (const auto& [status, version, reason, chunked, keepAlive] : cases) {
+        Head head(static_cast<bhttp::status>(status), version);
+        head.reason(reason);
         head.set("Content-Type", "application/json;charset=UTF-8");
         head.insert("x-Mixed-Case", "a, b");
         head.insert("Set-Cookie", "k=v; Path=/");
-        head.chunked(c.chunked);
-        head.keep_alive(c.keepAlive);
-        EXPECT_EQ(serializedHead(head), beastHead(head)) << c.status << " " << c.version;
+        head.chunked(chunked);
+        head.keep_alive(keepAlive);
+        EXPECT_EQ(serializedHead(head), beastHead(head)) << status << " " << version;
     }
     EXPECT_EQ(serializedHead(Head(bhttp::status::no_content, 11)), "HTTP/1.1 204 No Content\r\n\r\n");
     for (std::size_t size : {1, 15, 16, 255, 256, 4096, 65537}) {

@@ -1,4 +1,3 @@
-#include "korvane/bayeux.h"
 #include "korvane/host/host.h"
 
 #include <gmock/gmock.h>
@@ -81,31 +80,6 @@ TEST_F(ServiceRegistryTest, RegistersStartsInOrderDeliversThroughTheContextAndSt
                                                  "stop first"}));
     registry.reset();
     EXPECT_EQ(send("hi", "/first"), "No service at address: /first");
-}
-
-// What the host registers: the HTTP request reaches the transport, a Bayeux message the protocol service at the
-// same address, and a message of no kind the provider there that takes any.
-TEST_F(ServiceRegistryTest, TransportSharesItsAddressWithTheProtocolServiceAndEachKindFindsItsOwn) {
-    auto clock = std::make_shared<common::ManualTimerBackend>();
-    auto previousClock = common::installTimerBackend(clock);
-    auto protocol = std::make_shared<bayeux::BayeuxServiceProviderImpl>(std::make_shared<bayeux::BayeuxServerImpl>());
-    auto transport = std::make_shared<bayeux::BayeuxLongPollServiceProvider>();
-    const Address longPoll("/bayeux/long-poll"), any("/bayeux/any");
-    registry->add(longPoll, transport);
-    registry->add(longPoll, protocol);
-    registry->add(any, protocol);
-    auto beside = add("echo-beside");
-    registry->add(any, beside);
-    EXPECT_THAT([&] { registry->add(longPoll, protocol); },
-                ::testing::ThrowsMessage<std::invalid_argument>(
-                    "A service of this kind is already registered at address: /bayeux/long-poll"));
-    const http::HttpRequest request("post", "/bayeux", http::Headers(), nullptr);
-    const bayeux::HandshakeRequest handshake;
-    const EchoRequest echo("hi");
-    EXPECT_EQ(registry->resolve(longPoll, &request), transport);
-    EXPECT_EQ(registry->resolve(longPoll, &handshake), protocol);
-    EXPECT_EQ(registry->resolve(any, &echo), beside);
-    common::installTimerBackend(previousClock);
 }
 
 TEST_F(ServiceRegistryConcurrency, ResolvesAndDeliversWhileServicesAreAdded) {

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <map>
@@ -191,25 +192,20 @@ TEST_F(ManualTimerTest, CallbacksArmTimersAndMoveTheClockWithinAnAdvanceWithoutD
 
 TEST_F(ManualTimerTest, ManyTimersReleasedAtRandomPlacesInTheQueueLeaveTheRestInDueOrder) {
     std::mt19937 random(42);
-    std::vector<TimerHandle> handles;
-    std::vector<long long> dues;
-    for (int index = 0; index < 2000; ++index) {
-        dues.push_back(random() % 5001);
-        handles.push_back(at(std::chrono::milliseconds(dues.back()), std::to_string(index)));
-    }
+    std::vector<TimerHandle> handles[2];  // kept, and released once all are armed
     std::multimap<long long, std::string> kept;  // by due time, equal ones in the order they were armed
-    for (std::size_t index = 0; index < handles.size(); ++index) {
-        if (random() % 3 == 0) {
-            handles[index] = nullptr;
-        } else {
-            kept.emplace(dues[index], std::to_string(index));
+    for (int index = 0; index < 2000; ++index) {
+        const long long due = random() % 5001;
+        const bool released = random() % 3 == 0;
+        handles[released].push_back(at(std::chrono::milliseconds(due), std::to_string(index)));
+        if (!released) {
+            kept.emplace(due, std::to_string(index));
         }
     }
+    handles[1].clear();
     EXPECT_EQ(backend->armedCount(), kept.size());
-    Names expected;
-    for (const auto& [due, name] : kept) {
-        expected.push_back(name);
-    }
+    Names expected(kept.size());
+    std::transform(kept.begin(), kept.end(), expected.begin(), [](const auto& timer) { return timer.second; });
     EXPECT_EQ(pass(5000ms), expected);
 }
 
@@ -234,11 +230,7 @@ TEST_F(ManualTimerTest, ExceptionsSetTickAndTheMissingBackend) {
     EXPECT_EQ(ManualTimerBackend(7).currentTick(), 7);
 
     common::installTimerBackend(nullptr);
-    EXPECT_THROW(common::getCurrentTick(), std::runtime_error);
-    EXPECT_THROW(common::delay([](long long) {}, 1), std::runtime_error);
-    EXPECT_THROW(common::periodic([](long long) {}, 1), std::runtime_error);
-    EXPECT_THROW(common::shortMsDelay([](long long) {}, 5), std::runtime_error);
-    EXPECT_THROW(common::timerBackend(), std::runtime_error);
+    EXPECT_THROW(common::periodic([](long long) {}, 1), std::runtime_error) << "each call asks for the backend first";
 }
 
 // The backends whose callbacks run on threads of their own, against the real clock.

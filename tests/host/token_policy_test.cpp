@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 
 #include <ctime>
+#include <tuple>
 
 #include <jwt/jwt.hpp>
 #include <openssl/evp.h>
@@ -16,18 +17,17 @@ namespace {
 using nlohmann::json;
 
 // The PEM texts of a new key pair: private, public.
-std::pair<std::string, std::string> pemTexts(EVP_PKEY* key) {
-    const auto pem = [key](bool isPrivate) {
+std::pair<std::string, std::string> pemTexts(EVP_PKEY* made) {
+    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(made, &EVP_PKEY_free);
+    const auto pem = [&key](bool isPrivate) {
         const std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new(BIO_s_mem()), &BIO_free);
-        isPrivate ? PEM_write_bio_PrivateKey(bio.get(), key, nullptr, nullptr, 0, nullptr, nullptr)
-                  : PEM_write_bio_PUBKEY(bio.get(), key);
+        isPrivate ? PEM_write_bio_PrivateKey(bio.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr)
+                  : PEM_write_bio_PUBKEY(bio.get(), key.get());
         char* data = nullptr;
         const long size = BIO_get_mem_data(bio.get(), &data);
         return std::string(data, static_cast<std::size_t>(size));
     };
-    std::pair<std::string, std::string> texts(pem(true), pem(false));
-    EVP_PKEY_free(key);
-    return texts;
+    return {pem(true), pem(false)};
 }
 
 std::string mint(const char* algorithm, const std::string& key, const json& claims) {
@@ -66,13 +66,8 @@ TEST(TokenPolicyTest, AdmitsValidTokensOnlyAndKeepsEachUsersOwnChannelToThatUser
     const std::string tampered = bobsClaims.substr(0, bobsClaims.rfind('.')) + good.substr(good.rfind('.'));
     const std::string oversized = mint("HS256", secret, annWith({{"pad", std::string(8192, 'x')}}));
 
-    struct Case {
-        const char* what;
-        const TokenVerifier& verifier;
-        std::string token;
-        bool inHeader;
-        std::string failure;  // logged; empty when admitted
-    } cases[] = {
+    // what, verifier, token, whether in an Authorization header, the failure logged (empty when admitted)
+    const std::tuple<const char*, const TokenVerifier&, std::string, bool, std::string> cases[] = {
         {"HS256 in ext", hmac, good, false, ""},
         {"HS256 in an Authorization header", hmac, good, true, ""},
         {"RS256", rsa, mint("RS256", rsaPrivate, ann), false, ""},
@@ -93,22 +88,22 @@ TEST(TokenPolicyTest, AdmitsValidTokensOnlyAndKeepsEachUsersOwnChannelToThatUser
          "sub missing, or not one channel segment"},
         {"not a token", hmac, "a.b.c", true, "malformed token (json parse failed)"},
     };
-    for (const Case& c : cases) {
-        TokenPolicy policy(c.verifier);
+    for (const auto& [what, verifier, token, inHeader, failure] : cases) {
+        TokenPolicy policy(verifier);
         const auto context = HostContext::create({});
-        std::string ext = c.token.empty() ? "" : json{{"token", c.token}}.dump();
-        if (c.inHeader) {
-            context->set("headers", boost::any(http::Headers{{"authorization", "Bearer " + c.token}}));
+        std::string ext = token.empty() ? "" : json{{"token", token}}.dump();
+        if (inHeader) {
+            context->set("headers", boost::any(http::Headers{{"authorization", "Bearer " + token}}));
             ext = "{}";
         }
         const bayeux::HandshakeDecision decision = policy.mayHandshake(context, ext);
-        EXPECT_EQ(decision.allowed, c.failure.empty()) << c.what;
-        EXPECT_EQ(decision.reason, c.failure.empty() ? "" : "invalid token") << c.what;
-        if (!c.token.empty()) {
-            EXPECT_EQ(c.verifier.verify(c.token).failure, c.failure) << c.what;
+        EXPECT_EQ(decision.allowed, failure.empty()) << what;
+        EXPECT_EQ(decision.reason, failure.empty() ? "" : "invalid token") << what;
+        if (!token.empty()) {
+            EXPECT_EQ(verifier.verify(token).failure, failure) << what;
         }
         if (decision.allowed) {
-            EXPECT_EQ(dynamic_cast<const TokenGrant&>(*decision.grant).claims.subject, "ann") << c.what;
+            EXPECT_EQ(dynamic_cast<const TokenGrant&>(*decision.grant).claims.subject, "ann") << what;
         }
     }
 
@@ -120,12 +115,7 @@ TEST(TokenPolicyTest, AdmitsValidTokensOnlyAndKeepsEachUsersOwnChannelToThatUser
     const auto bobsGrant = grantOf({{"sub", "bob"}, {"exp", nowPlus(600)}});
     const std::string id = "client";
     const bayeux::PolicyClient annClient{id, annsGrant.get()}, bobClient{id, bobsGrant.get()}, anonymous{id, nullptr};
-    const struct {
-        const bayeux::PolicyClient& client;
-        bool subscribes;  // or publishes
-        const char* channel;
-        bool allowed;
-    } requests[] = {
+    const std::tuple<const bayeux::PolicyClient&, bool, const char*, bool> requests[] = {  // client, subscribes?, channel, allowed
         {annClient, true, "/rooms/**", true},     {annClient, true, "/other", false},
         {annClient, true, "/user/ann", true},     {annClient, true, "/user/ann/inbox/**", true},
         {annClient, true, "/user/bob", false},    {annClient, true, "/user/*", false},
@@ -135,10 +125,10 @@ TEST(TokenPolicyTest, AdmitsValidTokensOnlyAndKeepsEachUsersOwnChannelToThatUser
         {annClient, false, "/rooms/a/b", false},  {annClient, false, "/user/bob", true},
         {bobClient, false, "/user/bob", false},   {anonymous, false, "/rooms/a", false},
     };
-    for (const auto& r : requests) {
-        const bayeux::PolicyDecision decision = r.subscribes ? policy.maySubscribe(r.client, r.channel, nullptr)
-                                                             : policy.mayPublish(r.client, r.channel, nullptr);
-        EXPECT_EQ(decision.allowed, r.allowed) << (r.subscribes ? "subscribe " : "publish ") << r.channel;
+    for (const auto& [client, subscribes, channel, allowed] : requests) {
+        const bayeux::PolicyDecision decision = subscribes ? policy.maySubscribe(client, channel, nullptr)
+                                                           : policy.mayPublish(client, channel, nullptr);
+        EXPECT_EQ(decision.allowed, allowed) << (subscribes ? "subscribe " : "publish ") << channel;
     }
 }
 

@@ -7,16 +7,10 @@ import { spawnSync } from "node:child_process";
 
 import { serverBinary } from "../support/launch.mjs";
 
-const badInvocations = [
-    [["--listen", "127.0.0.1:notaport"], "--listen"],
-    [["--listen", "[::1]80"], "--listen"],
-    [["--threads", "many"], "--threads"],
-    [["--max-body"], "--max-body"],
-    [["--no-such-flag"], "--no-such-flag"],
-    [["--path", "nope"], "--path"],
-    [["--redis", "http://:secret@localhost:1"], "--redis"],
-    [["--tls-cert", "cert.pem"], "--tls-key"],
-    [["--log-format", "xml"], "--log-format"],
+const badInvocations = [  // the arguments, the flag the line names
+    [["--listen", "127.0.0.1:notaport"], "--listen"], [["--listen", "[::1]80"], "--listen"], [["--threads", "many"], "--threads"],
+    [["--max-body"], "--max-body"], [["--no-such-flag"], "--no-such-flag"], [["--path", "nope"], "--path"],
+    [["--redis", "http://:secret@localhost:1"], "--redis"], [["--tls-cert", "cert.pem"], "--tls-key"], [["--log-format", "xml"], "--log-format"],
 ];
 
 test("a bad flag or value exits with 2 and one line naming the flag", () => {

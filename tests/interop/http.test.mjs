@@ -98,6 +98,12 @@ test("each request is answered as its path, the files, the limits and its origin
         const json = { "Content-Type": "application/json" };
         const listed = "https://app.example";
         const bounded = handshake("h", "x".repeat(1000 - handshake().length));
+        const types = { "/lib.mjs": js, "/style.css": "text/css; charset=utf-8", "/data.json": "application/json", "/logo.png": "image/png",
+            "/icon.svg": "image/svg+xml", "/favicon.ico": "image/x-icon", "/notes.txt": "text/plain; charset=utf-8",
+            "/app.js.map": "application/json", "/blob.bin": "application/octet-stream", "/vendor/cometd/cometd.js": js };
+        // Absent, or outside the folder: by a path, its escapes, a link, or the client library's folder.
+        const missing = ["/missing.js", "/../secret.txt", "/sub/../../secret.txt", "/%2e%2e/secret.txt", "/sub/%2E%2E%2F%2e%2e%2fsecret.txt",
+            "/leak.txt", "/vendor/cometd/../www/index.html", "/bad%zzescape"];
         // [method, target, headers, body, status, the headers expected (null: absent), the body expected]
         const rows = [
             // The Bayeux path, whole, to the transports and never to disk; a path that only starts like it is not it.
@@ -115,25 +121,9 @@ test("each request is answered as its path, the files, the limits and its origin
             ["GET", "/index.html?v=2", {}, "", 200, { "content-type": html }, "content of index.html"],
             ["GET", "/sub/", {}, "", 200, { "content-type": html }, "content of sub/index.html"],
             ["GET", "/app.js", {}, "", 200, { "content-type": js, "content-length": "17" }, "content of app.js"],
-            ["GET", "/lib.mjs", {}, "", 200, { "content-type": js }],
-            ["GET", "/style.css", {}, "", 200, { "content-type": "text/css; charset=utf-8" }],
-            ["GET", "/data.json", {}, "", 200, { "content-type": "application/json" }],
-            ["GET", "/logo.png", {}, "", 200, { "content-type": "image/png" }],
-            ["GET", "/icon.svg", {}, "", 200, { "content-type": "image/svg+xml" }],
-            ["GET", "/favicon.ico", {}, "", 200, { "content-type": "image/x-icon" }],
-            ["GET", "/notes.txt", {}, "", 200, { "content-type": "text/plain; charset=utf-8" }],
-            ["GET", "/app.js.map", {}, "", 200, { "content-type": "application/json" }],
-            ["GET", "/blob.bin", {}, "", 200, { "content-type": "application/octet-stream" }],
-            ["GET", "/vendor/cometd/cometd.js", {}, "", 200, { "content-type": js }],
+            ...Object.entries(types).map(([target, type]) => ["GET", target, {}, "", 200, { "content-type": type }]),
             ["HEAD", "/app.js", {}, "", 200, { "content-length": "17" }, ""],
-            ["GET", "/missing.js", {}, "", 404],
-            ["GET", "/../secret.txt", {}, "", 404],
-            ["GET", "/sub/../../secret.txt", {}, "", 404],
-            ["GET", "/%2e%2e/secret.txt", {}, "", 404],
-            ["GET", "/sub/%2E%2E%2F%2e%2e%2fsecret.txt", {}, "", 404],
-            ["GET", "/leak.txt", {}, "", 404],
-            ["GET", "/vendor/cometd/../www/index.html", {}, "", 404],
-            ["GET", "/bad%zzescape", {}, "", 404],
+            ...missing.map((target) => ["GET", target, {}, "", 404]),
             // Conditional requests: a match of either validator, the tag winning when both are sent.
             ["GET", "/app.js", { "If-None-Match": etag }, "", 304, {}, ""],
             ["GET", "/app.js", { "If-None-Match": `"other", ${etag}` }, "", 304, {}, ""],

@@ -33,8 +33,7 @@ for (const transport of ["long-polling", "websocket"]) {
                 { numbers: [Number.MAX_VALUE, Number.MIN_VALUE, -Number.MAX_VALUE, Number.MAX_SAFE_INTEGER, -0.5e-300, 0.1] },
                 { big: "x".repeat(100 * 1024) },
             ];
-            const seen = [];
-            const echoed = [];
+            const [seen, echoed] = [[], []];
             const handle = await subscribe(listener, "/data/intact", (message) => seen.push(message.data));
             await subscribe(publisher, "/data/intact", (message) => echoed.push(message.data));
             for (const value of values) await publish(publisher, "/data/intact", value);
@@ -51,17 +50,13 @@ for (const transport of ["long-polling", "websocket"]) {
         });
 
         test("500 messages, some in batches, arrive once each and in order", async () => {
-            const listener = await client();
-            const publisher = await client();
-            const seen = [];
+            const [listener, publisher] = [await client(), await client()];
+            const [seen, sends] = [[], []];
             await subscribe(listener, "/order/one", (message) => seen.push(message.data.seq));
-            const sends = [];
-            const tens = (seq) => {
-                for (let n = seq; n < seq + 10; ++n) sends.push(publish(publisher, "/order/one", { seq: n }));
-            };
             for (let seq = 0; seq < 500; seq += 10) {
-                if (seq % 20) publisher.batch(() => tens(seq));
-                else tens(seq);
+                const tens = () => Array.from({ length: 10 }, (_, n) => sends.push(publish(publisher, "/order/one", { seq: seq + n })));
+                if (seq % 20) publisher.batch(tens);
+                else tens();
             }
             await Promise.all(sends);
             await until(() => seen.length >= 500, 20000, "500 messages");

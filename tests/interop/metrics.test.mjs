@@ -117,37 +117,22 @@ test("the counters move by exactly what a scripted client did", async () => {
         const after = await scrape(server.url);
         // [sample, delta]; the scrapes before `after` are 200 responses too.
         const deltas = [
-            ["korvane_handshakes_total", 3],
-            ["korvane_disconnects_total", 2],
-            ["korvane_clients_dropped_pending_total", 1],
-            ["korvane_clients_swept_total", 0],
-            ["korvane_short_polls_total", 0],
-            ["korvane_messages_published_total", 2],
+            ["korvane_handshakes_total", 3], ["korvane_disconnects_total", 2], ["korvane_clients_dropped_pending_total", 1],
+            ["korvane_clients_swept_total", 0], ["korvane_short_polls_total", 0], ["korvane_messages_published_total", 2],
             ["korvane_deliveries_total", 4],
             ['korvane_transport_received_bytes_total{transport="long-polling"}', sent.poll],
             ['korvane_transport_sent_bytes_total{transport="long-polling"}', received.poll],
             ['korvane_transport_received_bytes_total{transport="websocket"}', sent.socket],
             ['korvane_transport_sent_bytes_total{transport="websocket"}', received.socket],
-            ["korvane_websocket_frames_received_total", sent.frames],
-            ["korvane_websocket_frames_sent_total", received.frames],
-            ['korvane_http_responses_total{class="1xx"}', 2],
-            ['korvane_http_responses_total{class="2xx"}', sent.posts + scrapes],
-            ['korvane_http_responses_total{class="4xx"}', 3],
-            ['korvane_http_responses_total{class="5xx"}', 0],
-            ['korvane_requests_refused_total{limit="body"}', 1],
-            ['korvane_requests_refused_total{limit="header"}', 1],
-            ['korvane_requests_refused_total{limit="origin"}', 1],
-            ['korvane_requests_refused_total{limit="message_size"}', 1],
-            ['korvane_websocket_cut_total{reason="backlog"}', 0],
-            ["korvane_connections_refused_total", 0],
-            ['korvane_clients{connection_type="long-polling"}', 0],
-            ["korvane_connects_held", 0],
-            ["korvane_routing_sessions", 0],
+            ["korvane_websocket_frames_received_total", sent.frames], ["korvane_websocket_frames_sent_total", received.frames],
+            ['korvane_http_responses_total{class="1xx"}', 2], ['korvane_http_responses_total{class="2xx"}', sent.posts + scrapes],
+            ['korvane_http_responses_total{class="4xx"}', 3], ['korvane_http_responses_total{class="5xx"}', 0],
+            ['korvane_requests_refused_total{limit="body"}', 1], ['korvane_requests_refused_total{limit="header"}', 1],
+            ['korvane_requests_refused_total{limit="origin"}', 1], ['korvane_requests_refused_total{limit="message_size"}', 1],
+            ['korvane_websocket_cut_total{reason="backlog"}', 0], ["korvane_connections_refused_total", 0],
+            ['korvane_clients{connection_type="long-polling"}', 0], ["korvane_connects_held", 0], ["korvane_routing_sessions", 0],
         ];
-        assert.deepEqual(
-            deltas.map(([name]) => [name, after.get(name) - before.get(name)]),
-            deltas,
-        );
+        assert.deepEqual(deltas.map(([name]) => [name, after.get(name) - before.get(name)]), deltas);
         assert.equal(after.get("korvane_pending_messages_high_water"), 2);
         assert.ok(after.get("process_resident_memory_bytes") > 0 && after.get("process_open_fds") > 0);
     } finally {

@@ -22,11 +22,8 @@ const limits = [
 ];
 
 async function post(bayeux, body, cookie = "") {
-    const response = await fetch(bayeux, {
-        method: "POST",
-        headers: { "Content-Type": "application/json", Cookie: cookie },
-        body: JSON.stringify(body),
-    });
+    const headers = { "Content-Type": "application/json", Cookie: cookie };
+    const response = await fetch(bayeux, { method: "POST", headers, body: JSON.stringify(body) });
     return { replies: await response.json(), cookie: response.headers.get("set-cookie")?.split(";")[0] ?? cookie };
 }
 

@@ -60,11 +60,7 @@ test("the unpacked server serves its own page, the client library and a handshak
     }
 });
 
-test("the systemd unit passes systemd-analyze verify", (t) => {
-    if (spawnSync("systemd-analyze", ["--version"]).error) {
-        t.skip("systemd-analyze is not on this machine: the unit is not verified");
-        return;
-    }
+test("the systemd unit passes systemd-analyze verify", () => {
     // The units systemd ships, which ours needs (sysinit.target and on), beside it in the root.
     const units = path.join(root, "usr/lib/systemd/system");
     cpSync(["/usr/lib/systemd/system", "/lib/systemd/system"].find(existsSync), units, { recursive: true, force: false });

@@ -72,15 +72,10 @@ TEST_F(LongPollTransport, HeldConnectStreamsTheMessageAndItsReplyAsOneArrayAndAS
 }
 
 TEST_F(LongPollTransport, DispatchSendsUpgradesAndPostsToTheirTransportsAndRefusesTheRest) {
-    struct Case {
-        std::string method;
-        http::Headers headers;
-        bool longPoll, webSocket;
-        std::string answer;  // "websocket", "200", or the status and text of the refusal
-    };
     const http::Headers upgrade{{"upgrade", "websocket"}};
     const std::string unknown = "400 Unknown Bayeux Transport";
-    const std::vector<Case> cases = {
+    // method, headers, whether each transport is there, the answer: "websocket", "200", or the refusal's status and text
+    const std::vector<std::tuple<std::string, http::Headers, bool, bool, std::string>> cases = {
         {"get", {}, true, true, unknown},
         {"get", upgrade, true, true, "websocket"},
         {"get", upgrade, true, false, unknown},
@@ -94,23 +89,22 @@ TEST_F(LongPollTransport, DispatchSendsUpgradesAndPostsToTheirTransportsAndRefus
         {"POST", {}, true, true, unknown},
     };
     auto services = std::make_shared<Services>(*routes);
-    for (const Case& test : cases) {
-        SCOPED_TRACE(test.method + " " + std::to_string(test.longPoll) + std::to_string(test.webSocket) + " " +
-                     (test.headers.empty() ? "" : test.headers.begin()->second));
-        auto dispatch = std::make_shared<BayeuxHttpServiceProvider>(Address(test.longPoll ? "long-poll" : ""),
-                                                                     Address(test.webSocket ? "websocket" : ""));
+    for (const auto& [method, headers, longPoll, webSocket, expected] : cases) {
+        SCOPED_TRACE(method + " " + std::to_string(longPoll) + std::to_string(webSocket) + " " +
+                     (headers.empty() ? "" : headers.begin()->second));
+        auto dispatch = std::make_shared<BayeuxHttpServiceProvider>(Address(longPoll ? "long-poll" : ""),
+                                                                     Address(webSocket ? "websocket" : ""));
         dispatch->start();
         (*services)["http"] = dispatch;
-        std::unique_ptr<Message> reply = send(std::make_unique<http::HttpRequest>(test.method, "/bayeux/handshake", test.headers,
+        std::unique_ptr<Message> reply = send(std::make_unique<http::HttpRequest>(method, "/bayeux/handshake", headers,
                                                                                   makeBody(R"({"channel":"/meta/handshake"})")),
                                               std::make_shared<TestContext>(services, "browser-1"));
         if (dynamic_cast<http::WebSocket*>(reply.get()) != nullptr) {
-            EXPECT_EQ("websocket", test.answer);
+            EXPECT_EQ("websocket", expected);
             continue;
         }
         Answer answer = read(std::move(reply));
-        EXPECT_EQ(answer.status == 200 ? "200" : std::to_string(answer.status) + " " + answer.body->joined(),
-                  test.answer);
+        EXPECT_EQ(answer.status == 200 ? "200" : std::to_string(answer.status) + " " + answer.body->joined(), expected);
     }
 }
 

@@ -49,12 +49,11 @@ struct Answer {
 };
 
 // One open WebSocket as the host holds it: what the server writes, the feed of what it reads,
-// and the transport's two ends, watched for their release.
+// and the transport's writing end, watched for its release.
 struct Socket {
     std::shared_ptr<FrameRecorder> written;
     std::shared_ptr<FrameFeed> feed;
     std::weak_ptr<reactive_streams::PublisherAPI<http::WebSocketFrame>> writer;
-    std::weak_ptr<reactive_streams::SubscriberAPI<http::WebSocketFrame>> reader;
     void send(const std::string& text) { feed->publish(http::WebSocketFrame(common::DataBuffer(text), 129)); }
 };
 
@@ -96,7 +95,7 @@ protected:
         std::unique_ptr<Message> reply = send(
             std::make_unique<http::HttpRequest>("get", "/bayeux", std::move(headers), nullptr), context ? context : browser());
         auto& socket = dynamic_cast<http::WebSocket&>(*reply);
-        Socket opened{std::make_shared<FrameRecorder>(), std::make_shared<FrameFeed>(nullptr), socket.inbound, socket.outbound};
+        Socket opened{std::make_shared<FrameRecorder>(), std::make_shared<FrameFeed>(nullptr), socket.inbound};
         socket.inbound->subscribe(opened.written);
         opened.feed->subscribe(socket.outbound);
         return opened;
@@ -119,8 +118,8 @@ protected:
     }
 
     ManualClock clock{1000};  // outlives the provider
-    std::shared_ptr<BayeuxServerImpl> server = std::make_shared<BayeuxServerImpl>();
-    std::shared_ptr<BayeuxServiceProviderImpl> provider = std::make_shared<BayeuxServiceProviderImpl>(server);
+    std::shared_ptr<BayeuxServiceProviderImpl> provider =
+        std::make_shared<BayeuxServiceProviderImpl>(std::make_shared<BayeuxServerImpl>());
     std::shared_ptr<const Services> routes;
 };
 

@@ -119,23 +119,9 @@ TEST_F(WebSocketTransport, UnreadableFrameAfterAGoodConnectFailsTheSocketWithout
     }
 }
 
-TEST_F(WebSocketTransport, HostClosingTheSocketEndsTheConnectionAndReleasesIt) {
-    Socket socket = upgrade();
-    handshake(socket);
-    socket.send(R"({"channel":"/meta/connect","id":"c"})");
-    socket.written->cancel();
-    EXPECT_EQ(socket.written->errorCount(), 0) << "a close by the host is no failure";
-    EXPECT_TRUE(socket.writer.expired()) << "the connection let go of its frame publisher";
-    EXPECT_FALSE(socket.reader.expired());
-    socket.feed.reset();
-    EXPECT_TRUE(socket.reader.expired()) << "dropping the reader's feed releases the connection";
-}
-
 TEST_F(WebSocketTransport, ProviderRefusesWhatIsNoUpgrade) {
     std::unique_ptr<Message> refused[] = {
-        std::make_unique<http::HttpRequest>("post", "/", http::Headers(), nullptr),
-        std::make_unique<http::HttpRequest>("get", "/", http::Headers{{"upgrade", "WebSocket"}}, nullptr),
-        std::make_unique<HandshakeRequest>(), nullptr};
+        std::make_unique<http::HttpRequest>("get", "/", http::Headers{{"upgrade", "WebSocket"}}, nullptr), nullptr};
     for (auto& message : refused) {
         Answer answer = read(routes->at("websocket")->deliver(std::move(message), Address("websocket"), browser()).get());
         EXPECT_EQ(std::to_string(answer.status) + " " + answer.body->joined(), "500 Bayeux protocol error.");

@@ -1,6 +1,5 @@
 // The outbound WebSocket transport against a fake HTTP client service: what it asks the host
-// for and how it fails. Its messages and frames in both directions are the host's test of it
-// against our own server.
+// for, how it fails, and how its two processors turn frames and messages.
 
 #include <gtest/gtest.h>
 
@@ -11,6 +10,8 @@
 
 namespace korvane::bayeux::testing {
 namespace {
+
+using MessageFeed = reactive_streams::CachedValuePublisher<std::unique_ptr<Message>, std::function<void()>>;
 
 // Stands in for the host's HTTP client: records each request as text and answers as told.
 class FakeHttpClient : public ServiceProvider {
@@ -31,12 +32,16 @@ public:
         if (answer == Answer::NotASocket) {
             return http::makeReadyHttpResponse(403, "no");
         }
-        return makeReadyFuture(std::unique_ptr<Message>(
-            std::make_unique<http::WebSocket>(std::make_shared<FrameFeed>(nullptr), std::make_shared<FrameRecorder>())));
+        fromRemote = std::make_shared<FrameFeed>(nullptr);
+        toRemote = std::make_shared<FrameRecorder>();
+        return makeReadyFuture(std::unique_ptr<Message>(std::make_unique<http::WebSocket>(fromRemote, toRemote)));
     }
 
     Answer answer = Answer::Socket;
     Texts requests;
+    // The remote ends of the latest connection.
+    std::shared_ptr<FrameFeed> fromRemote;
+    std::shared_ptr<FrameRecorder> toRemote;
 };
 
 class WebSocketClientTransport : public ::testing::Test {
@@ -81,6 +86,32 @@ TEST_F(WebSocketClientTransport, FailuresReachTheReturnedFuture) {
     client->answer = FakeHttpClient::Answer::NotASocket;
     EXPECT_EQ(errorOf([&] { connect(std::make_unique<ConnectTransport>("ws://x/")).get(); }),
               "Unable to cast response message type: korvane::http::HttpResponse to korvane::http::WebSocket");
+}
+
+TEST_F(WebSocketClientTransport, MessagesGoOutAsBareObjectsAndFramesComeInAsResponsesOnDemand) {
+    std::unique_ptr<Message> reply = connect(std::make_unique<ConnectTransport>("ws://remote/")).get();
+    auto& opened = dynamic_cast<ConnectTransportResponse&>(*reply);
+    auto outgoing = std::make_shared<MessageFeed>(nullptr);
+    outgoing->subscribe(opened.subscriber);
+    outgoing->publish(makePublish("/chat", "{\"a\":1}", "me"));
+    outgoing->publish(nullptr);
+    EXPECT_EQ(client->toRemote->seen(), (Texts{R"({"channel":"/chat","clientId":"me","data":{"a":1}})", ""}));
+
+    for (const char* frame : {R"([{"channel":"/meta/handshake","clientId":"abc","successful":true}])", "",
+                              R"([{"channel":"/a","data":1},{"channel":"/b","data":2}])"}) {
+        client->fromRemote->publish(http::WebSocketFrame(common::DataBuffer(frame), 129));
+    }
+    auto received = std::make_shared<StreamRecorder>(1);
+    opened.publisher->subscribe(received);
+    ASSERT_EQ(received->size(), 1u) << "frames are requested only as the caller asks";
+    auto* handshake = received->at<HandshakeResponse>(0);
+    EXPECT_EQ(handshake ? handshake->clientId : "not a response", "abc") << "meta objects are read as responses";
+    received->request(2);
+    EXPECT_EQ(received->seen(), (Texts{"?", "null", "?"})) << "an empty frame is a null message";
+    auto* both = received->at<BayeuxContainer>(2);
+    EXPECT_EQ(both ? both->messages.size() : 0u, 2u);
+    client->fromRemote->finish();
+    EXPECT_EQ(received->completionCount(), 1) << "the remote's end reaches the caller";
 }
 
 }  // namespace

@@ -2,8 +2,9 @@
 
 // The bucket arrays of hash maps. Maps that grew for a crowd keep their bucket arrays
 // when the crowd leaves: a flood of 100,000 clients would leave a megabyte per map
-// behind for good. After an erase, releaseSpareBuckets shrinks a map whose buckets outnumber its entries four
-// to one; as each shrink halves the buckets at least, the cost stays amortised.
+// behind for good. After an erase, releaseSpareBuckets shrinks a map whose buckets
+// outnumber its entries four to one; as each shrink halves the buckets at least, the
+// cost stays amortised.
 //
 // Threading: none of its own; the caller holds whatever guards the map.
 

@@ -241,8 +241,11 @@ BayeuxServiceProviderImpl::ClientInfo BayeuxServiceProviderImpl::doForget(Client
     auto browser = clientsBySession.find(client->second.sessionId);
     if (browser != clientsBySession.end()) {
         std::vector<const ClientInfo*>& records = browser->second;
-        *std::find(records.begin(), records.end(), &client->second) = records.back();
-        records.pop_back();
+        auto record = std::find(records.begin(), records.end(), &client->second);
+        if (record != records.end()) {
+            *record = records.back();
+            records.pop_back();
+        }
         if (records.empty()) {
             clientsBySession.erase(browser);
             common::releaseSpareBuckets(clientsBySession);

@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <mutex>
@@ -368,6 +369,9 @@ TEST_F(HttpClientConcurrency, ManyConnectionsFromSeveralThreadsExchangeInOrder) 
             }
             reader.join();
             EXPECT_EQ(socket.waitForTexts(kMessages), expected);
+            EXPECT_TRUE(socket.reader->read([](auto& frames) {
+                return std::all_of(frames.begin(), frames.end(), [](auto& frame) { return frame.firstByte == 129; });
+            })) << "text frames are read as text";
             if (index % 2 == 0) {
                 socket.writer->finish();
                 EXPECT_EQ(socket.waitForEnd(), "complete");

@@ -1,6 +1,5 @@
 #include "korvane/service/bayeux_service_provider.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <exception>
 #include <utility>
@@ -124,7 +123,9 @@ std::shared_ptr<LongPollSession> BayeuxServiceProviderImpl::createSession(const 
 
     std::unique_lock<std::mutex> lock(mutex);
     ClientInfo& info = clients[clientId];
-    clientsBySession[sessionId].push_back(&info);
+    std::vector<ClientInfo*>& browser = clientsBySession[sessionId];
+    info.browserSlot = browser.size();
+    browser.push_back(&info);
     info.sessionId = sessionId;
     info.session = session;
     info.grant = std::move(grant);
@@ -240,10 +241,11 @@ void BayeuxServiceProviderImpl::sweepClients(long long tick) {
 BayeuxServiceProviderImpl::ClientInfo BayeuxServiceProviderImpl::doForget(ClientMap::iterator client) {
     auto browser = clientsBySession.find(client->second.sessionId);
     if (browser != clientsBySession.end()) {
-        std::vector<const ClientInfo*>& records = browser->second;
-        auto record = std::find(records.begin(), records.end(), &client->second);
-        if (record != records.end()) {
-            *record = records.back();
+        std::vector<ClientInfo*>& records = browser->second;
+        const std::size_t slot = client->second.browserSlot;
+        if (slot < records.size() && records[slot] == &client->second) {
+            records[slot] = records.back();
+            records[slot]->browserSlot = slot;
             records.pop_back();
         }
         if (records.empty()) {

@@ -118,14 +118,15 @@ private:
         long long tick = 0;
         std::shared_ptr<LongPollSession> session;
         std::shared_ptr<const ClientGrant> grant;
+        std::size_t browserSlot = 0;  // where the record sits in its browser's list
     };
 
     using ClientMap = std::unordered_map<std::string, ClientInfo>;
-    // The clients of each host session, by id, so that counting one browser's connects
-    // visits that browser's records only. The records are the nodes of `clients`, whose
-    // addresses stay put until they are erased.
-    // A browser has a client or a few, so each one's records are a short list.
-    using ClientsBySession = std::unordered_map<std::string, std::vector<const ClientInfo*>>;
+    // The clients of each host session, so that counting one browser's connects visits
+    // that browser's records only. The records are the nodes of `clients`, whose
+    // addresses stay put until they are erased; each knows its slot in the list, so that
+    // forgetting one costs the same however many clients share the browser.
+    using ClientsBySession = std::unordered_map<std::string, std::vector<ClientInfo*>>;
 
     // Entered with `mutex` held (the lock is the proof); arms the sweep unless it runs.
     void startSweeping(std::unique_lock<std::mutex>& lock);

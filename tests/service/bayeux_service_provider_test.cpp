@@ -321,6 +321,12 @@ TEST_F(BayeuxServiceProviderTest, ConnectsBeyondTheLimitOfAHostSessionAndTypeBec
     // A request that names no connection type leaves the stored one alone.
     EXPECT_TRUE(subscribe(websockets[0].first, "/a")->successful);
     EXPECT_EQ(provider->getActiveConnectCountForSessionId("browser-1", "websocket"), 20u);
+    // Clients forgotten from the middle of a browser's list leave every other one counted.
+    for (const std::string& gone : {websockets[3].first, longPolls.back().first, websockets[0].first}) {
+        EXPECT_EQ(outcome(disconnect(gone)), "ok");
+    }
+    EXPECT_EQ(provider->getActiveConnectCountForSessionId("browser-1", "websocket"), 18u);
+    EXPECT_EQ(provider->getActiveConnectCountForSessionId("browser-1", "long-polling"), 4u);
     // Another host session, also the one of all contexts without a "sessionId", has limits of its
     // own; unadvertised and unknown types never hold.
     for (auto other : {std::make_shared<TestContext>("browser-2"), std::make_shared<TestContext>()}) {

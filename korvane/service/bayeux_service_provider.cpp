@@ -123,9 +123,10 @@ std::shared_ptr<LongPollSession> BayeuxServiceProviderImpl::createSession(const 
 
     std::unique_lock<std::mutex> lock(mutex);
     ClientInfo& info = clients[clientId];
-    std::vector<ClientInfo*>& browser = clientsBySession[sessionId];
+    BrowserClients& browser = clientsBySession[sessionId];
     info.browserSlot = browser.size();
     browser.push_back(&info);
+    info.browser = &browser;
     info.sessionId = sessionId;
     info.session = session;
     info.grant = std::move(grant);
@@ -139,6 +140,18 @@ std::shared_ptr<LongPollSession> BayeuxServiceProviderImpl::getSession(const std
                                                                        const std::string& connectionType,
                                                                        std::shared_ptr<const ClientGrant>* grant) {
     std::lock_guard<std::mutex> lock(mutex);
+    ClientInfo* info = doTouch(clientId, connectionType);
+    if (info == nullptr) {
+        return nullptr;
+    }
+    if (grant != nullptr) {
+        *grant = info->grant;
+    }
+    return info->session;
+}
+
+BayeuxServiceProviderImpl::ClientInfo* BayeuxServiceProviderImpl::doTouch(const std::string& clientId,
+                                                                          const std::string& connectionType) {
     auto found = clients.find(clientId);
     if (found == clients.end()) {
         return nullptr;
@@ -149,10 +162,27 @@ std::shared_ptr<LongPollSession> BayeuxServiceProviderImpl::getSession(const std
         info.connectionType = connectionType;
     }
     KORVANE_LOG(logger, common::logFrequent) << "Tick updated for client: " << clientId << " to " << info.tick;
-    if (grant != nullptr) {
-        *grant = info.grant;
+    return &info;
+}
+
+std::shared_ptr<LongPollSession> BayeuxServiceProviderImpl::sessionForConnect(const std::string& clientId,
+                                                                              const std::string& connectionType,
+                                                                              const std::string& browserId,
+                                                                              bool& shortPoll) {
+    std::lock_guard<std::mutex> lock(mutex);
+    ClientInfo* info = doTouch(clientId, connectionType);
+    if (info == nullptr) {
+        return nullptr;
     }
-    return info.session;
+    // A client connects from the browser it shook hands from, almost always.
+    const BrowserClients* browser = info->browser;
+    if (info->sessionId != browserId) {
+        auto found = clientsBySession.find(browserId);
+        browser = found == clientsBySession.end() ? nullptr : &found->second;
+    }
+    const std::size_t active = browser == nullptr ? 0 : doCountActiveConnects(*browser, connectionType);
+    shortPoll = active >= getActiveConnectCountLimit(connectionType);
+    return info->session;
 }
 
 bool BayeuxServiceProviderImpl::deleteSession(const std::string& clientId) {
@@ -241,7 +271,7 @@ void BayeuxServiceProviderImpl::sweepClients(long long tick) {
 BayeuxServiceProviderImpl::ClientInfo BayeuxServiceProviderImpl::doForget(ClientMap::iterator client) {
     auto browser = clientsBySession.find(client->second.sessionId);
     if (browser != clientsBySession.end()) {
-        std::vector<ClientInfo*>& records = browser->second;
+        BrowserClients& records = browser->second;
         const std::size_t slot = client->second.browserSlot;
         if (slot < records.size() && records[slot] == &client->second) {
             records[slot] = records.back();
@@ -264,13 +294,14 @@ std::size_t BayeuxServiceProviderImpl::getActiveConnectCountForSessionId(const s
                                                                          const std::string& connectionType) {
     std::lock_guard<std::mutex> lock(mutex);
     auto browser = clientsBySession.find(sessionId);
-    if (browser == clientsBySession.end()) {
-        return 0;
-    }
+    return browser == clientsBySession.end() ? 0 : doCountActiveConnects(browser->second, connectionType);
+}
+
+std::size_t BayeuxServiceProviderImpl::doCountActiveConnects(const BrowserClients& browser,
+                                                             const std::string& connectionType) const {
     std::size_t count = 0;
-    for (const ClientInfo* client : browser->second) {
-        const ClientInfo& info = *client;
-        if (info.connectionType == connectionType && info.session->hasActiveConnect()) {
+    for (const ClientInfo* client : browser) {
+        if (client->connectionType == connectionType && client->session->hasActiveConnect()) {
             ++count;
         }
     }
@@ -398,12 +429,13 @@ long long BayeuxServiceProviderImpl::connectHoldTicks(const ConnectStreamRequest
 bool BayeuxServiceProviderImpl::openConnect(const ConnectStreamRequest& request, const std::shared_ptr<Context>& context,
                                             ConnectStreamResponse& response) {
     const std::string connectionType = request.connectionType.empty() ? "long-polling" : request.connectionType;
-    std::shared_ptr<LongPollSession> session = getSession(request.clientId, connectionType);
+    const std::string sessionId = hostSessionIdOf(context);
+    bool shortPoll = false;
+    std::shared_ptr<LongPollSession> session = sessionForConnect(request.clientId, connectionType, sessionId, shortPoll);
     if (!session) {
         return false;
     }
-    const std::string sessionId = hostSessionIdOf(context);
-    if (getActiveConnectCountForSessionId(sessionId, connectionType) >= getActiveConnectCountLimit(connectionType)) {
+    if (shortPoll) {
         KORVANE_LOG(logger, common::logTrace) << "Connecting with stream response (short poll): " << request.clientId << ", " << sessionId;
         count(BayeuxCounter::shortPolls);
         response.stream = session->korvaneShortPoll(request.id);

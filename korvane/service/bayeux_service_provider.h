@@ -13,7 +13,7 @@
 // listener has settled (see InterestListener::awaitSettled). `mutex` guards
 // `clients`, `sweeper` and every ClientInfo, and is held only for the map work and
 // for starting the sweep. Calls into a session are made with `mutex` released,
-// except in getActiveConnectCountForSessionId, flush and census, where `mutex` is the
+// except in the count of a browser's active connects, flush and census, where `mutex` is the
 // outer lock and the session's own the inner one. A session calls back into the provider
 // only when its client exceeds the pending limit, from its deliver with no
 // session lock held, through a callback that holds the provider weakly. The policy
@@ -112,8 +112,11 @@ public:
     ClientCensus census();
 
 private:
+    struct ClientInfo;
+    using BrowserClients = std::vector<ClientInfo*>;
     struct ClientInfo {
         std::string sessionId;
+        BrowserClients* browser = nullptr;  // its entry in `clientsBySession`
         std::string connectionType;
         long long tick = 0;
         std::shared_ptr<LongPollSession> session;
@@ -126,8 +129,18 @@ private:
     // that browser's records only. The records are the nodes of `clients`, whose
     // addresses stay put until they are erased; each knows its slot in the list, so that
     // forgetting one costs the same however many clients share the browser.
-    using ClientsBySession = std::unordered_map<std::string, std::vector<ClientInfo*>>;
+    using ClientsBySession = std::unordered_map<std::string, BrowserClients>;
 
+    // Entered with `mutex` held: the client's record, or null if unknown, its contact and
+    // connection type brought up to date as getSession describes.
+    ClientInfo* doTouch(const std::string& clientId, const std::string& connectionType);
+    // Entered with `mutex` held: the active connects of `browser`'s clients over one type.
+    std::size_t doCountActiveConnects(const BrowserClients& browser, const std::string& connectionType) const;
+    // The session of a connect, or null if its client is unknown, with `shortPoll` set when
+    // the browser `browserId` already holds as many connects of the type as it may: one
+    // look into the registry under one lock, the browser's list reached from the record.
+    std::shared_ptr<LongPollSession> sessionForConnect(const std::string& clientId, const std::string& connectionType,
+                                                       const std::string& browserId, bool& shortPoll);
     // Entered with `mutex` held (the lock is the proof); arms the sweep unless it runs.
     void startSweeping(std::unique_lock<std::mutex>& lock);
     // Entered with `mutex` held: hands the sweeper over to the caller once no client

@@ -23,7 +23,7 @@ long long ManualTimerBackend::currentTick() { return elapsedMilliseconds.load() 
 
 TimerHandle ManualTimerBackend::schedule(TimerCallback callback, std::chrono::milliseconds firstDelay,
                                          std::chrono::milliseconds period) {
-    return timers->arm(std::move(callback), now() + firstDelay, period);
+    return timers->arm(std::move(callback), now(), firstDelay, period);
 }
 
 void ManualTimerBackend::advance(std::chrono::milliseconds duration) {

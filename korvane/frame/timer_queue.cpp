@@ -11,6 +11,9 @@ namespace korvane::common {
 namespace {
 
 constexpr std::size_t notInHeap = std::numeric_limits<std::size_t>::max();
+// The longest wait a lane timer may have: a long one at its back would keep the short
+// ones that follow out of it.
+constexpr TimerQueue::Duration longestLaneDelay = std::chrono::milliseconds(50);
 
 long long tickOf(TimerQueue::Duration now) { return now / std::chrono::milliseconds(tickMilliseconds); }
 
@@ -24,6 +27,7 @@ struct TimerQueue::Entry {
     Duration period{};
     std::uint64_t sequence = 0;
     std::size_t heapIndex = notInHeap;
+    bool inLane = false;
     bool running = false;
     bool cancelled = false;
     std::thread::id runner;
@@ -62,9 +66,15 @@ TimerQueue::~TimerQueue() {
         retired.push_back(std::move(entry->callback));
     }
     heap.clear();
+    for (; !lane.empty(); lane.pop_front()) {
+        lane.front()->inLane = false;
+        retired.push_back(std::move(lane.front()->callback));
+    }
 }
 
-TimerHandle TimerQueue::arm(TimerCallback callback, Duration due, Duration period, bool* becameEarliest) {
+TimerHandle TimerQueue::arm(TimerCallback callback, Duration now, Duration delay, Duration period,
+                            bool* becameEarliest) {
+    const Duration due = now + delay;
     auto entry = std::make_shared<Entry>();
     entry->callback = std::move(callback);
     entry->due = due;
@@ -72,9 +82,15 @@ TimerHandle TimerQueue::arm(TimerCallback callback, Duration due, Duration perio
     {
         std::lock_guard<std::mutex> guard(mutex);
         entry->sequence = nextSequence++;
-        doPush(entry);
+        if (period == Duration::zero() && doFitsLane(due, delay)) {
+            entry->inLane = true;
+            lane.push_back(entry);
+            ++laneArmed;
+        } else {
+            doPush(entry);
+        }
         if (becameEarliest != nullptr) {
-            *becameEarliest = entry->heapIndex == 0;
+            *becameEarliest = *doFirst() == entry;
         }
     }
     return std::make_shared<QueuedTimer>(weak_from_this(), std::move(entry));
@@ -111,24 +127,29 @@ TimerQueue::Duration TimerQueue::steadyNow() noexcept { return std::chrono::stea
 
 std::optional<TimerQueue::Duration> TimerQueue::nextDue() const {
     std::lock_guard<std::mutex> guard(mutex);
-    if (heap.empty()) {
+    const std::shared_ptr<Entry>* first = doFirst();
+    if (first == nullptr) {
         return std::nullopt;
     }
-    return heap.front()->due;
+    return (*first)->due;
 }
 
 std::size_t TimerQueue::armedCount() const {
     std::lock_guard<std::mutex> guard(mutex);
-    return heap.size();
+    return heap.size() + laneArmed;
 }
 
 void TimerQueue::cancel(const std::shared_ptr<Entry>& entry) {
     TimerCallback retired;
     std::unique_lock<std::mutex> lock(mutex);
+    if (entry->inLane && !entry->cancelled) {
+        --laneArmed;
+    }
     entry->cancelled = true;
     if (entry->heapIndex != notInHeap) {
         doRemoveAt(entry->heapIndex);
     }
+    doPruneLane();
     if (entry->running && entry->runner == std::this_thread::get_id()) {
         // Released from inside its own callback: the run retires it on return.
         return;
@@ -140,11 +161,19 @@ void TimerQueue::cancel(const std::shared_ptr<Entry>& entry) {
 
 std::shared_ptr<TimerQueue::Entry> TimerQueue::doTakeDue(Duration now) {
     std::lock_guard<std::mutex> guard(mutex);
-    if (heap.empty() || heap.front()->due > now) {
+    const std::shared_ptr<Entry>* first = doFirst();
+    if (first == nullptr || (*first)->due > now) {
         return nullptr;
     }
-    std::shared_ptr<Entry> entry = heap.front();
-    doRemoveAt(0);
+    std::shared_ptr<Entry> entry = *first;
+    if (entry->inLane) {
+        entry->inLane = false;
+        --laneArmed;
+        lane.pop_front();
+        doPruneLane();
+    } else {
+        doRemoveAt(0);
+    }
     entry->running = true;
     entry->runner = std::this_thread::get_id();
     return entry;
@@ -173,6 +202,30 @@ void TimerQueue::doMarkFinished(const std::shared_ptr<Entry>& entry, std::unique
     entry->running = false;
     lock.unlock();
     runFinished.notify_all();
+}
+
+bool TimerQueue::doFitsLane(Duration due, Duration delay) const {
+    return delay <= longestLaneDelay && (lane.empty() || due >= lane.back()->due);
+}
+
+void TimerQueue::doPruneLane() {
+    while (!lane.empty() && lane.front()->cancelled) {
+        lane.front()->inLane = false;
+        lane.pop_front();
+    }
+}
+
+const std::shared_ptr<TimerQueue::Entry>* TimerQueue::doFirst() const {
+    if (lane.empty()) {
+        return heap.empty() ? nullptr : &heap.front();
+    }
+    if (heap.empty()) {
+        return &lane.front();
+    }
+    const Entry& inLane = *lane.front();
+    const Entry& onTop = *heap.front();
+    const bool laneFirst = inLane.due != onTop.due ? inLane.due < onTop.due : inLane.sequence < onTop.sequence;
+    return laneFirst ? &lane.front() : &heap.front();
 }
 
 void TimerQueue::doPush(const std::shared_ptr<Entry>& entry) {

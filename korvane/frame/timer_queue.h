@@ -8,7 +8,14 @@
 // Time is a monotonic duration since the backend's origin; the tick handed to a
 // callback is that time divided by the tick length.
 //
-// Threading: one mutex guards the heap and every entry's state. arm(), nextDue(),
+// Short one-shot timers armed in due order (the 5-ms batch timers of every session,
+// armed as messages arrive) wait in a FIFO lane beside the heap: a push and a pop
+// there cost no sifting. The next timer to run is the earlier of the heap's
+// top and the lane's front, by (due, sequence) as in the heap alone, so the order is
+// the same. A timer released in the lane stays there, its callback gone, until it
+// reaches the front.
+//
+// Threading: one mutex guards the heap, the lane and every entry's state. arm(), nextDue(),
 // armedCount() and the release of a handle may be called from any thread. runDue()
 // is meant for one thread at a time (the backend's thread, or the test's
 // thread); callbacks run on it with the mutex released. A handle released while its
@@ -17,6 +24,7 @@
 // returns at once. A callback's std::function, whose captures may own further
 // handles, is always destroyed with the mutex released.
 
+#include "korvane/frame/ring_queue.h"
 #include "korvane/frame/timers.h"
 
 #include <chrono>
@@ -42,11 +50,12 @@ public:
     TimerQueue(const TimerQueue&) = delete;
     TimerQueue& operator=(const TimerQueue&) = delete;
 
-    // Arms `callback` to run at `due`, then every `period` unless it is zero. The
-    // queue must be held by a std::shared_ptr: the handle refers to it weakly, so a
-    // handle may outlive its queue. `becameEarliest` is set when the new timer is
-    // now the first due, which is when the backend's wait must be shortened.
-    TimerHandle arm(TimerCallback callback, Duration due, Duration period, bool* becameEarliest = nullptr);
+    // Arms `callback` to run `delay` after `now`, then every `period` unless it is zero.
+    // The queue must be held by a std::shared_ptr: the handle refers to it weakly, so a
+    // handle may outlive its queue. `becameEarliest` is set when the new timer is now
+    // the first due, which is when the backend's wait must be shortened.
+    TimerHandle arm(TimerCallback callback, Duration now, Duration delay, Duration period,
+                    bool* becameEarliest = nullptr);
 
     // Runs, on the calling thread and in due order, every timer due at or before
     // `now`, each with the tick of `now`. A periodic timer is re-armed one period
@@ -71,6 +80,13 @@ public:
     void cancel(const std::shared_ptr<Entry>& entry);
 
 private:
+    // Entered with `mutex` held: whether a one-shot timer due at `due`, `delay` from now,
+    // joins the lane.
+    bool doFitsLane(Duration due, Duration delay) const;
+    // Entered with `mutex` held: drops released timers from the lane's front.
+    void doPruneLane();
+    // Entered with `mutex` held: the first armed timer, or null.
+    const std::shared_ptr<Entry>* doFirst() const;
     // Takes the first timer if it is due at `now`, marking it as running on this thread.
     std::shared_ptr<Entry> doTakeDue(Duration now);
     // After the callback: re-arms a live periodic timer, or retires the entry and
@@ -92,6 +108,10 @@ private:
     std::condition_variable runFinished;
     // A binary min-heap on (due, sequence); each entry knows its own index.
     std::vector<std::shared_ptr<Entry>> heap;
+    // In (due, sequence) order, its front never a released timer; `laneArmed` counts
+    // the timers in it not released.
+    RingQueue<std::shared_ptr<Entry>> lane;
+    std::size_t laneArmed = 0;
     std::uint64_t nextSequence = 0;
 };
 

@@ -1,15 +1,59 @@
 #include "korvane/frame/timers.h"
 
 #include <algorithm>
+#include <atomic>
 #include <mutex>
 #include <stdexcept>
+#include <thread>
 
 namespace korvane::common {
 
 namespace {
 
+const char* const missingBackend = "No clock and timer backend is installed: the host must install one before use.";
+
+// `installedBackend` owns the backend; `backendMutex` guards it. The free functions below
+// reach the backend through `currentBackend` without a lock, as a counted use in the
+// slot of the current epoch. An install (one at a time, under `installMutex`) publishes
+// the new pointer, moves the epoch on, and waits for the uses counted in the old slot:
+// those are the only ones that may hold the old pointer, since a use confirms its epoch
+// after counting itself, and one that started later reads the new pointer. Uses that
+// keep coming therefore never hold an install back. Every access is sequentially
+// consistent.
+std::mutex installMutex;
 std::mutex backendMutex;
 std::shared_ptr<TimerBackend> installedBackend;
+std::atomic<TimerBackend*> currentBackend{nullptr};
+std::atomic<unsigned> backendEpoch{0};
+std::atomic<unsigned> backendUses[2];
+
+class BackendUse {
+public:
+    BackendUse() {
+        for (;;) {
+            slot = backendEpoch.load() & 1;
+            backendUses[slot].fetch_add(1);
+            if ((backendEpoch.load() & 1) == slot) {
+                break;
+            }
+            backendUses[slot].fetch_sub(1);
+        }
+        backend = currentBackend.load();
+        if (backend == nullptr) {
+            backendUses[slot].fetch_sub(1);
+            throw std::runtime_error(missingBackend);
+        }
+    }
+    ~BackendUse() { backendUses[slot].fetch_sub(1); }
+    BackendUse(const BackendUse&) = delete;
+    BackendUse& operator=(const BackendUse&) = delete;
+
+    TimerBackend* operator->() const { return backend; }
+
+private:
+    unsigned slot = 0;
+    TimerBackend* backend = nullptr;
+};
 
 }  // namespace
 
@@ -19,20 +63,29 @@ TimerBackend::TimerBackend() = default;
 TimerBackend::~TimerBackend() = default;
 
 std::shared_ptr<TimerBackend> installTimerBackend(std::shared_ptr<TimerBackend> backend) {
-    std::lock_guard<std::mutex> guard(backendMutex);
-    installedBackend.swap(backend);
+    std::lock_guard<std::mutex> installing(installMutex);
+    {
+        std::lock_guard<std::mutex> guard(backendMutex);
+        installedBackend.swap(backend);
+        currentBackend.store(installedBackend.get());
+    }
+    const unsigned oldSlot = backendEpoch.fetch_add(1) & 1;
+    // A use is one call into the backend, which never waits for an install.
+    while (backendUses[oldSlot].load() != 0) {
+        std::this_thread::yield();
+    }
     return backend;
 }
 
 std::shared_ptr<TimerBackend> timerBackend() {
     std::lock_guard<std::mutex> guard(backendMutex);
     if (!installedBackend) {
-        throw std::runtime_error("No clock and timer backend is installed: the host must install one before use.");
+        throw std::runtime_error(missingBackend);
     }
     return installedBackend;
 }
 
-long long getCurrentTick() { return timerBackend()->currentTick(); }
+long long getCurrentTick() { return BackendUse()->currentTick(); }
 
 namespace {
 
@@ -48,16 +101,16 @@ std::chrono::milliseconds durationOf(long long ticks) {
 }  // namespace
 
 TimerHandle delay(TimerCallback callback, long long ticks) {
-    return timerBackend()->schedule(std::move(callback), durationOf(ticks), std::chrono::milliseconds(0));
+    return BackendUse()->schedule(std::move(callback), durationOf(ticks), std::chrono::milliseconds(0));
 }
 
 TimerHandle periodic(TimerCallback callback, long long ticks) {
     auto period = durationOf(ticks);
-    return timerBackend()->schedule(std::move(callback), period, period);
+    return BackendUse()->schedule(std::move(callback), period, period);
 }
 
 TimerHandle shortMsDelay(TimerCallback callback, unsigned char milliseconds) {
-    return timerBackend()->schedule(std::move(callback), std::chrono::milliseconds(milliseconds),
+    return BackendUse()->schedule(std::move(callback), std::chrono::milliseconds(milliseconds),
                                     std::chrono::milliseconds(0));
 }
 

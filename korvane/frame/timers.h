@@ -49,7 +49,8 @@ public:
                                  std::chrono::milliseconds period) = 0;
 };
 
-// Installs the process-wide backend; null uninstalls. Returns the previous one.
+// Installs the process-wide backend; null uninstalls. Returns the previous one, once no
+// call of the free functions below is still inside it.
 KORVANE_EXPORT std::shared_ptr<TimerBackend> installTimerBackend(std::shared_ptr<TimerBackend> backend);
 // The installed backend; throws std::runtime_error when there is none.
 KORVANE_EXPORT std::shared_ptr<TimerBackend> timerBackend();

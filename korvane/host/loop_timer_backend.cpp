@@ -95,7 +95,7 @@ common::TimerHandle LoopTimerBackend::schedule(common::TimerCallback callback, s
                                                std::chrono::milliseconds period) {
     bool becameEarliest = false;
     common::TimerHandle handle =
-        state->queue->arm(std::move(callback), common::TimerQueue::steadyNow() + firstDelay, period, &becameEarliest);
+        state->queue->arm(std::move(callback), common::TimerQueue::steadyNow(), firstDelay, period, &becameEarliest);
     if (becameEarliest) {
         std::lock_guard<std::mutex> guard(state->mutex);
         state->doArm();

@@ -82,7 +82,7 @@ common::TimerHandle ThreadedTimerBackend::schedule(common::TimerCallback callbac
                                                    std::chrono::milliseconds period) {
     bool becameEarliest = false;
     common::TimerHandle handle =
-        state->queue->arm(std::move(callback), common::TimerQueue::steadyNow() + firstDelay, period, &becameEarliest);
+        state->queue->arm(std::move(callback), common::TimerQueue::steadyNow(), firstDelay, period, &becameEarliest);
     if (becameEarliest) {
         doWakeTimerThread();
     }

@@ -190,12 +190,15 @@ TEST_F(ManualTimerTest, CallbacksArmTimersAndMoveTheClockWithinAnAdvanceWithoutD
     EXPECT_EQ(pass(200ms).back(), "after both");
 }
 
+// Half the timers are armed in due order, many falling due together, as batch timers are; the rest anywhere.
 TEST_F(ManualTimerTest, ManyTimersReleasedAtRandomPlacesInTheQueueLeaveTheRestInDueOrder) {
     std::mt19937 random(42);
     std::vector<TimerHandle> handles[2];  // kept, and released once all are armed
     std::multimap<long long, std::string> kept;  // by due time, equal ones in the order they were armed
+    long long inOrderDue = 0;
     for (int index = 0; index < 2000; ++index) {
-        const long long due = random() % 5001;
+        inOrderDue += random() % 3;
+        const long long due = random() % 2 == 0 ? inOrderDue : random() % 5001;
         const bool released = random() % 3 == 0;
         handles[released].push_back(at(std::chrono::milliseconds(due), std::to_string(index)));
         if (!released) {
@@ -207,6 +210,15 @@ TEST_F(ManualTimerTest, ManyTimersReleasedAtRandomPlacesInTheQueueLeaveTheRestIn
     Names expected(kept.size());
     std::transform(kept.begin(), kept.end(), expected.begin(), [](const auto& timer) { return timer.second; });
     EXPECT_EQ(pass(5000ms), expected);
+}
+
+// A long wait stays in the heap, a short one armed later for the same time waits in the lane: the one armed
+// first runs first.
+TEST_F(ManualTimerTest, EqualDueTimesInTheHeapAndTheLaneRunInTheOrderTheyWereArmed) {
+    auto armedFirst = at(60ms, "armed first");
+    EXPECT_EQ(pass(20ms), Names{});
+    auto armedSecond = at(40ms, "armed second");
+    EXPECT_EQ(pass(40ms), (Names{"armed first", "armed second"}));
 }
 
 // A callback's exception reaches the advancing test and retires its timer; setTick runs nothing until the next
@@ -231,6 +243,46 @@ TEST_F(ManualTimerTest, ExceptionsSetTickAndTheMissingBackend) {
 
     common::installTimerBackend(nullptr);
     EXPECT_THROW(common::periodic([](long long) {}, 1), std::runtime_error) << "each call asks for the backend first";
+}
+
+// Threads arm timers through the free functions while the backend is replaced and removed: an install hands the
+// replaced backend back only once no call is inside it, and a call that finds none installed throws.
+TEST(TimerBackendInstall, HandsTheReplacedBackendBackOnceNoCallIsInsideIt) {
+    struct SlowBackend : ManualTimerBackend {
+        std::atomic<int> inside{0};
+        TimerHandle schedule(common::TimerCallback callback, std::chrono::milliseconds first,
+                             std::chrono::milliseconds period) override {
+            ++inside;
+            std::this_thread::sleep_for(20us);
+            TimerHandle handle = ManualTimerBackend::schedule(std::move(callback), first, period);
+            --inside;
+            return handle;
+        }
+    };
+    std::atomic<bool> stop{false};
+    std::atomic<int> armed{0}, refused{0}, stillInside{0};
+    auto arm = [&] {
+        while (!stop) {
+            try {
+                common::delay([](long long) {}, 1);
+                ++armed;
+            } catch (const std::runtime_error&) {
+                ++refused;
+            }
+        }
+    };
+    std::thread threads[] = {std::thread(arm), std::thread(arm), std::thread(arm)};
+    for (int round = 0; round < 100 || armed < 100 || refused < 10; ++round) {
+        auto replaced = common::installTimerBackend(round % 3 == 2 ? nullptr : std::make_shared<SlowBackend>());
+        if (auto* slow = dynamic_cast<SlowBackend*>(replaced.get())) {
+            stillInside += slow->inside.load();
+        }
+    }
+    stop = true;
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(stillInside.load(), 0);
 }
 
 // The backends whose callbacks run on threads of their own, against the real clock.

@@ -1,5 +1,5 @@
 // glibc's per-thread cache of freed blocks keeps pages of a swept burst resident, so the
-// server runs with one cached block per size: it starts itself again (same pid) with the
+// server runs with three cached blocks per size: it starts itself again (same pid) with the
 // setting added to GLIBC_TUNABLES, and leaves alone an environment that chooses its own.
 
 import { test } from "node:test";
@@ -20,9 +20,9 @@ function tunablesOf(pid) {
 
 test("the server limits glibc's per-thread cache unless told otherwise", async () => {
     const cases = [
-        { given: undefined, running: "glibc.malloc.tcache_count=1" },
-        { given: "", running: "glibc.malloc.tcache_count=1" },
-        { given: "glibc.malloc.arena_max=2", running: "glibc.malloc.arena_max=2:glibc.malloc.tcache_count=1" },
+        { given: undefined, running: "glibc.malloc.tcache_count=3" },
+        { given: "", running: "glibc.malloc.tcache_count=3" },
+        { given: "glibc.malloc.arena_max=2", running: "glibc.malloc.arena_max=2:glibc.malloc.tcache_count=3" },
         { given: "glibc.malloc.tcache_count=7", running: "glibc.malloc.tcache_count=7" },
     ];
     for (const { given, running } of cases) {

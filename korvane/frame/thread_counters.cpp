@@ -10,23 +10,32 @@ namespace {
 
 constexpr std::size_t maxSets = 8;
 
-// The blocks of the calling thread, one per set; its destructor runs at the thread's exit.
+// The blocks of the calling thread, one per set. Plain data with nothing to construct or
+// destroy, so a count reaches it with one thread-relative load: no access function, and
+// the initial-exec model spares the look-up a shared library's thread_local otherwise
+// pays on every access (its few bytes fit the static TLS glibc keeps even for a library
+// loaded late).
 struct ThreadBlocks {
-    std::array<ThreadCounters::Block*, maxSets> blocks{};
-    std::array<ThreadCounters*, maxSets> owners{};
+    ThreadCounters::Block* blocks[maxSets];
+    ThreadCounters* owners[maxSets];
+};
 
-    ~ThreadBlocks() {
+__attribute__((tls_model("initial-exec"))) thread_local ThreadBlocks threadBlocks{};
+
+// Folds the thread's blocks into their sets at its exit; made by the thread's first count.
+struct ThreadExit {
+    ~ThreadExit() {
         for (std::size_t set = 0; set < maxSets; ++set) {
-            if (blocks[set] != nullptr) {
-                owners[set]->retire(blocks[set]);
+            if (threadBlocks.blocks[set] != nullptr) {
+                threadBlocks.owners[set]->retire(threadBlocks.blocks[set]);
                 // A later thread_local destructor that counts registers a fresh block.
-                blocks[set] = nullptr;
+                threadBlocks.blocks[set] = nullptr;
             }
         }
     }
 };
 
-thread_local ThreadBlocks threadBlocks;
+thread_local ThreadExit threadExit;
 
 std::mutex setsMutex;
 std::size_t setCount = 0;
@@ -61,6 +70,7 @@ ThreadCounters::Block& ThreadCounters::registerThread() {
         std::lock_guard<std::mutex> guard(mutex);
         blocks.push_back(std::move(block));
     }
+    static_cast<void>(&threadExit);  // arms the fold at this thread's exit
     threadBlocks.blocks[index] = &registered;
     threadBlocks.owners[index] = this;
     return registered;

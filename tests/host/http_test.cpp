@@ -5,11 +5,15 @@
 
 #include <algorithm>
 #include <atomic>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
 #include <tuple>
+
+#include <unistd.h>
 
 #include <boost/asio/read_until.hpp>
 
@@ -112,6 +116,31 @@ TEST_F(HttpServerTest, AnswersWhatTheServiceCannotWith500AndItsReason) {
         EXPECT_THAT(text, ::testing::StartsWith("HTTP/1.1 500")) << target;
         EXPECT_THAT(text, ::testing::EndsWith(reason)) << target;
     }
+}
+
+// A peer that stops reading a response is cut once the write timeout passes: what it reads later ends short.
+TEST_F(HttpServerTest, CutsAPeerThatStopsReadingAResponseAtTheWriteTimeout) {
+    const auto root = std::filesystem::temp_directory_path() / ("korvane-stalled-" + std::to_string(::getpid()));
+    std::filesystem::create_directories(root);
+    const std::size_t size = 16 << 20;
+    std::ofstream(root / "big.bin", std::ios::binary) << std::string(size, 'x');
+    HttpServerOptions bounded = options();
+    bounded.staticRoot = root.string();
+    bounded.writeTimeout = 300ms;
+    start(bounded);
+    boost::asio::io_context io;
+    boost::asio::ip::tcp::socket socket(io);
+    socket.open(boost::asio::ip::tcp::v4());
+    socket.set_option(boost::asio::socket_base::receive_buffer_size(4096));  // no room for the file in flight
+    socket.connect({boost::asio::ip::make_address("127.0.0.1"), server->port()});
+    boost::asio::write(socket, boost::asio::buffer(std::string("GET /big.bin HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n")));
+    std::this_thread::sleep_for(1s);
+    std::string response;
+    boost::system::error_code ended;
+    boost::asio::read(socket, boost::asio::dynamic_buffer(response), ended);
+    std::filesystem::remove_all(root);
+    EXPECT_THAT(response, ::testing::StartsWith("HTTP/1.1 200"));
+    EXPECT_LT(response.size(), size) << "the whole file reached a peer that stalled past the write timeout";
 }
 
 // What the server's frames say, as "<opcode>:<payload>" (a close's code as a number),

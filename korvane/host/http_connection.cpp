@@ -23,6 +23,7 @@
 #include "korvane/frame/ring_queue.h"
 #include "korvane/host/ascii_case.h"
 #include "korvane/host/browser_session.h"
+#include "korvane/host/deadline_timer.h"
 #include "korvane/host/host_context.h"
 #include "korvane/host/host_counters.h"
 #include "korvane/host/relay_subscriber.h"
@@ -129,7 +130,7 @@ public:
         : stream(std::move(stream)),
           strandExecutor(this->stream.get_executor()),
           state(std::move(state)),
-          deadlineTimer(strandExecutor) {}
+          deadline(strandExecutor, &HttpConnection::onDeadline) {}
 
     ~HttpConnection() override { state->connections.remove(trackerId); }
 
@@ -204,23 +205,9 @@ private:
     }
     void end(Side side) { pending[side] = false; }
 
-    void armDeadline(Clock::time_point due) {
-        if (deadlineArmed && deadlineDue <= due) {
-            return;
-        }
-        deadlineArmed = true;
-        deadlineDue = due;
-        deadlineTimer.expires_at(due);
-        deadlineTimer.async_wait([weakSelf = this->weak_from_this()](beast::error_code error) {
-            auto self = weakSelf.lock();
-            if (self && error != net::error::operation_aborted) {
-                self->onDeadline();
-            }
-        });
-    }
+    void armDeadline(Clock::time_point due) { deadline.arm(due, this->weak_from_this()); }
 
     void onDeadline() {
-        deadlineArmed = false;
         if (closed) {
             return;
         }
@@ -466,7 +453,7 @@ private:
         // The stream now belongs to the WebSocket connection; this one ends with its handlers.
         closed = true;
         link->cut();
-        deadlineTimer.cancel();
+        deadline.cancel();
         std::string cookie =
             freshSession ? browserSessionCookie(options().cookieName, sessionId, isTls<Stream>) : std::string();
         serveWebSocket<Stream>(std::move(stream), std::move(request), std::move(socket.inbound),
@@ -850,7 +837,7 @@ private:
         closed = true;
         doEndBody();
         link->cut();
-        deadlineTimer.cancel();
+        deadline.cancel();
         lowest().close();
     }
 
@@ -889,9 +876,7 @@ private:
     // Indexed by Side: the limit for operations started from now on, and whether one is under way.
     Clock::time_point limits[2] = {never, never};
     bool pending[2] = {false, false};
-    net::steady_timer deadlineTimer;
-    bool deadlineArmed = false;
-    Clock::time_point deadlineDue;
+    DeadlineTimer<HttpConnection> deadline;
 };
 
 }  // namespace

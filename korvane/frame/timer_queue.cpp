@@ -52,6 +52,11 @@ private:
     std::shared_ptr<TimerQueue::Entry> entry;
 };
 
+// The order timers run in: by due time, those due together in the order they were armed.
+bool runsFirst(const TimerQueue::Entry& a, const TimerQueue::Entry& b) {
+    return a.due != b.due ? a.due < b.due : a.sequence < b.sequence;
+}
+
 }  // namespace
 
 TimerQueue::TimerQueue() = default;
@@ -222,10 +227,7 @@ const std::shared_ptr<TimerQueue::Entry>* TimerQueue::doFirst() const {
     if (heap.empty()) {
         return &lane.front();
     }
-    const Entry& inLane = *lane.front();
-    const Entry& onTop = *heap.front();
-    const bool laneFirst = inLane.due != onTop.due ? inLane.due < onTop.due : inLane.sequence < onTop.sequence;
-    return laneFirst ? &lane.front() : &heap.front();
+    return runsFirst(*lane.front(), *heap.front()) ? &lane.front() : &heap.front();
 }
 
 void TimerQueue::doPush(const std::shared_ptr<Entry>& entry) {
@@ -283,10 +285,6 @@ void TimerQueue::doSwap(std::size_t left, std::size_t right) {
     heap[right]->heapIndex = right;
 }
 
-bool TimerQueue::doEarlier(std::size_t left, std::size_t right) const {
-    const Entry& a = *heap[left];
-    const Entry& b = *heap[right];
-    return a.due != b.due ? a.due < b.due : a.sequence < b.sequence;
-}
+bool TimerQueue::doEarlier(std::size_t left, std::size_t right) const { return runsFirst(*heap[left], *heap[right]); }
 
 }  // namespace korvane::common

@@ -37,17 +37,6 @@ BayeuxBase* bayeuxFieldsOf(Message& message) {
     return dynamic_cast<BayeuxBase*>(&message);
 }
 
-// The advice of a connect that brings none: the service only reads a request's advice,
-// so every such connect shares this one.
-const std::shared_ptr<BayeuxAdvice>& defaultConnectAdvice() {
-    static const std::shared_ptr<BayeuxAdvice> advice = [] {
-        auto made = std::make_shared<BayeuxAdvice>();
-        made->timeout = defaultConnectTimeoutMilliseconds;
-        return made;
-    }();
-    return advice;
-}
-
 bool isUpgradeRequest(const Message* message) {
     auto* request = dynamic_cast<const http::HttpRequest*>(message);
     if (request == nullptr) {
@@ -128,8 +117,9 @@ void WebSocketConnection::doHandleConnect(std::unique_ptr<Message>&& message) {
     connect.bufferResponses = true;
     connect.holdResponses = false;
     if (!connect.advice) {
-        connect.advice = defaultConnectAdvice();
-    } else if (connect.advice->timeout < 0) {
+        connect.advice = std::make_shared<BayeuxAdvice>();
+    }
+    if (connect.advice->timeout < 0) {
         connect.advice->timeout = defaultConnectTimeoutMilliseconds;
     }
     connect.sink = weak_from_this();

@@ -23,6 +23,7 @@
 #include "korvane/frame/ring_queue.h"
 #include "korvane/host/ascii_case.h"
 #include "korvane/host/browser_session.h"
+#include "korvane/host/deadline_timer.h"
 #include "korvane/host/host_context.h"
 #include "korvane/host/host_counters.h"
 #include "korvane/host/relay_subscriber.h"
@@ -110,6 +111,13 @@ void discardAnswer(const std::shared_ptr<Message>& answer) {
 // service, whose answer (on any thread) comes back through `link`; a streaming
 // body's signals come back the same way through `bodyRelay`.
 //
+// Timeouts follow the stream's own expiry rules, kept here with one timer for the
+// connection instead of a timer wait per operation: a limit set applies to the reads and
+// the writes started after it, except on a side with an operation under way, which keeps
+// its own; the first operation to pass its limit closes the socket. The timer is armed
+// for the earliest limit under way and, when a later one replaced it meanwhile, armed
+// again when it fires, so an operation costs a clock read.
+//
 // Threading: every member function but shutdown() and abandon() runs on the
 // connection's strand. shutdown() posts; abandon() runs on the stopping thread
 // once no I/O thread is left. Nothing here takes a lock.
@@ -119,7 +127,10 @@ public:
     using Executor = typename Stream::executor_type;
 
     HttpConnection(Stream&& stream, std::shared_ptr<ServerState> state)
-        : stream(std::move(stream)), strandExecutor(this->stream.get_executor()), state(std::move(state)) {}
+        : stream(std::move(stream)),
+          strandExecutor(this->stream.get_executor()),
+          state(std::move(state)),
+          deadline(strandExecutor) {}
 
     ~HttpConnection() override { state->connections.remove(trackerId); }
 
@@ -133,9 +144,13 @@ public:
             return;
         }
         if constexpr (isTls<Stream>) {
-            lowest().expires_after(options().headerTimeout);
+            expiresAfter(options().headerTimeout);
+            begin(readSide);
+            begin(writeSide);
             stream.async_handshake(net::ssl::stream_base::server,
                                     [self = this->shared_from_this()](beast::error_code error) {
+                                        self->end(readSide);
+                                        self->end(writeSide);
                                         if (error) {
                                             self->doClose();
                                         } else {
@@ -154,14 +169,64 @@ public:
     void abandon() override { doClose(); }
 
 private:
+    friend class DeadlineTimer<HttpConnection>;
     const HttpServerOptions& options() const { return state->options; }
     PlainStream& lowest() { return beast::get_lowest_layer(stream); }
     // A peer that does not take a response within the write timeout is cut.
     void doArmWriteTimeout() {
         if (options().writeTimeout.count() == 0) {
-            lowest().expires_never();
+            expiresNever();
         } else {
-            lowest().expires_after(options().writeTimeout);
+            expiresAfter(options().writeTimeout);
+        }
+    }
+
+    // ---- timeouts ----------------------------------------------------------------
+
+    enum Side : std::size_t { readSide, writeSide };
+    using Clock = std::chrono::steady_clock;
+    static constexpr Clock::time_point never = Clock::time_point::max();
+
+    void expiresAfter(Clock::duration timeout) { doSetLimit(Clock::now() + timeout); }
+    void expiresNever() { doSetLimit(never); }
+    void doSetLimit(Clock::time_point limit) {
+        for (std::size_t side : {readSide, writeSide}) {
+            if (!pending[side]) {
+                limits[side] = limit;
+            }
+        }
+    }
+
+    // An operation on `side` starts, bounded by that side's limit, or ends.
+    void begin(Side side) {
+        pending[side] = true;
+        if (limits[side] != never) {
+            armDeadline(limits[side]);
+        }
+    }
+    void end(Side side) { pending[side] = false; }
+
+    void armDeadline(Clock::time_point due) { deadline.arm(due, this->weak_from_this()); }
+
+    void onDeadline() {
+        if (closed) {
+            return;
+        }
+        const Clock::time_point now = Clock::now();
+        Clock::time_point next = never;
+        for (std::size_t side : {readSide, writeSide}) {
+            if (!pending[side] || limits[side] == never) {
+                continue;
+            }
+            if (now >= limits[side]) {
+                // What is under way fails, and its handler ends the connection.
+                lowest().close();
+                return;
+            }
+            next = std::min(next, limits[side]);
+        }
+        if (next != never) {
+            armDeadline(next);
         }
     }
 
@@ -176,9 +241,11 @@ private:
         parser.emplace();
         parser->header_limit(static_cast<std::uint32_t>(std::min<std::size_t>(options().maxHeaderBytes, UINT32_MAX)));
         parser->body_limit(options().maxBodyBytes);
-        lowest().expires_after(options().headerTimeout);
+        expiresAfter(options().headerTimeout);
+        begin(readSide);
         bhttp::async_read_header(stream, buffer, *parser,
                                  [self = this->shared_from_this()](beast::error_code error, std::size_t) {
+                                     self->end(readSide);
                                      self->onHeader(error);
                                  });
     }
@@ -195,8 +262,10 @@ private:
         if (beast::iequals(parser->get()[bhttp::field::expect], "100-continue")) {
             // The client waits for a go-ahead before it sends the body.
             doArmWriteTimeout();
+            begin(writeSide);
             net::async_write(stream, net::buffer(continueLine),
                              [self = this->shared_from_this()](beast::error_code error, std::size_t) {
+                                 self->end(writeSide);
                                  if (error) {
                                      self->doClose();
                                  } else {
@@ -209,9 +278,11 @@ private:
     }
 
     void doReadBody() {
-        lowest().expires_after(options().headerTimeout);
+        expiresAfter(options().headerTimeout);
+        begin(readSide);
         bhttp::async_read(stream, buffer, *parser,
                           [self = this->shared_from_this()](beast::error_code error, std::size_t) {
+                              self->end(readSide);
                               if (error) {
                                   self->doReadFailed(error);
                               } else {
@@ -383,6 +454,7 @@ private:
         // The stream now belongs to the WebSocket connection; this one ends with its handlers.
         closed = true;
         link->cut();
+        deadline.cancel();
         std::string cookie =
             freshSession ? browserSessionCookie(options().cookieName, sessionId, isTls<Stream>) : std::string();
         serveWebSocket<Stream>(std::move(stream), std::move(request), std::move(socket.inbound),
@@ -461,7 +533,7 @@ private:
         bodyRelay->request(bodyWindow - 1);
         // The read side watches for the peer going away and never times out: a held
         // response lasts as long as the service keeps it.
-        lowest().expires_never();
+        expiresNever();
         doWatch();
         doPumpBody();
     }
@@ -522,8 +594,10 @@ private:
         }
         writing = true;
         doArmWriteTimeout();
+        begin(writeSide);
         net::async_write(stream, net::buffer(outgoing),
                          [self = this->shared_from_this(), taken, ended](beast::error_code error, std::size_t) {
+                             self->end(writeSide);
                              self->onBodyWritten(error, taken, ended);
                          });
     }
@@ -582,8 +656,10 @@ private:
             return;
         }
         watching = true;
+        begin(readSide);
         stream.async_read_some(buffer.prepare(watchReadBytes),
                                 [self = this->shared_from_this()](beast::error_code error, std::size_t bytes) {
+                                    self->end(readSide);
                                     self->onWatch(error, bytes);
                                 });
     }
@@ -669,7 +745,9 @@ private:
         full = std::move(response);
         countResponse(full->result_int());
         doArmWriteTimeout();
+        begin(writeSide);
         bhttp::async_write(stream, *full, [self = this->shared_from_this()](beast::error_code error, std::size_t) {
+            self->end(writeSide);
             self->full.reset();
             if (error) {
                 self->doClose();
@@ -736,13 +814,15 @@ private:
         }
         beast::error_code ignored;
         lowest().socket().shutdown(net::socket_base::shutdown_send, ignored);
-        lowest().expires_after(lingerTimeout);
+        expiresAfter(lingerTimeout);
         doLinger();
     }
 
     void doLinger() {
+        begin(readSide);
         lowest().async_read_some(net::buffer(scratch),
                                  [self = this->shared_from_this()](beast::error_code error, std::size_t) {
+                                     self->end(readSide);
                                      if (error) {
                                          self->doClose();
                                      } else {
@@ -758,6 +838,7 @@ private:
         closed = true;
         doEndBody();
         link->cut();
+        deadline.cancel();
         lowest().close();
     }
 
@@ -792,6 +873,11 @@ private:
     bool resumeAfterWatch = false;
     bool closed = false;
     std::array<char, 4096> scratch{};
+
+    // Indexed by Side: the limit for operations started from now on, and whether one is under way.
+    Clock::time_point limits[2] = {never, never};
+    bool pending[2] = {false, false};
+    DeadlineTimer<HttpConnection> deadline;
 };
 
 }  // namespace

@@ -11,7 +11,6 @@
 #include <vector>
 
 #include <boost/asio/ssl.hpp>
-#include <boost/asio/steady_timer.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/ssl.hpp>
@@ -21,6 +20,7 @@
 #include "korvane/codec/utf8.h"
 #include "korvane/frame/logger.h"
 #include "korvane/frame/ring_queue.h"
+#include "korvane/host/deadline_timer.h"
 #include "korvane/host/host_counters.h"
 #include "korvane/host/relay_subscriber.h"
 #include "korvane/host/server_state.h"
@@ -114,7 +114,7 @@ public:
           inbound(std::move(inbound)),
           outbound(std::move(outbound)),
           reader(this->state->options.maxWsMessageBytes, true),
-          deadlineTimer(strandExecutor) {}
+          deadline(strandExecutor) {}
 
     ~ServerWebSocketConnection() override { state->connections.remove(trackerId); }
 
@@ -155,6 +155,7 @@ public:
     void abandon() override { doFinish(); }
 
 private:
+    friend class DeadlineTimer<ServerWebSocketConnection>;
     // The service's frames on their way from its threads to the strand. One post
     // carries every frame that arrived before the strand took them, typically a
     // delivery and the connect reply behind it. `mutex` guards `signals`; it is a
@@ -584,29 +585,13 @@ private:
 
     // ---- deadlines: the idle ping and cut, the close handshake's wait, the write timeout ----
 
-    // One timer serves them all, armed for the earliest: an earlier deadline replaces
-    // the armed one, a later one waits for it. Whatever fires looks at the clock and
-    // the connection's state, does what is due and arms the timer for what comes next,
-    // so an early or spare firing does no harm.
-    void armDeadline(Clock::time_point due) {
-        if (deadlineArmed && deadlineDue <= due) {
-            return;
-        }
-        deadlineArmed = true;
-        deadlineDue = due;
-        deadlineTimer.expires_at(due);
-        deadlineTimer.async_wait([weakSelf = this->weak_from_this()](beast::error_code error) {
-            auto self = weakSelf.lock();
-            if (self && error != net::error::operation_aborted) {
-                self->onDeadline();
-            }
-        });
-    }
+    // One timer serves them all (deadline_timer.h): whatever fires looks at the clock and
+    // the connection's state, does what is due and arms the timer for what comes next.
+    void armDeadline(Clock::time_point due) { deadline.arm(due, this->weak_from_this()); }
 
     // One firing per half idle time at most while the peer is quiet: reads only move
     // `lastRead`, and the timer looks at it when it fires.
     void onDeadline() {
-        deadlineArmed = false;
         if (finished) {
             return;
         }
@@ -709,7 +694,7 @@ private:
         if (messages) {
             messages->onComplete();
         }
-        deadlineTimer.cancel();
+        deadline.cancel();
         beast::error_code ignored;
         socket().close(ignored);
     }
@@ -742,8 +727,7 @@ private:
     std::array<std::array<std::uint8_t, maxFrameHeaderBytes>, maxFramesPerWrite> sendHeaders;
     std::vector<net::const_buffer> sendBuffers;
 
-    net::steady_timer deadlineTimer;
-    Clock::time_point deadlineDue;
+    DeadlineTimer<ServerWebSocketConnection> deadline;
     Clock::time_point lastRead;
     Clock::time_point writeStarted;
     Clock::time_point closeWrittenAt;
@@ -751,7 +735,6 @@ private:
     bool reading = false;
     bool writing = false;
     bool flushPosted = false;
-    bool deadlineArmed = false;
     bool writeTimedOut = false;
     bool pingSent = false;
     bool closeRequested = false;  // no more frames from the service

@@ -212,11 +212,14 @@ void startPublishing(std::vector<std::unique_ptr<Worker>>& workers) {
     }
 }
 
-struct ServerFigures {
+// The server's samples, and korvane-load's own CPU over the same measured time.
+struct RunFigures {
     std::optional<ProcessSample> atStart;  // before any client connected
     std::optional<ProcessSample> atMeasureStart;
     std::optional<ProcessSample> atMeasureEnd;
     std::optional<ProcessSample> atEnd;
+    double toolCpuAtMeasureStart = 0;
+    double toolCpuAtMeasureEnd = 0;
     // (second of the measured time, RSS in kB) every --rss-every seconds.
     std::vector<std::pair<std::int64_t, std::int64_t>> rss;
 };
@@ -229,7 +232,7 @@ std::string jsonNumber(double value) {
 }
 
 void printResults(const LoadOptions& options, const StatsSnapshot& total, std::int64_t clientsUp,
-                  std::uint64_t measuredHandshakes, const ServerFigures& server, double toolCpu, std::uint64_t lost) {
+                  std::uint64_t measuredHandshakes, const RunFigures& server, std::uint64_t lost) {
     const LoadCounters& c = total.counters;
     const double duration = options.duration > 0 ? options.duration : 1;
     std::ostringstream out;
@@ -278,7 +281,9 @@ void printResults(const LoadOptions& options, const StatsSnapshot& total, std::i
         const std::optional<double> drift = rssDriftPercent(server.rss, options.duration);
         field("server_rss_drift_pct", drift ? jsonNumber(*drift) : "null");
     }
+    const double toolCpu = server.toolCpuAtMeasureEnd - server.toolCpuAtMeasureStart;
     field("tool_cpu_s", jsonNumber(toolCpu));
+    field("tool_cpu_us_per_delivery", jsonNumber(c.delivered ? 1e6 * toolCpu / c.delivered : 0));
     out << "}";
     std::cout << out.str() << std::endl;
 }
@@ -288,7 +293,7 @@ std::optional<ProcessSample> sampleServer(const LoadOptions& options) {
 }
 
 // Every --rss-every seconds of the measured time, from its start to its end.
-void sampleRss(const LoadOptions& options, std::int64_t tick, std::int64_t measureTicks, ServerFigures& figures) {
+void sampleRss(const LoadOptions& options, std::int64_t tick, std::int64_t measureTicks, RunFigures& figures) {
     const auto every = static_cast<std::int64_t>(std::llround(options.rssEverySeconds));
     if (every <= 0 || tick < 0 || tick > measureTicks || (tick % every != 0 && tick != measureTicks)) {
         return;
@@ -306,8 +311,8 @@ int run(const LoadOptions& options) {
     plan.publishIntervalMicros =
         options.publishers ? static_cast<std::int64_t>(1e6 * options.publishers / options.rate) : 0;
 
-    ServerFigures serverFigures;
-    serverFigures.atStart = sampleServer(options);
+    RunFigures runFigures;
+    runFigures.atStart = sampleServer(options);
     std::vector<std::unique_ptr<Worker>> workers;
     for (std::size_t i = 0; i < options.threads; ++i) {
         workers.push_back(std::make_unique<Worker>());
@@ -337,13 +342,15 @@ int run(const LoadOptions& options) {
     std::uint64_t measuredHandshakes = 0;
     for (std::int64_t tick = 1 - warmupTicks; tick <= measureTicks + graceTicks; ++tick) {
         if (tick == 1) {
-            serverFigures.atMeasureStart = sampleServer(options);
+            runFigures.atMeasureStart = sampleServer(options);
+            runFigures.toolCpuAtMeasureStart = ownCpuSeconds();
         }
         sleepUntil(measureStart + tick * 1000000);
         if (tick == measureTicks + 1) {
-            serverFigures.atMeasureEnd = sampleServer(options);
+            runFigures.atMeasureEnd = sampleServer(options);
+            runFigures.toolCpuAtMeasureEnd = ownCpuSeconds();
         }
-        sampleRss(options, tick, measureTicks, serverFigures);
+        sampleRss(options, tick, measureTicks, runFigures);
         const StatsSnapshot second = takeSecond(workers);
         if (tick >= 1 && tick <= measureTicks) {
             measuredHandshakes += second.counters.handshakes;
@@ -354,14 +361,15 @@ int run(const LoadOptions& options) {
                           static_cast<double>(second.counters.delivered), ms(second.latency.valueAtQuantile(0.5)),
                           ms(second.latency.valueAtQuantile(0.99)), ms(second.latency.max())});
     }
-    if (!serverFigures.atMeasureStart) {
-        serverFigures.atMeasureStart = serverFigures.atStart;
+    if (!runFigures.atMeasureStart) {
+        runFigures.atMeasureStart = runFigures.atStart;
     }
-    if (!serverFigures.atMeasureEnd) {
-        serverFigures.atMeasureEnd = sampleServer(options);
+    if (!runFigures.atMeasureEnd) {
+        runFigures.atMeasureEnd = sampleServer(options);
+        runFigures.toolCpuAtMeasureEnd = ownCpuSeconds();
     }
     StatsSnapshot total = takeTotal(workers);
-    serverFigures.atEnd = sampleServer(options);
+    runFigures.atEnd = sampleServer(options);
     total.counters.errors += setupShortfall;
     for (auto& worker : workers) {
         worker->io.stop();
@@ -369,7 +377,7 @@ int run(const LoadOptions& options) {
     }
     const std::uint64_t lost =
         total.counters.expected > total.counters.delivered ? total.counters.expected - total.counters.delivered : 0;
-    printResults(options, total, clientsUp, measuredHandshakes, serverFigures, ownCpuSeconds(), lost);
+    printResults(options, total, clientsUp, measuredHandshakes, runFigures, lost);
     if (!options.plot.empty()) {
         writePlot(options.plot, series, total.latency);
     }

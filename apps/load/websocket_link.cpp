@@ -109,10 +109,6 @@ private:
         }
         socket = beast::get_lowest_layer(*upgrading).release_socket();
         upgrading.reset();
-        socket.non_blocking(true, ec);
-        if (ec) {
-            return fail("socket: " + ec.message());
-        }
         isOpen = true;
         readNext();
         if (!queued.empty()) {
@@ -120,42 +116,33 @@ private:
         }
     }
 
-    // Waits for the socket to become readable, then reads what it holds without
-    // blocking: an asynchronous read would first try a read of its own, which fails
-    // on an empty socket and costs a system call per message. The one thread that
-    // runs the io_context polls only after this handler queued its wait, so no
-    // readiness is missed.
+    // Reads straight into the frame reader. Asio tries the read at once only when the
+    // last one filled its buffer; otherwise it queues the operation on the descriptor,
+    // already registered for readiness, so a message costs the one read the wake-up
+    // does (a bare wait for readability would re-arm the descriptor with an epoll_ctl
+    // every time). The reader's buffer is not touched while the read is pending: only
+    // this handler uses it, and a failure closes the socket first.
     void readNext() {
-        socket.async_wait(tcp::socket::wait_read,
-                          [self = shared_from_this(), generation = generation](beast::error_code ec) {
-                              if (generation == self->generation) {
-                                  self->onReadable(ec);
-                              }
-                          });
+        socket.async_read_some(boost::asio::buffer(reader.space(), reader.spaceSize()),
+                               [self = shared_from_this(), generation = generation](beast::error_code ec,
+                                                                                   std::size_t bytes) {
+                                   if (generation == self->generation) {
+                                       self->onRead(ec, bytes);
+                                   }
+                               });
     }
 
-    void onReadable(beast::error_code ec) {
-        while (!closed) {
-            if (ec) {
-                return fail("read: " + ec.message());
-            }
-            char* space = reader.space();
-            const std::size_t room = reader.spaceSize();
-            const std::size_t bytes = socket.read_some(boost::asio::buffer(space, room), ec);
-            if (ec == boost::asio::error::would_block) {
-                return readNext();
-            }
-            if (ec) {
-                continue;
-            }
-            reader.commit(bytes);
-            if (!deliverFrames()) {
-                return;  // a frame ended the connection, or a callback closed the link
-            }
-            if (bytes < room) {
-                return readNext();  // the socket is drained
-            }
+    void onRead(beast::error_code ec, std::size_t bytes) {
+        if (closed) {
+            return;
         }
+        if (ec) {
+            return fail("read: " + ec.message());
+        }
+        reader.commit(bytes);
+        if (deliverFrames()) {
+            readNext();
+        }  // else a frame ended the connection, or a callback closed the link
     }
 
     // Hands every whole frame read so far on; false once the connection failed.

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <boost/asio/post.hpp>
 
-#include "load/message_scanner.h"
 
 namespace korvane::load {
 namespace {
@@ -59,11 +58,11 @@ void LoadClient::openLink() {
                                                      : makeLongPollingLink(io, setup.target, std::move(events));
 }
 
-void LoadClient::send(const std::string& message, bool isConnect) {
+void LoadClient::send(std::string message, bool isConnect) {
     if (!link) {
         openLink();
     }
-    link->send(message, isConnect);
+    link->send(std::move(message), isConnect);
 }
 
 void LoadClient::handshake() {
@@ -82,26 +81,24 @@ void LoadClient::handshake() {
 std::string LoadClient::nextId() { return std::to_string(++messageId); }
 
 void LoadClient::onBody(std::string_view body) {
-    const auto messages = splitObjects(body);
-    if (messages.empty()) {
-        ++stats.counters().errors;
-        return;
-    }
-    for (std::string_view message : messages) {
-        const auto channel = stringField(message, "channel");
+    const bool whole = forEachObject(body, fields, [this](const MessageFields& message) {
+        const auto channel = message.string("channel");
         if (!channel) {
             ++stats.counters().errors;
         } else if (startsWith(*channel, "/meta/")) {
             onMeta(*channel, message);
-        } else if (hasField(message, "successful")) {
+        } else if (message.has("successful")) {
             onPublishReply(message);
         } else {
             onDelivery(message);
         }
+    });
+    if (!whole) {
+        ++stats.counters().errors;
     }
 }
 
-void LoadClient::onMeta(std::string_view channel, std::string_view message) {
+void LoadClient::onMeta(std::string_view channel, const MessageFields& message) {
     if (channel == "/meta/handshake") {
         onHandshakeReply(message);
     } else if (channel == "/meta/subscribe") {
@@ -115,15 +112,17 @@ void LoadClient::onMeta(std::string_view channel, std::string_view message) {
     }
 }
 
-void LoadClient::onHandshakeReply(std::string_view message) {
-    const auto id = stringField(message, "clientId");
-    if (!isTrue(message, "successful") || !id) {
+void LoadClient::onHandshakeReply(const MessageFields& message) {
+    const auto id = message.string("clientId");
+    if (!message.isTrue("successful") || !id) {
         ++stats.counters().errors;
         rehandshakeAfter(kRetryAfterFailureMillis);
         return;
     }
     ++stats.counters().handshakes;
     clientId = std::string(*id);
+    connectTail = "\",\"channel\":\"/meta/connect\",\"clientId\":\"" + clientId + "\",\"connectionType\":\"" +
+                  (setup.transport == Transport::webSocket ? "websocket" : "long-polling") + "\"";
     if (setup.role != Role::churner) {
         sendConnect();
     }
@@ -142,9 +141,9 @@ void LoadClient::subscribeAll() {
     }
 }
 
-void LoadClient::onSubscribeReply(std::string_view message) {
-    const auto subscription = stringField(message, "subscription");
-    if (!isTrue(message, "successful") || !subscription) {
+void LoadClient::onSubscribeReply(const MessageFields& message) {
+    const auto subscription = message.string("subscription");
+    if (!message.isTrue("successful") || !subscription) {
         ++stats.counters().errors;
         return;
     }
@@ -170,13 +169,15 @@ void LoadClient::onSubscribeReply(std::string_view message) {
 
 void LoadClient::sendConnect() {
     connectOutstanding = true;
-    std::string message = "{\"id\":\"" + nextId() + "\",\"channel\":\"/meta/connect\",\"clientId\":\"" + clientId +
-                          "\",\"connectionType\":\"" +
-                          (setup.transport == Transport::webSocket ? "websocket" : "long-polling") + "\"";
+    constexpr std::string_view head = "{\"id\":\"";
     // The first connect of a session asks for an answer at once, as browsers do.
-    message += firstConnect ? ",\"advice\":{\"timeout\":0}}" : "}";
+    const std::string_view end = firstConnect ? ",\"advice\":{\"timeout\":0}}" : "}";
+    const std::string id = nextId();
+    std::string message;
+    message.reserve(head.size() + id.size() + connectTail.size() + end.size());
+    message.append(head).append(id).append(connectTail).append(end);
     firstConnect = false;
-    send(message, true);
+    send(std::move(message), true);
 }
 
 void LoadClient::scheduleConnect(std::int64_t afterMillis) {
@@ -192,21 +193,25 @@ void LoadClient::scheduleConnect(std::int64_t afterMillis) {
     });
 }
 
-void LoadClient::onConnectReply(std::string_view message) {
+void LoadClient::onConnectReply(const MessageFields& message) {
     if (!connectOutstanding) {
         return;  // the answer to a connect of a session given up
     }
     connectOutstanding = false;
-    if (const auto interval = numberField(message, "interval")) {
-        connectInterval = *interval;
+    // The advice is an object of its own; the tool reads its fields where they are unique.
+    const auto advice = message.value("advice");
+    if (advice && advice->front() == '{' && adviceFields.scan(*advice, 0) != std::string_view::npos) {
+        if (const auto interval = adviceFields.number("interval")) {
+            connectInterval = *interval;
+        }
     }
-    const auto reconnect = stringField(message, "reconnect");
+    const auto reconnect = advice ? adviceFields.string("reconnect") : std::nullopt;
     if (reconnect && *reconnect == "none") {
         ++stats.counters().errors;
         loseSession();
         return;
     }
-    const bool successful = isTrue(message, "successful");
+    const bool successful = message.isTrue("successful");
     if ((reconnect && *reconnect == "handshake") || (!successful && !(reconnect && *reconnect == "retry"))) {
         ++stats.counters().rehandshakes;
         loseSession();
@@ -219,8 +224,8 @@ void LoadClient::onConnectReply(std::string_view message) {
     scheduleConnect(connectInterval);
 }
 
-void LoadClient::onPublishReply(std::string_view message) {
-    if (!isTrue(message, "successful")) {
+void LoadClient::onPublishReply(const MessageFields& message) {
+    if (!message.isTrue("successful")) {
         ++stats.counters().errors;
         return;
     }
@@ -234,11 +239,11 @@ void LoadClient::onPublishReply(std::string_view message) {
 }
 
 // A churner leaves once the last of its rooms is let go of.
-void LoadClient::onUnsubscribeReply(std::string_view message) {
+void LoadClient::onUnsubscribeReply(const MessageFields& message) {
     if (setup.role != Role::churner || subscribedCount == 0) {
         return;
     }
-    if (!isTrue(message, "successful")) {
+    if (!message.isTrue("successful")) {
         ++stats.counters().errors;
     }
     if (--subscribedCount == 0) {
@@ -259,11 +264,11 @@ void LoadClient::onDisconnectReply() {
     });
 }
 
-void LoadClient::onDelivery(std::string_view message) {
+void LoadClient::onDelivery(const MessageFields& message) {
     if (setup.role != Role::subscriber) {
         return;
     }
-    const auto stamp = deliveryStamp(message);
+    const auto stamp = deliveryStamp(message, dataFields);
     if (!stamp || stamp->publisher < 0 || static_cast<std::size_t>(stamp->publisher) >= plan.publisherCount) {
         ++stats.counters().errors;
         return;

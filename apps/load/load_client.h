@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "load/link.h"
+#include "load/message_scanner.h"
 #include "load/load_stats.h"
 #include "load/run_plan.h"
 
@@ -58,17 +59,17 @@ public:
 private:
     void openLink();
     void handshake();
-    void send(const std::string& message, bool isConnect = false);
+    void send(std::string message, bool isConnect = false);
     void onBody(std::string_view body);
     void onFailure(const std::string& what);
-    void onMeta(std::string_view channel, std::string_view message);
-    void onHandshakeReply(std::string_view message);
-    void onSubscribeReply(std::string_view message);
-    void onConnectReply(std::string_view message);
-    void onPublishReply(std::string_view message);
-    void onUnsubscribeReply(std::string_view message);
+    void onMeta(std::string_view channel, const MessageFields& message);
+    void onHandshakeReply(const MessageFields& message);
+    void onSubscribeReply(const MessageFields& message);
+    void onConnectReply(const MessageFields& message);
+    void onPublishReply(const MessageFields& message);
+    void onUnsubscribeReply(const MessageFields& message);
     void onDisconnectReply();
-    void onDelivery(std::string_view message);
+    void onDelivery(const MessageFields& message);
     void subscribeAll();
     void sendConnect();
     void scheduleConnect(std::int64_t afterMillis);
@@ -88,6 +89,7 @@ private:
     boost::asio::steady_timer publishTimer;
     std::mt19937 random;
     std::string clientId;
+    std::string connectTail;  // a connect of this session, from behind its id
     std::vector<bool> subscribed;  // per entry of setup.rooms, counted in the plan
     std::size_t subscribedCount = 0;
     bool up = false;
@@ -100,6 +102,10 @@ private:
     std::int64_t nextSend = 0;
     std::vector<std::int64_t> lastSequence;  // per publisher id, -1 before the first
     std::string publishText;                 // reused to build publishes
+    // Scanned replies: the messages of a body, a delivery's data, a connect's advice.
+    MessageFields fields;
+    MessageFields dataFields;
+    MessageFields adviceFields;
 };
 
 }  // namespace korvane::load

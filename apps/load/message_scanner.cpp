@@ -1,134 +1,173 @@
 #include "load/message_scanner.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace korvane::load {
 namespace {
 
-std::size_t skipSpaces(std::string_view text, std::size_t at) {
+constexpr std::size_t npos = std::string_view::npos;
+
+// One past the closing quote of the string that opens at text[open], or npos. A
+// quote closes the string unless an odd number of backslashes precede it. Names and
+// ids are short: they are passed byte by byte, longer text with memchr.
+std::size_t stringEnd(std::string_view text, std::size_t open) {
+    constexpr std::size_t shortString = 24;
+    const std::size_t bytewiseEnd = std::min(text.size(), open + 1 + shortString);
+    std::size_t at = open + 1;
+    for (; at < bytewiseEnd; ++at) {
+        if (text[at] == '\\') {
+            ++at;
+        } else if (text[at] == '"') {
+            return at + 1;
+        }
+    }
+    for (std::size_t from = at; from < text.size();) {
+        const void* quote = std::memchr(text.data() + from, '"', text.size() - from);
+        if (quote == nullptr) {
+            break;
+        }
+        const std::size_t found = static_cast<std::size_t>(static_cast<const char*>(quote) - text.data());
+        std::size_t backslashes = 0;
+        while (found - backslashes > open + 1 && text[found - backslashes - 1] == '\\') {
+            ++backslashes;
+        }
+        if (backslashes % 2 == 0) {
+            return found + 1;
+        }
+        from = found + 1;
+    }
+    return npos;
+}
+
+// One past the object or array that opens at text[open], or npos.
+std::size_t nestedEnd(std::string_view text, std::size_t open) {
+    int depth = 0;
+    for (std::size_t at = open; at < text.size(); ++at) {
+        const char c = text[at];
+        if (c == '"') {
+            const std::size_t end = stringEnd(text, at);
+            if (end == npos) {
+                return npos;
+            }
+            at = end - 1;
+        } else if (c == '{' || c == '[') {
+            ++depth;
+        } else if ((c == '}' || c == ']') && --depth == 0) {
+            return at + 1;
+        }
+    }
+    return npos;
+}
+
+// One past the value that starts at text[at], or npos.
+std::size_t valueEnd(std::string_view text, std::size_t at) {
+    const char c = text[at];
+    if (c == '"') {
+        return stringEnd(text, at);
+    }
+    if (c == '{' || c == '[') {
+        return nestedEnd(text, at);
+    }
+    const std::size_t start = at;
+    while (at < text.size() && text[at] != ',' && text[at] != '}' && text[at] != ']' && text[at] != ' ' &&
+           text[at] != '\n' && text[at] != '\r' && text[at] != '\t') {
+        ++at;
+    }
+    return at == start ? npos : at;
+}
+
+}  // namespace
+
+std::size_t skipJsonSpaces(std::string_view text, std::size_t at) {
     while (at < text.size() && (text[at] == ' ' || text[at] == '\t' || text[at] == '\n' || text[at] == '\r')) {
         ++at;
     }
     return at;
 }
 
-// Where the value of field `name` starts, or npos. Looks for the bare name, which
-// memchr finds fast, and then for the quotes around it.
-std::size_t valueStart(std::string_view object, std::string_view name) {
-    std::size_t at = 0;
-    while ((at = object.find(name, at)) != std::string_view::npos) {
-        const std::size_t end = at + name.size();
-        if (at != 0 && object[at - 1] == '"' && end < object.size() && object[end] == '"') {
-            const std::size_t colon = skipSpaces(object, end + 1);
-            if (colon < object.size() && object[colon] == ':') {
-                return skipSpaces(object, colon + 1);
-            }
-        }
-        at = end;
+std::size_t MessageFields::scan(std::string_view text, std::size_t at) {
+    fields.clear();
+    at = skipJsonSpaces(text, at + 1);
+    if (at < text.size() && text[at] == '}') {
+        return at + 1;
     }
-    return std::string_view::npos;
-}
-
-// The end of the string that starts at `open` (a '"'), one past its closing quote, or
-// npos. A quote closes the string unless an odd number of backslashes precede it.
-std::size_t stringEnd(std::string_view text, std::size_t open) {
-    for (std::size_t from = open + 1; from < text.size();) {
-        const void* quote = std::memchr(text.data() + from, '"', text.size() - from);
-        if (quote == nullptr) {
-            break;
+    for (;;) {
+        if (at >= text.size() || text[at] != '"') {
+            return npos;
         }
-        const std::size_t at = static_cast<std::size_t>(static_cast<const char*>(quote) - text.data());
-        std::size_t backslashes = 0;
-        while (at - backslashes > open + 1 && text[at - backslashes - 1] == '\\') {
-            ++backslashes;
+        const std::size_t nameEnd = stringEnd(text, at);
+        if (nameEnd == npos) {
+            return npos;
         }
-        if (backslashes % 2 == 0) {
+        const std::string_view name = text.substr(at + 1, nameEnd - at - 2);
+        at = skipJsonSpaces(text, nameEnd);
+        if (at >= text.size() || text[at] != ':') {
+            return npos;
+        }
+        at = skipJsonSpaces(text, at + 1);
+        const std::size_t end = at < text.size() ? valueEnd(text, at) : npos;
+        if (end == npos) {
+            return npos;
+        }
+        fields.emplace_back(name, text.substr(at, end - at));
+        at = skipJsonSpaces(text, end);
+        if (at < text.size() && text[at] == '}') {
             return at + 1;
         }
-        from = at + 1;
+        if (at >= text.size() || text[at] != ',') {
+            return npos;
+        }
+        at = skipJsonSpaces(text, at + 1);
     }
-    return std::string_view::npos;
 }
 
-}  // namespace
-
-std::vector<std::string_view> splitObjects(std::string_view body) {
-    std::vector<std::string_view> objects;
-    int depth = 0;
-    std::size_t start = 0;
-    for (std::size_t i = 0; i < body.size(); ++i) {
-        const char c = body[i];
-        if (c == '"') {
-            const std::size_t end = stringEnd(body, i);
-            if (end == std::string_view::npos) {
-                return {};
-            }
-            i = end - 1;
-        } else if (c == '{') {
-            if (depth++ == 0) {
-                start = i;
-            }
-        } else if (c == '}') {
-            if (--depth == 0) {
-                objects.push_back(body.substr(start, i + 1 - start));
-            } else if (depth < 0) {
-                return {};
-            }
+std::optional<std::string_view> MessageFields::value(std::string_view name) const {
+    for (const auto& [fieldName, fieldValue] : fields) {
+        if (fieldName == name) {
+            return fieldValue;
         }
     }
-    if (depth != 0) {
-        return {};
-    }
-    return objects;
+    return std::nullopt;
 }
 
-std::optional<std::string_view> stringField(std::string_view object, std::string_view name) {
-    const std::size_t at = valueStart(object, name);
-    if (at >= object.size() || object[at] != '"') {
+std::optional<std::string_view> MessageFields::string(std::string_view name) const {
+    const auto text = value(name);
+    if (!text || text->front() != '"') {
         return std::nullopt;
     }
-    const std::size_t end = stringEnd(object, at);
-    if (end == std::string_view::npos) {
-        return std::nullopt;
-    }
-    return object.substr(at + 1, end - at - 2);
+    return text->substr(1, text->size() - 2);
 }
 
-std::optional<std::int64_t> numberField(std::string_view object, std::string_view name) {
-    std::size_t at = valueStart(object, name);
-    if (at >= object.size()) {
+std::optional<std::int64_t> MessageFields::number(std::string_view name) const {
+    const auto text = value(name);
+    if (!text) {
         return std::nullopt;
     }
-    const bool negative = object[at] == '-';
-    at += negative ? 1 : 0;
-    if (at >= object.size() || object[at] < '0' || object[at] > '9') {
+    const bool negative = text->front() == '-';
+    std::size_t at = negative ? 1 : 0;
+    if (at == text->size()) {
         return std::nullopt;
     }
-    std::int64_t value = 0;
-    for (; at < object.size() && object[at] >= '0' && object[at] <= '9'; ++at) {
-        value = value * 10 + (object[at] - '0');
+    std::int64_t number = 0;
+    for (; at < text->size(); ++at) {
+        const char digit = (*text)[at];
+        if (digit < '0' || digit > '9') {
+            return std::nullopt;
+        }
+        number = number * 10 + (digit - '0');
     }
-    return negative ? -value : value;
+    return negative ? -number : number;
 }
 
-bool hasField(std::string_view object, std::string_view name) {
-    return valueStart(object, name) != std::string_view::npos;
-}
-
-bool isTrue(std::string_view object, std::string_view name) {
-    const std::size_t at = valueStart(object, name);
-    return at < object.size() && object.substr(at, 4) == "true";
-}
-
-std::optional<DeliveryStamp> deliveryStamp(std::string_view object) {
-    const std::size_t at = valueStart(object, "data");
-    if (at >= object.size() || object[at] != '{') {
+std::optional<DeliveryStamp> deliveryStamp(const MessageFields& message, MessageFields& data) {
+    const auto text = message.value("data");
+    if (!text || text->front() != '{' || data.scan(*text, 0) == npos) {
         return std::nullopt;
     }
-    const std::string_view data = object.substr(at);
-    const auto publisher = numberField(data, "p");
-    const auto sequence = numberField(data, "s");
-    const auto sent = numberField(data, "t");
+    const auto publisher = data.number("p");
+    const auto sequence = data.number("s");
+    const auto sent = data.number("t");
     if (!publisher || !sequence || !sent) {
         return std::nullopt;
     }

@@ -7,9 +7,11 @@
 #include <cstdlib>
 #include <exception>
 #include <future>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
@@ -79,17 +81,29 @@ unsigned usableCpuCount() {
 
 }  // namespace
 
+// Each I/O thread runs a loop of its own, and a connection stays on the loop that
+// accepted it: a readiness event wakes only the thread whose socket it is, where one
+// loop shared by every thread would wake the others to hand them its handlers.
+//
 // Threading: start() and stop() run on the owner's thread; the acceptor and its
-// retry timer live on `acceptStrand`, and `refusedSinceLog`/`lastRefusalLog` are
-// touched only there.
+// retry timer live on `acceptStrand` (the first loop), and `nextLoop`,
+// `refusedSinceLog` and `lastRefusalLog` are touched only there.
 struct HttpServer::Impl {
     Impl(HttpServerOptions serverOptions, std::shared_ptr<ServiceRegistry> serviceRegistry)
         : options(std::move(serverOptions)),
           registry(std::move(serviceRegistry)),
-          io(static_cast<int>(threadCount())),
-          acceptStrand(net::make_strand(io)),
+          loops(makeLoops(threadCount())),
+          acceptStrand(net::make_strand(*loops.front())),
           acceptor(acceptStrand),
           retryTimer(acceptStrand) {}
+
+    static std::vector<std::unique_ptr<net::io_context>> makeLoops(unsigned count) {
+        std::vector<std::unique_ptr<net::io_context>> made;
+        for (unsigned i = 0; i < count; ++i) {
+            made.push_back(std::make_unique<net::io_context>(1));
+        }
+        return made;
+    }
 
     bool exposesMetrics() const {
         using Exposure = HttpServerOptions::MetricsExposure;
@@ -133,7 +147,7 @@ struct HttpServer::Impl {
         } else {
             net::ip::address ip = net::ip::make_address(address.host, error);
             if (error) {
-                tcp::resolver resolver(io);
+                tcp::resolver resolver(*loops.front());
                 auto results = resolver.resolve(address.host, std::to_string(address.port), error);
                 if (error || results.empty()) {
                     throw std::runtime_error("Cannot listen on " + options.listen + ": cannot resolve " +
@@ -178,8 +192,11 @@ struct HttpServer::Impl {
         return true;
     }
 
+    // Connections take the loops in turn.
     void doAccept() {
-        acceptor.async_accept(net::make_strand(io), [this](boost::system::error_code error, ConnectionSocket socket) {
+        net::io_context& loop = *loops[nextLoop];
+        nextLoop = (nextLoop + 1) % loops.size();
+        acceptor.async_accept(net::make_strand(loop), [this](boost::system::error_code error, ConnectionSocket socket) {
             onAccepted(error, std::move(socket));
         });
     }
@@ -225,10 +242,10 @@ struct HttpServer::Impl {
         lastRefusalLog = now;
     }
 
-    void runIoThread() {
+    void runIoThread(net::io_context& loop) {
         for (;;) {
             try {
-                io.run();
+                loop.run();
                 return;
             } catch (const std::exception& failure) {
                 KORVANE_LOG(logger, common::logFailure) << "An I/O handler failed: " << failure.what();
@@ -251,17 +268,19 @@ struct HttpServer::Impl {
     const std::shared_ptr<ServiceRegistry> registry;
     // Declared before the I/O context: TLS streams still held by its handlers use it.
     std::unique_ptr<net::ssl::context> tls;
-    net::io_context io;
+    // One per I/O thread; not moved once made, since connections hold their executors.
+    const std::vector<std::unique_ptr<net::io_context>> loops;
     net::strand<net::io_context::executor_type> acceptStrand;
     tcp::acceptor acceptor;
     net::steady_timer retryTimer;
     boost::system::error_code bindError;
     std::shared_ptr<ServerState> state;
-    std::optional<net::executor_work_guard<net::io_context::executor_type>> work;
+    std::vector<net::executor_work_guard<net::io_context::executor_type>> work;  // one per loop
     std::shared_ptr<LoopTimerBackend> timers;
     std::vector<std::thread> threads;
     std::atomic<unsigned short> boundPort{0};
     std::string baseUrl;
+    std::size_t nextLoop = 0;
     std::uint64_t refusedSinceLog = 0;
     std::chrono::steady_clock::time_point lastRefusalLog{};
     bool started = false;
@@ -286,13 +305,15 @@ void HttpServer::start() {
     self.state = std::make_shared<ServerState>(self.options, self.registry, self.tls.get(),
                                                self.exposesMetrics() ? self.options.metrics : nullptr);
     self.started = true;
-    self.work.emplace(self.io.get_executor());
+    for (const auto& loop : self.loops) {
+        self.work.push_back(net::make_work_guard(*loop));
+    }
     if (self.timers) {
-        self.timers->attach(self.io);
+        self.timers->attach(*self.loops.front());
     }
     net::post(self.acceptStrand, [&self] { self.doAccept(); });
-    for (unsigned i = 0; i < self.threadCount(); ++i) {
-        self.threads.emplace_back([&self] { self.runIoThread(); });
+    for (const auto& loop : self.loops) {
+        self.threads.emplace_back([&self, &loop = *loop] { self.runIoThread(loop); });
     }
 }
 
@@ -315,11 +336,13 @@ void HttpServer::stop() {
     if (self.timers) {
         self.timers->detach();
     }
-    self.work.reset();
+    self.work.clear();
     if (!allEnded) {
         KORVANE_LOG(logger, common::logWarning) << "Cutting " << self.state->connections.count()
                                  << " connection(s) that did not end in time";
-        self.io.stop();
+        for (const auto& loop : self.loops) {
+            loop->stop();
+        }
     }
     for (std::thread& thread : self.threads) {
         thread.join();
@@ -328,8 +351,10 @@ void HttpServer::stop() {
     // No I/O thread is left: what still lives is cut here, and the handlers that
     // remain run their ending paths on this thread.
     self.state->connections.abandonAll();
-    self.io.restart();
-    self.io.poll();
+    for (const auto& loop : self.loops) {
+        loop->restart();
+        loop->poll();
+    }
 }
 
 }  // namespace korvane::host

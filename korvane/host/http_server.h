@@ -10,9 +10,10 @@
 //
 // Threading: start(), stop() and the destructor are for the owner's thread and must
 // not run on one of the server's I/O threads. port(), url() and openConnections() may
-// be called from any thread once start() returned. The server runs a pool of I/O threads; each
-// connection runs on its own strand, and signals of the services' streams, which
-// come on any thread, are posted to that strand.
+// be called from any thread once start() returned. Each of the server's I/O threads runs
+// a loop of its own; a connection stays on the loop that accepted it, on its own strand,
+// and signals of the services' streams, which come on any thread, are posted to that
+// strand.
 
 #include <chrono>
 #include <cstddef>

@@ -24,6 +24,7 @@
 #include "korvane/host/ascii_case.h"
 #include "korvane/host/browser_session.h"
 #include "korvane/host/deadline_timer.h"
+#include "korvane/host/handler_pool.h"
 #include "korvane/host/host_context.h"
 #include "korvane/host/host_counters.h"
 #include "korvane/host/relay_subscriber.h"
@@ -244,10 +245,10 @@ private:
         expiresAfter(options().headerTimeout);
         begin(readSide);
         bhttp::async_read_header(stream, buffer, *parser,
-                                 [self = this->shared_from_this()](beast::error_code error, std::size_t) {
+                                 pooledHandler([self = this->shared_from_this()](beast::error_code error, std::size_t) {
                                      self->end(readSide);
                                      self->onHeader(error);
-                                 });
+                                 }));
     }
 
     void onHeader(beast::error_code error) {
@@ -281,14 +282,14 @@ private:
         expiresAfter(options().headerTimeout);
         begin(readSide);
         bhttp::async_read(stream, buffer, *parser,
-                          [self = this->shared_from_this()](beast::error_code error, std::size_t) {
+                          pooledHandler([self = this->shared_from_this()](beast::error_code error, std::size_t) {
                               self->end(readSide);
                               if (error) {
                                   self->doReadFailed(error);
                               } else {
                                   self->onRequest();
                               }
-                          });
+                          }));
     }
 
     void doReadFailed(beast::error_code error) {
@@ -596,10 +597,11 @@ private:
         doArmWriteTimeout();
         begin(writeSide);
         net::async_write(stream, net::buffer(outgoing),
-                         [self = this->shared_from_this(), taken, ended](beast::error_code error, std::size_t) {
+                         pooledHandler([self = this->shared_from_this(), taken, ended](beast::error_code error,
+                                                                                       std::size_t) {
                              self->end(writeSide);
                              self->onBodyWritten(error, taken, ended);
-                         });
+                         }));
     }
 
     // Nothing to write: the chunks taken were empty, or a failure is at the front.
@@ -658,10 +660,10 @@ private:
         watching = true;
         begin(readSide);
         stream.async_read_some(buffer.prepare(watchReadBytes),
-                                [self = this->shared_from_this()](beast::error_code error, std::size_t bytes) {
-                                    self->end(readSide);
-                                    self->onWatch(error, bytes);
-                                });
+                               pooledHandler([self = this->shared_from_this()](beast::error_code error, std::size_t bytes) {
+                                   self->end(readSide);
+                                   self->onWatch(error, bytes);
+                               }));
     }
 
     void onWatch(beast::error_code error, std::size_t bytes) {
@@ -746,7 +748,8 @@ private:
         countResponse(full->result_int());
         doArmWriteTimeout();
         begin(writeSide);
-        bhttp::async_write(stream, *full, [self = this->shared_from_this()](beast::error_code error, std::size_t) {
+        bhttp::async_write(stream, *full, pooledHandler([self = this->shared_from_this()](beast::error_code error,
+                                                                                         std::size_t) {
             self->end(writeSide);
             self->full.reset();
             if (error) {
@@ -754,7 +757,7 @@ private:
             } else {
                 self->doNextRequest();
             }
-        });
+        }));
     }
 
     // ---- static files ---------------------------------------------------------------

@@ -19,6 +19,8 @@
 #include <boost/asio/defer.hpp>
 #include <boost/asio/post.hpp>
 
+#include "korvane/host/handler_pool.h"
+
 namespace korvane::host {
 
 template <class Target>
@@ -54,7 +56,7 @@ private:
         if (!target) {
             return false;
         }
-        auto run = [target = target, work = std::forward<Work>(work)]() mutable { work(*target); };
+        auto run = pooledHandler([target = target, work = std::forward<Work>(work)]() mutable { work(*target); });
         if constexpr (deferred) {
             boost::asio::defer(target->executor(), std::move(run));
         } else {

@@ -1,0 +1,74 @@
+#include "korvane/host/handler_pool.h"
+
+#include <array>
+#include <limits>
+#include <new>
+
+namespace korvane::host {
+namespace {
+
+// Sizes 128, 256, ... 2048 bytes; an operation's state is rounded up to the next.
+constexpr std::size_t smallestClassBytes = 128;  // 1 << 7
+constexpr std::size_t classCount = 5;
+constexpr std::size_t blocksPerClass = 32;
+
+// 0 for up to 128 bytes, 1 for up to 256, and so on.
+std::size_t classOf(std::size_t bytes) {
+    if (bytes <= smallestClassBytes) {
+        return 0;
+    }
+    const auto bits = static_cast<std::size_t>(std::numeric_limits<unsigned long>::digits - __builtin_clzl(bytes - 1));
+    return bits - 7;
+}
+
+std::size_t classBytes(std::size_t index) { return smallestClassBytes << index; }
+
+// A thread's free blocks, handed back to operator delete when the thread ends; what the
+// thread frees after that (other thread-locals' ends) goes straight to operator delete.
+struct ThreadPool {
+    struct FreeList {
+        std::array<void*, blocksPerClass> blocks{};
+        std::size_t count = 0;
+    };
+    std::array<FreeList, classCount> lists;
+    bool open = true;
+
+    ~ThreadPool() {
+        open = false;
+        for (FreeList& list : lists) {
+            for (std::size_t i = 0; i < list.count; ++i) {
+                ::operator delete(list.blocks[i]);
+            }
+        }
+    }
+};
+
+thread_local ThreadPool pool;
+
+}  // namespace
+
+void* takePooledBlock(std::size_t bytes) {
+    const std::size_t index = classOf(bytes);
+    if (index >= classCount) {
+        return ::operator new(bytes);
+    }
+    ThreadPool::FreeList& list = pool.lists[index];
+    if (list.count != 0 && pool.open) {
+        return list.blocks[--list.count];
+    }
+    return ::operator new(classBytes(index));
+}
+
+void givePooledBlock(void* block, std::size_t bytes) noexcept {
+    const std::size_t index = classOf(bytes);
+    if (index < classCount && pool.open) {
+        ThreadPool::FreeList& list = pool.lists[index];
+        if (list.count < blocksPerClass) {
+            list.blocks[list.count++] = block;
+            return;
+        }
+    }
+    ::operator delete(block);
+}
+
+}  // namespace korvane::host

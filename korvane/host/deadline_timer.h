@@ -11,40 +11,15 @@
 // alive, and this timer, a member of the owner, is touched only while the owner is.
 
 #include <chrono>
-#include <cstddef>
 #include <memory>
-#include <new>
 #include <utility>
 
 #include <boost/asio/error.hpp>
 #include <boost/asio/steady_timer.hpp>
 
+#include "korvane/host/handler_pool.h"
+
 namespace korvane::host {
-
-// The timer's wait is allocated to its own size with operator new rather than from the
-// I/O thread's recycled blocks: a deadline may wait as long as its connection lives, and
-// would otherwise keep whatever larger block the thread last gave back (a finished
-// write's, some 370 bytes, on every idle WebSocket).
-template <class T>
-struct ExactAllocator {
-    using value_type = T;
-
-    ExactAllocator() noexcept = default;
-    template <class U>
-    ExactAllocator(const ExactAllocator<U>&) noexcept {}
-
-    T* allocate(std::size_t count) { return static_cast<T*>(::operator new(count * sizeof(T))); }
-    void deallocate(T* block, std::size_t) noexcept { ::operator delete(block); }
-
-    template <class U>
-    bool operator==(const ExactAllocator<U>&) const noexcept {
-        return true;
-    }
-    template <class U>
-    bool operator!=(const ExactAllocator<U>&) const noexcept {
-        return false;
-    }
-};
 
 template <class Owner>
 class DeadlineTimer {
@@ -67,7 +42,11 @@ public:
     void cancel() { timer.cancel(); }
 
 private:
-    // The wait's handler; its allocator type is what sends asio to ExactAllocator.
+    // The wait's handler. Its allocator type sends Asio to ExactAllocator: the wait is
+    // allocated to its own size rather than from the I/O thread's recycled blocks, since
+    // a deadline may wait as long as its connection lives and would otherwise keep
+    // whatever larger block the thread last gave back (a finished write's, some 370
+    // bytes, on every idle WebSocket).
     struct Wait {
         using allocator_type = ExactAllocator<void>;
         allocator_type get_allocator() const noexcept { return {}; }

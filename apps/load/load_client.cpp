@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <boost/asio/post.hpp>
 
-
 namespace korvane::load {
 namespace {
 
@@ -198,14 +197,14 @@ void LoadClient::onConnectReply(const MessageFields& message) {
         return;  // the answer to a connect of a session given up
     }
     connectOutstanding = false;
-    // The advice is an object of its own; the tool reads its fields where they are unique.
+    // The interval and the reconnect rule are fields of the advice object; a reply
+    // without a readable advice keeps the interval and has no rule.
     const auto advice = message.value("advice");
-    if (advice && advice->front() == '{' && adviceFields.scan(*advice, 0) != std::string_view::npos) {
-        if (const auto interval = adviceFields.number("interval")) {
-            connectInterval = *interval;
-        }
+    const bool hasAdvice = advice && advice->front() == '{' && adviceFields.scan(*advice, 0) != std::string_view::npos;
+    if (const auto interval = hasAdvice ? adviceFields.number("interval") : std::nullopt) {
+        connectInterval = *interval;
     }
-    const auto reconnect = advice ? adviceFields.string("reconnect") : std::nullopt;
+    const auto reconnect = hasAdvice ? adviceFields.string("reconnect") : std::nullopt;
     if (reconnect && *reconnect == "none") {
         ++stats.counters().errors;
         loseSession();

@@ -20,7 +20,8 @@ namespace korvane::load {
 class MessageFields {
 public:
     // Reads the object that starts at text[at] (a '{'); returns one past its '}', or
-    // npos when it is not a whole object. The fields view `text`.
+    // npos when it is not a whole object, after which the fields are not to be read.
+    // The fields view `text`.
     std::size_t scan(std::string_view text, std::size_t at);
 
     // The raw value of field `name`.
@@ -37,6 +38,7 @@ private:
     std::vector<std::pair<std::string_view, std::string_view>> fields;  // kept between scans for its storage
 };
 
+// The first index from `at` on that is not JSON white space.
 std::size_t skipJsonSpaces(std::string_view text, std::size_t at);
 
 // Calls onObject(fields) for each top-level object of `body` (an array of objects or

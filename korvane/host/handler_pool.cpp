@@ -23,27 +23,40 @@ std::size_t classOf(std::size_t bytes) {
 
 std::size_t classBytes(std::size_t index) { return smallestClassBytes << index; }
 
-// A thread's free blocks, handed back to operator delete when the thread ends; what the
-// thread frees after that (other thread-locals' ends) goes straight to operator delete.
-struct ThreadPool {
-    struct FreeList {
-        std::array<void*, blocksPerClass> blocks{};
-        std::size_t count = 0;
+// A thread's free blocks. Trivially destructible, so that it stays usable while the
+// thread's other thread-locals end; `closed` then sends every block to operator delete.
+struct FreeLists {
+    struct List {
+        std::array<void*, blocksPerClass> blocks;
+        std::size_t count;
     };
-    std::array<FreeList, classCount> lists;
-    bool open = true;
+    std::array<List, classCount> lists;
+    bool reaperArmed;
+    bool closed;
+};
 
-    ~ThreadPool() {
-        open = false;
-        for (FreeList& list : lists) {
+thread_local FreeLists freeLists{};
+
+// Hands the thread's free blocks back to operator delete when the thread ends. Armed
+// by the first block the thread keeps.
+struct Reaper {
+    void arm() { armed = true; }
+    ~Reaper() {
+        if (!armed) {
+            return;
+        }
+        freeLists.closed = true;
+        for (FreeLists::List& list : freeLists.lists) {
             for (std::size_t i = 0; i < list.count; ++i) {
                 ::operator delete(list.blocks[i]);
             }
+            list.count = 0;
         }
     }
+    bool armed = false;
 };
 
-thread_local ThreadPool pool;
+thread_local Reaper reaper;
 
 }  // namespace
 
@@ -52,8 +65,8 @@ void* takePooledBlock(std::size_t bytes) {
     if (index >= classCount) {
         return ::operator new(bytes);
     }
-    ThreadPool::FreeList& list = pool.lists[index];
-    if (list.count != 0 && pool.open) {
+    FreeLists::List& list = freeLists.lists[index];
+    if (list.count != 0) {
         return list.blocks[--list.count];
     }
     return ::operator new(classBytes(index));
@@ -61,9 +74,13 @@ void* takePooledBlock(std::size_t bytes) {
 
 void givePooledBlock(void* block, std::size_t bytes) noexcept {
     const std::size_t index = classOf(bytes);
-    if (index < classCount && pool.open) {
-        ThreadPool::FreeList& list = pool.lists[index];
+    if (index < classCount && !freeLists.closed) {
+        FreeLists::List& list = freeLists.lists[index];
         if (list.count < blocksPerClass) {
+            if (!freeLists.reaperArmed) {
+                reaper.arm();
+                freeLists.reaperArmed = true;
+            }
             list.blocks[list.count++] = block;
             return;
         }

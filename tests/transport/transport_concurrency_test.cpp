@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <numeric>
 #include <regex>
@@ -32,22 +33,28 @@ struct Inbox {
     std::mutex mutex;
     std::vector<int> bySender[kClients];  // under `mutex`
     std::atomic<int> total{0};
+    std::atomic<bool> connectAnswered{false};
 };
 
 using TransportConcurrency = TransportFixture;
 
 TEST_F(TransportConcurrency, EveryMessageReachesEveryOtherWebSocketClientOnceInOrder) {
     const int expected = (kClients - 1) * kMessages;
-    Inbox inboxes[kClients];
+    // The clock thread may still be delivering to a client when that client's thread has returned, and the server
+    // may write while the fixture ends: the recorder's callback owns what it touches.
+    auto inboxes = std::make_shared<std::array<Inbox, kClients>>();
     std::atomic<int> ready{0};
     // One client: this thread alone feeds its socket, connecting again after each connect reply and publishing in
     // between.
     auto runClient = [&](int me) {
-        std::atomic<bool> reconnect{false};
+        Inbox& inbox = (*inboxes)[me];
         Socket socket = upgrade(browser("ws" + std::to_string(me)));
-        socket.written->onItem = [&](const http::WebSocketFrame& frame) {
-            inboxes[me].take(frame.data.str());
-            reconnect = reconnect || frame.data.str().find("\"/meta/connect\"") != std::string::npos;
+        socket.written->onItem = [inboxes, me](const http::WebSocketFrame& frame) {
+            Inbox& mine = (*inboxes)[me];
+            mine.take(frame.data.str());
+            if (frame.data.str().find("\"/meta/connect\"") != std::string::npos) {
+                mine.connectAnswered = true;
+            }
         };
         socket.send(R"({"channel":"/meta/handshake"})");
         socket.send(R"({"channel":"/meta/subscribe","subscription":"/room"})");
@@ -56,8 +63,8 @@ TEST_F(TransportConcurrency, EveryMessageReachesEveryOtherWebSocketClientOnceInO
         }
         socket.send(connectFrame);
         const auto stop = std::chrono::steady_clock::now() + 60s;
-        for (int seq = 0; (inboxes[me].total < expected || seq < kMessages) && std::chrono::steady_clock::now() < stop;) {
-            if (reconnect.exchange(false)) {
+        for (int seq = 0; (inbox.total < expected || seq < kMessages) && std::chrono::steady_clock::now() < stop;) {
+            if (inbox.connectAnswered.exchange(false)) {
                 socket.send(connectFrame);
             } else if (seq < kMessages) {
                 socket.send(R"({"channel":"/room","data":{"from":)" + std::to_string(me) + R"(,"seq":)" +
@@ -88,7 +95,7 @@ TEST_F(TransportConcurrency, EveryMessageReachesEveryOtherWebSocketClientOnceInO
     std::iota(inOrder.begin(), inOrder.end(), 0);
     for (int receiver = 0; receiver < kClients; ++receiver) {
         for (int sender = 0; sender < kClients; ++sender) {
-            EXPECT_EQ(inboxes[receiver].bySender[sender], sender == receiver ? std::vector<int>() : inOrder)
+            EXPECT_EQ((*inboxes)[receiver].bySender[sender], sender == receiver ? std::vector<int>() : inOrder)
                 << receiver << " from " << sender;
         }
     }

@@ -12,7 +12,7 @@ import path from "node:path";
 import tls from "node:tls";
 
 import { startServer } from "../support/launch.mjs";
-import { until } from "../support/cometd.mjs";
+import { sleep, until } from "../support/cometd.mjs";
 
 const request = (method, target, headers = {}, body = "") =>
     `${method} ${target} HTTP/1.1\r\nHost: 127.0.0.1\r\n` +
@@ -252,12 +252,19 @@ test("a long-polling client whose held connect's connection broke loses nothing 
         const [listener, talker] = [(await post({ channel: "/meta/handshake", version: "1.0" }))[0].clientId, (await post({ channel: "/meta/handshake", version: "1.0" }))[0].clientId];
         await post({ channel: "/meta/connect", clientId: listener, connectionType: "long-polling", advice: { timeout: 0 } });
         await post({ channel: "/meta/subscribe", clientId: listener, subscription: "/room" });
+        // The server's own count of held connects says when it holds the connect and when it saw the connection go.
+        const heldConnects = async () => Number((await (await fetch(new URL("/metrics", server.url))).text()).match(/^korvane_connects_held (\d+)$/m)[1]);
+        const untilHeld = async (count) => {
+            for (const end = Date.now() + 5000; (await heldConnects()) !== count; await sleep(10)) {
+                if (Date.now() > end) throw new Error(`timed out waiting for ${count} held connects`);
+            }
+        };
         const broken = new AbortController();
         const held = post({ channel: "/meta/connect", clientId: listener, connectionType: "long-polling" }, broken.signal).catch(() => "broken");
-        await new Promise((resolve) => setTimeout(resolve, 200));
+        await untilHeld(1);
         broken.abort();
         assert.equal(await held, "broken");
-        await new Promise((resolve) => setTimeout(resolve, 200));
+        await untilHeld(0);
         await post({ channel: "/room", clientId: talker, data: { n: 1 } });
         const next = await post({ channel: "/meta/connect", clientId: listener, connectionType: "long-polling" });
         assert.deepEqual(next.map((message) => message.channel), ["/room", "/meta/connect"]);

@@ -75,16 +75,19 @@ for (const transport of ["long-polling", "websocket"]) {
         const listener = newClient(server.bayeux, transport, { config: { maxBackoff: 500 } });
         const seen = [];
         let handshakes = 0;
+        let subscribed = 0;
         // As applications do: subscriptions are made again in the handshake listener.
         listener.addListener("/meta/handshake", (reply) => {
             if (reply.successful) {
                 ++handshakes;
-                listener.batch(() => listener.subscribe("/restart/room", (message) => seen.push(message.data.n)));
+                listener.batch(() =>
+                    listener.subscribe("/restart/room", (message) => seen.push(message.data.n), (answer) => answer.successful && ++subscribed)
+                );
             }
         });
         listener.handshake();
         const publishOnce = async (n) => {
-            await sleep(200);
+            await until(() => subscribed === n, 5000, `subscription ${n}`);
             const publisher = newClient(server.bayeux, transport);
             await handshake(publisher);
             await publish(publisher, "/restart/room", { n });

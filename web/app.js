@@ -125,6 +125,7 @@ function enterRoom(room) {
   sessionStorage.setItem("chat", JSON.stringify({ user: chat.user, room }));
   page.messages.replaceChildren();
   page.roomTitle.textContent = `Room: ${room}`;
+  delete page.roomTitle.dataset.joined;
   showNotice(`You joined ${room} as ${chat.user}.`);
   // Until the handshake is through, its listener subscribes instead.
   if (cometd.getClientId() !== null) {
@@ -144,6 +145,7 @@ function leave() {
   chat.room = null;
   sessionStorage.removeItem("chat");
   page.roomTitle.textContent = "Not in a room";
+  delete page.roomTitle.dataset.joined;
   setChatEnabled(false);
 }
 
@@ -151,6 +153,9 @@ function subscribeToRoom(room) {
   return cometd.subscribe(`/chat/${room}`, (message) => showChatMessage(message.data, false), (reply) => {
     if (!reply.successful) {
       showNotice(`Could not join ${room}: ${reply.error ?? "no answer from the server"}`);
+    } else if (chat.room === room) {
+      // The server has the subscription: from now on the room's messages reach this page.
+      page.roomTitle.dataset.joined = room;
     }
   });
 }

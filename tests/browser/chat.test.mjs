@@ -41,6 +41,7 @@ describe("the chat page", () => {
         await page.getByTestId("room-input").fill(room);
         await page.getByTestId("join-button").click();
         await page.locator('[data-testid="status"][data-state="connected"]').waitFor({ timeout: 10000 });
+        await page.locator(`[data-testid="current-room"][data-joined="${room}"]`).waitFor({ timeout: 5000 });
         return { page, errors, name };
     }
 
@@ -48,7 +49,7 @@ describe("the chat page", () => {
         await member.page.getByTestId("message-input").fill(text);
         await member.page.getByTestId("send-button").click();
     }
-    const heard = (member, text) => member.page.locator('[data-testid="message"]', { hasText: text }).waitFor({ timeout: 1000 });
+    const heard = (member, text) => member.page.locator('[data-testid="message"]', { hasText: text }).waitFor({ timeout: 5000 });
 
     for (const [transport, query] of [["websocket", ""], ["long-polling", "?transport=long-polling"]]) {
         test(`two pages in a room talk over ${transport}, a page in another room hears nothing`, async () => {
@@ -69,7 +70,8 @@ describe("the chat page", () => {
             // A page reloaded mid-conversation comes back to its room and keeps receiving.
             await bob.page.reload();
             await bob.page.locator('[data-testid="status"][data-state="connected"]').waitFor({ timeout: 10000 });
-            await bob.page.getByTestId("current-room").filter({ hasText: room }).waitFor({ timeout: 5000 });
+            // Back in its room once the server has its subscription again, not merely once the title shows the room.
+            await bob.page.locator(`[data-testid="current-room"][data-joined="${room}"]`).waitFor({ timeout: 5000 });
             await say(alice, "welcome back, Bob");
             await heard(bob, "welcome back, Bob");
 

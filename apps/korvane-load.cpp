@@ -232,7 +232,7 @@ std::string jsonNumber(double value) {
 }
 
 void printResults(const LoadOptions& options, const StatsSnapshot& total, std::int64_t clientsUp,
-                  std::uint64_t measuredHandshakes, const RunFigures& server, std::uint64_t lost) {
+                  std::uint64_t measuredHandshakes, const RunFigures& figures, std::uint64_t lost) {
     const LoadCounters& c = total.counters;
     const double duration = options.duration > 0 ? options.duration : 1;
     std::ostringstream out;
@@ -262,26 +262,26 @@ void printResults(const LoadOptions& options, const StatsSnapshot& total, std::i
     field("errors", count(c.errors));
     field("rehandshakes", count(c.rehandshakes));
     field("handshakes_per_s", jsonNumber(measuredHandshakes / duration));
-    if (server.atMeasureStart && server.atMeasureEnd && server.atStart && server.atEnd) {
-        const double cpu = server.atMeasureEnd->cpuSeconds - server.atMeasureStart->cpuSeconds;
+    if (figures.atMeasureStart && figures.atMeasureEnd && figures.atStart && figures.atEnd) {
+        const double cpu = figures.atMeasureEnd->cpuSeconds - figures.atMeasureStart->cpuSeconds;
         field("server_cpu_s", jsonNumber(cpu));
         field("server_cpu_pct", jsonNumber(100 * cpu / duration));
         field("server_cpu_us_per_delivery", jsonNumber(c.delivered ? 1e6 * cpu / c.delivered : 0));
-        field("server_rss_start_kb", std::to_string(server.atStart->rssKb));
-        field("server_rss_end_kb", std::to_string(server.atMeasureEnd->rssKb));
-        field("server_peak_rss_kb", std::to_string(server.atEnd->peakRssKb));
+        field("server_rss_start_kb", std::to_string(figures.atStart->rssKb));
+        field("server_rss_end_kb", std::to_string(figures.atMeasureEnd->rssKb));
+        field("server_peak_rss_kb", std::to_string(figures.atEnd->peakRssKb));
     }
-    if (!server.rss.empty()) {
+    if (!figures.rss.empty()) {
         std::string samples;
-        for (const auto& [second, kb] : server.rss) {
+        for (const auto& [second, kb] : figures.rss) {
             samples += (samples.empty() ? "[" : ",") + std::to_string(kb);
         }
         field("server_rss_samples_kb", samples + "]");
         field("server_rss_every_s", jsonNumber(options.rssEverySeconds));
-        const std::optional<double> drift = rssDriftPercent(server.rss, options.duration);
+        const std::optional<double> drift = rssDriftPercent(figures.rss, options.duration);
         field("server_rss_drift_pct", drift ? jsonNumber(*drift) : "null");
     }
-    const double toolCpu = server.toolCpuAtMeasureEnd - server.toolCpuAtMeasureStart;
+    const double toolCpu = figures.toolCpuAtMeasureEnd - figures.toolCpuAtMeasureStart;
     field("tool_cpu_s", jsonNumber(toolCpu));
     field("tool_cpu_us_per_delivery", jsonNumber(c.delivered ? 1e6 * toolCpu / c.delivered : 0));
     out << "}";

@@ -266,7 +266,7 @@ struct HttpServer::Impl {
 
     const HttpServerOptions options;
     const std::shared_ptr<ServiceRegistry> registry;
-    // Declared before the I/O context: TLS streams still held by its handlers use it.
+    // Declared before the loops: TLS streams still held by their handlers use it.
     std::unique_ptr<net::ssl::context> tls;
     // One per I/O thread; not moved once made, since connections hold their executors.
     const std::vector<std::unique_ptr<net::io_context>> loops;

@@ -21,7 +21,7 @@ public:
     class Tracked {
     public:
         virtual ~Tracked();
-        // Ends the connection gracefully on its own strand; callable from any thread.
+        // Ends the connection gracefully on its own loop; callable from any thread.
         virtual void shutdown() = 0;
         // Ends it at once, for when no I/O thread runs any more: called on the stopping thread.
         virtual void abandon() = 0;

@@ -6,8 +6,8 @@
 // its own state, does what is due and asks for the deadline that comes next, so an early
 // or a spare firing does no harm.
 //
-// Threading: every call, and the check, on the owner's strand, which the timer is made
-// with. The owner is reached through a weak reference: a pending firing never keeps it
+// Threading: every call, and the check, on the owner's loop, whose executor the timer is
+// made with. The owner is reached through a weak reference: a pending firing never keeps it
 // alive, and this timer, a member of the owner, is touched only while the owner is.
 
 #include <chrono>
@@ -27,7 +27,7 @@ public:
     using Clock = std::chrono::steady_clock;
 
     template <class Executor>
-    explicit DeadlineTimer(const Executor& strand) : timer(strand) {}
+    explicit DeadlineTimer(const Executor& executor) : timer(executor) {}
 
     void arm(Clock::time_point due, std::weak_ptr<Owner> owner) {
         if (armed && armedFor <= due) {

@@ -3,8 +3,8 @@
 // Blocks for the operations of a connection's reads and writes, kept by each I/O
 // thread for the next operation of their size. Asio keeps one freed block per thread
 // and hands every other one back to malloc; a long-poll request and response starts
-// a dozen operations (Beast's read and write states, the socket's, the strand's hand-
-// overs), so most of them went through malloc and free. A handler wrapped by
+// a dozen operations (Beast's read and write states, the socket's, the hand-overs
+// from other threads), so most of them went through malloc and free. A handler wrapped by
 // pooledHandler() is what sends Asio, and Beast's composed operations that complete
 // it, to this pool; an allocator_type of ExactAllocator sends them past every
 // recycled block, to operator new.

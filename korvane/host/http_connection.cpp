@@ -30,7 +30,7 @@
 #include "korvane/host/relay_subscriber.h"
 #include "korvane/host/response_text.h"
 #include "korvane/host/server_state.h"
-#include "korvane/host/strand_link.h"
+#include "korvane/host/loop_link.h"
 #include "korvane/host/server_websocket_connection.h"
 
 namespace korvane::host {
@@ -120,7 +120,7 @@ void discardAnswer(const std::shared_ptr<Message>& answer) {
 // again when it fires, so an operation costs a clock read.
 //
 // Threading: every member function but shutdown() and abandon() runs on the
-// connection's strand. shutdown() posts; abandon() runs on the stopping thread
+// connection's loop, whose one thread runs its handlers one at a time. shutdown() posts; abandon() runs on the stopping thread
 // once no I/O thread is left. Nothing here takes a lock.
 template <class Stream>
 class HttpConnection : public ConnectionTracker::Tracked, public std::enable_shared_from_this<HttpConnection<Stream>> {
@@ -129,16 +129,16 @@ public:
 
     HttpConnection(Stream&& stream, std::shared_ptr<ServerState> state)
         : stream(std::move(stream)),
-          strandExecutor(this->stream.get_executor()),
+          loopExecutor(this->stream.get_executor()),
           state(std::move(state)),
-          deadline(strandExecutor) {}
+          deadline(loopExecutor) {}
 
     ~HttpConnection() override { state->connections.remove(trackerId); }
 
-    const Executor& executor() const { return strandExecutor; }
+    const Executor& executor() const { return loopExecutor; }
 
     void run() {
-        link = std::make_shared<StrandLink<HttpConnection>>(this->shared_from_this());
+        link = std::make_shared<LoopLink<HttpConnection>>(this->shared_from_this());
         trackerId = state->connections.add(this->weak_from_this());
         if (trackerId == 0) {
             doClose();
@@ -164,7 +164,7 @@ public:
     }
 
     void shutdown() override {
-        net::post(strandExecutor, [self = this->shared_from_this()] { self->doClose(); });
+        net::post(loopExecutor, [self = this->shared_from_this()] { self->doClose(); });
     }
 
     void abandon() override { doClose(); }
@@ -547,14 +547,14 @@ private:
         doSchedulePump();
     }
 
-    // Pumps once the signals already queued on the strand are in: a held connect's
+    // Pumps once the signals already queued on the loop are in: a held connect's
     // messages, its reply and the end of the body usually come together.
     void doSchedulePump() {
         if (pumpScheduled) {
             return;
         }
         pumpScheduled = true;
-        net::post(strandExecutor, [self = this->shared_from_this()] {
+        net::post(loopExecutor, [self = this->shared_from_this()] {
             self->pumpScheduled = false;
             self->doPumpBody();
         });
@@ -846,9 +846,9 @@ private:
     }
 
     Stream stream;
-    const Executor strandExecutor;
+    const Executor loopExecutor;
     const std::shared_ptr<ServerState> state;
-    std::shared_ptr<StrandLink<HttpConnection>> link;
+    std::shared_ptr<LoopLink<HttpConnection>> link;
     std::uint64_t trackerId = 0;
 
     beast::flat_buffer buffer;

@@ -20,7 +20,6 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/ssl/context.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <boost/asio/strand.hpp>
 
 #include "korvane/frame/logger.h"
 #include "korvane/host/host_counters.h"
@@ -86,16 +85,16 @@ unsigned usableCpuCount() {
 // loop shared by every thread would wake the others to hand them its handlers.
 //
 // Threading: start() and stop() run on the owner's thread; the acceptor and its
-// retry timer live on `acceptStrand` (the first loop), and `nextLoop`,
+// retry timer live on the first loop (`acceptLoop`), and `nextLoop`,
 // `refusedSinceLog` and `lastRefusalLog` are touched only there.
 struct HttpServer::Impl {
     Impl(HttpServerOptions serverOptions, std::shared_ptr<ServiceRegistry> serviceRegistry)
         : options(std::move(serverOptions)),
           registry(std::move(serviceRegistry)),
           loops(makeLoops(threadCount())),
-          acceptStrand(net::make_strand(*loops.front())),
-          acceptor(acceptStrand),
-          retryTimer(acceptStrand) {}
+          acceptLoop(loops.front()->get_executor()),
+          acceptor(acceptLoop),
+          retryTimer(acceptLoop) {}
 
     static std::vector<std::unique_ptr<net::io_context>> makeLoops(unsigned count) {
         std::vector<std::unique_ptr<net::io_context>> made;
@@ -196,7 +195,7 @@ struct HttpServer::Impl {
     void doAccept() {
         net::io_context& loop = *loops[nextLoop];
         nextLoop = (nextLoop + 1) % loops.size();
-        acceptor.async_accept(net::make_strand(loop), [this](boost::system::error_code error, ConnectionSocket socket) {
+        acceptor.async_accept(loop.get_executor(), [this](boost::system::error_code error, ConnectionSocket socket) {
             onAccepted(error, std::move(socket));
         });
     }
@@ -255,7 +254,7 @@ struct HttpServer::Impl {
 
     void closeAcceptor() {
         std::promise<void> closed;
-        net::post(acceptStrand, [this, &closed] {
+        net::post(acceptLoop, [this, &closed] {
             boost::system::error_code ignored;
             acceptor.close(ignored);
             retryTimer.cancel();
@@ -270,7 +269,7 @@ struct HttpServer::Impl {
     std::unique_ptr<net::ssl::context> tls;
     // One per I/O thread; not moved once made, since connections hold their executors.
     const std::vector<std::unique_ptr<net::io_context>> loops;
-    net::strand<net::io_context::executor_type> acceptStrand;
+    net::io_context::executor_type acceptLoop;
     tcp::acceptor acceptor;
     net::steady_timer retryTimer;
     boost::system::error_code bindError;
@@ -311,7 +310,7 @@ void HttpServer::start() {
     if (self.timers) {
         self.timers->attach(*self.loops.front());
     }
-    net::post(self.acceptStrand, [&self] { self.doAccept(); });
+    net::post(self.acceptLoop, [&self] { self.doAccept(); });
     for (const auto& loop : self.loops) {
         self.threads.emplace_back([&self, &loop = *loop] { self.runIoThread(loop); });
     }

@@ -11,9 +11,8 @@
 // Threading: start(), stop() and the destructor are for the owner's thread and must
 // not run on one of the server's I/O threads. port(), url() and openConnections() may
 // be called from any thread once start() returned. Each of the server's I/O threads runs
-// a loop of its own; a connection stays on the loop that accepted it, on its own strand,
-// and signals of the services' streams, which come on any thread, are posted to that
-// strand.
+// a loop of its own; a connection stays on the loop that accepted it, and signals of the
+// services' streams, which come on any thread, are posted to that loop.
 
 #include <chrono>
 #include <cstddef>

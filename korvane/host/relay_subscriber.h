@@ -1,8 +1,8 @@
 #pragma once
 
 // A subscriber that relays a stream's signals, which come on any thread, to a
-// connection's strand. Each signal is handed to `deliver` under the relay's mutex,
-// so they reach the strand in the order the publisher made them; `deliver` must
+// connection's loop. Each signal is handed to `deliver` under the relay's mutex,
+// so they reach the loop in the order the publisher made them; `deliver` must
 // only post, never call back into the relay. In collecting mode the signals wait
 // in the relay instead, until takeCollected() hands them over and turns the relay
 // into a posting one: the host uses that to see whether a response body was

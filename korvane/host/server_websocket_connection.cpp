@@ -24,7 +24,7 @@
 #include "korvane/host/host_counters.h"
 #include "korvane/host/relay_subscriber.h"
 #include "korvane/host/server_state.h"
-#include "korvane/host/strand_link.h"
+#include "korvane/host/loop_link.h"
 #include "korvane/host/websocket_frames.h"
 
 namespace korvane::host {
@@ -76,12 +76,12 @@ DataBuffer closePayload(websocket::close_code code) {
 //
 // The service's frames (`inbound`) come through the relay `writer` and are written in
 // order; those ready together (a delivery and the connect reply behind it) leave in one
-// gathered socket write. The inbox's first frame wakes the strand by a defer, which from
+// gathered socket write. The inbox's first frame wakes the connection by a defer, which from
 // an I/O thread runs only once the handler that made the frame has returned, so that a
 // reply put in the inbox just after its message joins it. On a plain socket the write is
 // tried at once without blocking, and only what the kernel does not take waits for the
 // socket. The peer's messages are read whole, only within the demand the service asked
-// for, and handed to `outbound` on the strand; a plain socket waits for readability and
+// for, and handed to `outbound` on the loop; a plain socket waits for readability and
 // is then read without blocking, so no read buffer is held while the peer is quiet.
 //
 // Bounds: the frames waiting for the socket (`queuedBytes`) may not exceed the server's
@@ -92,7 +92,7 @@ DataBuffer closePayload(websocket::close_code code) {
 // sent is followed by the peer's own within the header timeout, or the socket goes.
 //
 // Threading: every member function but shutdown() and abandon() runs on the
-// connection's strand; signals from the service's threads come through `inbox` and
+// connection's loop, whose one thread runs its handlers one at a time; signals from the service's threads come through `inbox` and
 // `link`. shutdown() posts; abandon() runs on the stopping thread once no I/O thread
 // is left. Nothing here takes a lock but the inbox's own.
 template <class Stream>
@@ -109,19 +109,19 @@ public:
                               std::shared_ptr<reactive_streams::PublisherAPI<WebSocketFrame>> inbound,
                               std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound)
         : stream(carrierOf(std::move(stream))),
-          strandExecutor(this->stream.get_executor()),
+          loopExecutor(this->stream.get_executor()),
           state(std::move(state)),
           inbound(std::move(inbound)),
           outbound(std::move(outbound)),
           reader(this->state->options.maxWsMessageBytes, true),
-          deadline(strandExecutor) {}
+          deadline(loopExecutor) {}
 
     ~ServerWebSocketConnection() override { state->connections.remove(trackerId); }
 
-    const Executor& executor() const { return strandExecutor; }
+    const Executor& executor() const { return loopExecutor; }
 
     void run(UpgradeRequest&& upgrade, std::string setCookie) {
-        link = std::make_shared<StrandLink<ServerWebSocketConnection>>(this->shared_from_this());
+        link = std::make_shared<LoopLink<ServerWebSocketConnection>>(this->shared_from_this());
         trackerId = state->connections.add(this->weak_from_this());
         if (trackerId == 0) {
             doFinish();
@@ -148,7 +148,7 @@ public:
     }
 
     void shutdown() override {
-        net::post(strandExecutor,
+        net::post(loopExecutor,
                   [self = this->shared_from_this()] { self->doCloseSocket(websocket::close_code::going_away); });
     }
 
@@ -156,13 +156,13 @@ public:
 
 private:
     friend class DeadlineTimer<ServerWebSocketConnection>;
-    // The service's frames on their way from its threads to the strand. One post
-    // carries every frame that arrived before the strand took them, typically a
+    // The service's frames on their way from its threads to the loop. One post
+    // carries every frame that arrived before the connection took them, typically a
     // delivery and the connect reply behind it. `mutex` guards `signals`; it is a
     // leaf lock, taken under the relay's.
     class SignalInbox {
     public:
-        // True when the inbox was empty: the caller posts the strand's turn to take it.
+        // True when the inbox was empty: the caller posts the connection's turn to take it.
         bool put(FrameSignal&& signal) {
             std::lock_guard<std::mutex> guard(mutex);
             signals.push_back(std::move(signal));
@@ -183,7 +183,7 @@ private:
     // The service's side of the peer's messages: demand and cancel come on any thread.
     class ReadSubscription : public reactive_streams::Subscription {
     public:
-        explicit ReadSubscription(std::shared_ptr<StrandLink<ServerWebSocketConnection>> link)
+        explicit ReadSubscription(std::shared_ptr<LoopLink<ServerWebSocketConnection>> link)
             : link(std::move(link)) {}
 
         void request(unsigned long n) override {
@@ -196,7 +196,7 @@ private:
         }
 
     private:
-        std::shared_ptr<StrandLink<ServerWebSocketConnection>> link;
+        std::shared_ptr<LoopLink<ServerWebSocketConnection>> link;
     };
 
     static Carrier carrierOf(Stream&& stream) {
@@ -486,13 +486,13 @@ private:
         scheduleFlush();
     }
 
-    // The write starts behind the handlers already queued on the strand.
+    // The write starts behind the handlers already queued on the loop.
     void scheduleFlush() {
         if (writing || flushPosted || finished) {
             return;
         }
         flushPosted = true;
-        net::defer(strandExecutor, [self = this->shared_from_this()] {
+        net::defer(loopExecutor, [self = this->shared_from_this()] {
             self->flushPosted = false;
             self->takeInbox();
             self->doWrite();
@@ -700,11 +700,11 @@ private:
     }
 
     Carrier stream;
-    const Executor strandExecutor;
+    const Executor loopExecutor;
     const std::shared_ptr<ServerState> state;
     std::shared_ptr<reactive_streams::PublisherAPI<WebSocketFrame>> inbound;
     std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound;
-    std::shared_ptr<StrandLink<ServerWebSocketConnection>> link;
+    std::shared_ptr<LoopLink<ServerWebSocketConnection>> link;
     std::uint64_t trackerId = 0;
     // Only while the upgrade is answered.
     std::unique_ptr<websocket::stream<Carrier&>> handshake;

@@ -9,7 +9,6 @@
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/strand.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http/message.hpp>
 #include <boost/beast/http/string_body.hpp>
@@ -21,9 +20,11 @@ namespace korvane::host {
 
 struct ServerState;
 
-// A connection's strand is its socket's own executor type: with Asio's polymorphic
-// executor, every read and write copied and destroyed a type-erased strand.
-using ConnectionExecutor = boost::asio::strand<boost::asio::io_context::executor_type>;
+// A connection's executor is its loop's: each loop is run by one thread only, so the
+// handlers of a connection already run one at a time, in the order they were queued,
+// without a strand. It is the socket's own executor type: with Asio's polymorphic
+// executor, every read and write copied and destroyed a type-erased one.
+using ConnectionExecutor = boost::asio::io_context::executor_type;
 using ConnectionSocket = boost::asio::basic_stream_socket<boost::asio::ip::tcp, ConnectionExecutor>;
 using PlainStream = boost::beast::basic_stream<boost::asio::ip::tcp, ConnectionExecutor>;
 using TlsStream = boost::beast::ssl_stream<PlainStream>;

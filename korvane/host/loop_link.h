@@ -2,7 +2,7 @@
 
 // A connection's end of the callbacks that come from other threads (a service's
 // answer, a stream's signals, a subscription's demand). While the link holds the
-// connection, post() hands work to the connection's strand; once the connection
+// connection, post() hands work to the connection's loop; once the connection
 // has cut the link, work is dropped on the calling thread. Holding the connection
 // strongly keeps it alive for an answer that is still to come; cutting the link is
 // part of every way a connection ends, and stop() cuts what is left before the I/O
@@ -24,11 +24,11 @@
 namespace korvane::host {
 
 template <class Target>
-class StrandLink {
+class LoopLink {
 public:
-    explicit StrandLink(std::shared_ptr<Target> target) : target(std::move(target)) {}
+    explicit LoopLink(std::shared_ptr<Target> target) : target(std::move(target)) {}
 
-    // Runs `work(target)` on the target's strand; false when the link is cut.
+    // Runs `work(target)` on the target's loop; false when the link is cut.
     template <class Work>
     bool post(Work&& work) {
         return submit<false>(std::forward<Work>(work));

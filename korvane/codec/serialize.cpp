@@ -319,8 +319,12 @@ void serializeBayeuxMessage(std::unique_ptr<Message>&& message, DataBuffer& out)
     Message* raw = message.get();
     // A null message throws std::bad_typeid here.
     const std::type_info& type = typeid(*raw);
+    // The classes of a connect cycle come first: a type that does not match costs a
+    // comparison of names.
     if (type == typeid(PublishRequest)) {
         serializePublishRequest(static_cast<PublishRequest*>(raw), out);
+    } else if (auto* connected = exactly<ConnectResponse>(raw, type)) {
+        writeConnectResponse(*connected, connected->advice, out);
     } else if (auto* publishResponse = exactly<PublishResponse>(raw, type)) {
         writeBareResponse(*publishResponse, out);
     } else if (auto* subscribe = exactly<SubscribeRequest>(raw, type)) {
@@ -333,8 +337,6 @@ void serializeBayeuxMessage(std::unique_ptr<Message>&& message, DataBuffer& out)
         writeSubscriptionResponse(*unsubscribed, unsubscribed->subscription, unsubscribed->advice, out);
     } else if (auto* connect = exactly<ConnectRequest>(raw, type)) {
         writeConnectRequest(*connect, connect->connectionType, connect->advice, out);
-    } else if (auto* connected = exactly<ConnectResponse>(raw, type)) {
-        writeConnectResponse(*connected, connected->advice, out);
     } else if (auto* connectStream = exactly<ConnectStreamRequest>(raw, type)) {
         writeConnectRequest(*connectStream, connectStream->connectionType, connectStream->advice, out);
     } else if (auto* streamResponse = exactly<ConnectStreamResponse>(raw, type)) {

@@ -9,6 +9,7 @@
 // thread holds its owning pointer.
 
 #include <memory>
+#include <typeinfo>
 
 #include "korvane/frame/future.h"
 #include "korvane/export.h"
@@ -25,6 +26,17 @@ public:
     Message& operator=(const Message&) = default;
     virtual ~Message();
 };
+
+// `message` as a `Wanted`, or null when it is none (or null). The class itself is told
+// by its type, which costs next to nothing when it matches; a class derived from it is
+// found by the cast, which walks the class graph. For where `Wanted` is the usual answer.
+template <class Wanted>
+Wanted* messageAs(Message* message) {
+    if (message != nullptr && typeid(*message) == typeid(Wanted)) {
+        return static_cast<Wanted*>(message);
+    }
+    return dynamic_cast<Wanted*>(message);
+}
 
 template <class T>
 class KORVANE_EXPORT ServiceMessage : public Message {

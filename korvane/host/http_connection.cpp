@@ -435,6 +435,10 @@ private:
             doSendText(bhttp::status::internal_server_error, failure);
             return;
         }
+        if (auto* response = messageAs<http::HttpResponse>(answer.get())) {
+            doRespond(*response);
+            return;
+        }
         if (auto* socket = dynamic_cast<http::WebSocket*>(answer.get())) {
             if (upgrade && socket->inbound && socket->outbound) {
                 doHandOver(*socket);
@@ -442,10 +446,6 @@ private:
                 discardAnswer(answer);
                 doSendText(bhttp::status::internal_server_error, "A WebSocket cannot answer this request");
             }
-            return;
-        }
-        if (auto* response = dynamic_cast<http::HttpResponse*>(answer.get())) {
-            doRespond(*response);
             return;
         }
         doSendText(bhttp::status::internal_server_error, "The service gave an answer that is not HTTP");

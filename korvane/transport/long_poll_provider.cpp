@@ -4,6 +4,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <typeinfo>
 #include <utility>
 
 #include "korvane/codec/messages.h"
@@ -77,7 +78,7 @@ MessageFuture answerConnect(std::unique_ptr<ConnectStreamRequest>&& connect, con
     MessageFuture reply = context->handle(std::unique_ptr<Message>(std::move(connect)), Address(address));
     return reply.then([](MessageFuture&& answered) -> std::unique_ptr<Message> {
         std::unique_ptr<Message> message = answered.get();
-        auto* opened = dynamic_cast<ConnectStreamResponse*>(message.get());
+        auto* opened = messageAs<ConnectStreamResponse>(message.get());
         if (opened != nullptr && opened->successful && opened->stream) {
             auto serializer = std::make_shared<ConnectStreamSerializer>();
             opened->stream->subscribe(serializer);
@@ -94,13 +95,15 @@ MessageFuture answerBody(Future<common::DataBuffer>&& read, const Address& addre
         // A body that is not UTF-8 is refused whole, so that none of it reaches another client.
         std::unique_ptr<Message> message = deserializeUtf8Request(body);
         KORVANE_LOG(logger, common::logFrequent) << "Finished parsing bayeux request";
-        if (dynamic_cast<ConnectStreamRequest*>(message.get()) != nullptr) {
+        // The reader makes exactly these classes, so they are told by their type.
+        const std::type_info& type = typeid(*message);
+        if (type == typeid(ConnectStreamRequest)) {
             return answerConnect(std::unique_ptr<ConnectStreamRequest>(static_cast<ConnectStreamRequest*>(
                                      message.release())),
                                  address, context);
         }
-        if (auto* batch = dynamic_cast<BayeuxContainer*>(message.get())) {
-            return makeReadyFuture(answerBatch(*batch, address, context));
+        if (type == typeid(BayeuxContainer)) {
+            return makeReadyFuture(answerBatch(static_cast<BayeuxContainer&>(*message), address, context));
         }
         return makeReadyFuture(makeSingleMessageResponse(askService(std::move(message), address, context)));
     } catch (const std::exception& error) {

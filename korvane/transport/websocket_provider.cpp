@@ -79,35 +79,33 @@ void WebSocketConnection::handleFrame(http::WebSocketFrame&& frame) {
         }
         // A text frame must hold UTF-8; one that does not fails the socket like any
         // frame that cannot be handled.
-        std::unique_ptr<Message> message = deserializeUtf8Request(frame.data);
-        // The reader makes exactly a BayeuxContainer for a batch; telling it by its type
-        // spares every other frame a cross-cast through the message classes.
-        if (typeid(*message) == typeid(BayeuxContainer)) {
-            auto* batch = static_cast<BayeuxContainer*>(message.get());
-            // A connect inside a batch is held like one on its own: a stream left without a
-            // subscriber would swallow what the session puts in it and stay with the session.
-            for (std::unique_ptr<Message>& contained : batch->messages) {
-                doHandleOne(std::move(contained));
-            }
-        } else {
-            doHandleOne(std::move(message));
-        }
+        doHandleOne(deserializeUtf8Request(frame.data));
     } catch (...) {
         KORVANE_LOG(logger, common::logFailure) << "Error while processing frame: " << frame.data.view();
         done(true);
     }
 }
 
+// The reader makes exactly these classes, so they are told by their type, the connect
+// (nearly every frame) first: a type that does not match costs a comparison of names.
 void WebSocketConnection::doHandleOne(std::unique_ptr<Message>&& message) {
-    if (typeid(*message) == typeid(ConnectStreamRequest)) {
+    const std::type_info& type = typeid(*message);
+    if (type == typeid(ConnectStreamRequest)) {
         doHandleConnect(std::move(message));
+    } else if (type == typeid(BayeuxContainer)) {
+        // A connect inside a batch is held like one on its own: a stream left without a
+        // subscriber would swallow what the session puts in it and stay with the session.
+        // The reader never nests a batch in a batch.
+        for (std::unique_ptr<Message>& contained : static_cast<BayeuxContainer&>(*message).messages) {
+            doHandleOne(std::move(contained));
+        }
     } else {
+        fillClientId(bayeuxFieldsOf(*message));
         sendMessage(doAskService(std::move(message)));
     }
 }
 
 std::unique_ptr<Message> WebSocketConnection::doAskService(std::unique_ptr<Message>&& message) {
-    fillClientId(*message);
     return context->handle(std::move(message), Address(address)).get();
 }
 
@@ -123,8 +121,9 @@ void WebSocketConnection::doHandleConnect(std::unique_ptr<Message>&& message) {
         connect.advice->timeout = defaultConnectTimeoutMilliseconds;
     }
     connect.sink = weak_from_this();
+    fillClientId(&connect);
     std::unique_ptr<Message> reply = doAskService(std::move(message));
-    auto* opened = dynamic_cast<ConnectStreamResponse*>(reply.get());
+    auto* opened = messageAs<ConnectStreamResponse>(reply.get());
     if (opened == nullptr || !opened->successful) {
         sendMessage(std::move(reply));
         return;
@@ -149,8 +148,7 @@ void WebSocketConnection::doHandleConnect(std::unique_ptr<Message>&& message) {
     stream->subscribe(subscriber);
 }
 
-void WebSocketConnection::fillClientId(Message& message) {
-    BayeuxBase* bayeux = bayeuxFieldsOf(message);
+void WebSocketConnection::fillClientId(BayeuxBase* bayeux) {
     if (bayeux != nullptr && bayeux->clientId.empty()) {
         std::lock_guard<std::mutex> guard(mutex);
         bayeux->clientId = clientId;

@@ -63,13 +63,13 @@ public:
     void done(bool failed);
 
 private:
-    // A connect, alone or inside a batch, is held; any other message is sent to the
-    // service, its reply waited for and written.
+    // A connect, alone or inside a batch, is held; a batch is taken message by message;
+    // any other message is sent to the service, its reply waited for and written.
     void doHandleOne(std::unique_ptr<Message>&& message);
     void doHandleConnect(std::unique_ptr<Message>&& connect);
     std::unique_ptr<Message> doAskService(std::unique_ptr<Message>&& message);
-    // A message with no clientId gets the one the connection learned from a reply.
-    void fillClientId(Message& message);
+    // Bayeux fields with no clientId get the one the connection learned from a reply.
+    void fillClientId(BayeuxBase* bayeux);
 
     std::mutex mutex;
     std::unordered_map<std::string, std::string> attributes;

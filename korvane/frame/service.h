@@ -141,11 +141,12 @@ public:
 template <class Response, class Request>
 Future<std::unique_ptr<Response>> Context::handle(std::unique_ptr<Request>&& request, Address&& address) {
     Future<std::unique_ptr<Message>> reply = handle(std::unique_ptr<Message>(std::move(request)), std::move(address));
-    return reply.then([](Future<std::unique_ptr<Message>>&& resolved) -> std::unique_ptr<Response> {
-        std::unique_ptr<Message> message = resolved.get();
-        if constexpr (std::is_same_v<Response, Message>) {
-            return message;
-        } else {
+    if constexpr (std::is_same_v<Response, Message>) {
+        // Nothing to cast: the reply is the answer, with no continuation in between.
+        return reply;
+    } else {
+        return reply.then([](Future<std::unique_ptr<Message>>&& resolved) -> std::unique_ptr<Response> {
+            std::unique_ptr<Message> message = resolved.get();
             if (!message) {
                 return nullptr;
             }
@@ -158,8 +159,8 @@ Future<std::unique_ptr<Response>> Context::handle(std::unique_ptr<Request>&& req
             }
             message.release();
             return std::unique_ptr<Response>(typed);
-        }
-    });
+        });
+    }
 }
 
 }  // namespace korvane

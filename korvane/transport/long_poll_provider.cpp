@@ -114,6 +114,10 @@ MessageFuture answerBody(Future<common::DataBuffer>&& read, const Address& addre
 }
 
 common::DataBuffer appendChunk(common::DataBuffer&& chunk, common::DataBuffer&& body) {
+    // The first chunk becomes the body as it is: a request's body is normally one chunk.
+    if (body.empty()) {
+        return std::move(chunk);
+    }
     // append() ignores an empty chunk and the accumulator itself.
     body.append(chunk);
     return std::move(body);

@@ -506,9 +506,8 @@ private:
         bodyPublisher = body;
         bodyRelay = std::make_shared<RelaySubscriber<DataBuffer>>(
             [link = link, relay = ++relayCount](BodySignal&& signal) {
-                auto shared = std::make_shared<BodySignal>(std::move(signal));
-                link->post([relay, shared](HttpConnection& connection) {
-                    connection.onBodySignal(relay, std::move(*shared));
+                link->post([relay, signal = std::move(signal)](HttpConnection& connection) mutable {
+                    connection.onBodySignal(relay, std::move(signal));
                 });
             },
             true);

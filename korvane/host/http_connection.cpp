@@ -27,10 +27,10 @@
 #include "korvane/host/handler_pool.h"
 #include "korvane/host/host_context.h"
 #include "korvane/host/host_counters.h"
+#include "korvane/host/loop_link.h"
 #include "korvane/host/relay_subscriber.h"
 #include "korvane/host/response_text.h"
 #include "korvane/host/server_state.h"
-#include "korvane/host/loop_link.h"
 #include "korvane/host/server_websocket_connection.h"
 
 namespace korvane::host {
@@ -120,8 +120,9 @@ void discardAnswer(const std::shared_ptr<Message>& answer) {
 // again when it fires, so an operation costs a clock read.
 //
 // Threading: every member function but shutdown() and abandon() runs on the
-// connection's loop, whose one thread runs its handlers one at a time. shutdown() posts; abandon() runs on the stopping thread
-// once no I/O thread is left. Nothing here takes a lock.
+// connection's loop, whose one thread runs its handlers one at a time. shutdown()
+// posts; abandon() runs on the stopping thread once no I/O thread is left. Nothing
+// here takes a lock.
 template <class Stream>
 class HttpConnection : public ConnectionTracker::Tracked, public std::enable_shared_from_this<HttpConnection<Stream>> {
 public:

@@ -22,9 +22,9 @@
 #include "korvane/frame/ring_queue.h"
 #include "korvane/host/deadline_timer.h"
 #include "korvane/host/host_counters.h"
+#include "korvane/host/loop_link.h"
 #include "korvane/host/relay_subscriber.h"
 #include "korvane/host/server_state.h"
-#include "korvane/host/loop_link.h"
 #include "korvane/host/websocket_frames.h"
 
 namespace korvane::host {
@@ -92,9 +92,10 @@ DataBuffer closePayload(websocket::close_code code) {
 // sent is followed by the peer's own within the header timeout, or the socket goes.
 //
 // Threading: every member function but shutdown() and abandon() runs on the
-// connection's loop, whose one thread runs its handlers one at a time; signals from the service's threads come through `inbox` and
-// `link`. shutdown() posts; abandon() runs on the stopping thread once no I/O thread
-// is left. Nothing here takes a lock but the inbox's own.
+// connection's loop, whose one thread runs its handlers one at a time; signals from
+// the service's threads come through `inbox` and `link`. shutdown() posts; abandon()
+// runs on the stopping thread once no I/O thread is left. Nothing here takes a lock
+// but the inbox's own.
 template <class Stream>
 class ServerWebSocketConnection : public ConnectionTracker::Tracked,
                                   public std::enable_shared_from_this<ServerWebSocketConnection<Stream>> {

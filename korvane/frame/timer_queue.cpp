@@ -20,7 +20,8 @@ long long tickOf(TimerQueue::Duration now) { return now / std::chrono::milliseco
 }  // namespace
 
 // All fields are guarded by the queue's mutex, except `callback`, which the thread
-// running it reads without the mutex: while `running` is set nobody else touches it.
+// running it reads (and, for a one-shot timer, destroys) without the mutex: while
+// `running` is set nobody else touches it.
 struct TimerQueue::Entry {
     TimerCallback callback;
     Duration due{};
@@ -185,6 +186,14 @@ std::shared_ptr<TimerQueue::Entry> TimerQueue::doTakeDue(Duration now) {
 }
 
 void TimerQueue::doFinishRun(const std::shared_ptr<Entry>& entry, Duration now) {
+    // The callback is destroyed before the run counts as finished, so that a release
+    // waiting on another thread returns only once the callback's captures are gone. A
+    // one-shot timer's callback is done with whatever happens to the timer meanwhile, and
+    // is this thread's alone while the run lasts: it goes before the mutex is taken.
+    // (`period` never changes once armed.)
+    if (entry->period == Duration::zero()) {
+        entry->callback = nullptr;
+    }
     std::unique_lock<std::mutex> lock(mutex);
     if (!entry->cancelled && entry->period > Duration::zero()) {
         Duration next = entry->due + entry->period;
@@ -194,12 +203,13 @@ void TimerQueue::doFinishRun(const std::shared_ptr<Entry>& entry, Duration now) 
         doMarkFinished(entry, lock);
         return;
     }
-    // The callback is destroyed before the run counts as finished, so that a release
-    // waiting on another thread returns only once the callback's captures are gone.
-    TimerCallback retired = std::move(entry->callback);
-    lock.unlock();
-    retired = nullptr;
-    lock.lock();
+    if (entry->callback) {
+        // A periodic timer released meanwhile.
+        TimerCallback retired = std::move(entry->callback);
+        lock.unlock();
+        retired = nullptr;
+        lock.lock();
+    }
     doMarkFinished(entry, lock);
 }
 

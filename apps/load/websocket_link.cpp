@@ -116,14 +116,16 @@ private:
         }
     }
 
-    // Reads straight into the frame reader. Asio tries the read at once only when the
-    // last one filled its buffer; otherwise it queues the operation on the descriptor,
-    // already registered for readiness, so a message costs the one read the wake-up
-    // does (a bare wait for readability would re-arm the descriptor with an epoll_ctl
-    // every time). The reader's buffer is not touched while the read is pending: only
-    // this handler uses it, and a failure closes the socket first.
+    // Reads straight into the frame reader. Asio tries the read at once (it finds the
+    // socket empty after a wake-up's read) and otherwise queues the operation on the
+    // descriptor, already registered for readiness: a bare wait for readability would
+    // re-arm the descriptor with an epoll_ctl every time. The reader's buffer is not
+    // touched while the read is pending: only this handler uses it, and a failure closes
+    // the socket first. space() goes first: it moves a partial frame to the front and
+    // may grow the room.
     void readNext() {
-        socket.async_read_some(boost::asio::buffer(reader.space(), reader.spaceSize()),
+        char* space = reader.space();
+        socket.async_read_some(boost::asio::buffer(space, reader.spaceSize()),
                                [self = shared_from_this(), generation = generation](beast::error_code ec,
                                                                                    std::size_t bytes) {
                                    if (generation == self->generation) {

@@ -9,6 +9,8 @@ namespace {
 // Within the allocator's per-thread cache: a connect request is a few hundred bytes, and the
 // buffer doubles for more.
 constexpr std::size_t initialBufferBytes = 512;
+// Past this, a room grows only for a frame that needs it.
+constexpr std::size_t largestGrownBufferBytes = 64 * 1024;
 constexpr std::uint64_t maxControlPayload = 125;
 
 // XORs `size` bytes with the four-byte `mask`, eight at a time: the mask repeats every
@@ -78,9 +80,10 @@ char* FrameReader::space() {
     }
     if (wanted > capacity) {
         resize(wanted);
-    } else if (filled == capacity) {
+    } else if (filled == capacity || (roomFilled && capacity < largestGrownBufferBytes)) {
         resize(capacity * 2);
     }
+    roomFilled = false;
     return buffer.get() + filled;
 }
 

@@ -45,15 +45,23 @@ public:
     // `masked`: whether the peer's frames carry a mask (a client's always do, a server's never).
     FrameReader(std::size_t maxFrameBytes, bool masked) : maxFrameBytes(maxFrameBytes), masked(masked) {}
 
-    // Room to read into: at least what the frame at the front still lacks.
+    // Room to read into: at least what the frame at the front still lacks, and twice the
+    // last room when the last read filled it (more was most likely waiting: one read
+    // then takes what took two, and the second found the socket empty).
     char* space();
     std::size_t spaceSize() const { return capacity - filled; }
     // `bytes` were read into space().
-    void commit(std::size_t bytes) { filled += bytes; }
+    void commit(std::size_t bytes) {
+        filled += bytes;
+        roomFilled = bytes != 0 && filled == capacity;
+    }
 
     // The next whole frame, if any, and moves past it.
     Status next(Frame& frame);
-    void clear() { filled = consumed = wanted = 0; }
+    void clear() {
+        filled = consumed = wanted = 0;
+        roomFilled = false;
+    }
     // Frees the storage when every byte read has been handed out: an idle connection
     // holds no read buffer.
     void release();
@@ -69,6 +77,7 @@ private:
     std::size_t filled = 0;    // bytes read
     std::size_t consumed = 0;  // bytes of frames already handed out
     std::size_t wanted = 0;    // bytes the front frame needs in all, once its header is known
+    bool roomFilled = false;   // the last read filled all the room it had
 };
 
 }  // namespace korvane::host

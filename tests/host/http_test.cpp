@@ -163,7 +163,8 @@ std::string framesUntilClose(boost::asio::ip::tcp::socket& socket) {
             }
         }
         boost::system::error_code error;
-        const std::size_t bytes = socket.read_some(boost::asio::buffer(reader.space(), reader.spaceSize()), error);
+        char* space = reader.space();  // before spaceSize(): it may move bytes and grow the room
+        const std::size_t bytes = socket.read_some(boost::asio::buffer(space, reader.spaceSize()), error);
         if (error) {
             return seen + (error == boost::asio::error::eof ? "eof" : error.message());
         }

@@ -68,5 +68,37 @@ TEST(WebSocketFrames, CutsPeerBytesIntoFrames) {
     }
 }
 
+// A read that fills all its room leaves the next read twice the room, up to a bound; one
+// that does not keeps the room as it is.
+TEST(WebSocketFrames, GrowsTheRoomAfterAReadThatFilledIt) {
+    FrameReader reader(1 << 20, false);
+    // Reads `bytes` (0: the whole room) of four-byte frames, takes them and returns the next room.
+    const auto readFrames = [&reader](std::size_t bytes) {
+        char* into = reader.space();
+        bytes = bytes == 0 ? reader.spaceSize() : bytes;
+        for (std::size_t at = 0; at < bytes; at += 4) {
+            std::memcpy(into + at, "\x81\x02hi", 4);
+        }
+        reader.commit(bytes);
+        Frame frame;
+        while (reader.next(frame) == FrameReader::Status::frame) {
+        }
+        reader.space();
+        return reader.spaceSize();
+    };
+    reader.space();
+    const std::size_t first = reader.spaceSize();
+    const std::pair<std::size_t, std::size_t> reads[] = {  // bytes read, room after
+        {100, first}, {0, 2 * first}, {0, 4 * first}, {8, 4 * first}, {0, 8 * first}};
+    for (const auto& [bytes, roomAfter] : reads) {
+        EXPECT_EQ(readFrames(bytes), roomAfter) << bytes;
+    }
+    std::size_t room = 0;
+    for (int read = 0; read < 20; ++read) {
+        room = readFrames(0);
+    }
+    EXPECT_EQ(room, std::size_t{64} << 10);
+}
+
 }  // namespace
 }  // namespace korvane::host

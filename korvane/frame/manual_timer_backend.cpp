@@ -15,15 +15,23 @@ long long millisecondsOf(Duration time) { return std::chrono::duration_cast<std:
 }  // namespace
 
 ManualTimerBackend::ManualTimerBackend(long long startTick)
-    : timers(std::make_shared<TimerQueue>()), elapsedMilliseconds(startTick * tickMilliseconds) {}
+    : timers(std::make_shared<TimerQueue>()),
+      elapsedMilliseconds(std::make_shared<std::atomic<long long>>(startTick * tickMilliseconds)) {}
 
 ManualTimerBackend::~ManualTimerBackend() = default;
 
-long long ManualTimerBackend::currentTick() { return elapsedMilliseconds.load() / tickMilliseconds; }
+long long ManualTimerBackend::currentTick() { return elapsedMilliseconds->load() / tickMilliseconds; }
 
 TimerHandle ManualTimerBackend::schedule(TimerCallback callback, std::chrono::milliseconds firstDelay,
                                          std::chrono::milliseconds period) {
     return timers->arm(std::move(callback), now(), firstDelay, period);
+}
+
+std::unique_ptr<RearmableTimer> ManualTimerBackend::makeRearmableTimer(TimerCallback callback) {
+    // Nothing waits on this clock: the test's next advance finds what became due.
+    return timers->makeRearmable(
+        std::move(callback),
+        [elapsed = elapsedMilliseconds] { return Duration(std::chrono::milliseconds(elapsed->load())); }, nullptr);
 }
 
 void ManualTimerBackend::advance(std::chrono::milliseconds duration) {
@@ -41,17 +49,17 @@ void ManualTimerBackend::advance(std::chrono::milliseconds duration) {
 }
 
 void ManualTimerBackend::doMoveForwardTo(long long milliseconds) {
-    long long seen = elapsedMilliseconds.load();
-    while (seen < milliseconds && !elapsedMilliseconds.compare_exchange_weak(seen, milliseconds)) {
+    long long seen = elapsedMilliseconds->load();
+    while (seen < milliseconds && !elapsedMilliseconds->compare_exchange_weak(seen, milliseconds)) {
     }
 }
 
 void ManualTimerBackend::advanceTicks(long long ticks) { advance(std::chrono::milliseconds(ticks * tickMilliseconds)); }
 
-void ManualTimerBackend::setTick(long long tick) { elapsedMilliseconds.store(tick * tickMilliseconds); }
+void ManualTimerBackend::setTick(long long tick) { elapsedMilliseconds->store(tick * tickMilliseconds); }
 
 std::chrono::milliseconds ManualTimerBackend::now() const {
-    return std::chrono::milliseconds(elapsedMilliseconds.load());
+    return std::chrono::milliseconds(elapsedMilliseconds->load());
 }
 
 std::size_t ManualTimerBackend::armedCount() const { return timers->armedCount(); }

@@ -32,6 +32,7 @@ public:
     long long currentTick() override;
     TimerHandle schedule(TimerCallback callback, std::chrono::milliseconds firstDelay,
                          std::chrono::milliseconds period) override;
+    std::unique_ptr<RearmableTimer> makeRearmableTimer(TimerCallback callback) override;
 
     // Moves time forward by `duration`, stopping at each due time on the way and
     // running the timers due there in due order. Timers that a callback arms and
@@ -52,7 +53,8 @@ private:
     void doMoveForwardTo(long long milliseconds);
 
     std::shared_ptr<TimerQueue> timers;
-    std::atomic<long long> elapsedMilliseconds;
+    // Shared with the rearmable timers, which may outlive the backend.
+    const std::shared_ptr<std::atomic<long long>> elapsedMilliseconds;
 };
 
 }  // namespace korvane::common

@@ -27,10 +27,19 @@ struct TimerQueue::Entry {
     Duration due{};
     Duration period{};
     std::uint64_t sequence = 0;
+    // Counts the armings: a lane slot of an earlier one is stale.
+    std::uint64_t arming = 0;
     std::size_t heapIndex = notInHeap;
+    // The current arming waits in the lane.
     bool inLane = false;
     bool running = false;
     bool cancelled = false;
+    // Made by makeRearmable: the callback stays after a run.
+    bool rearmable = false;
+    // Armed while its callback ran: queued when the run ends, `rearmDelay` after `rearmedAt`.
+    bool armedInRun = false;
+    Duration rearmedAt{};
+    Duration rearmDelay{};
     std::thread::id runner;
 };
 
@@ -53,6 +62,38 @@ private:
     std::shared_ptr<TimerQueue::Entry> entry;
 };
 
+// The rearmable timer of makeRearmable: like a handle, its end releases the timer.
+class QueuedRearmableTimer final : public RearmableTimer {
+public:
+    QueuedRearmableTimer(std::weak_ptr<TimerQueue> queue, std::shared_ptr<TimerQueue::Entry> entry,
+                         std::function<TimerQueue::Duration()> now, std::function<void()> onEarliest)
+        : queue(std::move(queue)), entry(std::move(entry)), now(std::move(now)), onEarliest(std::move(onEarliest)) {}
+
+    ~QueuedRearmableTimer() override {
+        if (auto owner = queue.lock()) {
+            owner->cancel(entry);
+        }
+    }
+
+    void arm(std::chrono::milliseconds delay) override {
+        auto owner = queue.lock();
+        if (!owner) {
+            return;
+        }
+        bool becameEarliest = false;
+        owner->rearm(entry, now(), delay, &becameEarliest);
+        if (becameEarliest && onEarliest) {
+            onEarliest();
+        }
+    }
+
+private:
+    std::weak_ptr<TimerQueue> queue;
+    std::shared_ptr<TimerQueue::Entry> entry;
+    std::function<TimerQueue::Duration()> now;
+    std::function<void()> onEarliest;
+};
+
 // The order timers run in: by due time, those due together in the order they were armed.
 bool runsFirst(const TimerQueue::Entry& a, const TimerQueue::Entry& b) {
     return a.due != b.due ? a.due < b.due : a.sequence < b.sequence;
@@ -73,33 +114,50 @@ TimerQueue::~TimerQueue() {
     }
     heap.clear();
     for (; !lane.empty(); lane.pop_front()) {
-        lane.front()->inLane = false;
-        retired.push_back(std::move(lane.front()->callback));
+        lane.front().entry->inLane = false;
+        retired.push_back(std::move(lane.front().entry->callback));
     }
 }
 
 TimerHandle TimerQueue::arm(TimerCallback callback, Duration now, Duration delay, Duration period,
                             bool* becameEarliest) {
-    const Duration due = now + delay;
     auto entry = std::make_shared<Entry>();
     entry->callback = std::move(callback);
-    entry->due = due;
     entry->period = period;
     {
         std::lock_guard<std::mutex> guard(mutex);
-        entry->sequence = nextSequence++;
-        if (period == Duration::zero() && doFitsLane(due, delay)) {
-            entry->inLane = true;
-            lane.push_back(entry);
-            ++laneArmed;
-        } else {
-            doPush(entry);
-        }
+        doQueue(entry, now + delay, delay);
         if (becameEarliest != nullptr) {
             *becameEarliest = *doFirst() == entry;
         }
     }
     return std::make_shared<QueuedTimer>(weak_from_this(), std::move(entry));
+}
+
+std::unique_ptr<RearmableTimer> TimerQueue::makeRearmable(TimerCallback callback, std::function<Duration()> now,
+                                                          std::function<void()> onEarliest) {
+    auto entry = std::make_shared<Entry>();
+    entry->callback = std::move(callback);
+    entry->rearmable = true;
+    return std::make_unique<QueuedRearmableTimer>(weak_from_this(), std::move(entry), std::move(now),
+                                                  std::move(onEarliest));
+}
+
+void TimerQueue::rearm(const std::shared_ptr<Entry>& entry, Duration now, Duration delay, bool* becameEarliest) {
+    std::lock_guard<std::mutex> guard(mutex);
+    if (entry->cancelled) {
+        return;
+    }
+    if (entry->running) {
+        // The run's end queues it; the backend looks for the first due time after every run.
+        entry->armedInRun = true;
+        entry->rearmedAt = now;
+        entry->rearmDelay = delay;
+        return;
+    }
+    doUnqueue(entry);
+    doQueue(entry, now + delay, delay);
+    *becameEarliest = *doFirst() == entry;
 }
 
 std::size_t TimerQueue::runDue(Duration now) {
@@ -148,14 +206,8 @@ std::size_t TimerQueue::armedCount() const {
 void TimerQueue::cancel(const std::shared_ptr<Entry>& entry) {
     TimerCallback retired;
     std::unique_lock<std::mutex> lock(mutex);
-    if (entry->inLane && !entry->cancelled) {
-        --laneArmed;
-    }
     entry->cancelled = true;
-    if (entry->heapIndex != notInHeap) {
-        doRemoveAt(entry->heapIndex);
-    }
-    doPruneLane();
+    doUnqueue(entry);
     if (entry->running && entry->runner == std::this_thread::get_id()) {
         // Released from inside its own callback: the run retires it on return.
         return;
@@ -172,14 +224,7 @@ std::shared_ptr<TimerQueue::Entry> TimerQueue::doTakeDue(Duration now) {
         return nullptr;
     }
     std::shared_ptr<Entry> entry = *first;
-    if (entry->inLane) {
-        entry->inLane = false;
-        --laneArmed;
-        lane.pop_front();
-        doPruneLane();
-    } else {
-        doRemoveAt(0);
-    }
+    doUnqueue(entry);
     entry->running = true;
     entry->runner = std::this_thread::get_id();
     return entry;
@@ -190,8 +235,8 @@ void TimerQueue::doFinishRun(const std::shared_ptr<Entry>& entry, Duration now) 
     // waiting on another thread returns only once the callback's captures are gone. A
     // one-shot timer's callback is done with whatever happens to the timer meanwhile, and
     // is this thread's alone while the run lasts: it goes before the mutex is taken.
-    // (`period` never changes once armed.)
-    if (entry->period == Duration::zero()) {
+    // (`period` and `rearmable` never change once armed.) A rearmable timer keeps its callback.
+    if (entry->period == Duration::zero() && !entry->rearmable) {
         entry->callback = nullptr;
     }
     std::unique_lock<std::mutex> lock(mutex);
@@ -203,8 +248,12 @@ void TimerQueue::doFinishRun(const std::shared_ptr<Entry>& entry, Duration now) 
         doMarkFinished(entry, lock);
         return;
     }
-    if (entry->callback) {
-        // A periodic timer released meanwhile.
+    if (!entry->cancelled && entry->armedInRun) {
+        entry->armedInRun = false;
+        doQueue(entry, entry->rearmedAt + entry->rearmDelay, entry->rearmDelay);
+    }
+    if (entry->cancelled && entry->callback) {
+        // A periodic or rearmable timer released meanwhile.
         TimerCallback retired = std::move(entry->callback);
         lock.unlock();
         retired = nullptr;
@@ -220,13 +269,36 @@ void TimerQueue::doMarkFinished(const std::shared_ptr<Entry>& entry, std::unique
 }
 
 bool TimerQueue::doFitsLane(Duration due, Duration delay) const {
-    return delay <= longestLaneDelay && (lane.empty() || due >= lane.back()->due);
+    // A stale back slot's due time still bounds those of the live slots before it.
+    return delay <= longestLaneDelay && (lane.empty() || due >= lane.back().due);
 }
 
 void TimerQueue::doPruneLane() {
-    while (!lane.empty() && lane.front()->cancelled) {
-        lane.front()->inLane = false;
+    while (!lane.empty() && !(lane.front().entry->inLane && lane.front().arming == lane.front().entry->arming)) {
         lane.pop_front();
+    }
+}
+
+void TimerQueue::doQueue(const std::shared_ptr<Entry>& entry, Duration due, Duration delay) {
+    entry->due = due;
+    entry->sequence = nextSequence++;
+    ++entry->arming;
+    if (entry->period == Duration::zero() && doFitsLane(due, delay)) {
+        entry->inLane = true;
+        lane.push_back(LaneSlot{entry, due, entry->arming});
+        ++laneArmed;
+    } else {
+        doPush(entry);
+    }
+}
+
+void TimerQueue::doUnqueue(const std::shared_ptr<Entry>& entry) {
+    if (entry->inLane) {
+        entry->inLane = false;
+        --laneArmed;
+        doPruneLane();
+    } else if (entry->heapIndex != notInHeap) {
+        doRemoveAt(entry->heapIndex);
     }
 }
 
@@ -234,10 +306,11 @@ const std::shared_ptr<TimerQueue::Entry>* TimerQueue::doFirst() const {
     if (lane.empty()) {
         return heap.empty() ? nullptr : &heap.front();
     }
+    const std::shared_ptr<Entry>& laneFirst = lane.front().entry;
     if (heap.empty()) {
-        return &lane.front();
+        return &laneFirst;
     }
-    return runsFirst(*lane.front(), *heap.front()) ? &lane.front() : &heap.front();
+    return runsFirst(*laneFirst, *heap.front()) ? &laneFirst : &heap.front();
 }
 
 void TimerQueue::doPush(const std::shared_ptr<Entry>& entry) {

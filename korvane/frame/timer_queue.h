@@ -12,8 +12,12 @@
 // armed as messages arrive) wait in a FIFO lane beside the heap: a push and a pop
 // there cost no sifting. The next timer to run is the earlier of the heap's
 // top and the lane's front, by (due, sequence) as in the heap alone, so the order is
-// the same. A timer released in the lane stays there, its callback gone, until it
-// reaches the front.
+// the same. A timer released or armed anew while in the lane leaves a stale slot
+// there, skipped once it reaches the front.
+//
+// A rearmable timer is one entry armed again and again (makeRearmable): an arming
+// takes it out of the heap or the lane and queues it anew, and its callback stays
+// after a run. An arming while its callback runs is kept and queued when the run ends.
 //
 // Threading: one mutex guards the heap, the lane and every entry's state. arm(), nextDue(),
 // armedCount() and the release of a handle may be called from any thread. runDue()
@@ -31,6 +35,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -79,12 +84,26 @@ public:
     // Releases a timer; called by the handle's destructor.
     void cancel(const std::shared_ptr<Entry>& entry);
 
+    // A rearmable timer kept in this queue, which must be held by a std::shared_ptr (the
+    // timer refers to it weakly, and may outlive it). `now` reads the backend's clock;
+    // `onEarliest`, unless empty, shortens the backend's wait when an arming made the
+    // timer the first due.
+    std::unique_ptr<RearmableTimer> makeRearmable(TimerCallback callback, std::function<Duration()> now,
+                                                  std::function<void()> onEarliest);
+    // Arms a rearmable entry `delay` after `now`; called by RearmableTimer::arm.
+    void rearm(const std::shared_ptr<Entry>& entry, Duration now, Duration delay, bool* becameEarliest);
+
 private:
     // Entered with `mutex` held: whether a one-shot timer due at `due`, `delay` from now,
     // joins the lane.
     bool doFitsLane(Duration due, Duration delay) const;
-    // Entered with `mutex` held: drops released timers from the lane's front.
+    // Entered with `mutex` held: drops stale slots from the lane's front.
     void doPruneLane();
+    // Entered with `mutex` held: queues an entry that is neither running nor queued,
+    // due at `due`, `delay` from now.
+    void doQueue(const std::shared_ptr<Entry>& entry, Duration due, Duration delay);
+    // Entered with `mutex` held: takes a queued entry out of the heap or the lane.
+    void doUnqueue(const std::shared_ptr<Entry>& entry);
     // Entered with `mutex` held: the first armed timer, or null.
     const std::shared_ptr<Entry>* doFirst() const;
     // Takes the first timer if it is due at `now`, marking it as running on this thread.
@@ -108,9 +127,16 @@ private:
     std::condition_variable runFinished;
     // A binary min-heap on (due, sequence); each entry knows its own index.
     std::vector<std::shared_ptr<Entry>> heap;
-    // In (due, sequence) order, its front never a released timer; `laneArmed` counts
-    // the timers in it not released.
-    RingQueue<std::shared_ptr<Entry>> lane;
+    // One arming of an entry in the lane: stale once the entry is released, taken out
+    // or armed again (its `arming` count moved on).
+    struct LaneSlot {
+        std::shared_ptr<Entry> entry;
+        Duration due;
+        std::uint64_t arming;
+    };
+    // In (due, sequence) order, its front never stale; `laneArmed` counts the slots
+    // that are not.
+    RingQueue<LaneSlot> lane;
     std::size_t laneArmed = 0;
     std::uint64_t nextSequence = 0;
 };

@@ -59,6 +59,8 @@ private:
 
 Timer::Timer() = default;
 Timer::~Timer() = default;
+RearmableTimer::RearmableTimer() = default;
+RearmableTimer::~RearmableTimer() = default;
 TimerBackend::TimerBackend() = default;
 TimerBackend::~TimerBackend() = default;
 
@@ -112,6 +114,10 @@ TimerHandle periodic(TimerCallback callback, long long ticks) {
 TimerHandle shortMsDelay(TimerCallback callback, unsigned char milliseconds) {
     return BackendUse()->schedule(std::move(callback), std::chrono::milliseconds(milliseconds),
                                     std::chrono::milliseconds(0));
+}
+
+std::unique_ptr<RearmableTimer> rearmableTimer(TimerCallback callback) {
+    return BackendUse()->makeRearmableTimer(std::move(callback));
 }
 
 }  // namespace korvane::common

@@ -37,6 +37,26 @@ using TimerHandle = std::shared_ptr<Timer>;
 // The argument is the current tick.
 using TimerCallback = std::function<void(long long)>;
 
+// A one-shot timer that keeps its callback and is armed over and over, for a timer armed
+// many times a second (a session's batch timer): an arming makes nothing new. Arming an
+// armed timer moves it to the new time; arming it while its callback runs arms it again
+// for after that run. arm() may be called from any thread, from inside the callback, and
+// under a lock that the callback takes. Destroying the timer releases it as letting go
+// of the last reference to a TimerHandle does: once the destructor returns the callback
+// will not start, if it runs on another thread the destructor waits for it, and from
+// inside the callback the destructor neither waits nor deadlocks. The timer stays with
+// the backend that made it.
+class KORVANE_EXPORT RearmableTimer {
+public:
+    RearmableTimer();
+    virtual ~RearmableTimer();
+    RearmableTimer(const RearmableTimer&) = delete;
+    RearmableTimer& operator=(const RearmableTimer&) = delete;
+
+    // Runs the callback once, `delay` from now, unless it is armed again before.
+    virtual void arm(std::chrono::milliseconds delay) = 0;
+};
+
 class KORVANE_EXPORT TimerBackend {
 public:
     TimerBackend();
@@ -47,6 +67,9 @@ public:
     // Runs `callback` after `firstDelay`, and then every `period` unless `period` is zero.
     virtual TimerHandle schedule(TimerCallback callback, std::chrono::milliseconds firstDelay,
                                  std::chrono::milliseconds period) = 0;
+    // A timer of this backend, unarmed. A backend that keeps its timers in a TimerQueue
+    // makes it with TimerQueue::makeRearmable.
+    virtual std::unique_ptr<RearmableTimer> makeRearmableTimer(TimerCallback callback) = 0;
 };
 
 // Installs the process-wide backend; null uninstalls. Returns the previous one, once no
@@ -59,5 +82,7 @@ KORVANE_EXPORT long long getCurrentTick();
 KORVANE_EXPORT TimerHandle delay(TimerCallback callback, long long ticks);
 KORVANE_EXPORT TimerHandle periodic(TimerCallback callback, long long ticks);
 KORVANE_EXPORT TimerHandle shortMsDelay(TimerCallback callback, unsigned char milliseconds);
+// A rearmable timer of the installed backend.
+KORVANE_EXPORT std::unique_ptr<RearmableTimer> rearmableTimer(TimerCallback callback);
 
 }  // namespace korvane::common

@@ -103,4 +103,15 @@ common::TimerHandle LoopTimerBackend::schedule(common::TimerCallback callback, s
     return handle;
 }
 
+std::unique_ptr<common::RearmableTimer> LoopTimerBackend::makeRearmableTimer(common::TimerCallback callback) {
+    // Weakly, as a handle holds its queue: the queue and its callbacks go with the backend.
+    return state->queue->makeRearmable(std::move(callback), &common::TimerQueue::steadyNow,
+                                       [weakState = std::weak_ptr<LoopState>(state)] {
+                                           if (auto held = weakState.lock()) {
+                                               std::lock_guard<std::mutex> guard(held->mutex);
+                                               held->doArm();
+                                           }
+                                       });
+}
+
 }  // namespace korvane::host

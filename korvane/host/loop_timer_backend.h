@@ -45,6 +45,7 @@ public:
     long long currentTick() override;
     common::TimerHandle schedule(common::TimerCallback callback, std::chrono::milliseconds firstDelay,
                                  std::chrono::milliseconds period) override;
+    std::unique_ptr<common::RearmableTimer> makeRearmableTimer(common::TimerCallback callback) override;
 
 private:
     struct LoopState;

@@ -84,9 +84,19 @@ common::TimerHandle ThreadedTimerBackend::schedule(common::TimerCallback callbac
     common::TimerHandle handle =
         state->queue->arm(std::move(callback), common::TimerQueue::steadyNow(), firstDelay, period, &becameEarliest);
     if (becameEarliest) {
-        doWakeTimerThread();
+        doWakeTimerThread(*state);
     }
     return handle;
+}
+
+std::unique_ptr<common::RearmableTimer> ThreadedTimerBackend::makeRearmableTimer(common::TimerCallback callback) {
+    // Weakly, as a handle holds its queue: the queue and its callbacks go with the backend.
+    return state->queue->makeRearmable(std::move(callback), &common::TimerQueue::steadyNow,
+                                       [weakState = std::weak_ptr<TimerThreadState>(state)] {
+                                           if (auto held = weakState.lock()) {
+                                               doWakeTimerThread(*held);
+                                           }
+                                       });
 }
 
 void ThreadedTimerBackend::doRunTimerThread(std::shared_ptr<TimerThreadState> state) {
@@ -112,12 +122,12 @@ void ThreadedTimerBackend::doRunTimerThread(std::shared_ptr<TimerThreadState> st
     }
 }
 
-void ThreadedTimerBackend::doWakeTimerThread() {
+void ThreadedTimerBackend::doWakeTimerThread(TimerThreadState& state) {
     {
-        std::lock_guard<std::mutex> guard(state->mutex);
-        ++state->wakeups;
+        std::lock_guard<std::mutex> guard(state.mutex);
+        ++state.wakeups;
     }
-    state->wake.notify_one();
+    state.wake.notify_one();
 }
 
 }  // namespace korvane::host

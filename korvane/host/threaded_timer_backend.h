@@ -3,7 +3,8 @@
 // The host's clock and timer service: std::chrono::steady_clock, and one timer
 // thread that sleeps until the next due time and runs every due callback.
 //
-// Threading: schedule() and currentTick() may be called from any thread, including
+// Threading: schedule(), makeRearmableTimer(), currentTick() and a rearmable timer's
+// arm() may be called from any thread, including
 // from a callback. start() and stop() are for the host's own thread and must not be
 // called from a callback: stop() joins the timer thread. The thread's state (the
 // queue, the lock, the wake-up counter and the stop flag) lives in a shared
@@ -42,6 +43,7 @@ public:
     long long currentTick() override;
     common::TimerHandle schedule(common::TimerCallback callback, std::chrono::milliseconds firstDelay,
                                  std::chrono::milliseconds period) override;
+    std::unique_ptr<common::RearmableTimer> makeRearmableTimer(common::TimerCallback callback) override;
 
 private:
     using Duration = common::TimerQueue::Duration;
@@ -49,7 +51,7 @@ private:
 
     // The body of the timer thread; it owns a share of `state` for its whole run.
     static void doRunTimerThread(std::shared_ptr<TimerThreadState> state);
-    void doWakeTimerThread();
+    static void doWakeTimerThread(TimerThreadState& state);
 
     std::shared_ptr<TimerThreadState> state;
     // Guards `thread` against concurrent start() and stop().

@@ -73,7 +73,7 @@ LongPollSession::LongPollSession(std::shared_ptr<BayeuxServer> server, std::shar
 LongPollSession::~LongPollSession() {
     KORVANE_LOG(logger, common::logTrace) << "destroy: " << id;
     common::TimerHandle connect;
-    common::TimerHandle buffer;
+    std::unique_ptr<common::RearmableTimer> buffer;
     std::unique_lock<std::mutex> lock(mutex);
     connect = std::move(connectTimer);
     buffer = std::move(bufferTimer);
@@ -304,7 +304,6 @@ void LongPollSession::doCompleteQueue(std::unique_lock<std::mutex>& lock) {
     bufferTimeoutSet = false;
     connectDeadline.reset();
     doSendConnectResponse(lock);
-    dropTimers(lock, std::move(bufferTimer));
 }
 
 void LongPollSession::doSendConnectResponse(std::unique_lock<std::mutex>&) {
@@ -373,10 +372,8 @@ void LongPollSession::doForgetGoneConnect(std::unique_lock<std::mutex>& lock) {
     connectDeadline.reset();
     std::shared_ptr<BayeuxQueue> gone = std::move(connectQueue);
     connectSink.reset();
-    common::TimerHandle buffer = std::move(bufferTimer);
     lock.unlock();
     gone.reset();
-    buffer.reset();
     lock.lock();
 }
 
@@ -390,8 +387,8 @@ void LongPollSession::doAnswerOpenConnect(std::unique_lock<std::mutex>& lock) {
     doNotifyQueue(lock);
     // Two things can keep the open connect from being answered right here, and the connect about to replace
     // it would then leave it unanswered for good: a drain on another thread that has the lock open (it
-    // answers the connect when done, so wait for it), and a message whose arrival armed the buffer timeout
-    // while doCompleteQueue had the lock open (complete again). A drain on this very thread, a subscriber
+    // answers the connect when done, so wait for it), and a buffer timeout armed meanwhile, by a message that
+    // came while the lock was open (complete again). A drain on this very thread, a subscriber
     // calling back, is not waited for.
     const std::thread::id self = std::this_thread::get_id();
     while (activeConnect) {
@@ -443,13 +440,11 @@ void LongPollSession::doEndConnect(std::unique_lock<std::mutex>& lock, ConnectOu
     sendResponse = false;
     activeConnect = false;
     connectDeadline.reset();
-    common::TimerHandle buffer = std::move(bufferTimer);
     auto response = std::make_unique<ConnectResponse>();
     response->id = connectMessageId;
     response->clientId = id;
     response->successful = true;
     lock.unlock();
-    buffer.reset();
     // The response is always the last message of the stream; the queue ends once the transport has taken it.
     outlet.put(std::unique_ptr<Message>(std::move(response)));
     outlet.end();
@@ -468,7 +463,7 @@ void LongPollSession::setConnectTimeout(std::unique_lock<std::mutex>& lock, long
     // A timer due by this deadline stays: it finds this connect when it fires, and arms itself for the rest.
     common::TimerHandle replaced =
         connectTimer && connectTimerDue <= *connectDeadline ? nullptr : armConnectTimer(now);
-    dropTimers(lock, std::move(replaced), std::move(bufferTimer));
+    dropTimer(lock, std::move(replaced));
 }
 
 void LongPollSession::setBufferTimeout(std::unique_lock<std::mutex>& lock) {
@@ -481,9 +476,10 @@ void LongPollSession::setBufferTimeout(std::unique_lock<std::mutex>& lock) {
     bufferTimeoutSet = true;
     // The connect's deadline goes for good: from now on the buffer timeout alone ends this connect.
     connectDeadline.reset();
-    // The field is normally empty here; a handle still in it goes with the lock released.
-    dropTimers(lock, std::exchange(bufferTimer, common::shortMsDelay(callbackTo(&LongPollSession::doBufferTimeout),
-                                                                     bufferPeriodMilliseconds)));
+    if (!bufferTimer) {
+        bufferTimer = common::rearmableTimer(callbackTo(&LongPollSession::doBufferTimeout));
+    }
+    bufferTimer->arm(std::chrono::milliseconds(bufferPeriodMilliseconds));
 }
 
 void LongPollSession::doConnectTimeout(long long tick) {
@@ -507,6 +503,10 @@ void LongPollSession::doConnectTimeout(long long tick) {
 void LongPollSession::doBufferTimeout(long long tick) {
     KORVANE_LOG(logger, common::logTrace) << "doBufferTimeout: " << id << ", " << tick;
     std::unique_lock<std::mutex> lock(mutex);
+    // An arming for a batch that ended some other way: the batch collecting now, if any, armed it again.
+    if (!bufferTimeoutSet) {
+        return;
+    }
     doCompleteQueue(lock);
     doNotifyQueue(lock);
 }
@@ -517,12 +517,10 @@ common::TimerHandle LongPollSession::armConnectTimer(long long now) {
                          common::delay(callbackTo(&LongPollSession::doConnectTimeout), connectTimerDue - now));
 }
 
-void LongPollSession::dropTimers(std::unique_lock<std::mutex>& lock, common::TimerHandle first,
-                                 common::TimerHandle second) {
-    if (first || second) {
+void LongPollSession::dropTimer(std::unique_lock<std::mutex>& lock, common::TimerHandle timer) {
+    if (timer) {
         lock.unlock();
-        first.reset();
-        second.reset();
+        timer.reset();
         lock.lock();
     }
 }

@@ -19,7 +19,9 @@
 // with `mutex` released. One connect timer serves all of the session's connects: a connect
 // records its deadline and arms the timer only if none is armed for that deadline or earlier;
 // when the timer fires it answers a connect whose deadline has come, arms itself again for a
-// later one, or is let go. `notifying` keeps one thread at a time in the drain loop;
+// later one, or is let go. One rearmable buffer timer serves all of its batches: it is armed
+// under `mutex` (an arming never waits for a running callback) and released with `mutex`
+// released, in the destructor. `notifying` keeps one thread at a time in the drain loop;
 // only connectStream waits for a drain on another thread to end (on `drainEnded`,
 // with `mutex` released), so that the connect it replaces is answered first.
 // Internal operations taking a std::unique_lock are entered with it held and may
@@ -165,9 +167,8 @@ private:
     // Arms the connect timer for `connectDeadline`; returns the handle it replaces, to be dropped
     // with the lock released.
     common::TimerHandle armConnectTimer(long long now);
-    // Cancels timers by dropping their handles, with the lock released if there is one to drop.
-    void dropTimers(std::unique_lock<std::mutex>& lock, common::TimerHandle first,
-                    common::TimerHandle second = nullptr);
+    // Cancels a timer by dropping its handle, with the lock released if there is one to drop.
+    void dropTimer(std::unique_lock<std::mutex>& lock, common::TimerHandle timer);
     // A timer callback that runs `fire` on this session if it is still alive.
     common::TimerCallback callbackTo(void (LongPollSession::*fire)(long long));
     void notifyUnsubscribeAll();
@@ -194,7 +195,9 @@ private:
     // it armed: it then finds a later deadline or none when it fires.
     common::TimerHandle connectTimer;
     long long connectTimerDue = 0;
-    common::TimerHandle bufferTimer;
+    // Made at the first batch and armed for each one after. A batch that ends some other way
+    // leaves it armed: it then finds no batch collecting (`bufferTimeoutSet` clear) when it fires.
+    std::unique_ptr<common::RearmableTimer> bufferTimer;
     const std::shared_ptr<BayeuxServer> server;
     const std::shared_ptr<Context> context;
     const PendingLimit pendingLimit;

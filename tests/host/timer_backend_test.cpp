@@ -151,6 +151,48 @@ TYPED_TEST(TimerBackendTest, TimerReleasesItsOwnLastHandleFromInsideItsCallbackU
     }
 }
 
+// A rearmable timer runs once for its last arming, whether that moved it away or closer, and again when armed
+// after a run; its end releases it. The first arming of each pair is far enough off not to come due between them.
+TYPED_TEST(TimerBackendTest, RearmableTimerRunsOnceForItsLastArmingAndAgainWhenArmedAfterARun) {
+    auto timer = this->backend->makeRearmableTimer([this](long long) { this->note("ran"); });
+    timer->arm(50ms);
+    timer->arm(1h);
+    EXPECT_EQ(this->pass(80ms), Names{}) << "moved away";
+    timer->arm(2ms);
+    EXPECT_EQ(this->pass(20ms), Names{"ran"}) << "moved closer";
+    timer->arm(2ms);
+    EXPECT_EQ(this->pass(20ms), (Names{"ran", "ran"})) << "armed after its run";
+    timer->arm(50ms);
+    timer.reset();
+    EXPECT_EQ(this->pass(80ms), (Names{"ran", "ran"})) << "released";
+}
+
+// Like a session's batch timer: armed under the lock its callback takes, it arms itself again from inside the
+// callback, and is released there at last, which neither waits nor runs it again.
+TYPED_TEST(TimerBackendTest, RearmableTimerArmedUnderItsCallbacksLockAndFromInsideItsCallback) {
+    std::mutex jobMutex;
+    std::unique_ptr<common::RearmableTimer> timer;
+    int runs = 0;
+    std::unique_lock<std::mutex> arming(jobMutex);
+    timer = this->backend->makeRearmableTimer([&](long long) {
+        std::lock_guard<std::mutex> guard(jobMutex);
+        if (++runs < 3) {
+            timer->arm(2ms);
+        } else {
+            timer = nullptr;
+        }
+        this->note("run " + std::to_string(runs));
+    });
+    timer->arm(2ms);
+    arming.unlock();
+    if constexpr (!TestFixture::kManual) {
+        this->waitFor(3);
+    }
+    EXPECT_EQ(this->pass(20ms), (Names{"run 1", "run 2", "run 3"}));
+    std::lock_guard<std::mutex> guard(jobMutex);
+    EXPECT_EQ(timer, nullptr);
+}
+
 TYPED_TEST(TimerBackendTest, CallbackOwningItsHandleIsFreedWithTheBackendAndHandlesOutliveIt) {
     auto captured = std::make_shared<int>(1);
     std::weak_ptr<int> capturedWatch = captured;
@@ -160,9 +202,13 @@ TYPED_TEST(TimerBackendTest, CallbackOwningItsHandleIsFreedWithTheBackendAndHand
     captured.reset();
     EXPECT_FALSE(capturedWatch.expired());
     auto outliving = this->at(1h, "never");
+    auto outlivingRearmable = this->backend->makeRearmableTimer([this](long long) { this->note("never"); });
+    outlivingRearmable->arm(1h);
     this->backend.reset();
     EXPECT_TRUE(capturedWatch.expired());
     EXPECT_NO_THROW(outliving.reset());
+    EXPECT_NO_THROW(outlivingRearmable->arm(0ms));
+    EXPECT_NO_THROW(outlivingRearmable.reset());
 }
 
 struct ManualTimerTest : TimerBackendTest<ManualTimerBackend> {
@@ -215,6 +261,53 @@ TEST_F(ManualTimerTest, ManyTimersReleasedAtRandomPlacesInTheQueueLeaveTheRestIn
     Names expected(kept.size());
     std::transform(kept.begin(), kept.end(), expected.begin(), [](const auto& timer) { return timer.second; });
     EXPECT_EQ(pass(5000ms), expected);
+}
+
+// Rearmable timers moved about at random among plain ones, into the lane, out of it and within it, and some
+// released: each of the rest runs once, at its last arming's time, in due order with the plain ones.
+TEST_F(ManualTimerTest, RearmableTimersMovedAboutRunOnceAtTheirLastArmingInDueOrder) {
+    const auto noteWithTime = [this](const std::string& name) {
+        return [this, name](long long) { note(name + " at " + std::to_string(backend->now().count())); };
+    };
+    std::mt19937 random(7);
+    std::vector<std::unique_ptr<common::RearmableTimer>> rearmables;
+    std::vector<std::pair<long long, int>> armedAt;  // each rearmable's (due, arming order); due -1: not armed
+    std::vector<TimerHandle> plain;
+    std::map<std::pair<long long, int>, std::string> expected;  // run order: by due time, then by arming
+    // Half of them rise slowly, as batch timers do, and join the lane; the others fall due no later, or beyond
+    // the lane's reach (50 ms), and wait in the heap.
+    for (int order = 0; order < 3000; ++order) {
+        const long long rising = order / 60;
+        const long long due = random() % 2 == 0 ? rising : random() % 8 == 0 ? 60 + rising : random() % (rising + 1);
+        if (random() % 4 == 0) {
+            const std::string name = "plain " + std::to_string(order);
+            plain.push_back(backend->schedule(noteWithTime(name), std::chrono::milliseconds(due), 0ms));
+            expected.emplace(std::make_pair(due, order), name + " at " + std::to_string(due));
+            continue;
+        }
+        const std::size_t index = random() % 100;
+        if (index >= rearmables.size()) {
+            const std::string name = "rearmable " + std::to_string(rearmables.size());
+            rearmables.push_back(backend->makeRearmableTimer(noteWithTime(name)));
+            armedAt.emplace_back(-1, 0);
+        }
+        const std::size_t which = std::min(index, rearmables.size() - 1);
+        expected.erase(armedAt[which]);
+        armedAt[which] = {due, order};
+        rearmables[which]->arm(std::chrono::milliseconds(due));
+        expected.emplace(armedAt[which], "rearmable " + std::to_string(which) + " at " + std::to_string(due));
+    }
+    for (std::size_t which = 0; which < rearmables.size(); which += 3) {
+        rearmables[which] = nullptr;
+        expected.erase(armedAt[which]);
+    }
+    EXPECT_EQ(backend->armedCount(), expected.size());
+    Names inOrder;
+    for (const auto& timer : expected) {
+        inOrder.push_back(timer.second);
+    }
+    EXPECT_EQ(pass(5000ms), inOrder);
+    EXPECT_EQ(backend->armedCount(), 0u);
 }
 
 // A long wait stays in the heap, a short one armed later for the same time waits in the lane: the one armed
@@ -353,6 +446,41 @@ TYPED_TEST(RealClockTimerConcurrency, ReleaseWaitsForItsRunningCallbackAndNoCall
     EXPECT_EQ(returnedEarly.load() + capturesKept.load(), 0) << "a release returned before its callback, or kept its captures";
     EXPECT_EQ(overlaps.load(), 0) << "callbacks ran on two threads at once";
     EXPECT_GT(ran.load(), 0) << "no callback raced with its release";
+}
+
+// Threads arm a rearmable timer over and over under the lock its callback takes, as a session's publishers do:
+// no arming waits for the callback, runs never overlap, and its release waits for a running callback and is
+// the last word.
+TYPED_TEST(RealClockTimerConcurrency, RearmableTimerArmedByManyThreadsRunsAloneAndNotAfterItsRelease) {
+    std::mutex jobMutex;
+    std::atomic<int> ran{0}, running{0}, overlaps{0}, ranAfterRelease{0};
+    std::atomic<bool> released{false};
+    auto timer = this->backend->makeRearmableTimer([&](long long) {
+        std::lock_guard<std::mutex> guard(jobMutex);
+        overlaps += running++ != 0 ? 1 : 0;
+        ranAfterRelease += released ? 1 : 0;
+        std::this_thread::sleep_for(++ran % 2 == 0 ? 300us : 0us);
+        --running;
+    });
+    auto arm = [&](int thread) {
+        for (int round = 0; round < 300; ++round) {
+            {
+                std::lock_guard<std::mutex> guard(jobMutex);
+                timer->arm(std::chrono::milliseconds(round % 2));
+            }
+            std::this_thread::sleep_for(std::chrono::microseconds(200 * (thread + 1)));
+        }
+    };
+    std::thread threads[] = {std::thread(arm, 0), std::thread(arm, 1), std::thread(arm, 2)};
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    timer = nullptr;
+    EXPECT_EQ(running.load(), 0) << "the release returned while the callback ran";
+    released = true;
+    EXPECT_EQ(this->pass(5ms), Names{});
+    EXPECT_EQ(ranAfterRelease.load() + overlaps.load(), 0);
+    EXPECT_GT(ran.load(), 0);
 }
 
 }  // namespace

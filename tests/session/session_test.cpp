@@ -153,6 +153,13 @@ INSTANTIATE_TEST_SUITE_P(Scripts, LongPollSessionScript, ::testing::ValuesIn(std
         {{"connect c1", "publish m1", "ms 5", "ticks 100", "connect c2", "ticks 299", "seen c2", "armed", "ticks 1",
           "seen c2", "armed", "connect c3 1", "ticks 1", "seen c3"},
          {"c2:", "armed 1", "c2: response:c2 end", "armed 0", "c3: response:c3 end"}},
+        // A batch answered by the next connect leaves its buffer timer armed: when it fires it finds no batch
+        // collecting and answers nothing; a batch of the new connect moves it to its own 5 ms.
+        {{"connect c1", "publish m1", "ms 2", "connect c2", "seen c1", "ms 3", "seen c2", "active", "publish m2",
+          "ms 4", "seen c2", "ms 1", "seen c2", "connect c3", "publish m3", "ms 2", "connect c4", "ms 1",
+          "publish m4", "ms 4", "seen c4", "ms 1", "seen c4"},
+         {"c1: m1 response:c1 end", "c2:", "active yes", "c2:", "c2: m2 response:c2 end", "c4:",
+          "c4: m4 response:c4 end"}},
         // A hold as long as a client's advice can ask for (2^63 ms) is kept, and wraps into no past.
         {{"connect c1 92233720368547758", "ticks 100000", "seen c1", "armed"}, {"c1:", "armed 1"}},
         // A connect with an earlier deadline than the armed timer's takes the timer's place.

@@ -241,7 +241,13 @@ struct HttpServer::Impl {
         lastRefusalLog = now;
     }
 
-    void runIoThread(net::io_context& loop) {
+    // The loop's timers run on this thread, which is also where the timers armed on it go.
+    void runIoThread(std::size_t index) {
+        net::io_context& loop = *loops[index];
+        std::optional<LoopTimerBackend::LoopScope> timerScope;
+        if (timers) {
+            timerScope.emplace(*timers, index);
+        }
         for (;;) {
             try {
                 loop.run();
@@ -308,11 +314,15 @@ void HttpServer::start() {
         self.work.push_back(net::make_work_guard(*loop));
     }
     if (self.timers) {
-        self.timers->attach(*self.loops.front());
+        std::vector<net::io_context*> loops;
+        for (const auto& loop : self.loops) {
+            loops.push_back(loop.get());
+        }
+        self.timers->attach(loops);
     }
     net::post(self.acceptLoop, [&self] { self.doAccept(); });
-    for (const auto& loop : self.loops) {
-        self.threads.emplace_back([&self, &loop = *loop] { self.runIoThread(loop); });
+    for (std::size_t index = 0; index < self.loops.size(); ++index) {
+        self.threads.emplace_back([&self, index] { self.runIoThread(index); });
     }
 }
 

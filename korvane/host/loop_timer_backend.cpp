@@ -18,6 +18,10 @@ std::chrono::steady_clock::time_point timePointOf(Duration since) {
     return std::chrono::steady_clock::time_point(std::chrono::duration_cast<std::chrono::steady_clock::duration>(since));
 }
 
+// The backend whose LoopScope the calling thread is in, and that scope's loop state.
+thread_local const LoopTimerBackend* scopeBackend = nullptr;
+thread_local LoopTimerBackend::LoopState* scopeState = nullptr;
+
 }  // namespace
 
 struct LoopTimerBackend::LoopState : std::enable_shared_from_this<LoopState> {
@@ -69,22 +73,51 @@ struct LoopTimerBackend::LoopState : std::enable_shared_from_this<LoopState> {
     }
 };
 
-LoopTimerBackend::LoopTimerBackend() : state(std::make_shared<LoopState>()) {}
+LoopTimerBackend::LoopScope::LoopScope(LoopTimerBackend& backend, std::size_t index) {
+    {
+        std::lock_guard<std::mutex> guard(backend.statesMutex);
+        state = index == 0 ? backend.firstState : backend.moreStates.at(index - 1);
+    }
+    scopeBackend = &backend;
+    scopeState = state.get();
+}
+
+LoopTimerBackend::LoopScope::~LoopScope() {
+    scopeBackend = nullptr;
+    scopeState = nullptr;
+}
+
+LoopTimerBackend::LoopTimerBackend() : firstState(std::make_shared<LoopState>()) {}
 
 LoopTimerBackend::~LoopTimerBackend() = default;
 
-void LoopTimerBackend::attach(boost::asio::io_context& loop) {
-    std::lock_guard<std::mutex> guard(state->mutex);
-    state->loopTimer.emplace(loop);
-    state->waitingFor.reset();
-    state->doArm();
+void LoopTimerBackend::attach(const std::vector<boost::asio::io_context*>& loops) {
+    std::lock_guard<std::mutex> statesGuard(statesMutex);
+    while (moreStates.size() + 1 < loops.size()) {
+        moreStates.push_back(std::make_shared<LoopState>());
+    }
+    for (std::size_t index = 0; index <= moreStates.size(); ++index) {
+        LoopState& state = index == 0 ? *firstState : *moreStates[index - 1];
+        std::lock_guard<std::mutex> guard(state.mutex);
+        state.loopTimer.emplace(*loops[index % loops.size()]);
+        state.waitingFor.reset();
+        state.doArm();
+    }
 }
 
 void LoopTimerBackend::detach() {
-    std::lock_guard<std::mutex> guard(state->mutex);
-    // Destroying the timer cancels its wait, whose completion then does nothing.
-    state->loopTimer.reset();
-    state->waitingFor.reset();
+    std::lock_guard<std::mutex> statesGuard(statesMutex);
+    for (std::size_t index = 0; index <= moreStates.size(); ++index) {
+        LoopState& state = index == 0 ? *firstState : *moreStates[index - 1];
+        std::lock_guard<std::mutex> guard(state.mutex);
+        // Destroying the timer cancels its wait, whose completion then does nothing.
+        state.loopTimer.reset();
+        state.waitingFor.reset();
+    }
+}
+
+LoopTimerBackend::LoopState& LoopTimerBackend::stateForThisThread() const {
+    return scopeBackend == this ? *scopeState : *firstState;
 }
 
 long long LoopTimerBackend::currentTick() {
@@ -93,20 +126,22 @@ long long LoopTimerBackend::currentTick() {
 
 common::TimerHandle LoopTimerBackend::schedule(common::TimerCallback callback, std::chrono::milliseconds firstDelay,
                                                std::chrono::milliseconds period) {
+    LoopState& state = stateForThisThread();
     bool becameEarliest = false;
     common::TimerHandle handle =
-        state->queue->arm(std::move(callback), common::TimerQueue::steadyNow(), firstDelay, period, &becameEarliest);
+        state.queue->arm(std::move(callback), common::TimerQueue::steadyNow(), firstDelay, period, &becameEarliest);
     if (becameEarliest) {
-        std::lock_guard<std::mutex> guard(state->mutex);
-        state->doArm();
+        std::lock_guard<std::mutex> guard(state.mutex);
+        state.doArm();
     }
     return handle;
 }
 
 std::unique_ptr<common::RearmableTimer> LoopTimerBackend::makeRearmableTimer(common::TimerCallback callback) {
+    LoopState& state = stateForThisThread();
     // Weakly, as a handle holds its queue: the queue and its callbacks go with the backend.
-    return state->queue->makeRearmable(std::move(callback), &common::TimerQueue::steadyNow,
-                                       [weakState = std::weak_ptr<LoopState>(state)] {
+    return state.queue->makeRearmable(std::move(callback), &common::TimerQueue::steadyNow,
+                                      [weakState = state.weak_from_this()] {
                                            if (auto held = weakState.lock()) {
                                                std::lock_guard<std::mutex> guard(held->mutex);
                                                held->doArm();

@@ -1,25 +1,32 @@
 #pragma once
 
-// The host's clock and timers run by the I/O threads of an io_context instead of a
+// The host's clock and timers run by the I/O threads of the server's loops instead of a
 // thread of their own: a callback that answers a held connect runs on the thread that
-// writes the answer, with no hand-over between threads on the way. One steady_timer
-// on the loop waits for the first due time; whichever I/O thread it completes on runs
-// every due callback, one thread at a time, and arms it again for the next.
+// writes the answer, with no hand-over between threads on the way. Each attached loop has
+// a queue of its own and one steady_timer that waits for that queue's first due time; the
+// loop's thread runs every due callback of it and arms the timer again for the next.
+// A timer armed on a thread that runs a loop (inside a LoopScope) joins that loop's queue,
+// so a connection's timers run on its own thread; one armed on any other thread joins the
+// first loop's.
 //
 // Timers may be armed and released at any time from any thread; they run only while
-// the backend is attached to a loop that runs. The HTTP server attaches it when its
+// the backend is attached to loops that run. The HTTP server attaches it when its
 // I/O threads start and detaches it before it lets them go; timers armed meanwhile
 // stay armed and run once it is attached again. A callback must not block: it holds up
 // the connections of the I/O thread it runs on.
 //
-// Threading: attach() and detach() belong to the loop's owner. The state (the timer
-// queue, the loop's timer, the flags) lives in a shared LoopState that the pending
-// wait holds too, so that the backend may go while a wait is pending. `state->mutex`
-// guards the loop's timer and the flags; the timer queue has its own lock, always
-// taken after it or alone, and never held while a callback runs.
+// Threading: attach() and detach() belong to the loops' owner. Each loop's state (its
+// queue, its timer, the flags) lives in a shared LoopState that the pending wait holds
+// too, so that the backend may go while a wait is pending. `state->mutex` guards the
+// loop's timer and the flags; the queue has its own lock, always taken after it or
+// alone, and never held while a callback runs. `statesMutex` guards `moreStates`; the
+// first state never changes.
 
 #include <chrono>
+#include <cstddef>
 #include <memory>
+#include <mutex>
+#include <vector>
 
 #include "korvane/frame/timers.h"
 
@@ -36,9 +43,27 @@ public:
     LoopTimerBackend(const LoopTimerBackend&) = delete;
     LoopTimerBackend& operator=(const LoopTimerBackend&) = delete;
 
-    // Runs the due timers on `loop` from now on. `loop` must outlive the next detach().
-    void attach(boost::asio::io_context& loop);
-    // Stops running timers on the loop and lets go of it; armed timers stay armed. A
+    struct LoopState;
+
+    // Marks the calling thread, for the scope's life, as the one that runs the `index`th
+    // loop of the last attach(): timers armed on it join that loop's queue. Made by the
+    // thread itself, after attach(), around its run of the loop.
+    class LoopScope {
+    public:
+        LoopScope(LoopTimerBackend& backend, std::size_t index);
+        ~LoopScope();
+        LoopScope(const LoopScope&) = delete;
+        LoopScope& operator=(const LoopScope&) = delete;
+
+    private:
+        std::shared_ptr<LoopState> state;
+    };
+
+    // Runs the due timers on `loops` from now on, each loop those of its own queue. A queue
+    // beyond the number of loops (a backend attached to more loops before) runs on the
+    // loop of its index modulo their number. Every loop must outlive the next detach().
+    void attach(const std::vector<boost::asio::io_context*>& loops);
+    // Stops running timers on the loops and lets go of them; armed timers stay armed. A
     // callback already running on an I/O thread finishes there.
     void detach();
 
@@ -48,8 +73,12 @@ public:
     std::unique_ptr<common::RearmableTimer> makeRearmableTimer(common::TimerCallback callback) override;
 
 private:
-    struct LoopState;
-    std::shared_ptr<LoopState> state;
+    // The queue of the loop that the calling thread runs, or the first loop's.
+    LoopState& stateForThisThread() const;
+
+    const std::shared_ptr<LoopState> firstState;
+    std::mutex statesMutex;
+    std::vector<std::shared_ptr<LoopState>> moreStates;
 };
 
 }  // namespace korvane::host

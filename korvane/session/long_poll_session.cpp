@@ -231,6 +231,11 @@ void LongPollSession::doOpenConnect(std::unique_lock<std::mutex>& lock, const st
     this->holdResponses = holdResponses;
     connectMessageId = messageId;
     activeConnect = true;
+    if (!bufferTimer) {
+        // Made here, on the connect's thread: a host that runs timers on its I/O threads runs this one on the
+        // thread of the client's connection.
+        bufferTimer = common::rearmableTimer(callbackTo(&LongPollSession::doBufferTimeout));
+    }
     if (timeoutTicks != 0 && (pendingMessages.empty() || !bufferResponses)) {
         setConnectTimeout(lock, timeoutTicks);
     } else {
@@ -476,9 +481,6 @@ void LongPollSession::setBufferTimeout(std::unique_lock<std::mutex>& lock) {
     bufferTimeoutSet = true;
     // The connect's deadline goes for good: from now on the buffer timeout alone ends this connect.
     connectDeadline.reset();
-    if (!bufferTimer) {
-        bufferTimer = common::rearmableTimer(callbackTo(&LongPollSession::doBufferTimeout));
-    }
     bufferTimer->arm(std::chrono::milliseconds(bufferPeriodMilliseconds));
 }
 

@@ -195,7 +195,7 @@ private:
     // it armed: it then finds a later deadline or none when it fires.
     common::TimerHandle connectTimer;
     long long connectTimerDue = 0;
-    // Made at the first batch and armed for each one after. A batch that ends some other way
+    // Made at the first connect and armed for each batch. A batch that ends some other way
     // leaves it armed: it then finds no batch collecting (`bufferTimeoutSet` clear) when it fires.
     std::unique_ptr<common::RearmableTimer> bufferTimer;
     const std::shared_ptr<BayeuxServer> server;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <future>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -15,6 +16,7 @@
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
 
 #include "korvane/frame/manual_timer_backend.h"
 #include "korvane/host/loop_timer_backend.h"
@@ -34,7 +36,7 @@ class LoopDrivenTimers : public LoopTimerBackend {
 public:
     ~LoopDrivenTimers() override { stop(); }
     void start() {
-        attach(loop);
+        attach({&loop});
         work.emplace(loop.get_executor());
         for (std::thread& thread : threads) {
             thread = std::thread([this] { loop.run(); });
@@ -446,6 +448,69 @@ TYPED_TEST(RealClockTimerConcurrency, ReleaseWaitsForItsRunningCallbackAndNoCall
     EXPECT_EQ(returnedEarly.load() + capturesKept.load(), 0) << "a release returned before its callback, or kept its captures";
     EXPECT_EQ(overlaps.load(), 0) << "callbacks ran on two threads at once";
     EXPECT_GT(ran.load(), 0) << "no callback raced with its release";
+}
+
+// Two loops, each run by a thread of its own inside its scope, as the HTTP server runs them: a timer armed on a
+// loop's thread, plain or rearmable, runs on that thread, and a rearmable one stays there when armed elsewhere
+// later; one armed on any other thread runs on the first loop's. Nothing runs while detached.
+TEST(LoopTimerBackendLoops, TimersRunOnTheLoopWhoseThreadArmedThem) {
+    auto backend = std::make_shared<LoopTimerBackend>();
+    boost::asio::io_context loops[2];
+    backend->attach({&loops[0], &loops[1]});
+    std::optional<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>> work[2];
+    std::thread threads[2];
+    for (std::size_t index = 0; index < 2; ++index) {
+        work[index].emplace(loops[index].get_executor());
+        threads[index] = std::thread([&, index] {
+            LoopTimerBackend::LoopScope scope(*backend, index);
+            loops[index].run();
+        });
+    }
+    std::mutex mutex;
+    std::condition_variable ran;
+    std::vector<std::pair<std::string, std::thread::id>> runs;
+    auto record = [&](std::string name) {
+        return [&, name](long long) {
+            std::lock_guard<std::mutex> guard(mutex);
+            runs.emplace_back(name, std::this_thread::get_id());
+            ran.notify_all();
+        };
+    };
+    auto waitForRuns = [&](std::size_t count) {
+        std::unique_lock<std::mutex> lock(mutex);
+        ran.wait_for(lock, 10s, [&] { return runs.size() >= count; });
+        return runs;
+    };
+    TimerHandle elsewhere = backend->schedule(record("elsewhere"), 1ms, 0ms), onSecond;
+    std::unique_ptr<common::RearmableTimer> rearmable;
+    std::promise<void> armed;
+    boost::asio::post(loops[1], [&] {
+        onSecond = backend->schedule(record("plain on the second"), 1ms, 0ms);
+        rearmable = backend->makeRearmableTimer(record("rearmable on the second"));
+        rearmable->arm(1ms);
+        armed.set_value();
+    });
+    armed.get_future().wait();
+    std::map<std::string, std::thread::id> ranOn;
+    for (const auto& [name, thread] : waitForRuns(3)) {
+        ranOn[name] = thread;
+    }
+    EXPECT_EQ(ranOn, (std::map<std::string, std::thread::id>{{"elsewhere", threads[0].get_id()},
+                                                             {"plain on the second", threads[1].get_id()},
+                                                             {"rearmable on the second", threads[1].get_id()}}));
+    backend->detach();
+    rearmable->arm(0ms);
+    std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(waitForRuns(0).size(), 3u) << "ran while detached";
+    backend->attach({&loops[0], &loops[1]});
+    EXPECT_EQ(waitForRuns(4).back(), std::make_pair(std::string("rearmable on the second"), threads[1].get_id()));
+    elsewhere = onSecond = nullptr;
+    rearmable = nullptr;
+    backend->detach();
+    for (std::size_t index = 0; index < 2; ++index) {
+        work[index].reset();
+        threads[index].join();
+    }
 }
 
 // Threads arm a rearmable timer over and over under the lock its callback takes, as a session's publishers do:

@@ -87,6 +87,11 @@ public:
         }
     }
 
+    bool isArmed() const override {
+        auto owner = queue.lock();
+        return owner && owner->isArmed(entry);
+    }
+
 private:
     std::weak_ptr<TimerQueue> queue;
     std::shared_ptr<TimerQueue::Entry> entry;
@@ -175,6 +180,11 @@ std::size_t TimerQueue::runDue(Duration now) {
         entry->callback(tickOf(now));
     }
     return ran;
+}
+
+bool TimerQueue::isArmed(const std::shared_ptr<Entry>& entry) const {
+    std::lock_guard<std::mutex> guard(mutex);
+    return entry->running ? entry->armedInRun : entry->inLane || entry->heapIndex != notInHeap;
 }
 
 void TimerQueue::runDueReportingFailures(Duration now) noexcept {

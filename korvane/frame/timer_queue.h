@@ -92,6 +92,8 @@ public:
                                                   std::function<void()> onEarliest);
     // Arms a rearmable entry `delay` after `now`; called by RearmableTimer::arm.
     void rearm(const std::shared_ptr<Entry>& entry, Duration now, Duration delay, bool* becameEarliest);
+    // RearmableTimer::isArmed of an entry.
+    bool isArmed(const std::shared_ptr<Entry>& entry) const;
 
 private:
     // Entered with `mutex` held: whether a one-shot timer due at `due`, `delay` from now,

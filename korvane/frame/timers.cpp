@@ -89,25 +89,18 @@ std::shared_ptr<TimerBackend> timerBackend() {
 
 long long getCurrentTick() { return BackendUse()->currentTick(); }
 
-namespace {
-
-// The backends count in nanoseconds, about 292 years; a client's advice may ask for a hold of
-// up to 2^63 milliseconds. A longer wait than a century is as good as never and is held to it,
-// so that no conversion overflows.
-constexpr long long longestTicks = 100LL * 365 * 24 * 3600 * 1000 / tickMilliseconds;
-
-std::chrono::milliseconds durationOf(long long ticks) {
+// The backends count in nanoseconds, about 292 years: held to a century, no conversion overflows.
+std::chrono::milliseconds durationOfTicks(long long ticks) {
+    constexpr long long longestTicks = 100LL * 365 * 24 * 3600 * 1000 / tickMilliseconds;
     return std::chrono::milliseconds(std::min(ticks, longestTicks) * tickMilliseconds);
 }
 
-}  // namespace
-
 TimerHandle delay(TimerCallback callback, long long ticks) {
-    return BackendUse()->schedule(std::move(callback), durationOf(ticks), std::chrono::milliseconds(0));
+    return BackendUse()->schedule(std::move(callback), durationOfTicks(ticks), std::chrono::milliseconds(0));
 }
 
 TimerHandle periodic(TimerCallback callback, long long ticks) {
-    auto period = durationOf(ticks);
+    auto period = durationOfTicks(ticks);
     return BackendUse()->schedule(std::move(callback), period, period);
 }
 

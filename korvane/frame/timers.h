@@ -55,6 +55,9 @@ public:
 
     // Runs the callback once, `delay` from now, unless it is armed again before.
     virtual void arm(std::chrono::milliseconds delay) = 0;
+    // Whether an arming waits to run; from inside the callback, whether the timer was armed
+    // again since this run began.
+    virtual bool isArmed() const = 0;
 };
 
 class KORVANE_EXPORT TimerBackend {
@@ -79,6 +82,9 @@ KORVANE_EXPORT std::shared_ptr<TimerBackend> installTimerBackend(std::shared_ptr
 KORVANE_EXPORT std::shared_ptr<TimerBackend> timerBackend();
 
 KORVANE_EXPORT long long getCurrentTick();
+// `ticks` as a wait, a century at most: a client's advice may ask for a hold of up to 2^63
+// milliseconds, and a wait that long is as good as never.
+KORVANE_EXPORT std::chrono::milliseconds durationOfTicks(long long ticks);
 KORVANE_EXPORT TimerHandle delay(TimerCallback callback, long long ticks);
 KORVANE_EXPORT TimerHandle periodic(TimerCallback callback, long long ticks);
 KORVANE_EXPORT TimerHandle shortMsDelay(TimerCallback callback, unsigned char milliseconds);

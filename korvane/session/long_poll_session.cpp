@@ -72,11 +72,9 @@ LongPollSession::LongPollSession(std::shared_ptr<BayeuxServer> server, std::shar
 
 LongPollSession::~LongPollSession() {
     KORVANE_LOG(logger, common::logTrace) << "destroy: " << id;
-    common::TimerHandle connect;
-    std::unique_ptr<common::RearmableTimer> buffer;
+    std::unique_ptr<common::RearmableTimer> timer;
     std::unique_lock<std::mutex> lock(mutex);
-    connect = std::move(connectTimer);
-    buffer = std::move(bufferTimer);
+    timer = std::move(answerTimer);
     // With `open` clear neither batching rule holds: an open connect is answered now.
     open = false;
     sendResponse = true;
@@ -231,10 +229,12 @@ void LongPollSession::doOpenConnect(std::unique_lock<std::mutex>& lock, const st
     this->holdResponses = holdResponses;
     connectMessageId = messageId;
     activeConnect = true;
-    if (!bufferTimer) {
+    if (!answerTimer) {
         // Made here, on the connect's thread: a host that runs timers on its I/O threads runs this one on the
         // thread of the client's connection.
-        bufferTimer = common::rearmableTimer(callbackTo(&LongPollSession::doBufferTimeout));
+        answerTimer = common::rearmableTimer([weakSelf = weak_from_this()](long long tick) {
+            onAnswerTimer(weakSelf, tick);
+        });
     }
     if (timeoutTicks != 0 && (pendingMessages.empty() || !bufferResponses)) {
         setConnectTimeout(lock, timeoutTicks);
@@ -466,9 +466,9 @@ void LongPollSession::setConnectTimeout(std::unique_lock<std::mutex>& lock, long
     bufferTimeoutSet = false;
     connectDeadline = now + ticks;
     // A timer due by this deadline stays: it finds this connect when it fires, and arms itself for the rest.
-    common::TimerHandle replaced =
-        connectTimer && connectTimerDue <= *connectDeadline ? nullptr : armConnectTimer(now);
-    dropTimer(lock, std::move(replaced));
+    if (!timerDeadline || *timerDeadline > *connectDeadline) {
+        armForDeadline(now);
+    }
 }
 
 void LongPollSession::setBufferTimeout(std::unique_lock<std::mutex>& lock) {
@@ -481,60 +481,48 @@ void LongPollSession::setBufferTimeout(std::unique_lock<std::mutex>& lock) {
     bufferTimeoutSet = true;
     // The connect's deadline goes for good: from now on the buffer timeout alone ends this connect.
     connectDeadline.reset();
-    bufferTimer->arm(std::chrono::milliseconds(bufferPeriodMilliseconds));
+    timerDeadline.reset();
+    answerTimer->arm(std::chrono::milliseconds(bufferPeriodMilliseconds));
 }
 
-void LongPollSession::doConnectTimeout(long long tick) {
-    std::unique_lock<std::mutex> lock(mutex);
-    KORVANE_LOG(logger, common::logTrace) << "doConnectTimeout: " << id << ", " << tick;
-    const long long now = common::getCurrentTick();
-    // The handle of the timer that fired, dropped with the lock released.
-    common::TimerHandle spent;
-    if (connectDeadline && *connectDeadline > now) {
-        spent = armConnectTimer(now);
-    } else {
-        spent = std::move(connectTimer);
-        if (connectDeadline) {
-            doCompleteQueue(lock);
-            doNotifyQueue(lock);
-        }
-    }
-    lock.unlock();
-}
-
-void LongPollSession::doBufferTimeout(long long tick) {
-    KORVANE_LOG(logger, common::logTrace) << "doBufferTimeout: " << id << ", " << tick;
-    std::unique_lock<std::mutex> lock(mutex);
-    // An arming for a batch that ended some other way: the batch collecting now, if any, armed it again.
-    if (!bufferTimeoutSet) {
+void LongPollSession::onAnswerTimer(const std::weak_ptr<LongPollSession>& weakSelf, long long tick) {
+    std::shared_ptr<LongPollSession> self = weakSelf.lock();
+    if (!self) {
         return;
     }
+    std::unique_lock<std::mutex> lock(self->mutex);
+    // Armed again while this firing waited for the lock: the newer arming decides.
+    if (!self->answerTimer || self->answerTimer->isArmed()) {
+        return;
+    }
+    if (self->bufferTimeoutSet) {
+        self->doBufferTimeout(lock, tick);
+    } else {
+        self->doConnectTimeout(lock, tick);
+    }
+}
+
+void LongPollSession::doConnectTimeout(std::unique_lock<std::mutex>& lock, long long tick) {
+    KORVANE_LOG(logger, common::logTrace) << "doConnectTimeout: " << id << ", " << tick;
+    const long long now = common::getCurrentTick();
+    timerDeadline.reset();
+    if (connectDeadline && *connectDeadline > now) {
+        armForDeadline(now);
+    } else if (connectDeadline) {
+        doCompleteQueue(lock);
+        doNotifyQueue(lock);
+    }
+}
+
+void LongPollSession::doBufferTimeout(std::unique_lock<std::mutex>& lock, long long tick) {
+    KORVANE_LOG(logger, common::logTrace) << "doBufferTimeout: " << id << ", " << tick;
     doCompleteQueue(lock);
     doNotifyQueue(lock);
 }
 
-common::TimerHandle LongPollSession::armConnectTimer(long long now) {
-    connectTimerDue = *connectDeadline;
-    return std::exchange(connectTimer,
-                         common::delay(callbackTo(&LongPollSession::doConnectTimeout), connectTimerDue - now));
-}
-
-void LongPollSession::dropTimer(std::unique_lock<std::mutex>& lock, common::TimerHandle timer) {
-    if (timer) {
-        lock.unlock();
-        timer.reset();
-        lock.lock();
-    }
-}
-
-common::TimerCallback LongPollSession::callbackTo(void (LongPollSession::*fire)(long long)) {
-    // Holds the session weakly: a timer never keeps a session alive.
-    std::weak_ptr<LongPollSession> weakSelf(shared_from_this());
-    return [weakSelf, fire](long long tick) {
-        if (auto self = weakSelf.lock()) {
-            ((*self).*fire)(tick);
-        }
-    };
+void LongPollSession::armForDeadline(long long now) {
+    timerDeadline = *connectDeadline;
+    answerTimer->arm(common::durationOfTicks(*timerDeadline - now));
 }
 
 void LongPollSession::notifyUnsubscribeAll() {

@@ -15,13 +15,13 @@
 // core's pattern index: `channels` and the patterns declared to the core change
 // together under `mutex`, which is safe because the core's lock is a leaf. The
 // session declares its patterns to its own server, so that server offers it only
-// the publishes they can match, and forgets them in the destructor. Timer handles are dropped
-// with `mutex` released. One connect timer serves all of the session's connects: a connect
-// records its deadline and arms the timer only if none is armed for that deadline or earlier;
-// when the timer fires it answers a connect whose deadline has come, arms itself again for a
-// later one, or is let go. One rearmable buffer timer serves all of its batches: it is armed
-// under `mutex` (an arming never waits for a running callback) and released with `mutex`
-// released, in the destructor. `notifying` keeps one thread at a time in the drain loop;
+// the publishes they can match, and forgets them in the destructor. One rearmable timer ends
+// all of the session's connects, by their deadlines and their batches: it is armed under
+// `mutex` (an arming never waits for a running callback) and released with `mutex` released,
+// in the destructor. A connect records its deadline and arms the timer only if it is not armed
+// for that deadline or earlier; a batch arms it for the buffer period. When it fires it answers
+// the batch, or a connect whose deadline has come, or arms itself again for a later deadline; a
+// firing overtaken by a newer arming, made while it waited for `mutex`, does nothing. `notifying` keeps one thread at a time in the drain loop;
 // only connectStream waits for a drain on another thread to end (on `drainEnded`,
 // with `mutex` released), so that the connect it replaces is answered first.
 // Internal operations taking a std::unique_lock are entered with it held and may
@@ -162,15 +162,13 @@ private:
     // Holds the open connect to a deadline `ticks` from now.
     void setConnectTimeout(std::unique_lock<std::mutex>& lock, long long ticks);
     void setBufferTimeout(std::unique_lock<std::mutex>& lock);
-    void doConnectTimeout(long long tick);
-    void doBufferTimeout(long long tick);
-    // Arms the connect timer for `connectDeadline`; returns the handle it replaces, to be dropped
-    // with the lock released.
-    common::TimerHandle armConnectTimer(long long now);
-    // Cancels a timer by dropping its handle, with the lock released if there is one to drop.
-    void dropTimer(std::unique_lock<std::mutex>& lock, common::TimerHandle timer);
-    // A timer callback that runs `fire` on this session if it is still alive.
-    common::TimerCallback callbackTo(void (LongPollSession::*fire)(long long));
+    // The answer timer fired: the batch being collected, or else a connect whose deadline came, is
+    // answered. Holds the session weakly: a timer never keeps a session alive.
+    static void onAnswerTimer(const std::weak_ptr<LongPollSession>& weakSelf, long long tick);
+    void doConnectTimeout(std::unique_lock<std::mutex>& lock, long long tick);
+    void doBufferTimeout(std::unique_lock<std::mutex>& lock, long long tick);
+    // Arms the answer timer for `connectDeadline`.
+    void armForDeadline(long long now);
     void notifyUnsubscribeAll();
 
     const std::string id;
@@ -191,13 +189,12 @@ private:
     // The tick at which the open connect is answered if nothing answers it first; none while no
     // connect is held to one (none open, a batch being collected, a flushed one).
     std::optional<long long> connectDeadline;
-    // Due in tick `connectTimerDue`, at or before `connectDeadline`. A connect answered early leaves
-    // it armed: it then finds a later deadline or none when it fires.
-    common::TimerHandle connectTimer;
-    long long connectTimerDue = 0;
-    // Made at the first connect and armed for each batch. A batch that ends some other way
-    // leaves it armed: it then finds no batch collecting (`bufferTimeoutSet` clear) when it fires.
-    std::unique_ptr<common::RearmableTimer> bufferTimer;
+    // The one timer that answers a connect, made at the first connect: armed for the connect's
+    // deadline, or for its batch's buffer period, which replaces the deadline. A connect answered
+    // early leaves it armed: it then finds a later deadline, a batch or nothing when it fires.
+    std::unique_ptr<common::RearmableTimer> answerTimer;
+    // The tick that the timer is armed for while armed for a deadline, at or before `connectDeadline`.
+    std::optional<long long> timerDeadline;
     const std::shared_ptr<BayeuxServer> server;
     const std::shared_ptr<Context> context;
     const PendingLimit pendingLimit;

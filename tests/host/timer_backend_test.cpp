@@ -157,11 +157,14 @@ TYPED_TEST(TimerBackendTest, TimerReleasesItsOwnLastHandleFromInsideItsCallbackU
 // after a run; its end releases it. The first arming of each pair is far enough off not to come due between them.
 TYPED_TEST(TimerBackendTest, RearmableTimerRunsOnceForItsLastArmingAndAgainWhenArmedAfterARun) {
     auto timer = this->backend->makeRearmableTimer([this](long long) { this->note("ran"); });
+    EXPECT_FALSE(timer->isArmed());
     timer->arm(50ms);
     timer->arm(1h);
     EXPECT_EQ(this->pass(80ms), Names{}) << "moved away";
+    EXPECT_TRUE(timer->isArmed());
     timer->arm(2ms);
     EXPECT_EQ(this->pass(20ms), Names{"ran"}) << "moved closer";
+    EXPECT_FALSE(timer->isArmed()) << "after its run";
     timer->arm(2ms);
     EXPECT_EQ(this->pass(20ms), (Names{"ran", "ran"})) << "armed after its run";
     timer->arm(50ms);
@@ -170,7 +173,8 @@ TYPED_TEST(TimerBackendTest, RearmableTimerRunsOnceForItsLastArmingAndAgainWhenA
 }
 
 // Like a session's batch timer: armed under the lock its callback takes, it arms itself again from inside the
-// callback, and is released there at last, which neither waits nor runs it again.
+// callback (where it counts as armed only once armed again), and is released there at last, which neither waits
+// nor runs it again.
 TYPED_TEST(TimerBackendTest, RearmableTimerArmedUnderItsCallbacksLockAndFromInsideItsCallback) {
     std::mutex jobMutex;
     std::unique_ptr<common::RearmableTimer> timer;
@@ -178,19 +182,21 @@ TYPED_TEST(TimerBackendTest, RearmableTimerArmedUnderItsCallbacksLockAndFromInsi
     std::unique_lock<std::mutex> arming(jobMutex);
     timer = this->backend->makeRearmableTimer([&](long long) {
         std::lock_guard<std::mutex> guard(jobMutex);
+        std::string armed = timer->isArmed() ? " armed" : "";
         if (++runs < 3) {
             timer->arm(2ms);
+            armed += timer->isArmed() ? ", armed again" : "";
         } else {
             timer = nullptr;
         }
-        this->note("run " + std::to_string(runs));
+        this->note("run " + std::to_string(runs) + armed);
     });
     timer->arm(2ms);
     arming.unlock();
     if constexpr (!TestFixture::kManual) {
         this->waitFor(3);
     }
-    EXPECT_EQ(this->pass(20ms), (Names{"run 1", "run 2", "run 3"}));
+    EXPECT_EQ(this->pass(20ms), (Names{"run 1, armed again", "run 2, armed again", "run 3"}));
     std::lock_guard<std::mutex> guard(jobMutex);
     EXPECT_EQ(timer, nullptr);
 }

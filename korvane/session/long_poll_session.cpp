@@ -460,7 +460,7 @@ void LongPollSession::doEndConnect(std::unique_lock<std::mutex>& lock, ConnectOu
     doFinishDrain();
 }
 
-void LongPollSession::setConnectTimeout(std::unique_lock<std::mutex>& lock, long long ticks) {
+void LongPollSession::setConnectTimeout(std::unique_lock<std::mutex>&, long long ticks) {
     const long long now = common::getCurrentTick();
     KORVANE_LOG(logger, common::logTrace) << "Set connect timeout: " << id << ", " << ticks << ", " << now;
     bufferTimeoutSet = false;
@@ -471,13 +471,12 @@ void LongPollSession::setConnectTimeout(std::unique_lock<std::mutex>& lock, long
     }
 }
 
-void LongPollSession::setBufferTimeout(std::unique_lock<std::mutex>& lock) {
+void LongPollSession::setBufferTimeout(std::unique_lock<std::mutex>&) {
     KORVANE_LOG(logger, common::logTrace) << "Set buffer timeout: " << id << ", " << common::getCurrentTick() << ", "
                            << bufferTimeoutSet << ", " << activeConnect;
     if (bufferTimeoutSet || !activeConnect) {
         return;
     }
-    // Set before the lock may open below, so that no second caller arms the timer in that gap.
     bufferTimeoutSet = true;
     // The connect's deadline goes for good: from now on the buffer timeout alone ends this connect.
     connectDeadline.reset();

@@ -21,9 +21,10 @@
 // in the destructor. A connect records its deadline and arms the timer only if it is not armed
 // for that deadline or earlier; a batch arms it for the buffer period. When it fires it answers
 // the batch, or a connect whose deadline has come, or arms itself again for a later deadline; a
-// firing overtaken by a newer arming, made while it waited for `mutex`, does nothing. `notifying` keeps one thread at a time in the drain loop;
-// only connectStream waits for a drain on another thread to end (on `drainEnded`,
-// with `mutex` released), so that the connect it replaces is answered first.
+// firing overtaken by a newer arming, made while it waited for `mutex`, does nothing.
+// `notifying` keeps one thread at a time in the drain loop; only connectStream waits for a
+// drain on another thread to end (on `drainEnded`, with `mutex` released), so that the connect
+// it replaces is answered first.
 // Internal operations taking a std::unique_lock are entered with it held and may
 // release and retake it. The session must be owned by a std::shared_ptr.
 // A client that lets more than `pendingLimit.maxMessages` messages, or more than

@@ -76,7 +76,7 @@ struct LoopTimerBackend::LoopState : std::enable_shared_from_this<LoopState> {
 LoopTimerBackend::LoopScope::LoopScope(LoopTimerBackend& backend, std::size_t index) {
     {
         std::lock_guard<std::mutex> guard(backend.statesMutex);
-        state = index == 0 ? backend.firstState : backend.moreStates.at(index - 1);
+        state = backend.doStateAt(index);
     }
     scopeBackend = &backend;
     scopeState = state.get();
@@ -97,7 +97,7 @@ void LoopTimerBackend::attach(const std::vector<boost::asio::io_context*>& loops
         moreStates.push_back(std::make_shared<LoopState>());
     }
     for (std::size_t index = 0; index <= moreStates.size(); ++index) {
-        LoopState& state = index == 0 ? *firstState : *moreStates[index - 1];
+        LoopState& state = *doStateAt(index);
         std::lock_guard<std::mutex> guard(state.mutex);
         state.loopTimer.emplace(*loops[index % loops.size()]);
         state.waitingFor.reset();
@@ -108,12 +108,16 @@ void LoopTimerBackend::attach(const std::vector<boost::asio::io_context*>& loops
 void LoopTimerBackend::detach() {
     std::lock_guard<std::mutex> statesGuard(statesMutex);
     for (std::size_t index = 0; index <= moreStates.size(); ++index) {
-        LoopState& state = index == 0 ? *firstState : *moreStates[index - 1];
+        LoopState& state = *doStateAt(index);
         std::lock_guard<std::mutex> guard(state.mutex);
         // Destroying the timer cancels its wait, whose completion then does nothing.
         state.loopTimer.reset();
         state.waitingFor.reset();
     }
+}
+
+const std::shared_ptr<LoopTimerBackend::LoopState>& LoopTimerBackend::doStateAt(std::size_t index) const {
+    return index == 0 ? firstState : moreStates.at(index - 1);
 }
 
 LoopTimerBackend::LoopState& LoopTimerBackend::stateForThisThread() const {

@@ -75,6 +75,8 @@ public:
 private:
     // The queue of the loop that the calling thread runs, or the first loop's.
     LoopState& stateForThisThread() const;
+    // Entered with `statesMutex` held: the state of the `index`th loop.
+    const std::shared_ptr<LoopState>& doStateAt(std::size_t index) const;
 
     const std::shared_ptr<LoopState> firstState;
     std::mutex statesMutex;

@@ -87,7 +87,7 @@ private:
     std::unique_ptr<Link> link;
     boost::asio::steady_timer connectTimer;
     boost::asio::steady_timer publishTimer;
-    std::mt19937 random;
+    std::minstd_rand random;  // publishers pick rooms; small, as a client of a thousand is better kept
     std::string clientId;
     std::string connectTail;  // a connect of this session, from behind its id
     std::vector<bool> subscribed;  // per entry of setup.rooms, counted in the plan
@@ -102,10 +102,6 @@ private:
     std::int64_t nextSend = 0;
     std::vector<std::int64_t> lastSequence;  // per publisher id, -1 before the first
     std::string publishText;                 // reused to build publishes
-    // Scanned replies: the messages of a body, a delivery's data, a connect's advice.
-    MessageFields fields;
-    MessageFields dataFields;
-    MessageFields adviceFields;
 };
 
 }  // namespace korvane::load

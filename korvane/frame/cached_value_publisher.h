@@ -23,8 +23,10 @@ namespace korvane::reactive_streams {
 // first) until the subscriber requests them. Must be owned by a std::shared_ptr:
 // its subscription holds it weakly.
 //
-// Locking: one mutex guards every field. Calls to the subscriber and to
-// `onFinished` are made with the mutex released. The `delivering` flag keeps one
+// Locking: one mutex guards every field. Calls to the subscriber and to `onFinished`
+// are made with the mutex released; the subscriber, once set, stays until the
+// publisher is destroyed, so onNext goes through a plain pointer (a caller keeps the
+// publisher alive across its own call). The `delivering` flag keeps one
 // thread at a time calling onNext, in the drain loop or in the direct hand-over:
 // items published on other threads meanwhile wait in the cache for that thread,
 // so onNext calls never overlap, each thread's items arrive in order and the end
@@ -64,7 +66,7 @@ public:
         }
         if (subscriber && demand != 0 && cache.empty() && !delivering) {
             --demand;
-            std::shared_ptr<SubscriberAPI<T>> target = subscriber;
+            SubscriberAPI<T>* target = subscriber.get();
             // Held through the call so that no other thread's item overtakes or overlaps this one.
             delivering = true;
             lock.unlock();
@@ -216,7 +218,7 @@ private:
             --demand;
             T value = std::move(cache.front());
             cache.pop_front();
-            std::shared_ptr<SubscriberAPI<T>> target = subscriber;
+            SubscriberAPI<T>* target = subscriber.get();
             lock.unlock();
             target->onNext(std::move(value));
             lock.lock();

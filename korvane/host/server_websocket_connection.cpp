@@ -18,7 +18,9 @@
 #include <boost/beast/websocket/ssl.hpp>
 
 #include "korvane/codec/utf8.h"
+#include "korvane/frame/lazy_promise.h"
 #include "korvane/frame/logger.h"
+#include "korvane/frame/reactive_streams.h"
 #include "korvane/frame/ring_queue.h"
 #include "korvane/host/deadline_timer.h"
 #include "korvane/host/host_counters.h"
@@ -74,7 +76,7 @@ DataBuffer closePayload(websocket::close_code code) {
 // and written by hand on the stream (websocket_frames.h), which keeps a delivery to one
 // socket write and no operation state of its own.
 //
-// The service's frames (`inbound`) come through the relay `writer` and are written in
+// The service's frames (`inbound`) come through `frameInbox` and are written in
 // order; those ready together (a delivery and the connect reply behind it) leave in one
 // gathered socket write. The inbox's first frame wakes the connection by a defer, which from
 // an I/O thread runs only once the handler that made the frame has returned, so that a
@@ -93,7 +95,7 @@ DataBuffer closePayload(websocket::close_code code) {
 //
 // Threading: every member function but shutdown() and abandon() runs on the
 // connection's loop, whose one thread runs its handlers one at a time; signals from
-// the service's threads come through `inbox` and `link`. shutdown() posts; abandon()
+// the service's threads come through `frameInbox` and `link`. shutdown() posts; abandon()
 // runs on the stopping thread once no I/O thread is left. Nothing here takes a lock
 // but the inbox's own.
 template <class Stream>
@@ -157,18 +159,43 @@ public:
 
 private:
     friend class DeadlineTimer<ServerWebSocketConnection>;
-    // The service's frames on their way from its threads to the loop. One post
-    // carries every frame that arrived before the connection took them, typically a
-    // delivery and the connect reply behind it. `mutex` guards `signals`; it is a
-    // leaf lock, taken under the relay's.
-    class SignalInbox {
+    // The subscriber of `inbound`: the service's frames on their way from its threads to
+    // the loop. The stream hands its signals over one at a time, and each is queued in
+    // the order it came; the first one queued wakes the connection by a defer, so one
+    // post carries every signal that arrived before the connection took them, typically
+    // a delivery and the connect reply behind it. detach() ends it for good: upstream is
+    // cancelled unless the stream already ended, and the link is let go.
+    //
+    // Locking: `mutex` guards every field; the defer is made under it (a LoopLink never
+    // runs the work inline), upstream is requested and cancelled with it released.
+    class FrameInbox : public reactive_streams::SubscriberAPI<WebSocketFrame> {
     public:
-        // True when the inbox was empty: the caller posts the connection's turn to take it.
-        bool put(FrameSignal&& signal) {
+        explicit FrameInbox(std::shared_ptr<LoopLink<ServerWebSocketConnection>> link) : link(std::move(link)) {}
+
+        void onSubscribe(std::weak_ptr<reactive_streams::Subscription> subscription) override {
             std::lock_guard<std::mutex> guard(mutex);
-            signals.push_back(std::move(signal));
-            return signals.size() == 1;
+            upstream = std::move(subscription);
         }
+        void onNext(WebSocketFrame&& frame) override { put(FrameSignal{std::move(frame), false, nullptr}); }
+        void onComplete() override { put(FrameSignal{std::nullopt, true, nullptr}); }
+        void onError(std::exception_ptr error) override { put(FrameSignal{std::nullopt, true, std::move(error)}); }
+
+        Future<bool> getFuture() override {
+            std::lock_guard<std::mutex> guard(mutex);
+            return donePromise.getFuture();
+        }
+
+        void request(unsigned long n) {
+            std::shared_ptr<reactive_streams::Subscription> source;
+            {
+                std::lock_guard<std::mutex> guard(mutex);
+                source = link ? upstream.lock() : nullptr;
+            }
+            if (source) {
+                source->request(n);
+            }
+        }
+
         // Hands every waiting signal over in arrival order; `into` must be empty and
         // leaves its storage here for the next ones.
         void takeAll(std::vector<FrameSignal>& into) {
@@ -176,9 +203,50 @@ private:
             into.swap(signals);
         }
 
+        void detach() {
+            std::shared_ptr<LoopLink<ServerWebSocketConnection>> dropped;
+            std::shared_ptr<reactive_streams::Subscription> source;
+            {
+                std::lock_guard<std::mutex> guard(mutex);
+                dropped = std::move(link);
+                signals.clear();
+                if (!ended) {
+                    ended = true;
+                    donePromise.setValue(false);
+                    source = upstream.lock();
+                }
+            }
+            if (source) {
+                source->cancel();
+            }
+        }
+
     private:
+        void put(FrameSignal&& signal) {
+            std::lock_guard<std::mutex> guard(mutex);
+            if (ended) {
+                return;
+            }
+            if (signal.ended) {
+                ended = true;
+                if (signal.error) {
+                    donePromise.setError(signal.error);
+                } else {
+                    donePromise.setValue(true);
+                }
+            }
+            signals.push_back(std::move(signal));
+            if (signals.size() == 1) {
+                link->defer([](ServerWebSocketConnection& connection) { connection.onInboxReady(); });
+            }
+        }
+
         std::mutex mutex;
+        std::shared_ptr<LoopLink<ServerWebSocketConnection>> link;
         std::vector<FrameSignal> signals;
+        std::weak_ptr<reactive_streams::Subscription> upstream;
+        LazyPromise<bool> donePromise;
+        bool ended = false;
     };
 
     // The service's side of the peer's messages: demand and cancel come on any thread.
@@ -229,17 +297,11 @@ private:
         }
         lastRead = Clock::now();
         armDeadline(lastRead + state->options.wsIdle / 2);
-        writer = std::make_shared<RelaySubscriber<WebSocketFrame>>(
-            [link = link, inbox = inbox](FrameSignal&& signal) {
-                if (inbox->put(std::move(signal))) {
-                    link->defer([](ServerWebSocketConnection& connection) { connection.onInboxReady(); });
-                }
-            },
-            false);
+        frameInbox = std::make_shared<FrameInbox>(link);
         readSubscription = std::make_shared<ReadSubscription>(link);
         try {
-            inbound->subscribe(writer);
-            writer->request(everyFrame);
+            inbound->subscribe(frameInbox);
+            frameInbox->request(everyFrame);
             outbound->onSubscribe(readSubscription);
         } catch (const std::exception& failure) {
             KORVANE_LOG(logger, common::logFailure) << "WebSocket streams failed to start: " << failure.what();
@@ -247,7 +309,7 @@ private:
         }
     }
 
-    bool accepted() const { return writer != nullptr; }
+    bool accepted() const { return frameInbox != nullptr; }
 
     // ---- from the peer ---------------------------------------------------------------
 
@@ -433,14 +495,17 @@ private:
     }
 
     void takeInbox() {
-        inbox->takeAll(arrived);
+        if (!frameInbox) {
+            return;
+        }
+        frameInbox->takeAll(arrived);
         for (FrameSignal& signal : arrived) {
-            onWriterSignal(std::move(signal));
+            onFrameSignal(std::move(signal));
         }
         arrived.clear();
     }
 
-    void onWriterSignal(FrameSignal&& signal) {
+    void onFrameSignal(FrameSignal&& signal) {
         if (finished || closeRequested) {
             return;
         }
@@ -638,8 +703,8 @@ private:
         }
         takeInbox();  // what the service wrote before the close goes ahead of it
         closeRequested = true;
-        if (writer) {
-            writer->detach();
+        if (frameInbox) {
+            frameInbox->detach();
         }
         if (!accepted()) {
             doFinish();
@@ -685,8 +750,8 @@ private:
             KORVANE_LOG(logger, common::logWarning) << "WebSocket cut: a write took longer than "
                                      << state->options.writeTimeout.count() << " ms";
         }
-        if (writer) {
-            writer->detach();
+        if (frameInbox) {
+            frameInbox->detach();
         }
         dropQueuedFrames();
         link->cut();
@@ -711,8 +776,7 @@ private:
     std::unique_ptr<websocket::stream<Carrier&>> handshake;
     std::unique_ptr<UpgradeRequest> upgradeRequest;
 
-    std::shared_ptr<RelaySubscriber<WebSocketFrame>> writer;
-    const std::shared_ptr<SignalInbox> inbox = std::make_shared<SignalInbox>();
+    std::shared_ptr<FrameInbox> frameInbox;
     std::vector<FrameSignal> arrived;
     std::shared_ptr<ReadSubscription> readSubscription;
     unsigned long readDemand = 0;

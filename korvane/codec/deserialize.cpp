@@ -1,5 +1,6 @@
 #include "korvane/codec/deserialize.h"
 
+#include <array>
 #include <stdexcept>
 #include <string_view>
 
@@ -14,28 +15,69 @@ using Key = std::string_view;
 
 const char* const invalidRequest = "JSON parsing error, invalid bayeux request";
 
-// Walks the members of one object from its '{'. Keys are the raw bytes between the
-// quotes, never decoded. `readMember(key)` reads the value of a key it wants; a value
-// it leaves untouched is skipped. The end of the buffer behind a complete member ends
-// the walk silently.
+// The members of an object that a first walk passed, up to and including `channel`,
+// with where each value lies, so that the walk of the class it names reads them without
+// passing their keys again. Empty (and the class walk starts at the '{') when more
+// members came before `channel` than fit.
+struct WalkedMembers {
+    struct Member {
+        Key key;
+        std::uint64_t valueStart;
+        std::uint64_t valueEnd;
+    };
+    static constexpr std::size_t capacity = 8;
+    std::array<Member, capacity> members;
+    std::size_t count = 0;
+};
+
+// Walks the members of one object from its '{', or from behind `walked` after handing
+// those over again. Keys are the raw bytes between the quotes, never decoded.
+// `readMember(key)` reads the value of a key it wants; a value it leaves untouched is
+// skipped. The end of the buffer behind a complete member ends the walk silently. A
+// walked member whose reader stops short of its end is followed by reading on from
+// there, as a walk from the '{' would.
 template <class ReadMember>
-void walkObject(std::uint64_t& cursor, const DataBuffer& buffer, ReadMember&& readMember) {
-    json::expectChar(cursor, buffer, '{');
-    char c = json::peekChar(cursor, buffer);
-    if (c == '}') {
-        ++cursor;
+void walkObject(std::uint64_t& cursor, const DataBuffer& buffer, ReadMember&& readMember,
+                const WalkedMembers* walked = nullptr) {
+    std::size_t replayed = 0;
+    const std::size_t toReplay = walked == nullptr ? 0 : walked->count;
+    char c = ',';
+    if (toReplay != 0) {
+        cursor = walked->members[0].valueStart;
+    } else {
+        json::expectChar(cursor, buffer, '{');
+        c = json::peekChar(cursor, buffer);
+        if (c == '}') {
+            ++cursor;
+        }
     }
     while (cursor < buffer.size && c != '}') {
-        json::skipWhitespace(cursor, buffer);
-        std::uint64_t keyStart = cursor + 1;
-        json::skipString(cursor, buffer);
-        Key key(reinterpret_cast<const char*>(buffer.data) + keyStart, cursor - 1 - keyStart);
-        json::expectChar(cursor, buffer, ':');
-        json::skipWhitespace(cursor, buffer);
-        std::uint64_t valueStart = cursor;
+        Key key;
+        std::uint64_t valueStart;
+        std::uint64_t knownEnd = 0;
+        if (replayed < toReplay) {
+            const WalkedMembers::Member& member = walked->members[replayed++];
+            key = member.key;
+            cursor = valueStart = member.valueStart;
+            knownEnd = member.valueEnd;
+        } else {
+            json::skipWhitespace(cursor, buffer);
+            std::uint64_t keyStart = cursor + 1;
+            json::skipString(cursor, buffer);
+            key = Key(reinterpret_cast<const char*>(buffer.data) + keyStart, cursor - 1 - keyStart);
+            json::expectChar(cursor, buffer, ':');
+            json::skipWhitespace(cursor, buffer);
+            valueStart = cursor;
+        }
         readMember(key);
         if (cursor == valueStart) {
-            json::skipValue(cursor, buffer);
+            if (knownEnd != 0) {
+                cursor = knownEnd;
+            } else {
+                json::skipValue(cursor, buffer);
+            }
+        } else if (knownEnd != 0 && cursor != knownEnd) {
+            replayed = toReplay;
         }
         if (cursor >= buffer.size) {
             return;
@@ -142,7 +184,8 @@ bool readHandshakeMember(Key key, std::uint64_t& cursor, const DataBuffer& buffe
     return true;
 }
 
-std::unique_ptr<Message> parseHandshakeRequest(std::uint64_t& cursor, const DataBuffer& buffer) {
+std::unique_ptr<Message> parseHandshakeRequest(std::uint64_t& cursor, const DataBuffer& buffer,
+                                               const WalkedMembers& walked) {
     auto message = std::make_unique<HandshakeRequest>();
     walkObject(cursor, buffer, [&](Key key) {
         if (key == "ext") {
@@ -150,11 +193,12 @@ std::unique_ptr<Message> parseHandshakeRequest(std::uint64_t& cursor, const Data
         } else if (!readBaseMember(key, cursor, buffer, *message)) {
             readHandshakeMember(key, cursor, buffer, *message);
         }
-    });
+    }, &walked);
     return message;
 }
 
-std::unique_ptr<Message> parseHandshakeResponse(std::uint64_t& cursor, const DataBuffer& buffer) {
+std::unique_ptr<Message> parseHandshakeResponse(std::uint64_t& cursor, const DataBuffer& buffer,
+                                                const WalkedMembers& walked) {
     auto message = std::make_unique<HandshakeResponse>();
     walkObject(cursor, buffer, [&](Key key) {
         if (key == "advice") {
@@ -162,11 +206,12 @@ std::unique_ptr<Message> parseHandshakeResponse(std::uint64_t& cursor, const Dat
         } else if (!readResponseMember(key, cursor, buffer, *message)) {
             readHandshakeMember(key, cursor, buffer, *message);
         }
-    });
+    }, &walked);
     return message;
 }
 
-std::unique_ptr<Message> parseConnectRequest(std::uint64_t& cursor, const DataBuffer& buffer) {
+std::unique_ptr<Message> parseConnectRequest(std::uint64_t& cursor, const DataBuffer& buffer,
+                                             const WalkedMembers& walked) {
     auto message = std::make_unique<ConnectStreamRequest>();
     walkObject(cursor, buffer, [&](Key key) {
         if (key == "connectionType") {
@@ -176,11 +221,12 @@ std::unique_ptr<Message> parseConnectRequest(std::uint64_t& cursor, const DataBu
         } else {
             readBaseMember(key, cursor, buffer, *message);
         }
-    });
+    }, &walked);
     return message;
 }
 
-std::unique_ptr<Message> parseConnectResponse(std::uint64_t& cursor, const DataBuffer& buffer) {
+std::unique_ptr<Message> parseConnectResponse(std::uint64_t& cursor, const DataBuffer& buffer,
+                                              const WalkedMembers& walked) {
     auto message = std::make_unique<ConnectStreamResponse>();
     walkObject(cursor, buffer, [&](Key key) {
         if (key == "advice") {
@@ -188,37 +234,42 @@ std::unique_ptr<Message> parseConnectResponse(std::uint64_t& cursor, const DataB
         } else {
             readResponseMember(key, cursor, buffer, *message);
         }
-    });
+    }, &walked);
     return message;
 }
 
-std::unique_ptr<Message> parseDisconnectRequest(std::uint64_t& cursor, const DataBuffer& buffer) {
+std::unique_ptr<Message> parseDisconnectRequest(std::uint64_t& cursor, const DataBuffer& buffer,
+                                                const WalkedMembers& walked) {
     auto message = std::make_unique<DisconnectRequest>();
-    walkObject(cursor, buffer, [&](Key key) { readBaseMember(key, cursor, buffer, *message); });
+    walkObject(
+        cursor, buffer, [&](Key key) { readBaseMember(key, cursor, buffer, *message); }, &walked);
     return message;
 }
 
-std::unique_ptr<Message> parseDisconnectResponse(std::uint64_t& cursor, const DataBuffer& buffer) {
+std::unique_ptr<Message> parseDisconnectResponse(std::uint64_t& cursor, const DataBuffer& buffer,
+                                                 const WalkedMembers& walked) {
     auto message = std::make_unique<DisconnectResponse>();
-    walkObject(cursor, buffer, [&](Key key) { readResponseMember(key, cursor, buffer, *message); });
+    walkObject(
+        cursor, buffer, [&](Key key) { readResponseMember(key, cursor, buffer, *message); }, &walked);
     return message;
 }
 
 // Subscribe and unsubscribe requests differ only in their class, built by the caller.
-void readSubscriptionRequest(std::uint64_t& cursor, const DataBuffer& buffer, BayeuxBase& message,
-                             std::string& subscription) {
+void readSubscriptionRequest(std::uint64_t& cursor, const DataBuffer& buffer, const WalkedMembers& walked,
+                             BayeuxBase& message, std::string& subscription) {
     walkObject(cursor, buffer, [&](Key key) {
         if (key == "subscription") {
             subscription = json::readStringOrNull(cursor, buffer);
         } else {
             readBaseMember(key, cursor, buffer, message);
         }
-    });
+    }, &walked);
 }
 
 // Subscribe and unsubscribe responses differ only in their class, built by the caller.
-void readSubscriptionResponse(std::uint64_t& cursor, const DataBuffer& buffer, BayeuxResponse& message,
-                              std::string& subscription, std::shared_ptr<BayeuxAdvice>& advice) {
+void readSubscriptionResponse(std::uint64_t& cursor, const DataBuffer& buffer, const WalkedMembers& walked,
+                              BayeuxResponse& message, std::string& subscription,
+                              std::shared_ptr<BayeuxAdvice>& advice) {
     walkObject(cursor, buffer, [&](Key key) {
         if (key == "subscription") {
             subscription = json::readStringOrNull(cursor, buffer);
@@ -227,37 +278,41 @@ void readSubscriptionResponse(std::uint64_t& cursor, const DataBuffer& buffer, B
         } else {
             readResponseMember(key, cursor, buffer, message);
         }
-    });
+    }, &walked);
 }
 
-std::unique_ptr<Message> parseSubscribeRequest(std::uint64_t& cursor, const DataBuffer& buffer) {
+std::unique_ptr<Message> parseSubscribeRequest(std::uint64_t& cursor, const DataBuffer& buffer,
+                                               const WalkedMembers& walked) {
     auto message = std::make_unique<SubscribeRequest>(std::string(), std::string());
-    readSubscriptionRequest(cursor, buffer, *message, message->subscription);
+    readSubscriptionRequest(cursor, buffer, walked, *message, message->subscription);
     return message;
 }
 
-std::unique_ptr<Message> parseUnsubscribeRequest(std::uint64_t& cursor, const DataBuffer& buffer) {
+std::unique_ptr<Message> parseUnsubscribeRequest(std::uint64_t& cursor, const DataBuffer& buffer,
+                                                 const WalkedMembers& walked) {
     auto message = std::make_unique<UnsubscribeRequest>(std::string(), std::string());
-    readSubscriptionRequest(cursor, buffer, *message, message->subscription);
+    readSubscriptionRequest(cursor, buffer, walked, *message, message->subscription);
     return message;
 }
 
-std::unique_ptr<Message> parseSubscribeResponse(std::uint64_t& cursor, const DataBuffer& buffer) {
+std::unique_ptr<Message> parseSubscribeResponse(std::uint64_t& cursor, const DataBuffer& buffer,
+                                                const WalkedMembers& walked) {
     auto message = std::make_unique<SubscribeResponse>();
-    readSubscriptionResponse(cursor, buffer, *message, message->subscription, message->advice);
+    readSubscriptionResponse(cursor, buffer, walked, *message, message->subscription, message->advice);
     return message;
 }
 
-std::unique_ptr<Message> parseUnsubscribeResponse(std::uint64_t& cursor, const DataBuffer& buffer) {
+std::unique_ptr<Message> parseUnsubscribeResponse(std::uint64_t& cursor, const DataBuffer& buffer,
+                                                  const WalkedMembers& walked) {
     auto message = std::make_unique<UnsubscribeResponse>();
-    readSubscriptionResponse(cursor, buffer, *message, message->subscription, message->advice);
+    readSubscriptionResponse(cursor, buffer, walked, *message, message->subscription, message->advice);
     return message;
 }
 
 // Any channel that is not one of the five meta channels. A `successful` member makes
 // the object a response; otherwise it is a request whose `data` value is kept as the
 // raw bytes of its text, never decoded.
-std::unique_ptr<Message> parsePublish(std::uint64_t& cursor, const DataBuffer& buffer) {
+std::unique_ptr<Message> parsePublish(std::uint64_t& cursor, const DataBuffer& buffer, const WalkedMembers& walked) {
     std::string channel;
     std::string id;
     std::string clientId;
@@ -282,7 +337,7 @@ std::unique_ptr<Message> parsePublish(std::uint64_t& cursor, const DataBuffer& b
             successful = json::readBoolean(cursor, buffer);
             hasSuccessful = true;
         }
-    });
+    }, &walked);
     if (hasSuccessful) {
         auto response = std::make_unique<PublishResponse>(channel);
         response->id = std::move(id);
@@ -298,7 +353,7 @@ std::unique_ptr<Message> parsePublish(std::uint64_t& cursor, const DataBuffer& b
     return request;
 }
 
-using ClassParser = std::unique_ptr<Message> (*)(std::uint64_t&, const DataBuffer&);
+using ClassParser = std::unique_ptr<Message> (*)(std::uint64_t&, const DataBuffer&, const WalkedMembers&);
 
 struct MetaChannelParsers {
     Key channel;
@@ -323,19 +378,36 @@ ClassParser classParserFor(const std::string& channel, bool isRequest) {
     return parsePublish;
 }
 
-// The first pass looks only for `channel`; the class it names then reads the object
-// again from its '{'. The cursor is stepped back onto the last byte that class walk
-// consumed, normally the closing brace, which this walk then reads to end.
+// The first walk looks only for `channel`, noting the members it passes; the class that
+// `channel` names then reads the object, those members first, on from behind `channel`.
+// The cursor is stepped back onto the last byte that class walk consumed, normally the
+// closing brace, which this walk then reads to end.
 std::unique_ptr<Message> parseObject(std::uint64_t& cursor, const DataBuffer& buffer, bool isRequest) {
-    std::uint64_t entry = cursor;
+    const std::uint64_t entry = cursor;
+    WalkedMembers walked;
+    bool overflowed = false;
     std::unique_ptr<Message> message;
     walkObject(cursor, buffer, [&](Key key) {
-        if (key != "channel") {
+        const std::uint64_t valueStart = cursor;
+        ClassParser parse = nullptr;
+        if (key == "channel") {
+            parse = classParserFor(json::readStringOrNull(cursor, buffer), isRequest);
+        } else {
+            json::skipValue(cursor, buffer);
+        }
+        if (walked.count == WalkedMembers::capacity) {
+            overflowed = true;
+        } else {
+            walked.members[walked.count++] = {key, valueStart, cursor};
+        }
+        if (parse == nullptr) {
             return;
         }
-        ClassParser parse = classParserFor(json::readStringOrNull(cursor, buffer), isRequest);
-        cursor = entry;
-        message = parse(cursor, buffer);
+        if (overflowed) {
+            walked.count = 0;
+            cursor = entry;
+        }
+        message = parse(cursor, buffer, walked);
         --cursor;
     });
     if (!message) {

@@ -109,6 +109,42 @@ TEST(Deserialize, RefusesMalformedBodiesWithTheirTextsAndAcceptsWhatTheScannerLe
     EXPECT_EQ(failureOf(meta + "subscribe\",\"successful\":0}", true), ok);
 }
 
+// What a body reads as, as a request: the message written back, or the failure's text.
+std::string outcomeOf(const std::string& text) {
+    try {
+        DataBuffer out;
+        serializeBayeuxMessage(parse(text), out);
+        return out.str();
+    } catch (const std::invalid_argument& failure) {
+        return std::string("failed: ") + failure.what();
+    }
+}
+
+TEST(Deserialize, MembersBeforeTheChannelReadAsTheyWouldBehindIt) {
+    // The walk that finds `channel` hands the members it passed to the class's reader; the
+    // message, or the failure, is the same wherever `channel` stands among them.
+    const std::string nine = "\"a\":1,\"b\":[2],\"c\":{},\"d\":null,\"e\":\"5\",\"f\":6,\"g\":7,\"h\":8,\"i\":9";
+    const std::string memberLists[] = {
+        "\"id\":\"7\",\"clientId\":\"c\"",
+        "\"advice\":{\"timeout\":5,\"interval\":1},\"connectionType\":\"websocket\",\"id\":\"1\",\"id\":\"2\"",
+        "\"subscription\":\"/x\",\"data\":{\"a\":[1]},\"ext\":{\"ack\":true},\"supportedConnectionTypes\":[\"websocket\"]",
+        nine + ",\"id\":\"past the members a first walk keeps\"",
+        "\"id\":7",
+        "\"advice\":{\"interval\":1.5}",
+        "\"subscription\":[\"/x\"]",
+    };
+    for (const char* channel : {"/meta/connect", "/meta/subscribe", "/meta/handshake", "/foo"}) {
+        const std::string member = std::string("\"channel\":\"") + channel + "\"";
+        for (const std::string& members : memberLists) {
+            const std::string behind = outcomeOf("{" + member + "," + members + "}");
+            EXPECT_EQ(outcomeOf("{" + members + "," + member + "}"), behind) << channel << " " << members;
+            EXPECT_EQ(outcomeOf("[{" + members + " , " + member + " }]"), behind) << channel << " " << members;
+        }
+    }
+    EXPECT_EQ(outcomeOf("{\"id\":\"1\",\"channel\":\"/meta/connect\"}"),
+              "{\"channel\":\"/meta/connect\",\"id\":\"1\",\"clientId\":null}");
+}
+
 TEST(Deserialize, PublishKeepsTheDataBytesAsTheyStand) {
     // The publish parser reads `channel` itself, so the last one wins; so does the last `data`.
     const std::pair<std::string, std::string> cases[] = {

@@ -29,9 +29,14 @@ struct TimerQueue::Entry {
     std::uint64_t sequence = 0;
     // Counts the armings: a lane slot of an earlier one is stale.
     std::uint64_t arming = 0;
+    // The entry's place in the heap and the (due, sequence) it is ordered by there, which
+    // may come before the arming's own (see heapKeyIsEarly).
     std::size_t heapIndex = notInHeap;
-    // The current arming waits in the lane.
+    Duration heapDue{};
+    std::uint64_t heapSequence = 0;
+    // The current arming waits in the lane, or in the heap.
     bool inLane = false;
+    bool inHeap = false;
     bool running = false;
     bool cancelled = false;
     // Made by makeRearmable: the callback stays after a run.
@@ -100,8 +105,16 @@ private:
 };
 
 // The order timers run in: by due time, those due together in the order they were armed.
-bool runsFirst(const TimerQueue::Entry& a, const TimerQueue::Entry& b) {
-    return a.due != b.due ? a.due < b.due : a.sequence < b.sequence;
+bool runsBefore(TimerQueue::Duration aDue, std::uint64_t aSequence, TimerQueue::Duration bDue,
+                std::uint64_t bSequence) {
+    return aDue != bDue ? aDue < bDue : aSequence < bSequence;
+}
+
+// An entry stands in the heap by an earlier key than its arming's when it was armed
+// again for later, or is not armed in the heap at all: it is moved (or dropped) once
+// its key comes up.
+bool heapKeyIsEarly(const TimerQueue::Entry& entry) {
+    return !entry.inHeap || entry.heapDue != entry.due || entry.heapSequence != entry.sequence;
 }
 
 }  // namespace
@@ -184,7 +197,7 @@ std::size_t TimerQueue::runDue(Duration now) {
 
 bool TimerQueue::isArmed(const std::shared_ptr<Entry>& entry) const {
     std::lock_guard<std::mutex> guard(mutex);
-    return entry->running ? entry->armedInRun : entry->inLane || entry->heapIndex != notInHeap;
+    return entry->running ? entry->armedInRun : entry->inLane || entry->inHeap;
 }
 
 void TimerQueue::runDueReportingFailures(Duration now) noexcept {
@@ -205,12 +218,13 @@ std::optional<TimerQueue::Duration> TimerQueue::nextDue() const {
     if (first == nullptr) {
         return std::nullopt;
     }
-    return (*first)->due;
+    // The heap's top may stand early: the backend then wakes to find nothing due and asks again.
+    return !lane.empty() && first == &lane.front().entry ? (*first)->due : (*first)->heapDue;
 }
 
 std::size_t TimerQueue::armedCount() const {
     std::lock_guard<std::mutex> guard(mutex);
-    return heap.size() + laneArmed;
+    return heapArmed + laneArmed;
 }
 
 void TimerQueue::cancel(const std::shared_ptr<Entry>& entry) {
@@ -218,6 +232,9 @@ void TimerQueue::cancel(const std::shared_ptr<Entry>& entry) {
     std::unique_lock<std::mutex> lock(mutex);
     entry->cancelled = true;
     doUnqueue(entry);
+    if (entry->heapIndex != notInHeap) {
+        doRemoveAt(entry->heapIndex);
+    }
     if (entry->running && entry->runner == std::this_thread::get_id()) {
         // Released from inside its own callback: the run retires it on return.
         return;
@@ -229,12 +246,21 @@ void TimerQueue::cancel(const std::shared_ptr<Entry>& entry) {
 
 std::shared_ptr<TimerQueue::Entry> TimerQueue::doTakeDue(Duration now) {
     std::lock_guard<std::mutex> guard(mutex);
+    doSettleHeap(now);
     const std::shared_ptr<Entry>* first = doFirst();
-    if (first == nullptr || (*first)->due > now) {
+    if (first == nullptr) {
+        return nullptr;
+    }
+    // A heap top due by `now` is settled: its key is its arming's.
+    const bool fromLane = !lane.empty() && first == &lane.front().entry;
+    if ((fromLane ? (*first)->due : (*first)->heapDue) > now) {
         return nullptr;
     }
     std::shared_ptr<Entry> entry = *first;
     doUnqueue(entry);
+    if (!fromLane) {
+        doRemoveAt(entry->heapIndex);
+    }
     entry->running = true;
     entry->runner = std::this_thread::get_id();
     return entry;
@@ -254,7 +280,7 @@ void TimerQueue::doFinishRun(const std::shared_ptr<Entry>& entry, Duration now) 
         Duration next = entry->due + entry->period;
         entry->due = next > now ? next : now + entry->period;
         entry->sequence = nextSequence++;
-        doPush(entry);
+        doArmInHeap(entry);
         doMarkFinished(entry, lock);
         return;
     }
@@ -298,7 +324,37 @@ void TimerQueue::doQueue(const std::shared_ptr<Entry>& entry, Duration due, Dura
         lane.push_back(LaneSlot{entry, due, entry->arming});
         ++laneArmed;
     } else {
+        doArmInHeap(entry);
+    }
+}
+
+void TimerQueue::doArmInHeap(const std::shared_ptr<Entry>& entry) {
+    entry->inHeap = true;
+    ++heapArmed;
+    if (entry->heapIndex == notInHeap) {
+        entry->heapDue = entry->due;
+        entry->heapSequence = entry->sequence;
         doPush(entry);
+    } else if (runsBefore(entry->due, entry->sequence, entry->heapDue, entry->heapSequence)) {
+        entry->heapDue = entry->due;
+        entry->heapSequence = entry->sequence;
+        doSiftUp(entry->heapIndex);
+    }
+    // Otherwise the entry's place, left by an earlier arming, comes first: it stays, and is
+    // moved to this arming's once it comes up. A connect's deadline, armed anew by every
+    // connect, thus moves in the heap once per deadline rather than once per connect.
+}
+
+void TimerQueue::doSettleHeap(Duration now) {
+    while (!heap.empty() && heapKeyIsEarly(*heap.front()) && heap.front()->heapDue <= now) {
+        Entry& top = *heap.front();
+        if (!top.inHeap) {
+            doRemoveAt(0);
+            continue;
+        }
+        top.heapDue = top.due;
+        top.heapSequence = top.sequence;
+        doSiftDown(0);
     }
 }
 
@@ -307,8 +363,10 @@ void TimerQueue::doUnqueue(const std::shared_ptr<Entry>& entry) {
         entry->inLane = false;
         --laneArmed;
         doPruneLane();
-    } else if (entry->heapIndex != notInHeap) {
-        doRemoveAt(entry->heapIndex);
+    } else if (entry->inHeap) {
+        // Its place stays, for a later arming to take or for doSettleHeap to drop.
+        entry->inHeap = false;
+        --heapArmed;
     }
 }
 
@@ -320,7 +378,9 @@ const std::shared_ptr<TimerQueue::Entry>* TimerQueue::doFirst() const {
     if (heap.empty()) {
         return &laneFirst;
     }
-    return runsFirst(*laneFirst, *heap.front()) ? &laneFirst : &heap.front();
+    const Entry& top = *heap.front();
+    return runsBefore(laneFirst->due, laneFirst->sequence, top.heapDue, top.heapSequence) ? &laneFirst
+                                                                                           : &heap.front();
 }
 
 void TimerQueue::doPush(const std::shared_ptr<Entry>& entry) {
@@ -378,6 +438,8 @@ void TimerQueue::doSwap(std::size_t left, std::size_t right) {
     heap[right]->heapIndex = right;
 }
 
-bool TimerQueue::doEarlier(std::size_t left, std::size_t right) const { return runsFirst(*heap[left], *heap[right]); }
+bool TimerQueue::doEarlier(std::size_t left, std::size_t right) const {
+    return runsBefore(heap[left]->heapDue, heap[left]->heapSequence, heap[right]->heapDue, heap[right]->heapSequence);
+}
 
 }  // namespace korvane::common

@@ -16,8 +16,13 @@
 // there, skipped once it reaches the front.
 //
 // A rearmable timer is one entry armed again and again (makeRearmable): an arming
-// takes it out of the heap or the lane and queues it anew, and its callback stays
-// after a run. An arming while its callback runs is kept and queued when the run ends.
+// takes it out of the lane and queues it anew, and its callback stays after a run. An
+// arming while its callback runs is kept and queued when the run ends. An entry keeps
+// its place in the heap when it is armed again for later, or leaves the heap for the
+// lane, so that a deadline pushed back by every connect costs no sifting: the place is
+// ordered by an earlier (due, sequence) than the entry's arming, and once it comes up
+// (the backend wakes for it) it is moved to the arming's, or dropped if the entry is
+// not armed in the heap any more. A timer still runs at its arming's time, in order.
 //
 // Threading: one mutex guards the heap, the lane and every entry's state. arm(), nextDue(),
 // armedCount() and the release of a handle may be called from any thread. runDue()
@@ -104,9 +109,16 @@ private:
     // Entered with `mutex` held: queues an entry that is neither running nor queued,
     // due at `due`, `delay` from now.
     void doQueue(const std::shared_ptr<Entry>& entry, Duration due, Duration delay);
-    // Entered with `mutex` held: takes a queued entry out of the heap or the lane.
+    // Entered with `mutex` held: ends the entry's arming in the heap or the lane; its
+    // place in the heap, if it has one, stays.
     void doUnqueue(const std::shared_ptr<Entry>& entry);
-    // Entered with `mutex` held: the first armed timer, or null.
+    // Entered with `mutex` held: arms an entry whose `due` and `sequence` are set in the
+    // heap, in its place there if that comes no later.
+    void doArmInHeap(const std::shared_ptr<Entry>& entry);
+    // Entered with `mutex` held: moves places at the heap's top that came up before their
+    // entries' armings, due by `now`, to those armings, and drops those of unarmed entries.
+    void doSettleHeap(Duration now);
+    // Entered with `mutex` held: the first of the lane's front and the heap's top, or null.
     const std::shared_ptr<Entry>* doFirst() const;
     // Takes the first timer if it is due at `now`, marking it as running on this thread.
     std::shared_ptr<Entry> doTakeDue(Duration now);
@@ -127,8 +139,10 @@ private:
     mutable std::mutex mutex;
     // Signalled whenever a callback returns, for releases waiting on it.
     std::condition_variable runFinished;
-    // A binary min-heap on (due, sequence); each entry knows its own index.
+    // A binary min-heap on each entry's heap key; each entry knows its own index.
+    // `heapArmed` counts the entries armed there.
     std::vector<std::shared_ptr<Entry>> heap;
+    std::size_t heapArmed = 0;
     // One arming of an entry in the lane: stale once the entry is released, taken out
     // or armed again (its `arming` count moved on).
     struct LaneSlot {

@@ -37,6 +37,18 @@ BayeuxBase* bayeuxFieldsOf(Message& message) {
     return dynamic_cast<BayeuxBase*>(&message);
 }
 
+// The advice of a connect that brings none (most do, after the first): the connect
+// timeout alone. One object serves them all, so it is never written once made; the
+// service only reads a connect's advice.
+const std::shared_ptr<BayeuxAdvice>& defaultConnectAdvice() {
+    static const std::shared_ptr<BayeuxAdvice> advice = [] {
+        auto made = std::make_shared<BayeuxAdvice>();
+        made->timeout = defaultConnectTimeoutMilliseconds;
+        return made;
+    }();
+    return advice;
+}
+
 bool isUpgradeRequest(const Message* message) {
     auto* request = dynamic_cast<const http::HttpRequest*>(message);
     if (request == nullptr) {
@@ -115,9 +127,8 @@ void WebSocketConnection::doHandleConnect(std::unique_ptr<Message>&& message) {
     connect.bufferResponses = true;
     connect.holdResponses = false;
     if (!connect.advice) {
-        connect.advice = std::make_shared<BayeuxAdvice>();
-    }
-    if (connect.advice->timeout < 0) {
+        connect.advice = defaultConnectAdvice();
+    } else if (connect.advice->timeout < 0) {
         connect.advice->timeout = defaultConnectTimeoutMilliseconds;
     }
     connect.sink = weak_from_this();

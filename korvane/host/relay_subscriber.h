@@ -6,8 +6,12 @@
 // only post, never call back into the relay. In collecting mode the signals wait
 // in the relay instead, until takeCollected() hands them over and turns the relay
 // into a posting one: the host uses that to see whether a response body was
-// complete at once. detach() ends the relay for good: upstream is cancelled unless
-// the stream already ended, and `deliver` (with whatever it holds) is dropped.
+// complete at once. A gathering relay keeps its signals until the loop takes them
+// all (takeAll), and calls `wake` under its mutex for the first one kept since the
+// last take, so that one turn of the loop takes what came together (a WebSocket
+// delivery and the connect reply behind it); `wake`, too, must only post. detach()
+// ends the relay for good: upstream is cancelled unless the stream already ended, and
+// `deliver` or `wake` (with whatever it holds) is dropped.
 //
 // Locking: `mutex` guards every field; upstream is requested and cancelled with
 // it released. `donePromise` is resolved with it held.
@@ -40,7 +44,11 @@ public:
     using Signal = StreamSignal<T>;
     using Deliver = std::function<void(Signal&&)>;
 
+    using Wake = std::function<void()>;
+
     RelaySubscriber(Deliver deliver, bool collecting) : deliver(std::move(deliver)), collecting(collecting) {}
+    // A gathering relay.
+    explicit RelaySubscriber(Wake wake) : wake(std::move(wake)), collecting(false) {}
 
     void onSubscribe(std::weak_ptr<reactive_streams::Subscription> subscription) override {
         std::lock_guard<std::mutex> guard(mutex);
@@ -60,7 +68,7 @@ public:
         std::shared_ptr<reactive_streams::Subscription> source;
         {
             std::lock_guard<std::mutex> guard(mutex);
-            if (!deliver) {
+            if (!deliver && !wake) {
                 return;
             }
             source = upstream.lock();
@@ -77,13 +85,23 @@ public:
         return std::move(collected);
     }
 
+    // A gathering relay's signals, in arrival order; `into` must be empty and leaves its
+    // storage here for the next ones.
+    void takeAll(std::vector<Signal>& into) {
+        std::lock_guard<std::mutex> guard(mutex);
+        into.swap(collected);
+    }
+
     void detach() {
         Deliver dropped;
+        Wake droppedWake;
         std::shared_ptr<reactive_streams::Subscription> source;
         {
             std::lock_guard<std::mutex> guard(mutex);
             dropped = std::move(deliver);
             deliver = nullptr;
+            droppedWake = std::move(wake);
+            wake = nullptr;
             collected.clear();
             if (!ended) {
                 ended = true;
@@ -112,6 +130,11 @@ private:
         }
         if (collecting) {
             collected.push_back(std::move(signal));
+        } else if (wake) {
+            collected.push_back(std::move(signal));
+            if (collected.size() == 1) {
+                wake();
+            }
         } else if (deliver) {
             deliver(std::move(signal));
         }
@@ -119,6 +142,7 @@ private:
 
     std::mutex mutex;
     Deliver deliver;
+    Wake wake;
     std::vector<Signal> collected;
     std::weak_ptr<reactive_streams::Subscription> upstream;
     LazyPromise<bool> donePromise;

@@ -18,9 +18,7 @@
 #include <boost/beast/websocket/ssl.hpp>
 
 #include "korvane/codec/utf8.h"
-#include "korvane/frame/lazy_promise.h"
 #include "korvane/frame/logger.h"
-#include "korvane/frame/reactive_streams.h"
 #include "korvane/frame/ring_queue.h"
 #include "korvane/host/deadline_timer.h"
 #include "korvane/host/host_counters.h"
@@ -97,7 +95,7 @@ DataBuffer closePayload(websocket::close_code code) {
 // connection's loop, whose one thread runs its handlers one at a time; signals from
 // the service's threads come through `frameInbox` and `link`. shutdown() posts; abandon()
 // runs on the stopping thread once no I/O thread is left. Nothing here takes a lock
-// but the inbox's own.
+// but the relay's own.
 template <class Stream>
 class ServerWebSocketConnection : public ConnectionTracker::Tracked,
                                   public std::enable_shared_from_this<ServerWebSocketConnection<Stream>> {
@@ -159,96 +157,6 @@ public:
 
 private:
     friend class DeadlineTimer<ServerWebSocketConnection>;
-    // The subscriber of `inbound`: the service's frames on their way from its threads to
-    // the loop. The stream hands its signals over one at a time, and each is queued in
-    // the order it came; the first one queued wakes the connection by a defer, so one
-    // post carries every signal that arrived before the connection took them, typically
-    // a delivery and the connect reply behind it. detach() ends it for good: upstream is
-    // cancelled unless the stream already ended, and the link is let go.
-    //
-    // Locking: `mutex` guards every field; the defer is made under it (a LoopLink never
-    // runs the work inline), upstream is requested and cancelled with it released.
-    class FrameInbox : public reactive_streams::SubscriberAPI<WebSocketFrame> {
-    public:
-        explicit FrameInbox(std::shared_ptr<LoopLink<ServerWebSocketConnection>> link) : link(std::move(link)) {}
-
-        void onSubscribe(std::weak_ptr<reactive_streams::Subscription> subscription) override {
-            std::lock_guard<std::mutex> guard(mutex);
-            upstream = std::move(subscription);
-        }
-        void onNext(WebSocketFrame&& frame) override { put(FrameSignal{std::move(frame), false, nullptr}); }
-        void onComplete() override { put(FrameSignal{std::nullopt, true, nullptr}); }
-        void onError(std::exception_ptr error) override { put(FrameSignal{std::nullopt, true, std::move(error)}); }
-
-        Future<bool> getFuture() override {
-            std::lock_guard<std::mutex> guard(mutex);
-            return donePromise.getFuture();
-        }
-
-        void request(unsigned long n) {
-            std::shared_ptr<reactive_streams::Subscription> source;
-            {
-                std::lock_guard<std::mutex> guard(mutex);
-                source = link ? upstream.lock() : nullptr;
-            }
-            if (source) {
-                source->request(n);
-            }
-        }
-
-        // Hands every waiting signal over in arrival order; `into` must be empty and
-        // leaves its storage here for the next ones.
-        void takeAll(std::vector<FrameSignal>& into) {
-            std::lock_guard<std::mutex> guard(mutex);
-            into.swap(signals);
-        }
-
-        void detach() {
-            std::shared_ptr<LoopLink<ServerWebSocketConnection>> dropped;
-            std::shared_ptr<reactive_streams::Subscription> source;
-            {
-                std::lock_guard<std::mutex> guard(mutex);
-                dropped = std::move(link);
-                signals.clear();
-                if (!ended) {
-                    ended = true;
-                    donePromise.setValue(false);
-                    source = upstream.lock();
-                }
-            }
-            if (source) {
-                source->cancel();
-            }
-        }
-
-    private:
-        void put(FrameSignal&& signal) {
-            std::lock_guard<std::mutex> guard(mutex);
-            if (ended) {
-                return;
-            }
-            if (signal.ended) {
-                ended = true;
-                if (signal.error) {
-                    donePromise.setError(signal.error);
-                } else {
-                    donePromise.setValue(true);
-                }
-            }
-            signals.push_back(std::move(signal));
-            if (signals.size() == 1) {
-                link->defer([](ServerWebSocketConnection& connection) { connection.onInboxReady(); });
-            }
-        }
-
-        std::mutex mutex;
-        std::shared_ptr<LoopLink<ServerWebSocketConnection>> link;
-        std::vector<FrameSignal> signals;
-        std::weak_ptr<reactive_streams::Subscription> upstream;
-        LazyPromise<bool> donePromise;
-        bool ended = false;
-    };
-
     // The service's side of the peer's messages: demand and cancel come on any thread.
     class ReadSubscription : public reactive_streams::Subscription {
     public:
@@ -297,7 +205,11 @@ private:
         }
         lastRead = Clock::now();
         armDeadline(lastRead + state->options.wsIdle / 2);
-        frameInbox = std::make_shared<FrameInbox>(link);
+        // The service's frames on their way from its threads to the loop: one post carries
+        // every frame that arrived before the connection took them.
+        frameInbox = std::make_shared<RelaySubscriber<WebSocketFrame>>([link = link] {
+            link->defer([](ServerWebSocketConnection& connection) { connection.onInboxReady(); });
+        });
         readSubscription = std::make_shared<ReadSubscription>(link);
         try {
             inbound->subscribe(frameInbox);
@@ -776,7 +688,7 @@ private:
     std::unique_ptr<websocket::stream<Carrier&>> handshake;
     std::unique_ptr<UpgradeRequest> upgradeRequest;
 
-    std::shared_ptr<FrameInbox> frameInbox;
+    std::shared_ptr<RelaySubscriber<WebSocketFrame>> frameInbox;
     std::vector<FrameSignal> arrived;
     std::shared_ptr<ReadSubscription> readSubscription;
     unsigned long readDemand = 0;

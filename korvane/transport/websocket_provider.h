@@ -25,7 +25,6 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <unordered_map>
 
 #include "korvane/codec/messages.h"
 #include "korvane/frame/cached_value_publisher.h"
@@ -71,14 +70,14 @@ private:
     // Bayeux fields with no clientId get the one the connection learned from a reply.
     void fillClientId(BayeuxBase* bayeux);
 
+    // What every frame written reads comes first, beside the mutex.
     std::mutex mutex;
-    std::unordered_map<std::string, std::string> attributes;
+    std::shared_ptr<FramePublisher> framePublisher;
     std::string clientId;
     Address address;
     std::shared_ptr<Context> context;
     std::shared_ptr<reactive_streams::PublisherAPI<std::unique_ptr<Message>>> connectStream;
     std::shared_ptr<MessageSubscriber> messageSubscriber;
-    std::shared_ptr<FramePublisher> framePublisher;
 };
 
 // Stateless; deliver may run on any thread for any number of upgrades at once.

@@ -1,5 +1,7 @@
 #include "korvane/session/long_poll_session.h"
 
+#include <algorithm>
+#include <cstring>
 #include <exception>
 #include <iostream>
 #include <string_view>
@@ -20,6 +22,13 @@ common::diagnostic_logger logger("korvane::bayeux::longPollSession");
 constexpr std::size_t deliverLogDataLimit = 500;
 constexpr unsigned char bufferPeriodMilliseconds = 5;
 constexpr std::int64_t shortPollIntervalMilliseconds = 200;
+
+// The first eight bytes of `text`, the rest zero when it is shorter.
+std::uint64_t leadingWord(const std::string& text) {
+    std::uint64_t word = 0;
+    std::memcpy(&word, text.data(), std::min(text.size(), sizeof word));
+    return word;
+}
 
 std::string_view dataText(const PublishRequest& request) {
     return request.data ? request.data->view() : std::string_view();
@@ -63,6 +72,7 @@ std::atomic<unsigned long> LongPollSession::publisherCounter{0};
 LongPollSession::LongPollSession(std::shared_ptr<BayeuxServer> server, std::shared_ptr<Context> context,
                                  PendingLimit pendingLimit, OutgoingHook outgoing)
     : id(common::randomString(16)),
+      idHead(leadingWord(id)),
       server(std::move(server)),
       context(std::move(context)),
       pendingLimit(std::move(pendingLimit)),
@@ -89,7 +99,9 @@ std::shared_ptr<Context> LongPollSession::getContext() const { return context; }
 std::string LongPollSession::getId() const { return id; }
 
 // `id` never changes after construction, so no lock is needed.
-bool LongPollSession::hasId(const std::string& other) const { return id == other; }
+bool LongPollSession::hasId(const std::string& other) const {
+    return other.size() == id.size() && leadingWord(other) == idHead && other == id;
+}
 
 void LongPollSession::deliver(const std::vector<std::string>& segments,
                               const std::shared_ptr<const PublishRequest>& message) {

@@ -37,6 +37,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -173,6 +174,9 @@ private:
     void notifyUnsubscribeAll();
 
     const std::string id;
+    // The first eight bytes of `id`: hasId tells another session's id apart by them, without
+    // reading the id's own block (its 16 characters are one more than a string keeps inline).
+    const std::uint64_t idHead;
     std::mutex mutex;
     std::string connectMessageId;
     bool bufferResponses = true;

@@ -679,36 +679,7 @@ private:
 
     Carrier stream;
     const Executor loopExecutor;
-    const std::shared_ptr<ServerState> state;
-    std::shared_ptr<reactive_streams::PublisherAPI<WebSocketFrame>> inbound;
-    std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound;
-    std::shared_ptr<LoopLink<ServerWebSocketConnection>> link;
-    std::uint64_t trackerId = 0;
-    // Only while the upgrade is answered.
-    std::unique_ptr<websocket::stream<Carrier&>> handshake;
-    std::unique_ptr<UpgradeRequest> upgradeRequest;
-
-    std::shared_ptr<RelaySubscriber<WebSocketFrame>> frameInbox;
-    std::vector<FrameSignal> arrived;
-    std::shared_ptr<ReadSubscription> readSubscription;
-    unsigned long readDemand = 0;
-
-    FrameReader reader;
-    std::string fragments;  // of a message that came in several frames
-    bool assembling = false;
-    bool messageIsText = true;
-
-    common::RingQueue<WebSocketFrame> writeQueue;
-    std::size_t queuedBytes = 0;
-    std::size_t sendingFrames = 0;  // at the front of writeQueue, in the write under way
-    std::array<std::array<std::uint8_t, maxFrameHeaderBytes>, maxFramesPerWrite> sendHeaders;
-    std::vector<net::const_buffer> sendBuffers;
-
-    DeadlineTimer<ServerWebSocketConnection> deadline;
-    Clock::time_point lastRead;
-    Clock::time_point writeStarted;
-    Clock::time_point closeWrittenAt;
-
+    // What every connect cycle reads or writes, together, beside the socket.
     bool reading = false;
     bool writing = false;
     bool flushPosted = false;
@@ -719,6 +690,36 @@ private:
     bool closeWritten = false;
     bool peerClosed = false;
     bool finished = false;
+    unsigned long readDemand = 0;
+    std::size_t queuedBytes = 0;
+    std::size_t sendingFrames = 0;  // at the front of writeQueue, in the write under way
+    Clock::time_point lastRead;
+
+    const std::shared_ptr<ServerState> state;
+    std::shared_ptr<reactive_streams::PublisherAPI<WebSocketFrame>> inbound;
+    std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound;
+    std::shared_ptr<LoopLink<ServerWebSocketConnection>> link;
+
+    std::shared_ptr<RelaySubscriber<WebSocketFrame>> frameInbox;
+    std::vector<FrameSignal> arrived;
+    std::shared_ptr<ReadSubscription> readSubscription;
+
+    FrameReader reader;
+    std::string fragments;  // of a message that came in several frames
+    bool assembling = false;
+    bool messageIsText = true;
+
+    common::RingQueue<WebSocketFrame> writeQueue;
+    std::array<std::array<std::uint8_t, maxFrameHeaderBytes>, maxFramesPerWrite> sendHeaders;
+    std::vector<net::const_buffer> sendBuffers;
+
+    DeadlineTimer<ServerWebSocketConnection> deadline;
+    Clock::time_point writeStarted;
+    Clock::time_point closeWrittenAt;
+    std::uint64_t trackerId = 0;
+    // Only while the upgrade is answered.
+    std::unique_ptr<websocket::stream<Carrier&>> handshake;
+    std::unique_ptr<UpgradeRequest> upgradeRequest;
 };
 
 }  // namespace

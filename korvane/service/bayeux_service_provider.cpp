@@ -180,8 +180,12 @@ std::shared_ptr<LongPollSession> BayeuxServiceProviderImpl::sessionForConnect(co
         auto found = clientsBySession.find(browserId);
         browser = found == clientsBySession.end() ? nullptr : &found->second;
     }
-    const std::size_t active = browser == nullptr ? 0 : doCountActiveConnects(*browser, connectionType);
-    shortPoll = active >= getActiveConnectCountLimit(connectionType);
+    // Counting takes the lock of each of the browser's sessions; a browser with fewer clients
+    // than the limit cannot reach it, so its connects are not counted.
+    const std::size_t limit = getActiveConnectCountLimit(connectionType);
+    const std::size_t active =
+        browser == nullptr || browser->size() < limit ? 0 : doCountActiveConnects(*browser, connectionType);
+    shortPoll = active >= limit;
     return info->session;
 }
 

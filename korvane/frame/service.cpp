@@ -44,6 +44,12 @@ std::string ContextState::getString(const std::string& key) const {
     return found == properties.end() ? std::string() : boost::any_cast<const std::string&>(found->second);
 }
 
+bool ContextState::isString(const std::string& key, const std::string& value) const {
+    std::lock_guard<std::mutex> guard(mutex);
+    auto found = properties.find(key);
+    return found == properties.end() ? value.empty() : boost::any_cast<const std::string&>(found->second) == value;
+}
+
 void ContextState::set(const std::string& key, boost::any value) {
     std::lock_guard<std::mutex> guard(mutex);
     startSmall(properties);

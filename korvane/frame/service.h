@@ -78,6 +78,9 @@ public:
     // The string value without copying the boost::any, or empty when the key is absent;
     // throws boost::bad_any_cast when the value is of another type.
     std::string getString(const std::string& key) const;
+    // Whether the string value of `key` (empty when the key is absent) is `value`, without
+    // copying it; throws boost::bad_any_cast when the value is of another type.
+    bool isString(const std::string& key, const std::string& value) const;
     void set(const std::string& key, boost::any value);
 
 private:

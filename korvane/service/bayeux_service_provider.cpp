@@ -30,9 +30,15 @@ bool readForceIdClear() {
 
 // The host session id that the context carries, or empty. A value of another type
 // than std::string throws boost::bad_any_cast.
+const std::string hostSessionKey = "sessionId";
+
 std::string hostSessionIdOf(const std::shared_ptr<Context>& context) {
-    static const std::string key = "sessionId";
-    return context ? context->getString(key) : std::string();
+    return context ? context->getString(hostSessionKey) : std::string();
+}
+
+// Whether the context carries host session id `id`, without copying its own.
+bool isHostSessionOf(const std::shared_ptr<Context>& context, const std::string& id) {
+    return context ? context->isString(hostSessionKey, id) : id.empty();
 }
 
 std::shared_ptr<BayeuxAdvice> handshakeAdvice() {
@@ -156,30 +162,38 @@ BayeuxServiceProviderImpl::ClientInfo* BayeuxServiceProviderImpl::doTouch(const 
     if (found == clients.end()) {
         return nullptr;
     }
-    ClientInfo& info = found->second;
+    doRefresh(found->first, found->second, connectionType);
+    return &found->second;
+}
+
+void BayeuxServiceProviderImpl::doRefresh(const std::string& clientId, ClientInfo& info,
+                                          const std::string& connectionType) {
     info.tick = common::getCurrentTick();
     if (!connectionType.empty() && info.connectionType != connectionType) {
         info.connectionType = connectionType;
     }
     KORVANE_LOG(logger, common::logFrequent) << "Tick updated for client: " << clientId << " to " << info.tick;
-    return &info;
 }
 
 std::shared_ptr<LongPollSession> BayeuxServiceProviderImpl::sessionForConnect(const std::string& clientId,
                                                                               const std::string& connectionType,
-                                                                              const std::string& browserId,
+                                                                              const std::shared_ptr<Context>& context,
                                                                               bool& shortPoll) {
     std::lock_guard<std::mutex> lock(mutex);
-    ClientInfo* info = doTouch(clientId, connectionType);
-    if (info == nullptr) {
+    auto client = clients.find(clientId);
+    if (client == clients.end()) {
         return nullptr;
     }
-    // A client connects from the browser it shook hands from, almost always.
+    ClientInfo* info = &client->second;
+    // A client connects from the browser it shook hands from, almost always: the context is
+    // asked whether that is so, which copies no id out of it. A context whose id is not a
+    // string throws here, before the record is touched.
     const BrowserClients* browser = info->browser;
-    if (info->sessionId != browserId) {
-        auto found = clientsBySession.find(browserId);
+    if (!isHostSessionOf(context, info->sessionId)) {
+        auto found = clientsBySession.find(hostSessionIdOf(context));
         browser = found == clientsBySession.end() ? nullptr : &found->second;
     }
+    doRefresh(client->first, *info, connectionType);
     // Counting takes the lock of each of the browser's sessions; a browser with fewer clients
     // than the limit cannot reach it, so its connects are not counted.
     const std::size_t limit = getActiveConnectCountLimit(connectionType);
@@ -433,19 +447,20 @@ long long BayeuxServiceProviderImpl::connectHoldTicks(const ConnectStreamRequest
 bool BayeuxServiceProviderImpl::openConnect(const ConnectStreamRequest& request, const std::shared_ptr<Context>& context,
                                             ConnectStreamResponse& response) {
     const std::string connectionType = request.connectionType.empty() ? "long-polling" : request.connectionType;
-    const std::string sessionId = hostSessionIdOf(context);
     bool shortPoll = false;
-    std::shared_ptr<LongPollSession> session = sessionForConnect(request.clientId, connectionType, sessionId, shortPoll);
+    std::shared_ptr<LongPollSession> session = sessionForConnect(request.clientId, connectionType, context, shortPoll);
     if (!session) {
         return false;
     }
     if (shortPoll) {
-        KORVANE_LOG(logger, common::logTrace) << "Connecting with stream response (short poll): " << request.clientId << ", " << sessionId;
+        KORVANE_LOG(logger, common::logTrace) << "Connecting with stream response (short poll): " << request.clientId << ", "
+                                                  << hostSessionIdOf(context);
         count(BayeuxCounter::shortPolls);
         response.stream = session->korvaneShortPoll(request.id);
         return true;
     }
-    KORVANE_LOG(logger, common::logTrace) << "Connecting with stream response (long poll): " << request.clientId << ", " << sessionId;
+    KORVANE_LOG(logger, common::logTrace) << "Connecting with stream response (long poll): " << request.clientId << ", "
+                                                  << hostSessionIdOf(context);
     if (std::shared_ptr<ConnectSink> sink = request.sink.lock()) {
         session->connectTo(sink, request.id, connectHoldTicks(request), request.bufferResponses, request.holdResponses);
     } else {

@@ -134,13 +134,15 @@ private:
     // Entered with `mutex` held: the client's record, or null if unknown, its contact and
     // connection type brought up to date as getSession describes.
     ClientInfo* doTouch(const std::string& clientId, const std::string& connectionType);
+    // Entered with `mutex` held: the client was heard from now, over `connectionType` if named.
+    void doRefresh(const std::string& clientId, ClientInfo& info, const std::string& connectionType);
     // Entered with `mutex` held: the active connects of `browser`'s clients over one type.
     std::size_t doCountActiveConnects(const BrowserClients& browser, const std::string& connectionType) const;
     // The session of a connect, or null if its client is unknown, with `shortPoll` set when
-    // the browser `browserId` already holds as many connects of the type as it may: one
+    // the browser of `context` already holds as many connects of the type as it may: one
     // look into the registry under one lock, the browser's list reached from the record.
     std::shared_ptr<LongPollSession> sessionForConnect(const std::string& clientId, const std::string& connectionType,
-                                                       const std::string& browserId, bool& shortPoll);
+                                                       const std::shared_ptr<Context>& context, bool& shortPoll);
     // Entered with `mutex` held (the lock is the proof); arms the sweep unless it runs.
     void startSweeping(std::unique_lock<std::mutex>& lock);
     // Entered with `mutex` held: hands the sweeper over to the caller once no client

@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <tuple>
 #include <vector>
 
 #include "korvane/frame/data_buffer.h"
 #include "korvane/frame/http.h"
 #include "korvane/frame/logger.h"
+#include "korvane/frame/service.h"
 #include "support/log_capture.h"
 #include "support/test_context.h"
 #include "support/test_helpers.h"
@@ -92,6 +94,24 @@ TEST(ServiceDispatch, ContextHandleCastsTheReply) {
 
 // A disabled statement evaluates nothing; a channel's mask applies to its loggers old and new,
 // the mask for all to every logger.
+// A string property is read out or compared in place; an absent one reads as empty, one of another type throws.
+TEST(ContextState, StringPropertiesReadAndCompareInPlace) {
+    common::ContextState state;
+    state.set("sessionId", boost::any(std::string("browser-1")));
+    state.set("count", boost::any(5));
+    EXPECT_EQ(state.getString("sessionId"), "browser-1");
+    EXPECT_EQ(state.getString("absent"), "");
+    const std::tuple<const char*, const char*, bool> comparisons[] = {
+        {"sessionId", "browser-1", true}, {"sessionId", "browser-2", false}, {"sessionId", "", false},
+        {"absent", "", true},             {"absent", "browser-1", false},
+    };
+    for (const auto& [key, value, expected] : comparisons) {
+        EXPECT_EQ(state.isString(key, value), expected) << key << " " << value;
+    }
+    EXPECT_THROW(state.isString("count", "5"), boost::bad_any_cast);
+    EXPECT_THROW(state.getString("count"), boost::bad_any_cast);
+}
+
 TEST(DiagnosticLogger, DisabledStatementEvaluatesNothingAndMasksApplyPerChannelOrToAll) {
     common::diagnostic_logger logger("korvane::test::first"), other("korvane::test::second");
     test_support::ChannelCapture capture("korvane::test::first");

@@ -14,7 +14,9 @@
 // `clients`, `sweeper` and every ClientInfo, and is held only for the map work and
 // for starting the sweep. Calls into a session are made with `mutex` released,
 // except in the count of a browser's active connects, flush and census, where `mutex` is the
-// outer lock and the session's own the inner one. A session calls back into the provider
+// outer lock and the session's own the inner one; a connect also asks the request's context
+// for its host session id under `mutex`, which is then the outer lock and the context's the
+// inner one (a context calls nothing back). A session calls back into the provider
 // only when its client exceeds the pending limit, from its deliver with no
 // session lock held, through a callback that holds the provider weakly. The policy
 // and the incoming hook are called with no lock held (see bayeux_policy.h). Sessions

@@ -87,7 +87,7 @@ private:
     std::unique_ptr<Link> link;
     boost::asio::steady_timer connectTimer;
     boost::asio::steady_timer publishTimer;
-    std::minstd_rand random;  // publishers pick rooms; small, as a client of a thousand is better kept
+    std::minstd_rand random;  // a publisher's room picks: 8 bytes where an mt19937 takes 5 KB a client
     std::string clientId;
     std::string connectTail;  // a connect of this session, from behind its id
     std::vector<bool> subscribed;  // per entry of setup.rooms, counted in the plan

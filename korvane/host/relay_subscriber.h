@@ -43,7 +43,6 @@ class RelaySubscriber : public reactive_streams::SubscriberAPI<T> {
 public:
     using Signal = StreamSignal<T>;
     using Deliver = std::function<void(Signal&&)>;
-
     using Wake = std::function<void()>;
 
     RelaySubscriber(Deliver deliver, bool collecting) : deliver(std::move(deliver)), collecting(collecting) {}

@@ -28,10 +28,10 @@ bool readForceIdClear() {
     return value != nullptr && std::string(value) == "true";
 }
 
-// The host session id that the context carries, or empty. A value of another type
-// than std::string throws boost::bad_any_cast.
 const std::string hostSessionKey = "sessionId";
 
+// The host session id that the context carries, or empty. A value of another type
+// than std::string throws boost::bad_any_cast.
 std::string hostSessionIdOf(const std::shared_ptr<Context>& context) {
     return context ? context->getString(hostSessionKey) : std::string();
 }

@@ -59,7 +59,7 @@ std::string newBrowserSessionId() {
     return text;
 }
 
-std::string findBrowserSessionId(std::string_view cookieHeader, std::string_view name) {
+std::string_view findBrowserSessionId(std::string_view cookieHeader, std::string_view name) {
     while (!cookieHeader.empty()) {
         std::size_t end = cookieHeader.find(';');
         std::string_view pair = trimmed(cookieHeader.substr(0, end));
@@ -70,10 +70,10 @@ std::string findBrowserSessionId(std::string_view cookieHeader, std::string_view
         }
         std::string_view value = trimmed(pair.substr(equals + 1));
         if (isSessionId(value)) {
-            return std::string(value);
+            return value;
         }
     }
-    return std::string();
+    return {};
 }
 
 std::string browserSessionCookie(std::string_view name, std::string_view sessionId, bool secure) {

@@ -14,8 +14,8 @@ namespace korvane::host {
 std::string newBrowserSessionId();
 
 // The value of cookie `name` in one Cookie header, or empty when it is absent or is
-// not a session id that newBrowserSessionId could have made.
-std::string findBrowserSessionId(std::string_view cookieHeader, std::string_view name);
+// not a session id that newBrowserSessionId could have made. It lies in `cookieHeader`.
+std::string_view findBrowserSessionId(std::string_view cookieHeader, std::string_view name);
 
 // The Set-Cookie value that hands `sessionId` to the browser: HttpOnly, SameSite=Lax,
 // Path=/, and Secure when the connection is TLS.

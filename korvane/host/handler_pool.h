@@ -7,7 +7,8 @@
 // from other threads), so most of them went through malloc and free. A handler wrapped by
 // pooledHandler() is what sends Asio, and Beast's composed operations that complete
 // it, to this pool; an allocator_type of ExactAllocator sends them past every
-// recycled block, to operator new.
+// recycled block, to operator new. The header fields of the server's requests and
+// responses (one block a field) come from the pool as well.
 //
 // Threading: each thread has a pool of its own (thread-local, no lock); a block freed
 // on another thread than the one that took it joins that other thread's pool. Each

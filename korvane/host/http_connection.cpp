@@ -55,8 +55,8 @@ constexpr std::string_view continueLine = "HTTP/1.1 100 Continue\r\n\r\n";
 constexpr unsigned long bodyWindow = 16;
 
 using Request = UpgradeRequest;
-using FullResponse = bhttp::response<bhttp::string_body>;
-using StreamHead = bhttp::response<bhttp::empty_body>;
+using FullResponse = bhttp::response<bhttp::string_body, PooledFields>;
+using StreamHead = bhttp::response<bhttp::empty_body, PooledFields>;
 using BodySignal = StreamSignal<DataBuffer>;
 
 template <class Stream>
@@ -345,7 +345,8 @@ private:
         sessionId.clear();
         auto cookies = request.equal_range(bhttp::field::cookie);
         for (auto field = cookies.first; field != cookies.second && sessionId.empty(); ++field) {
-            sessionId = findBrowserSessionId(field->value(), options().cookieName);
+            // Assigned in place: the previous request's id leaves its storage for this one.
+            sessionId.assign(findBrowserSessionId(field->value(), options().cookieName));
         }
         if (sessionId.empty()) {
             sessionId = newBrowserSessionId();
@@ -518,14 +519,14 @@ private:
     }
 
     void doStartStreaming(http::HttpResponse& answer, std::vector<BodySignal>&& collected) {
-        streamHead = std::make_unique<StreamHead>(static_cast<bhttp::status>(answer.status), request.version());
+        streamHead.emplace(static_cast<bhttp::status>(answer.status), request.version());
         doCopyHeaders(answer.headers, *streamHead);
         doDecorate(*streamHead);
         streamHead->keep_alive(keepAlive);
         streamHead->chunked(true);
         countResponse(streamHead->result_int());
         headPending = true;
-        pendingBody.clear();
+        doDropPendingBody();
         for (BodySignal& signal : collected) {
             pendingBody.push_back(std::move(signal));
         }
@@ -568,6 +569,10 @@ private:
             return;
         }
         outgoing.clear();
+        if (headPending) {
+            headPending = false;
+            appendSerializedHead(*streamHead, outgoing);
+        }
         std::size_t taken = 0;
         bool ended = false;
         while (!pendingBody.empty() && !ended && !pendingBody.front().error) {
@@ -585,13 +590,9 @@ private:
             }
             pendingBody.pop_front();
         }
-        if (outgoing.empty() && !headPending) {
+        if (outgoing.empty()) {
             doTakeEmptyChunksOrFail(taken);
             return;
-        }
-        if (headPending) {
-            headPending = false;
-            outgoing.insert(0, serializedHead(*streamHead));
         }
         writing = true;
         doArmWriteTimeout();
@@ -648,7 +649,15 @@ private:
             bodyRelay.reset();
         }
         bodyPublisher.reset();
-        pendingBody.clear();
+        doDropPendingBody();
+    }
+
+    // The ring keeps its slots for the next body: a held connect's answer passes a few
+    // signals through it every cycle.
+    void doDropPendingBody() {
+        while (!pendingBody.empty()) {
+            pendingBody.pop_front();
+        }
     }
 
     // Reads ahead while a response streams, to see the peer go away. Pipelined
@@ -716,7 +725,7 @@ private:
         }
     }
 
-    void doDecorate(bhttp::fields& fields) {
+    void doDecorate(PooledFields& fields) {
         fields.set(bhttp::field::server, "korvane");
         if (freshSession) {
             fields.insert(bhttp::field::set_cookie,
@@ -852,7 +861,7 @@ private:
     std::uint64_t trackerId = 0;
 
     beast::flat_buffer buffer;
-    std::optional<bhttp::request_parser<bhttp::string_body>> parser;
+    std::optional<bhttp::request_parser<bhttp::string_body, PooledAllocator<char>>> parser;
     Request request;
     std::string sessionId;
     bool freshSession = false;
@@ -861,7 +870,7 @@ private:
     bool upgrade = false;
 
     std::unique_ptr<FullResponse> full;
-    std::unique_ptr<StreamHead> streamHead;
+    std::optional<StreamHead> streamHead;
     std::shared_ptr<http::BodyPublisher> bodyPublisher;
     std::shared_ptr<RelaySubscriber<DataBuffer>> bodyRelay;
     // Numbers the bodies, so that a signal of an earlier one is not taken for the current one's.

@@ -13,17 +13,15 @@
 
 namespace korvane::host {
 
-// "HTTP/X.Y ### <reason>", each field as it is stored ("Name: value"), each line ended by
-// CRLF, then the empty line.
+// Appends "HTTP/X.Y ### <reason>", each field as it is stored ("Name: value"), each line
+// ended by CRLF, then the empty line.
 template <class Body, class Fields>
-std::string serializedHead(const boost::beast::http::response<Body, Fields>& head) {
+void appendSerializedHead(const boost::beast::http::response<Body, Fields>& head, std::string& text) {
     const unsigned version = head.version();
     const unsigned code = head.result_int();
     const char statusLine[] = {'H', 'T', 'T', 'P', '/', static_cast<char>('0' + version / 10), '.',
                                static_cast<char>('0' + version % 10), ' ', static_cast<char>('0' + code / 100),
                                static_cast<char>('0' + code / 10 % 10), static_cast<char>('0' + code % 10), ' '};
-    std::string text;
-    text.reserve(256);
     text.append(statusLine, sizeof statusLine);
     text += head.reason();
     text += "\r\n";
@@ -34,7 +32,6 @@ std::string serializedHead(const boost::beast::http::response<Body, Fields>& hea
         text += "\r\n";
     }
     text += "\r\n";
-    return text;
 }
 
 // One chunk of a chunked body: its size in lowercase hex, CRLF, the data, CRLF. `data` is

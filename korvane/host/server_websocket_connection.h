@@ -10,11 +10,13 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
+#include <boost/beast/http/fields.hpp>
 #include <boost/beast/http/message.hpp>
 #include <boost/beast/http/string_body.hpp>
 #include <boost/beast/ssl/ssl_stream.hpp>
 
 #include "korvane/frame/http.h"
+#include "korvane/host/handler_pool.h"
 
 namespace korvane::host {
 
@@ -28,7 +30,10 @@ using ConnectionExecutor = boost::asio::io_context::executor_type;
 using ConnectionSocket = boost::asio::basic_stream_socket<boost::asio::ip::tcp, ConnectionExecutor>;
 using PlainStream = boost::beast::basic_stream<boost::asio::ip::tcp, ConnectionExecutor>;
 using TlsStream = boost::beast::ssl_stream<PlainStream>;
-using UpgradeRequest = boost::beast::http::request<boost::beast::http::string_body>;
+// Header fields on the I/O thread's block pool: a request's fields and a response's are
+// an allocation each, made and freed on the connection's loop once per request.
+using PooledFields = boost::beast::http::basic_fields<PooledAllocator<char>>;
+using UpgradeRequest = boost::beast::http::request<boost::beast::http::string_body, PooledFields>;
 
 // Accepts `upgrade` on `stream` (Set-Cookie `setCookie` on the 101 unless empty),
 // then writes the frames of `inbound` to the peer and delivers the peer's messages

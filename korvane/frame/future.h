@@ -16,6 +16,7 @@
 #include <exception>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <stdexcept>
 #include <type_traits>
@@ -57,12 +58,16 @@ public:
 
     std::mutex mutex;
     std::condition_variable condition;
-    // Owning, interpreted by `status`: a T for Value, a std::exception_ptr for Error.
+    // Owning, interpreted by `status`: the T in `valueSpace` for Value, a std::exception_ptr
+    // on the heap for Error.
     void* result = nullptr;
     ContinuationBase<T>* continuation = nullptr;
     FutureStatus status = FutureStatus::Pending;
     bool futureReturned = false;
     bool valueReturned = false;
+    // A value lives in the state itself: a heap record of its own was an allocation and a
+    // free for every resolved promise, several per connect.
+    alignas(T) unsigned char valueSpace[sizeof(T)];
 
 private:
     void store(FutureStatus resolved, void* record, std::unique_lock<std::mutex>& lock);
@@ -123,6 +128,8 @@ public:
 private:
     template <class U>
     friend Future<U> makeReadyFuture(U&& value);
+    template <class U>
+    friend Future<U> unwrap(Future<Future<U>>&& outer);
 
     struct Ready {};
     Future(T&& value, Ready) : readyValue(std::move(value)), valid(true) {}
@@ -188,9 +195,16 @@ Future<T> makeErrorFuture(std::exception_ptr error) {
     return Future<T>(std::move(state));
 }
 
-// Flattens a nested future: the result resolves with the inner future's outcome.
+// Flattens a nested future: the result resolves with the inner future's outcome. An
+// outer future that is ready gives its inner one as it is, which resolves the same.
 template <class T>
 Future<T> unwrap(Future<Future<T>>&& outer) {
+    if (outer.isValid() && !outer.state && outer.readyValue && outer.readyValue->isValid()) {
+        Future<T> inner = std::move(*outer.readyValue);
+        outer.readyValue.reset();
+        outer.valid.store(false);
+        return inner;
+    }
     auto flat = std::make_shared<detail::SharedFutureState<T>>();
     outer.then([flat](Future<Future<T>>&& resolvedOuter) -> bool {
         try {
@@ -221,7 +235,7 @@ SharedFutureState<T>::~SharedFutureState() {
     {
         std::lock_guard<std::mutex> guard(mutex);
         if (status == FutureStatus::Value) {
-            delete static_cast<T*>(result);
+            static_cast<T*>(result)->~T();
         } else if (status == FutureStatus::Error) {
             delete static_cast<std::exception_ptr*>(result);
         }
@@ -243,7 +257,7 @@ template <class T>
 void SharedFutureState<T>::setValue(T&& value) {
     std::unique_lock<std::mutex> lock(mutex);
     if (status == FutureStatus::Pending) {
-        store(FutureStatus::Value, new T(std::move(value)), lock);
+        store(FutureStatus::Value, new (valueSpace) T(std::move(value)), lock);
     } else if (status != FutureStatus::Cancelled) {
         throw std::runtime_error("Promise already resolved.");
     }

@@ -107,6 +107,14 @@ TEST(Future, ErrorsTravelDownChainsOfThenAndThroughUnwrap) {
     }
     EXPECT_EQ(errorOf([&] { outerFailed.get(); }), "outer failed");
     EXPECT_EQ(errorOf([&] { innerDied.get(); }), promiseDied);
+
+    // A ready outer future hands over its inner one: resolved now, resolved later, or spent.
+    Promise<int> later;
+    Future<int> resolvedLater = unwrap(makeReadyFuture(later.getFuture()));
+    later.setValue(7);
+    EXPECT_EQ(resolvedLater.get(), 7);
+    EXPECT_EQ(unwrap(makeReadyFuture(makeReadyFuture(5))).get(), 5);
+    EXPECT_EQ(errorOf([] { unwrap(makeReadyFuture(Future<int>())).get(); }), "Future state isn't valid!");
 }
 
 // A blocked get wakes when its promise dies or resolves; a then racing the resolving setValue

@@ -304,7 +304,7 @@ LongPollSession::TempPublisher LongPollSession::makeTempPublisher(std::string na
     publisher.queue->getFuture().then([weakSelf, key](Future<bool>&&) {
         if (auto self = weakSelf.lock()) {
             std::lock_guard<std::mutex> guard(self->mutex);
-            self->tempPublishers.erase(key);
+            self->doForgetTempPublisher(key);
         }
         return true;
     });
@@ -313,8 +313,17 @@ LongPollSession::TempPublisher LongPollSession::makeTempPublisher(std::string na
 
 std::shared_ptr<BayeuxQueue> LongPollSession::saveTempPublisher(std::unique_lock<std::mutex>&,
                                                                 TempPublisher&& publisher) {
-    tempPublishers[publisher.key] = publisher.queue;
+    tempPublishers.emplace_back(publisher.key, publisher.queue);
     return std::move(publisher.queue);
+}
+
+void LongPollSession::doForgetTempPublisher(unsigned long key) {
+    auto found = std::find_if(tempPublishers.begin(), tempPublishers.end(),
+                              [key](const auto& entry) { return entry.first == key; });
+    if (found != tempPublishers.end()) {
+        *found = std::move(tempPublishers.back());
+        tempPublishers.pop_back();
+    }
 }
 
 void LongPollSession::doCompleteQueue(std::unique_lock<std::mutex>& lock) {

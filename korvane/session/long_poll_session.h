@@ -44,7 +44,7 @@
 #include <optional>
 #include <string>
 #include <thread>
-#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "korvane/codec/channel.h"
@@ -139,6 +139,8 @@ private:
                        bool bufferResponses, bool holdResponses);
     // Keeps the queue alive in tempPublishers until it ends.
     std::shared_ptr<BayeuxQueue> saveTempPublisher(std::unique_lock<std::mutex>& lock, TempPublisher&& publisher);
+    // Takes an ended queue out of tempPublishers; called with `mutex` held.
+    void doForgetTempPublisher(unsigned long key);
     void doCompleteQueue(std::unique_lock<std::mutex>& lock);
     void doSendConnectResponse(std::unique_lock<std::mutex>& lock);
     void doNotifyQueue(std::unique_lock<std::mutex>& lock);
@@ -187,7 +189,9 @@ private:
     // The open connect's queue, or the sink of a transport that takes the messages itself.
     std::shared_ptr<BayeuxQueue> connectQueue;
     std::weak_ptr<ConnectSink> connectSink;
-    std::unordered_map<unsigned long, std::shared_ptr<BayeuxQueue>> tempPublishers;
+    // Every unfinished queue, by key. Seldom more than two, so a vector, which keeps its
+    // room between connects, where a map made and freed a node on every one.
+    std::vector<std::pair<unsigned long, std::shared_ptr<BayeuxQueue>>> tempPublishers;
     Channel channels;
     // A pattern was withdrawn: an index match found before that may be stale.
     bool patternWithdrawn = false;

@@ -519,12 +519,15 @@ private:
     }
 
     void doStartStreaming(http::HttpResponse& answer, std::vector<BodySignal>&& collected) {
-        streamHead.emplace(static_cast<bhttp::status>(answer.status), request.version());
-        doCopyHeaders(answer.headers, *streamHead);
-        doDecorate(*streamHead);
-        streamHead->keep_alive(keepAlive);
-        streamHead->chunked(true);
-        countResponse(streamHead->result_int());
+        // The head's fields go as soon as its bytes are made: a held response keeps only those.
+        StreamHead head(static_cast<bhttp::status>(answer.status), request.version());
+        doCopyHeaders(answer.headers, head);
+        doDecorate(head);
+        head.keep_alive(keepAlive);
+        head.chunked(true);
+        countResponse(head.result_int());
+        headBytes.clear();
+        appendSerializedHead(head, headBytes);
         headPending = true;
         doDropPendingBody();
         for (BodySignal& signal : collected) {
@@ -571,7 +574,7 @@ private:
         outgoing.clear();
         if (headPending) {
             headPending = false;
-            appendSerializedHead(*streamHead, outgoing);
+            outgoing.swap(headBytes);
         }
         std::size_t taken = 0;
         bool ended = false;
@@ -628,7 +631,6 @@ private:
         }
         if (ended) {
             doEndBody();
-            streamHead.reset();
             doNextRequest();
             return;
         }
@@ -870,7 +872,6 @@ private:
     bool upgrade = false;
 
     std::unique_ptr<FullResponse> full;
-    std::optional<StreamHead> streamHead;
     std::shared_ptr<http::BodyPublisher> bodyPublisher;
     std::shared_ptr<RelaySubscriber<DataBuffer>> bodyRelay;
     // Numbers the bodies, so that a signal of an earlier one is not taken for the current one's.
@@ -878,6 +879,9 @@ private:
     common::RingQueue<BodySignal> pendingBody;
     // The bytes of the body write under way.
     std::string outgoing;
+    // A streamed response's head while it waits for the first write; it then trades
+    // storage with `outgoing`.
+    std::string headBytes;
     bool headPending = false;
     bool pumpScheduled = false;
     bool writing = false;

@@ -10,7 +10,11 @@ namespace {
 // Sizes 128, 256, ... 2048 bytes; an operation's state is rounded up to the next.
 constexpr std::size_t smallestClassBytes = 128;  // 1 << 7
 constexpr std::size_t classCount = 5;
-constexpr std::size_t blocksPerClass = 32;
+// The two small classes hold header fields besides operation states: a long-poll
+// connect frees and takes several in a row, and a fan-out ends many connects at once.
+// At most 163 KB a thread stay here.
+constexpr std::array<std::size_t, classCount> blocksPerClass = {128, 128, 32, 32, 32};
+constexpr std::size_t mostBlocksPerClass = 128;
 
 // 0 for up to 128 bytes, 1 for up to 256, and so on.
 std::size_t classOf(std::size_t bytes) {
@@ -27,7 +31,7 @@ std::size_t classBytes(std::size_t index) { return smallestClassBytes << index; 
 // thread's other thread-locals end; `closed` then sends every block to operator delete.
 struct FreeLists {
     struct List {
-        std::array<void*, blocksPerClass> blocks;
+        std::array<void*, mostBlocksPerClass> blocks;
         std::size_t count;
     };
     std::array<List, classCount> lists;
@@ -76,7 +80,7 @@ void givePooledBlock(void* block, std::size_t bytes) noexcept {
     const std::size_t index = classOf(bytes);
     if (index < classCount && !freeLists.closed) {
         FreeLists::List& list = freeLists.lists[index];
-        if (list.count < blocksPerClass) {
+        if (list.count < blocksPerClass[index]) {
             if (!freeLists.reaperArmed) {
                 reaper.arm();
                 freeLists.reaperArmed = true;

@@ -12,7 +12,7 @@
 //
 // Threading: each thread has a pool of its own (thread-local, no lock); a block freed
 // on another thread than the one that took it joins that other thread's pool. Each
-// size keeps at most a few dozen blocks; past that, and for large blocks, it is plain
+// size keeps at most 32 to 128 blocks; past that, and for large blocks, it is plain
 // operator new and delete.
 
 #include <cstddef>

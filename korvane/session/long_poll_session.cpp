@@ -210,7 +210,7 @@ bool LongPollSession::unsubscribe(const std::string& pattern) {
 std::shared_ptr<BayeuxQueue> LongPollSession::connectStream(const std::string& messageId, long long timeoutTicks,
                                                             bool bufferResponses, bool holdResponses) {
     // Made before the lock is taken, so that the queue's mutex is never taken under the session's.
-    TempPublisher publisher = makeTempPublisher(id + "_" + messageId);
+    TempPublisher publisher = makeTempPublisher(queueName(messageId));
     // The replaced queue may go with its last reference: that happens after the lock is released.
     std::shared_ptr<BayeuxQueue> previousQueue;
     std::unique_lock<std::mutex> lock(mutex);
@@ -261,7 +261,7 @@ std::shared_ptr<BayeuxQueue> LongPollSession::korvaneShortPoll(const std::string
     KORVANE_LOG(logger, common::logTrace) << "Connect short poll: " << id << ", " << messageId;
     doCompleteQueue(lock);
     doNotifyQueue(lock);
-    std::string name = id + "_" + connectMessageId;
+    std::string name = queueName(connectMessageId);
     common::RingQueue<std::unique_ptr<PublishRequest>> taken;
     taken.swap(pendingMessages);
     pendingBytes = 0;
@@ -294,6 +294,14 @@ bool LongPollSession::hasActiveConnect() {
 void LongPollSession::flush() {
     std::unique_lock<std::mutex> lock(mutex);
     doCompleteQueue(lock);
+}
+
+std::string LongPollSession::queueName(const std::string& messageId) const {
+    // Made in one allocation: id + "_" + messageId took two.
+    std::string name;
+    name.reserve(id.size() + 1 + messageId.size());
+    name.append(id).append(1, '_').append(messageId);
+    return name;
 }
 
 LongPollSession::TempPublisher LongPollSession::makeTempPublisher(std::string name) {

@@ -137,6 +137,8 @@ private:
     // ways of opening one.
     void doOpenConnect(std::unique_lock<std::mutex>& lock, const std::string& messageId, long long timeoutTicks,
                        bool bufferResponses, bool holdResponses);
+    // The name of a connect's queue: the session's id, "_", the connect's message id.
+    std::string queueName(const std::string& messageId) const;
     // Keeps the queue alive in tempPublishers until it ends.
     std::shared_ptr<BayeuxQueue> saveTempPublisher(std::unique_lock<std::mutex>& lock, TempPublisher&& publisher);
     // Takes an ended queue out of tempPublishers; called with `mutex` held.

@@ -33,7 +33,9 @@ std::unique_ptr<Message> askService(std::unique_ptr<Message>&& message, const Ad
 }
 
 std::unique_ptr<Message> makeJsonResponse(std::shared_ptr<http::BodyPublisher> body) {
-    http::Headers headers{{"Content-Type", "application/json;charset=UTF-8"}};
+    // Built in place: a list of pairs is copied into the map, its value an allocation twice.
+    http::Headers headers;
+    headers.emplace("Content-Type", "application/json;charset=UTF-8");
     return std::make_unique<http::HttpResponse>(200, std::move(headers), http::Headers(), std::move(body));
 }
 

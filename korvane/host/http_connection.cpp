@@ -110,7 +110,7 @@ void discardAnswer(const std::shared_ptr<Message>& answer) {
 // One connection: reads a request, answers it, and only then reads the next, so
 // that pipelined requests are answered in order. A Bayeux request goes to the
 // service, whose answer (on any thread) comes back through `link`; a streaming
-// body's signals come back the same way through `bodyRelay`.
+// body's signals wait in `bodyRelay`, which wakes the connection through `link`.
 //
 // Timeouts follow the stream's own expiry rules, kept here with one timer for the
 // connection instead of a timer wait per operation: a limit set applies to the reads and
@@ -473,52 +473,54 @@ private:
             doWriteFull(std::move(response), true);
             return;
         }
-        std::vector<BodySignal> collected;
         try {
-            collected = doSubscribeBody(answer.body);
+            doSubscribeBody(answer.body);
         } catch (...) {
             doEndBody();
             doSendText(bhttp::status::internal_server_error, failureText(std::current_exception()));
             return;
         }
-        const bool endedAtOnce = !collected.empty() && collected.back().ended;
-        if (endedAtOnce && collected.back().error) {
+        const bool endedAtOnce = !arrivedBody.empty() && arrivedBody.back().ended;
+        if (endedAtOnce && arrivedBody.back().error) {
+            const std::exception_ptr error = arrivedBody.back().error;
             doEndBody();
-            doSendText(bhttp::status::internal_server_error, failureText(collected.back().error));
+            doSendText(bhttp::status::internal_server_error, failureText(error));
             return;
         }
         if (endedAtOnce) {
-            doEndBody();
             auto response = doMakeResponse(static_cast<bhttp::status>(answer.status));
             doCopyHeaders(answer.headers, *response);
-            for (const BodySignal& signal : collected) {
+            for (const BodySignal& signal : arrivedBody) {
                 if (signal.item) {
                     response->body().append(signal.item->view());
                 }
             }
+            doEndBody();
             count(HostCounter::longPollBytesOut, response->body().size());
             doWriteFull(std::move(response), true);
             return;
         }
-        doStartStreaming(answer, std::move(collected));
+        doStartStreaming(answer);
     }
 
-    // Subscribes a relay to the body and asks for the first chunk; what came at once is returned.
-    std::vector<BodySignal> doSubscribeBody(const std::shared_ptr<http::BodyPublisher>& body) {
+    // Subscribes a relay to the body and asks for the first chunk; what came at once waits
+    // in `arrivedBody`. Later signals wake the connection once the handler that made them
+    // has returned, so that a held connect's messages, its reply and the end of the body,
+    // made together, are taken together.
+    void doSubscribeBody(const std::shared_ptr<http::BodyPublisher>& body) {
         bodyPublisher = body;
+        arrivedBody.clear();
         bodyRelay = std::make_shared<RelaySubscriber<DataBuffer>>(
-            [link = link, relay = ++relayCount](BodySignal&& signal) {
-                link->post([relay, signal = std::move(signal)](HttpConnection& connection) mutable {
-                    connection.onBodySignal(relay, std::move(signal));
-                });
+            [link = link, relay = ++relayCount] {
+                link->defer([relay](HttpConnection& connection) { connection.onBodyReady(relay); });
             },
             true);
         body->subscribe(bodyRelay);
         bodyRelay->request(1);
-        return bodyRelay->takeCollected();
+        bodyRelay->takeAll(arrivedBody);
     }
 
-    void doStartStreaming(http::HttpResponse& answer, std::vector<BodySignal>&& collected) {
+    void doStartStreaming(http::HttpResponse& answer) {
         // The head's fields go as soon as its bytes are made: a held response keeps only those.
         StreamHead head(static_cast<bhttp::status>(answer.status), request.version());
         doCopyHeaders(answer.headers, head);
@@ -530,9 +532,7 @@ private:
         appendSerializedHead(head, headBytes);
         headPending = true;
         doDropPendingBody();
-        for (BodySignal& signal : collected) {
-            pendingBody.push_back(std::move(signal));
-        }
+        doTakeArrivedBody();
         // The first chunk is asked for already; the rest of the window lets chunks that are
         // made together wait here while a write is under way, and leave in one write.
         bodyRelay->request(bodyWindow - 1);
@@ -543,25 +543,20 @@ private:
         doPumpBody();
     }
 
-    void onBodySignal(std::uint64_t relay, BodySignal&& signal) {
+    void onBodyReady(std::uint64_t relay) {
         if (closed || relay != relayCount || !bodyRelay) {
             return;
         }
-        pendingBody.push_back(std::move(signal));
-        doSchedulePump();
+        bodyRelay->takeAll(arrivedBody);
+        doTakeArrivedBody();
+        doPumpBody();
     }
 
-    // Pumps once the signals already queued on the loop are in: a held connect's
-    // messages, its reply and the end of the body usually come together.
-    void doSchedulePump() {
-        if (pumpScheduled) {
-            return;
+    void doTakeArrivedBody() {
+        for (BodySignal& signal : arrivedBody) {
+            pendingBody.push_back(std::move(signal));
         }
-        pumpScheduled = true;
-        net::post(loopExecutor, [self = this->shared_from_this()] {
-            self->pumpScheduled = false;
-            self->doPumpBody();
-        });
+        arrivedBody.clear();
     }
 
     // Writes in one go the head, if it has not gone out, and every waiting chunk up to the
@@ -652,6 +647,7 @@ private:
         }
         bodyPublisher.reset();
         doDropPendingBody();
+        arrivedBody.clear();
     }
 
     // The ring keeps its slots for the next body: a held connect's answer passes a few
@@ -876,6 +872,8 @@ private:
     std::shared_ptr<RelaySubscriber<DataBuffer>> bodyRelay;
     // Numbers the bodies, so that a signal of an earlier one is not taken for the current one's.
     std::uint64_t relayCount = 0;
+    // Signals taken from the relay, on their way to `pendingBody`; keeps its room.
+    std::vector<BodySignal> arrivedBody;
     common::RingQueue<BodySignal> pendingBody;
     // The bytes of the body write under way.
     std::string outgoing;
@@ -883,7 +881,6 @@ private:
     // storage with `outgoing`.
     std::string headBytes;
     bool headPending = false;
-    bool pumpScheduled = false;
     bool writing = false;
     bool watching = false;
     bool resumeAfterWatch = false;

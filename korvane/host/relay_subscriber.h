@@ -1,20 +1,17 @@
 #pragma once
 
-// A subscriber that relays a stream's signals, which come on any thread, to a
-// connection's loop. Each signal is handed to `deliver` under the relay's mutex,
-// so they reach the loop in the order the publisher made them; `deliver` must
-// only post, never call back into the relay. In collecting mode the signals wait
-// in the relay instead, until takeCollected() hands them over and turns the relay
-// into a posting one: the host uses that to see whether a response body was
-// complete at once. A gathering relay keeps its signals until the loop takes them
-// all (takeAll), and calls `wake` under its mutex for the first one kept since the
-// last take, so that one turn of the loop takes what came together (a WebSocket
-// delivery and the connect reply behind it); `wake`, too, must only post. detach()
-// ends the relay for good: upstream is cancelled unless the stream already ended, and
-// `deliver` or `wake` (with whatever it holds) is dropped.
+// A subscriber that gathers a stream's signals, which come on any thread, for a
+// connection's loop: the relay keeps them, in the order the publisher made them, until
+// the loop takes them all (takeAll), and calls `wake` under its mutex for the first
+// one kept since the last take, so that one turn of the loop takes what came together
+// (a WebSocket delivery and the connect reply behind it, a held connect's messages and
+// the end of its body); `wake` must only post. A relay made collecting does not wake
+// until its first take: the host uses that to see whether a response body was complete
+// at once. detach() ends the relay for good: upstream is cancelled unless the stream
+// already ended, and `wake` (with whatever it holds) and the signals kept are dropped.
 //
-// Locking: `mutex` guards every field; upstream is requested and cancelled with
-// it released. `donePromise` is resolved with it held.
+// Locking: `mutex` guards every field; upstream is requested and cancelled with it
+// released. `donePromise` is resolved with it held.
 
 #include <exception>
 #include <functional>
@@ -42,12 +39,9 @@ template <class T>
 class RelaySubscriber : public reactive_streams::SubscriberAPI<T> {
 public:
     using Signal = StreamSignal<T>;
-    using Deliver = std::function<void(Signal&&)>;
     using Wake = std::function<void()>;
 
-    RelaySubscriber(Deliver deliver, bool collecting) : deliver(std::move(deliver)), collecting(collecting) {}
-    // A gathering relay.
-    explicit RelaySubscriber(Wake wake) : wake(std::move(wake)), collecting(false) {}
+    explicit RelaySubscriber(Wake wake, bool collecting = false) : wake(std::move(wake)), collecting(collecting) {}
 
     void onSubscribe(std::weak_ptr<reactive_streams::Subscription> subscription) override {
         std::lock_guard<std::mutex> guard(mutex);
@@ -67,7 +61,7 @@ public:
         std::shared_ptr<reactive_streams::Subscription> source;
         {
             std::lock_guard<std::mutex> guard(mutex);
-            if (!deliver && !wake) {
+            if (detached) {
                 return;
             }
             source = upstream.lock();
@@ -77,28 +71,20 @@ public:
         }
     }
 
-    // The signals gathered so far; from now on signals are delivered.
-    std::vector<Signal> takeCollected() {
-        std::lock_guard<std::mutex> guard(mutex);
-        collecting = false;
-        return std::move(collected);
-    }
-
-    // A gathering relay's signals, in arrival order; `into` must be empty and leaves its
-    // storage here for the next ones.
+    // The signals kept so far, in arrival order; `into` must be empty and leaves its
+    // storage here for the next ones. A collecting relay wakes from now on.
     void takeAll(std::vector<Signal>& into) {
         std::lock_guard<std::mutex> guard(mutex);
+        collecting = false;
         into.swap(collected);
     }
 
     void detach() {
-        Deliver dropped;
         Wake droppedWake;
         std::shared_ptr<reactive_streams::Subscription> source;
         {
             std::lock_guard<std::mutex> guard(mutex);
-            dropped = std::move(deliver);
-            deliver = nullptr;
+            detached = true;
             droppedWake = std::move(wake);
             wake = nullptr;
             collected.clear();
@@ -127,26 +113,20 @@ private:
                 donePromise.setValue(true);
             }
         }
-        if (collecting) {
-            collected.push_back(std::move(signal));
-        } else if (wake) {
-            collected.push_back(std::move(signal));
-            if (collected.size() == 1) {
-                wake();
-            }
-        } else if (deliver) {
-            deliver(std::move(signal));
+        collected.push_back(std::move(signal));
+        if (!collecting && wake && collected.size() == 1) {
+            wake();
         }
     }
 
     std::mutex mutex;
-    Deliver deliver;
     Wake wake;
     std::vector<Signal> collected;
     std::weak_ptr<reactive_streams::Subscription> upstream;
     LazyPromise<bool> donePromise;
     bool collecting;
     bool ended = false;
+    bool detached = false;
 };
 
 }  // namespace korvane::host

@@ -56,6 +56,19 @@ TEST(GatheringRelay, WakesOncePerTakeAndHandsSignalsOverInOrder) {
     EXPECT_EQ(taken(*relay), "");
 }
 
+// A relay made collecting keeps what comes before its first take without waking; from then on it wakes.
+TEST(GatheringRelay, ACollectingRelayWakesOnlyAfterItsFirstTake) {
+    int wakes = 0;
+    auto relay = std::make_shared<Relay>([&wakes] { ++wakes; }, true);
+    relay->onNext(1);
+    relay->onNext(2);
+    EXPECT_EQ(wakes, 0);
+    EXPECT_EQ(taken(*relay), "1 2");
+    relay->onNext(3);
+    EXPECT_EQ(wakes, 1);
+    EXPECT_EQ(taken(*relay), "3");
+}
+
 // Detaching cancels upstream once, drops what waits and the wake's captures, and ends the relay for good.
 TEST(GatheringRelay, DetachCancelsUpstreamAndLetsGoOfTheWake) {
     auto token = std::make_shared<int>(0);

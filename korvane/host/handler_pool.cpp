@@ -12,7 +12,7 @@ constexpr std::size_t smallestClassBytes = 128;  // 1 << 7
 constexpr std::size_t classCount = 5;
 // The two small classes hold header fields besides operation states: a long-poll
 // connect frees and takes several in a row, and a fan-out ends many connects at once.
-// At most 163 KB a thread stay here.
+// At most 160 KB a thread stay here.
 constexpr std::array<std::size_t, classCount> blocksPerClass = {128, 128, 32, 32, 32};
 constexpr std::size_t mostBlocksPerClass = 128;
 

@@ -329,7 +329,7 @@ void LongPollSession::doForgetTempPublisher(unsigned long key) {
     auto found = std::find_if(tempPublishers.begin(), tempPublishers.end(),
                               [key](const auto& entry) { return entry.first == key; });
     if (found != tempPublishers.end()) {
-        *found = std::move(tempPublishers.back());
+        std::swap(*found, tempPublishers.back());
         tempPublishers.pop_back();
     }
 }

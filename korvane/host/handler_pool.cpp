@@ -14,7 +14,14 @@ constexpr std::size_t classCount = 5;
 // connect frees and takes several in a row, and a fan-out ends many connects at once.
 // At most 160 KB a thread stay here.
 constexpr std::array<std::size_t, classCount> blocksPerClass = {128, 128, 32, 32, 32};
-constexpr std::size_t mostBlocksPerClass = 128;
+
+constexpr std::size_t mostBlocksPerClass() {
+    std::size_t most = 0;
+    for (std::size_t blocks : blocksPerClass) {
+        most = blocks > most ? blocks : most;
+    }
+    return most;
+}
 
 // 0 for up to 128 bytes, 1 for up to 256, and so on.
 std::size_t classOf(std::size_t bytes) {
@@ -31,7 +38,7 @@ std::size_t classBytes(std::size_t index) { return smallestClassBytes << index; 
 // thread's other thread-locals end; `closed` then sends every block to operator delete.
 struct FreeLists {
     struct List {
-        std::array<void*, mostBlocksPerClass> blocks;
+        std::array<void*, mostBlocksPerClass()> blocks;
         std::size_t count;
     };
     std::array<List, classCount> lists;

@@ -30,8 +30,8 @@ using ConnectionExecutor = boost::asio::io_context::executor_type;
 using ConnectionSocket = boost::asio::basic_stream_socket<boost::asio::ip::tcp, ConnectionExecutor>;
 using PlainStream = boost::beast::basic_stream<boost::asio::ip::tcp, ConnectionExecutor>;
 using TlsStream = boost::beast::ssl_stream<PlainStream>;
-// Header fields on the I/O thread's block pool: a request's fields and a response's are
-// an allocation each, made and freed on the connection's loop once per request.
+// Header fields on the I/O thread's block pool: each field of a request or a response is
+// an allocation, made and freed on the connection's loop once per request.
 using PooledFields = boost::beast::http::basic_fields<PooledAllocator<char>>;
 using UpgradeRequest = boost::beast::http::request<boost::beast::http::string_body, PooledFields>;
 

@@ -90,12 +90,12 @@ std::string failureText(std::exception_ptr error) {
 
 // Subscribes to the body of an answer that nobody will send, and cancels at once,
 // so that a stream behind it learns that its reader has gone.
-void discardAnswer(const std::shared_ptr<Message>& answer) {
-    if (auto* response = dynamic_cast<http::HttpResponse*>(answer.get()); response && response->body) {
+void discardAnswer(Message* answer) {
+    if (auto* response = dynamic_cast<http::HttpResponse*>(answer); response && response->body) {
         auto relay = std::make_shared<RelaySubscriber<DataBuffer>>(nullptr, true);
         response->body->subscribe(relay);
         relay->detach();
-    } else if (auto* socket = dynamic_cast<http::WebSocket*>(answer.get())) {
+    } else if (auto* socket = dynamic_cast<http::WebSocket*>(answer)) {
         if (socket->inbound) {
             auto relay = std::make_shared<RelaySubscriber<http::WebSocketFrame>>(nullptr, true);
             socket->inbound->subscribe(relay);
@@ -402,24 +402,33 @@ private:
                                                            std::move(body));
         Future<std::unique_ptr<Message>> answer =
             context->handle(std::unique_ptr<Message>(std::move(message)), Address(options().bayeuxAddress));
-        // Runs on whichever thread resolves the answer.
+        // Runs on whichever thread resolves the answer. An answer that is ready runs it
+        // inside then(), on this thread, and is taken here instead of posted.
+        typename LoopLink<HttpConnection>::InPlace inPlace(*link);
         answer.then([link = link](Future<std::unique_ptr<Message>>&& resolved) {
-            std::shared_ptr<Message> message;
-            std::string failure;
+            Answer answer;
             try {
-                message = resolved.get();
-                if (!message) {
-                    failure = "The service gave no answer";
+                answer.message = resolved.get();
+                if (!answer.message) {
+                    answer.failure = "The service gave no answer";
                 }
             } catch (...) {
-                failure = failureText(std::current_exception());
+                answer.failure = failureText(std::current_exception());
             }
-            if (!link->post([message, failure](HttpConnection& connection) { connection.onAnswer(message, failure); })) {
-                discardAnswer(message);
+            // A link that is cut leaves the answer here, untaken.
+            if (!link->post(std::move(answer))) {
+                discardAnswer(answer.message.get());
             }
             return true;
         });
     }
+
+    // A service's answer on its way to the connection's loop.
+    struct Answer {
+        std::unique_ptr<Message> message;
+        std::string failure;
+        void operator()(HttpConnection& connection) { connection.onAnswer(*this); }
+    };
 
     void doDescribeRequest(Context& context, const http::Headers& headers) {
         context.set("headers", boost::any(headers));
@@ -428,24 +437,24 @@ private:
         context.set("remoteAddress", boost::any(error ? std::string() : peer.address().to_string()));
     }
 
-    void onAnswer(const std::shared_ptr<Message>& answer, const std::string& failure) {
+    void onAnswer(const Answer& answer) {
         if (closed) {
-            discardAnswer(answer);
+            discardAnswer(answer.message.get());
             return;
         }
-        if (!failure.empty()) {
-            doSendText(bhttp::status::internal_server_error, failure);
+        if (!answer.failure.empty()) {
+            doSendText(bhttp::status::internal_server_error, answer.failure);
             return;
         }
-        if (auto* response = messageAs<http::HttpResponse>(answer.get())) {
+        if (auto* response = messageAs<http::HttpResponse>(answer.message.get())) {
             doRespond(*response);
             return;
         }
-        if (auto* socket = dynamic_cast<http::WebSocket*>(answer.get())) {
+        if (auto* socket = dynamic_cast<http::WebSocket*>(answer.message.get())) {
             if (upgrade && socket->inbound && socket->outbound) {
                 doHandOver(*socket);
             } else {
-                discardAnswer(answer);
+                discardAnswer(socket);
                 doSendText(bhttp::status::internal_server_error, "A WebSocket cannot answer this request");
             }
             return;

@@ -9,11 +9,16 @@
 // context goes, so nothing posts to a context that no longer exists.
 // Internal to the host's server: included only by its .cpp files.
 //
-// Locking: `mutex` guards `target` and is held across the post or defer (neither
-// runs the work inline), so that a cut() that returned has no post in flight.
+// Locking: `mutex` guards `target` and is held across the post or defer, so that a
+// cut() that returned has no post in flight. Work run in place (see InPlace) runs
+// after the lock is released, on the connection's own thread, holding the target.
+// `inPlaceThread` is set and cleared only by the connection's thread; another thread
+// never reads its own id there.
 
+#include <atomic>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <utility>
 
 #include <boost/asio/defer.hpp>
@@ -28,10 +33,32 @@ class LoopLink {
 public:
     explicit LoopLink(std::shared_ptr<Target> target) : target(std::move(target)) {}
 
-    // Runs `work(target)` on the target's loop; false when the link is cut.
+    // While the target's own thread holds this scope, post() called on that thread runs
+    // the work at once: an answer a service had ready when it was asked skips the trip
+    // through the loop's queue. Opened by the target around the call that may resolve it.
+    class InPlace {
+    public:
+        explicit InPlace(LoopLink& link) : link(link) {
+            link.inPlaceThread.store(std::this_thread::get_id(), std::memory_order_relaxed);
+        }
+        ~InPlace() { link.inPlaceThread.store(std::thread::id(), std::memory_order_relaxed); }
+        InPlace(const InPlace&) = delete;
+        InPlace& operator=(const InPlace&) = delete;
+
+    private:
+        LoopLink& link;
+    };
+
+    // Runs `work(target)` on the target's loop, or here inside an InPlace scope of this
+    // thread; false when the link is cut.
     template <class Work>
     bool post(Work&& work) {
-        return submit<false>(std::forward<Work>(work));
+        std::shared_ptr<Target> here = doTargetHere();
+        if (!here) {
+            return submit<false>(std::forward<Work>(work));
+        }
+        work(*here);
+        return true;
     }
 
     // As post, but called from a handler of the same I/O context the work waits until
@@ -50,6 +77,15 @@ public:
     }
 
 private:
+    // The target, when this thread holds an InPlace scope and the link is not cut.
+    std::shared_ptr<Target> doTargetHere() {
+        if (inPlaceThread.load(std::memory_order_relaxed) != std::this_thread::get_id()) {
+            return nullptr;
+        }
+        std::lock_guard<std::mutex> guard(mutex);
+        return target;
+    }
+
     template <bool deferred, class Work>
     bool submit(Work&& work) {
         std::lock_guard<std::mutex> guard(mutex);
@@ -67,6 +103,7 @@ private:
 
     std::mutex mutex;
     std::shared_ptr<Target> target;
+    std::atomic<std::thread::id> inPlaceThread{};
 };
 
 }  // namespace korvane::host

@@ -1,6 +1,7 @@
 #include "load/message_scanner.h"
 
-#include <algorithm>
+#include <array>
+#include <cstdint>
 #include <cstring>
 
 namespace korvane::load {
@@ -8,21 +9,33 @@ namespace {
 
 constexpr std::size_t npos = std::string_view::npos;
 
-// One past the closing quote of the string that opens at text[open], or npos. A
-// quote closes the string unless an odd number of backslashes precede it. Names and
-// ids are short: they are passed byte by byte, longer text with memchr.
-std::size_t stringEnd(std::string_view text, std::size_t open) {
-    constexpr std::size_t shortString = 24;
-    const std::size_t bytewiseEnd = std::min(text.size(), open + 1 + shortString);
-    std::size_t at = open + 1;
-    for (; at < bytewiseEnd; ++at) {
-        if (text[at] == '\\') {
-            ++at;
-        } else if (text[at] == '"') {
-            return at + 1;
-        }
+// What each byte is to the scanner: one lookup a byte on the long runs it passes.
+enum ByteClass : std::uint8_t {
+    nestingByte = 1,  // a quote or bracket, which a nested value's end depends on
+    scalarEnd = 2,    // ends a number or literal: a separator, a closing bracket, white space
+    jsonSpace = 4,
+};
+
+constexpr std::array<std::uint8_t, 256> byteClasses = [] {
+    std::array<std::uint8_t, 256> classes{};
+    for (const unsigned char c : {'"', '{', '}', '[', ']'}) {
+        classes[c] |= nestingByte;
     }
-    for (std::size_t from = at; from < text.size();) {
+    for (const unsigned char c : {',', '}', ']', ' ', '\n', '\r', '\t'}) {
+        classes[c] |= scalarEnd;
+    }
+    for (const unsigned char c : {' ', '\n', '\r', '\t'}) {
+        classes[c] |= jsonSpace;
+    }
+    return classes;
+}();
+
+bool is(char c, ByteClass byteClass) { return (byteClasses[static_cast<unsigned char>(c)] & byteClass) != 0; }
+
+// One past the closing quote of the string that opens at text[open], or npos. A
+// quote closes the string unless an odd number of backslashes precede it.
+std::size_t stringEnd(std::string_view text, std::size_t open) {
+    for (std::size_t from = open + 1; from < text.size();) {
         const void* quote = std::memchr(text.data() + from, '"', text.size() - from);
         if (quote == nullptr) {
             break;
@@ -45,6 +58,9 @@ std::size_t nestedEnd(std::string_view text, std::size_t open) {
     int depth = 0;
     for (std::size_t at = open; at < text.size(); ++at) {
         const char c = text[at];
+        if (!is(c, nestingByte)) {
+            continue;
+        }
         if (c == '"') {
             const std::size_t end = stringEnd(text, at);
             if (end == npos) {
@@ -53,7 +69,7 @@ std::size_t nestedEnd(std::string_view text, std::size_t open) {
             at = end - 1;
         } else if (c == '{' || c == '[') {
             ++depth;
-        } else if ((c == '}' || c == ']') && --depth == 0) {
+        } else if (--depth == 0) {
             return at + 1;
         }
     }
@@ -70,8 +86,7 @@ std::size_t valueEnd(std::string_view text, std::size_t at) {
         return nestedEnd(text, at);
     }
     const std::size_t start = at;
-    while (at < text.size() && text[at] != ',' && text[at] != '}' && text[at] != ']' && text[at] != ' ' &&
-           text[at] != '\n' && text[at] != '\r' && text[at] != '\t') {
+    while (at < text.size() && !is(text[at], scalarEnd)) {
         ++at;
     }
     return at == start ? npos : at;
@@ -80,7 +95,7 @@ std::size_t valueEnd(std::string_view text, std::size_t at) {
 }  // namespace
 
 std::size_t skipJsonSpaces(std::string_view text, std::size_t at) {
-    while (at < text.size() && (text[at] == ' ' || text[at] == '\t' || text[at] == '\n' || text[at] == '\r')) {
+    while (at < text.size() && is(text[at], jsonSpace)) {
         ++at;
     }
     return at;

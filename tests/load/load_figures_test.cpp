@@ -1,6 +1,6 @@
-// The load tool's figures that its smoke runs cannot see: latency quantiles within a bucket's error and the
-// RSS drift after settling. Its reading of replies and its counting of every message (lost, duplicated,
-// reordered) are what the smoke runs check.
+// The load tool's figures that its smoke runs cannot see: latency quantiles within a bucket's error, the
+// RSS drift after settling, and its reading of replies the server never writes (escapes, nesting, faults).
+// Its counting of every message (lost, duplicated, reordered) is what the smoke runs check.
 
 #include <gtest/gtest.h>
 
@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "load/latency_histogram.h"
+#include "load/message_scanner.h"
 #include "load/process_probe.h"
 
 namespace korvane::load {
@@ -41,6 +42,32 @@ TEST(LatencyHistogram, QuantilesAreExactBelow128AndWithinOnePart128AboveAndHalve
     EXPECT_EQ(merged.max(), uniform.max());
     for (std::size_t bucket = 0; bucket < LatencyHistogram::kBucketCount; ++bucket) {
         ASSERT_EQ(merged.countAt(bucket), uniform.countAt(bucket)) << "bucket " << bucket;
+    }
+}
+
+TEST(MessageFields, ScanFindsEachTopLevelValueAndRefusesWhatIsNotAWholeObject) {
+    const std::tuple<std::string, std::string, std::string> cases[] = {  // object, field, its raw value or "fault"
+        {R"({"a":1,"b":"x"})", "b", R"("x")"},
+        {R"({ "a" : -12 , "b" : true })", "a", "-12"},
+        {R"({"a":"q\"{]","b":2})", "b", "2"},
+        {R"({"a":"ends in \\","b":[1,{"c":"]"}],"d":0})", "b", R"([1,{"c":"]"}])"},
+        {R"({"data":{"p":1,"x":"}}"},"id":"7"})", "data", R"({"p":1,"x":"}}"})"},
+        {R"({"a":"\\\"","b":3})", "b", "3"},
+        {"{}", "a", "absent"},
+        {R"({"a":"open)", "a", "fault"},
+        {R"({"a":{"b":1})", "a", "fault"},
+        {R"({"a" 1})", "a", "fault"},
+        {R"({"a":})", "a", "fault"},
+    };
+    for (const auto& [object, field, expected] : cases) {
+        MessageFields fields;
+        const std::size_t end = fields.scan(object, 0);
+        if (expected == "fault") {
+            EXPECT_EQ(end, std::string_view::npos) << object;
+            continue;
+        }
+        EXPECT_EQ(end, object.size()) << object;
+        EXPECT_EQ(fields.value(field).value_or("absent"), expected) << object;
     }
 }
 

@@ -1,6 +1,5 @@
-// The load tool's figures that its smoke runs cannot see: latency quantiles within a bucket's error, the
-// RSS drift after settling, and its reading of replies the server never writes (escapes, nesting, faults).
-// Its counting of every message (lost, duplicated, reordered) is what the smoke runs check.
+// What the load tool's smoke runs cannot see: latency quantiles, RSS drift after settling, and replies the
+// server never writes (escapes, nesting, faults). Its counting of every message is what the smoke runs check.
 
 #include <gtest/gtest.h>
 
@@ -47,27 +46,16 @@ TEST(LatencyHistogram, QuantilesAreExactBelow128AndWithinOnePart128AboveAndHalve
 
 TEST(MessageFields, ScanFindsEachTopLevelValueAndRefusesWhatIsNotAWholeObject) {
     const std::tuple<std::string, std::string, std::string> cases[] = {  // object, field, its raw value or "fault"
-        {R"({"a":1,"b":"x"})", "b", R"("x")"},
-        {R"({ "a" : -12 , "b" : true })", "a", "-12"},
-        {R"({"a":"q\"{]","b":2})", "b", "2"},
-        {R"({"a":"ends in \\","b":[1,{"c":"]"}],"d":0})", "b", R"([1,{"c":"]"}])"},
+        {R"({ "a" : -12 , "b" : "x" })", "b", R"("x")"},        {R"({"a":"q\"{]","b":2})", "b", "2"},
+        {R"({"a":"\\\"","b":[1,{"c":"]"}]})", "b", R"([1,{"c":"]"}])"}, {"{}", "a", "absent"},
         {R"({"data":{"p":1,"x":"}}"},"id":"7"})", "data", R"({"p":1,"x":"}}"})"},
-        {R"({"a":"\\\"","b":3})", "b", "3"},
-        {"{}", "a", "absent"},
-        {R"({"a":"open)", "a", "fault"},
-        {R"({"a":{"b":1})", "a", "fault"},
-        {R"({"a" 1})", "a", "fault"},
-        {R"({"a":})", "a", "fault"},
-    };
+        {R"({"a":"ends in \\","b":"open)", "b", "fault"}, {R"({"a":{"b":1})", "a", "fault"},
+        {R"({"a" 1})", "a", "fault"},                        {R"({"a":})", "a", "fault"}};
+    MessageFields fields;
     for (const auto& [object, field, expected] : cases) {
-        MessageFields fields;
         const std::size_t end = fields.scan(object, 0);
-        if (expected == "fault") {
-            EXPECT_EQ(end, std::string_view::npos) << object;
-            continue;
-        }
-        EXPECT_EQ(end, object.size()) << object;
-        EXPECT_EQ(fields.value(field).value_or("absent"), expected) << object;
+        EXPECT_EQ(end == std::string_view::npos ? "fault" : fields.value(field).value_or("absent"), expected) << object;
+        EXPECT_TRUE(end == object.size() || end == std::string_view::npos) << object;
     }
 }
 

@@ -37,15 +37,13 @@ async function webSocketSubscriber(bayeux, onMessage) {
     socket.on("error", () => {});
     const send = (message) => socket.send(JSON.stringify([message]));
     const connect = () => send({ channel: "/meta/connect", connectionType: "websocket" });
-    let clientId;
     const subscribed = new Promise((resolve) => {
         socket.on("message", (data) => {
             for (const message of JSON.parse(data)) {
                 if (message.channel === "/meta/handshake") {
-                    clientId = message.clientId;
-                    send({ channel: "/meta/subscribe", clientId, subscription: "/room" });
+                    send({ channel: "/meta/subscribe", clientId: message.clientId, subscription: "/room" });
                 } else if (message.channel === "/meta/subscribe") {
-                    resolve();
+                    resolve(message.clientId);
                 } else if (message.channel === "/meta/connect" && onMessage) {
                     connect();
                 } else if (message.channel === "/room") {
@@ -55,8 +53,7 @@ async function webSocketSubscriber(bayeux, onMessage) {
         });
     });
     send({ channel: "/meta/handshake", version: "1.0", supportedConnectionTypes: ["websocket"] });
-    await subscribed;
-    return { socket, connect, clientId };
+    return { socket, connect, clientId: await subscribed };
 }
 
 for (const { name, args, messages, bytes, batch, pendingKb } of limits) test(`peers that read nothing cost a bounded amount of memory, given back once they are cut (pending limit on ${name})`, async () => {
@@ -97,13 +94,10 @@ for (const { name, args, messages, bytes, batch, pendingKb } of limits) test(`pe
         // for the reader's frames and the allocator's own keeping.
         const bound = backlogBytes / 1024 + pendingKb + 24 * MiB;
         assert.ok(highest - before <= bound, `RSS grew by ${highest - before} kB, bound ${bound} kB`);
-        // The cut WebSocket's session keeps what came after the cut until the pending limit
-        // drops it; one cut late lives on short of the limit until its client goes.
+        // A WebSocket cut late keeps what came after the cut, short of the pending limit, until its client goes.
         const [gone] = (await post(server.bayeux, [{ channel: "/meta/disconnect", clientId: stalled.clientId }])).replies;
         assert.ok(gone.successful || gone.error === "No such clientId.", JSON.stringify(gone));
-        await until(() => rssKb() - before <= 8 * MiB, 15000, "RSS back within 8 MiB of where it started").catch((error) => {
-            throw new Error(`${error.message}: ${rssKb()} kB against ${before} kB`);
-        });
+        await until(() => rssKb() - before <= 8 * MiB, 15000, () => `RSS back within 8 MiB of ${before} kB (${rssKb()} kB)`);
         console.log(`RSS: ${before} kB before, ${highest} kB at most, ${rssKb()} kB after`);
         reader.socket.terminate();
         stalled.socket.terminate();

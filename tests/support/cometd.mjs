@@ -38,9 +38,10 @@ export function disconnect(cometd) {
 
 export const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 
-// Resolves once `condition()` holds, checking every 10 ms; rejects after `ms`.
+// Resolves once `condition()` holds, checking every 10 ms; rejects after `ms`. `what` may be
+// a function, read when the wait times out.
 export async function until(condition, ms = 5000, what = "condition") {
     for (const end = Date.now() + ms; !condition(); await sleep(10)) {
-        if (Date.now() > end) throw new Error(`timed out waiting for ${what}`);
+        if (Date.now() > end) throw new Error(`timed out waiting for ${typeof what === "function" ? what() : what}`);
     }
 }

@@ -50,7 +50,7 @@ public:
     };
 
     // Runs `work(target)` on the target's loop, or here inside an InPlace scope of this
-    // thread; false when the link is cut.
+    // thread; false when the link is cut, and `work` is then left as it was given.
     template <class Work>
     bool post(Work&& work) {
         std::shared_ptr<Target> here = doTargetHere();

@@ -109,6 +109,11 @@ private:
         }
         socket = beast::get_lowest_layer(*upgrading).release_socket();
         upgrading.reset();
+        // Writes are tried at once and wait for the socket only for what it did not take.
+        socket.non_blocking(true, ec);
+        if (ec) {
+            return fail("socket: " + ec.message());
+        }
         isOpen = true;
         readNext();
         if (!queued.empty()) {
@@ -142,9 +147,22 @@ private:
             return fail("read: " + ec.message());
         }
         reader.commit(bytes);
-        if (deliverFrames()) {
-            readNext();
-        }  // else a frame ended the connection, or a callback closed the link
+        inRead = true;
+        const bool open = deliverFrames();
+        inRead = false;
+        if (!open) {
+            return;  // a frame ended the connection, or a callback closed the link
+        }
+        if (flushAfterRead) {
+            flushAfterRead = false;
+            if (!writing && hasOutgoing()) {
+                writeQueued();
+                if (closed || !isOpen) {
+                    return;
+                }
+            }
+        }
+        readNext();
     }
 
     // Hands every whole frame read so far on; false once the connection failed.
@@ -199,9 +217,17 @@ private:
         fail("read: unknown opcode");
     }
 
-    // What is queued by the same handler goes out together in one write.
+    // What is queued by the same handler goes out together in one write: within a read,
+    // once its frames are handled; otherwise by a posted flush.
     void flushSoon() {
-        if (!isOpen || writing || flushPosted) {
+        if (!isOpen || writing) {
+            return;
+        }
+        if (inRead) {
+            flushAfterRead = true;
+            return;
+        }
+        if (flushPosted) {
             return;
         }
         flushPosted = true;
@@ -224,8 +250,13 @@ private:
             moveIntoArray(queued, array);
             appendMaskedFrame(outgoing, Opcode::text, array, nextMask());
         }
+        beast::error_code ec;
+        const std::size_t sent = socket.write_some(boost::asio::buffer(outgoing), ec);
+        if (ec != boost::asio::error::would_block && (ec || sent == outgoing.size())) {
+            return onWritten(ec);
+        }
         boost::asio::async_write(
-            socket, boost::asio::buffer(outgoing),
+            socket, boost::asio::buffer(outgoing) + (ec ? 0 : sent),
             [self = shared_from_this(), generation = generation](beast::error_code ec, std::size_t) {
                 if (generation == self->generation) {
                     self->onWritten(ec);
@@ -299,6 +330,8 @@ private:
     bool isOpen = false;
     bool writing = false;
     bool flushPosted = false;
+    bool inRead = false;          // frames of a read are being handled
+    bool flushAfterRead = false;  // and queued messages that go out once they are
     bool closed = false;
 };
 

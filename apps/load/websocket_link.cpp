@@ -302,6 +302,7 @@ private:
         active = false;
         isOpen = false;
         writing = false;
+        flushAfterRead = false;
         queued.clear();
         control.clear();
         fragments.clear();

@@ -41,6 +41,7 @@ BayeuxHost::BayeuxHost(BayeuxHostOptions options)
     serviceRegistry->add(webSocketClientAddress, httpClient);
     serviceRegistry->add(webSocketClientAddress, std::make_shared<bayeux::WebSocketClientConnectionServiceProvider>());
     options.http.bayeuxAddress = dispatchAddress;
+    options.http.longPollAddress = longPollAddress;
     options.http.requestInContext = options.policy != nullptr;
     options.http.metrics = exposition;
     server = std::make_unique<HttpServer>(std::move(options.http), serviceRegistry, timers);

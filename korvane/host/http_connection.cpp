@@ -32,6 +32,7 @@
 #include "korvane/host/response_text.h"
 #include "korvane/host/server_state.h"
 #include "korvane/host/server_websocket_connection.h"
+#include "korvane/transport/long_poll_provider.h"
 
 namespace korvane::host {
 
@@ -387,21 +388,21 @@ private:
         if (!upgrade) {
             count(HostCounter::longPollBytesIn, request.body().size());
         }
+        const bool longPoll = goesToLongPoll();
         http::Headers headers;
-        for (const auto& field : request) {
-            headers.emplace(asciiLowered(field.name_string()), std::string(field.value()));
+        if (!longPoll || options().requestInContext) {
+            for (const auto& field : request) {
+                headers.emplace(asciiLowered(field.name_string()), std::string(field.value()));
+            }
         }
         auto context = HostContext::create(state->registry);
         context->set("sessionId", boost::any(sessionId));
         if (options().requestInContext) {
             doDescribeRequest(*context, headers);
         }
-        auto body = std::make_shared<reactive_streams::OneShotPublisher<DataBuffer>>(DataBuffer(request.body()));
-        auto message = std::make_unique<http::HttpRequest>(asciiLowered(request.method_string()),
-                                                           std::string(request.target()), std::move(headers),
-                                                           std::move(body));
         Future<std::unique_ptr<Message>> answer =
-            context->handle(std::unique_ptr<Message>(std::move(message)), Address(options().bayeuxAddress));
+            longPoll ? bayeux::answerLongPollBody(DataBuffer(request.body()), options().longPollAddress, context)
+                     : doDispatch(std::move(headers), context);
         // Runs on whichever thread resolves the answer. An answer that is ready runs it
         // inside then(), on this thread, and is taken here instead of posted.
         typename LoopLink<HttpConnection>::InPlace inPlace(*link);
@@ -421,6 +422,21 @@ private:
             }
             return true;
         });
+    }
+
+    // The Bayeux dispatch sends a POST to the long-poll transport unless an Upgrade header
+    // says "websocket"; one with any Upgrade header takes the dispatch's own way.
+    bool goesToLongPoll() const {
+        return options().longPollAddress && request.method() == bhttp::verb::post &&
+               request.find(bhttp::field::upgrade) == request.end();
+    }
+
+    Future<std::unique_ptr<Message>> doDispatch(http::Headers&& headers, const std::shared_ptr<HostContext>& context) {
+        auto body = std::make_shared<reactive_streams::OneShotPublisher<DataBuffer>>(DataBuffer(request.body()));
+        auto message = std::make_unique<http::HttpRequest>(asciiLowered(request.method_string()),
+                                                           std::string(request.target()), std::move(headers),
+                                                           std::move(body));
+        return context->handle(std::unique_ptr<Message>(std::move(message)), Address(options().bayeuxAddress));
     }
 
     // A service's answer on its way to the connection's loop.

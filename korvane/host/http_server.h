@@ -35,6 +35,12 @@ struct HttpServerOptions {
     // Empty: no Bayeux path (a listener for the probes and the metrics).
     std::string bayeuxPath = "/bayeux";
     Address bayeuxAddress;
+    // Where the long-poll transport stands when the service at `bayeuxAddress` is the
+    // Bayeux HTTP dispatch, as BayeuxHost arranges it. Set, a POST that the dispatch would
+    // hand to that transport (no Upgrade header) gets the transport's answer here, with
+    // the body as read and the messages sent to this address: the request is not built,
+    // its headers not copied, and the two hops through the registry are not taken.
+    Address longPollAddress;
     // I/O threads; 0 means one per CPU the process may run on.
     unsigned threads = 0;
     // Folder served at "/"; empty serves no files there.

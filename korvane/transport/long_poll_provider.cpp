@@ -130,6 +130,12 @@ common::DataBuffer appendChunk(common::DataBuffer&& chunk, common::DataBuffer&& 
 BayeuxLongPollServiceProvider::BayeuxLongPollServiceProvider() = default;
 BayeuxLongPollServiceProvider::~BayeuxLongPollServiceProvider() = default;
 
+MessageFuture answerLongPollBody(common::DataBuffer&& body, const Address& address,
+                                const std::shared_ptr<Context>& context) {
+    KORVANE_LOG(logger, common::logFrequent) << "Starting parsing bayeux request";
+    return answerBody(makeReadyFuture(std::move(body)), address, context);
+}
+
 MessageFuture BayeuxLongPollServiceProvider::handle(std::unique_ptr<http::HttpRequest>&& request, Address&& address,
                                                     std::shared_ptr<Context>&& context) {
     KORVANE_LOG(logger, common::logFrequent) << "Starting parsing bayeux request";

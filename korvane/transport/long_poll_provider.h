@@ -13,6 +13,7 @@
 
 #include <memory>
 
+#include "korvane/frame/data_buffer.h"
 #include "korvane/frame/http.h"
 #include "korvane/export.h"
 
@@ -27,5 +28,11 @@ public:
     Future<std::unique_ptr<Message>> handle(std::unique_ptr<http::HttpRequest>&& request, Address&& address,
                                             std::shared_ptr<Context>&& context) override;
 };
+
+// What handle() does with a body that is already read: for a host that holds the body
+// of a POST this transport would be given, so that the request need not be built and
+// sent to it. The same answer, log lines and threading as handle().
+KORVANE_EXPORT Future<std::unique_ptr<Message>> answerLongPollBody(common::DataBuffer&& body, const Address& address,
+                                                                   const std::shared_ptr<Context>& context);
 
 }  // namespace korvane::bayeux

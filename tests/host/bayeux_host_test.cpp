@@ -67,6 +67,31 @@ TEST_F(BayeuxHostTest, APolicySeesEachRequestsHeadersCookiesAndRemoteAddress) {
                                 "127.0.0.1 application/json korvane-browser= {\"token\":\"t\"}"}));
 }
 
+// The host answers a Bayeux POST with the long-poll transport's code itself, where the dispatch
+// would have passed it on: the same bytes as a server that sends every request through the dispatch
+// (on the same services), whatever the body, and an Upgrade header leaves the choice to the dispatch.
+TEST_F(BayeuxHostTest, AnswersPostsAsTheDispatchWould) {
+    start();
+    HttpServerOptions dispatchOnly;
+    dispatchOnly.listen = "127.0.0.1:0";
+    dispatchOnly.bayeuxAddress = BayeuxHost::dispatchAddress;
+    HttpServer dispatching(std::move(dispatchOnly), host->registry());
+    dispatching.start();
+    const std::string cookie = "Cookie: korvane-browser=" + std::string(32, 'a') + "\r\n";
+    const std::string connect = R"({"channel":"/meta/connect","clientId":"nobody","id":"7"})";
+    const std::string websocket = "Upgrade: websocket\r\n";
+    for (const auto& [headers, body] : std::initializer_list<std::pair<std::string, std::string>>{
+             {"", ""}, {"", "{"}, {"", "\xff"}, {"", connect}, {"", "[" + connect + "]"},
+             {"", R"([{"channel":"/a","clientId":"nobody","data":1},{"channel":"/meta/unsubscribe","clientId":"x"}])"},
+             {"Upgrade: h2c\r\n", connect}, {websocket, connect}}) {
+        const std::string direct = post(host->port(), cookie + headers, body);
+        EXPECT_THAT(direct, ::testing::StartsWith("HTTP/1.1 ")) << body;
+        EXPECT_EQ(direct, post(dispatching.port(), cookie + headers, body)) << headers << body;
+    }
+    const std::string refused = post(host->port(), cookie + websocket, connect);
+    EXPECT_THAT(refused, ::testing::EndsWith("A WebSocket cannot answer this request"));
+}
+
 // Plain WebSocket is the HTTP client's own test; here, the host hands its TLS options to the client it registers.
 TEST_F(BayeuxHostTest, OutboundClientTransportTalksToOurOwnServerOverWss) {
     using Inbox = test_support::RecordingSubscriber<std::unique_ptr<Message>>;

@@ -36,6 +36,8 @@ Future<std::unique_ptr<Message>> refuseResponse(const Message& response) {
 
 ConnectSink::~ConnectSink() = default;
 
+bool ConnectSink::cancelled() const { return false; }
+
 BayeuxBase::BayeuxBase(std::string channel) : channel(std::move(channel)) {}
 BayeuxBase::~BayeuxBase() = default;
 BayeuxResponse::~BayeuxResponse() = default;

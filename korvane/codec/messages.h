@@ -25,14 +25,18 @@ class KORVANE_EXPORT BayeuxServiceProvider;
 using BayeuxMessage = ServiceMessage<BayeuxServiceProvider>;
 using MessageStream = reactive_streams::PublisherAPI<std::unique_ptr<Message>>;
 
-// A transport's end of a client's held connects, kept from one connect to the next, for a
-// transport that writes each message as it comes (WebSocket) and so needs no stream per
-// connect. The session calls deliver with none of its locks held, one call at a time, in
-// order: each connect's messages, then its ConnectResponse.
+// A transport's end of a client's held connects, for a transport that writes each message
+// as it comes and so needs no stream per connect: kept from one connect to the next
+// (WebSocket), or made for one connect (the body of a long poll's response). The session
+// calls deliver with none of its locks held, one call at a time, in order: each connect's
+// messages, then its ConnectResponse. A sink that is gone, or that says it is cancelled
+// (its client went away), takes no more: the session keeps the messages for the next connect.
 class KORVANE_EXPORT ConnectSink {
 public:
     virtual ~ConnectSink();
     virtual void deliver(std::unique_ptr<Message>&& message) = 0;
+    // May be called from any thread.
+    virtual bool cancelled() const;
 };
 
 // The four fields that all Bayeux messages share. Empty strings mean absent.

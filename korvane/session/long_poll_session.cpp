@@ -395,7 +395,11 @@ void LongPollSession::doNotifyQueue(std::unique_lock<std::mutex>& lock) {
 }
 
 bool LongPollSession::connectGone() const {
-    return connectQueue ? connectQueue->cancelled() : connectSink.expired();
+    if (connectQueue) {
+        return connectQueue->cancelled();
+    }
+    const std::shared_ptr<ConnectSink> sink = connectSink.lock();
+    return !sink || sink->cancelled();
 }
 
 void LongPollSession::doForgetGoneConnect(std::unique_lock<std::mutex>& lock) {

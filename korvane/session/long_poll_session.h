@@ -3,8 +3,8 @@
 // The server's side of one remote Bayeux client, for whatever transport it uses.
 // Messages for the client wait in `pendingMessages` while no connect is open; each
 // connect opens one BayeuxQueue through which that connect's messages, and finally
-// its ConnectResponse, flow to the transport, or hands them straight to the sink the
-// transport keeps for all of the client's connects (connectTo).
+// its ConnectResponse, flow to the transport, or hands them straight to the sink that
+// the transport gives (connectTo): one for all of a WebSocket's connects, one per long poll.
 //
 // Threading and locks: every operation may be called from any thread (transport
 // threads, the publisher's thread through deliver, the timers' thread). `mutex` guards

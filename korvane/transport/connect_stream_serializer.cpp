@@ -41,9 +41,14 @@ ConnectStreamSerializer::ConnectStreamSerializer()
 
 ConnectStreamSerializer::~ConnectStreamSerializer() { KORVANE_LOG(logger, common::logTrace) << "ConnectStreamSerializer destructor"; }
 
-// Runs under the base processor's lock. The comma goes behind every message but a
-// ConnectResponse, so the only thing that can close the array is the connect reply.
+// Runs under the base processor's lock.
 common::DataBuffer ConnectStreamSerializer::doSerialize(std::unique_ptr<Message>&& message) {
+    return serializeConnectChunk(std::move(message), atArrayStart);
+}
+
+// The comma goes behind every message but a ConnectResponse, so the only thing that can close
+// the array is the connect reply.
+common::DataBuffer serializeConnectChunk(std::unique_ptr<Message>&& message, bool& atArrayStart) {
     common::DataBuffer chunk;
     chunk.reserve(chunkRoom(message.get()));
     if (atArrayStart) {

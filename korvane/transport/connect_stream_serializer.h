@@ -19,6 +19,11 @@
 
 namespace korvane::bayeux {
 
+// One message of a connect as its chunk of the response body: "[" before the first, "," behind
+// every message but the ConnectResponse, whose "]" closes the array and makes the next chunk open
+// a new one. A message that cannot be written leaves a gap; the reason goes to standard output.
+KORVANE_EXPORT common::DataBuffer serializeConnectChunk(std::unique_ptr<Message>&& message, bool& atArrayStart);
+
 class KORVANE_EXPORT ConnectStreamSerializer
     : public reactive_streams::TransformProcessor<std::unique_ptr<Message>, common::DataBuffer> {
 public:

@@ -1,5 +1,6 @@
 #include "korvane/transport/long_poll_provider.h"
 
+#include <atomic>
 #include <exception>
 #include <functional>
 #include <stdexcept>
@@ -10,6 +11,7 @@
 #include "korvane/codec/messages.h"
 #include "korvane/codec/serialize.h"
 #include "korvane/codec/utf8.h"
+#include "korvane/frame/cached_value_publisher.h"
 #include "korvane/frame/logger.h"
 #include "korvane/frame/one_shot_publisher.h"
 #include "korvane/frame/reducing_subscriber.h"
@@ -68,8 +70,53 @@ std::unique_ptr<Message> answerBatch(BayeuxContainer& batch, const Address& addr
     return makeCompleteResponse(std::move(body));
 }
 
-// The response goes out as soon as the service has opened the connect; its body
-// then follows the session's queue, closed by the connect's own reply.
+// The body of a held connect's response, written as the session hands over the connect's
+// messages: one chunk each, the ConnectResponse's last. Chunks that meet no demand wait in the
+// publisher's cache. Once its reader cancels, the session sees the connect gone.
+//
+// Ownership: the body keeps itself alive until its stream ends (read to its end, or cancelled),
+// as a session keeps a connect's queue: its reader need hold only the subscription. A host that
+// will not send an answer cancels its body.
+//
+// Threading: deliver comes from the session, one call at a time, so `atArrayStart` needs no
+// lock; the publisher's mutex guards the rest, and `ended` is read from any thread. `self` is
+// set before the body is shared and released by the end of the stream, which happens once.
+class ConnectBody final : public reactive_streams::CachedValuePublisher<common::DataBuffer, std::function<void()>>,
+                          public ConnectSink {
+public:
+    static std::shared_ptr<ConnectBody> open() {
+        auto body = std::make_shared<ConnectBody>();
+        body->self = body;
+        return body;
+    }
+
+    // Whoever ends the stream holds the body across the call back.
+    ConnectBody() : CachedValuePublisher([this] { onEnded(); }) {}
+
+    void deliver(std::unique_ptr<Message>&& message) override {
+        const bool last = message && typeid(*message) == typeid(ConnectResponse);
+        publish(serializeConnectChunk(std::move(message), atArrayStart));
+        if (last) {
+            finish();
+        }
+    }
+
+    bool cancelled() const override { return ended.load(std::memory_order_acquire); }
+
+private:
+    void onEnded() {
+        ended.store(true, std::memory_order_release);
+        self.reset();
+    }
+
+    bool atArrayStart = true;
+    std::atomic<bool> ended{false};
+    std::shared_ptr<ConnectBody> self;
+};
+
+// The response goes out as soon as the service has opened the connect; its body then follows
+// as the session hands the connect's messages to the sink, closed by the connect's own reply.
+// A connect answered as a short poll comes as a stream instead.
 MessageFuture answerConnect(std::unique_ptr<ConnectStreamRequest>&& connect, const Address& address,
                             const std::shared_ptr<Context>& context) {
     if (connect->connectionType.empty()) {
@@ -77,16 +124,29 @@ MessageFuture answerConnect(std::unique_ptr<ConnectStreamRequest>&& connect, con
     }
     connect->bufferResponses = true;
     connect->holdResponses = true;
+    std::shared_ptr<ConnectBody> body = ConnectBody::open();
+    connect->sink = body;
     MessageFuture reply = context->handle(std::unique_ptr<Message>(std::move(connect)), Address(address));
-    return reply.then([](MessageFuture&& answered) -> std::unique_ptr<Message> {
-        std::unique_ptr<Message> message = answered.get();
-        auto* opened = messageAs<ConnectStreamResponse>(message.get());
-        if (opened != nullptr && opened->successful && opened->stream) {
-            auto serializer = std::make_shared<ConnectStreamSerializer>();
-            opened->stream->subscribe(serializer);
-            return makeJsonResponse(std::move(serializer));
+    return reply.then([body = std::move(body)](MessageFuture&& answered) mutable -> std::unique_ptr<Message> {
+        std::unique_ptr<Message> message;
+        try {
+            message = answered.get();
+        } catch (...) {
+            body->finish();
+            throw;
         }
-        return makeSingleMessageResponse(std::move(message));
+        auto* opened = messageAs<ConnectStreamResponse>(message.get());
+        if (opened != nullptr && opened->successful && !opened->stream) {
+            return makeJsonResponse(std::move(body));
+        }
+        // Not taken by a session: the body ends unread, which lets it go.
+        body->finish();
+        if (opened == nullptr || !opened->successful) {
+            return makeSingleMessageResponse(std::move(message));
+        }
+        auto serializer = std::make_shared<ConnectStreamSerializer>();
+        opened->stream->subscribe(serializer);
+        return makeJsonResponse(std::move(serializer));
     });
 }
 

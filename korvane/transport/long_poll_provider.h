@@ -3,8 +3,9 @@
 // Bayeux over plain HTTP POST: the whole body is read, parsed, handed to the
 // protocol service through the request's context, and answered by one response
 // whose body is a JSON array of replies. A /meta/connect is answered at once with
-// a streaming body fed by the session's queue; everything else is answered when
-// the service has replied.
+// a streaming body that the session writes the connect's messages into (a short
+// poll's come from its queue); everything else is answered when the service has
+// replied.
 //
 // Threading: no state and no lock. handle() returns before the body is read; the
 // work runs in a continuation on whichever thread completes the body, and blocks

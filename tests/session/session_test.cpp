@@ -53,6 +53,9 @@ protected:
 class SinkRecorder : public ConnectSink {
 public:
     void deliver(std::unique_ptr<Message>&& message) override { recorder->onNext(std::move(message)); }
+    bool cancelled() const override { return readerCancelled; }
+
+    std::atomic<bool> readerCancelled{false};
 
     const std::shared_ptr<StreamRecorder> recorder = std::make_shared<StreamRecorder>();
 };
@@ -61,7 +64,8 @@ public:
 // the probing steps reported. Steps: connect ID [TICKS] [streaming|slow] (a buffered connect held
 // 300 ticks unless told; a slow reader asks for nothing at first), sink ID [TICKS] (a buffered
 // connect through the one sink the steps share, whose items the probe "seen sink" shows), unsink
-// (the sink goes: its reader let go, as when its client goes away), request ID N,
+// (the sink goes: its reader let go, as when its client goes away), cancel (the sink lives on but
+// says that its reader cancelled), request ID N,
 // publish DATA [CHANNEL] (to "/a/b" unless told), ms N, ticks N, flush, destroy (drops the session),
 // and the probes: seen ID (as "ID: <items> end" once it ended), armed (timers armed), active (a
 // connect is open). Every response must come from this session, and no delivered message carries
@@ -88,6 +92,8 @@ protected:
                 session->connectTo(sink, first, hold, true, true);
             } else if (name == "unsink" || name == "destroy") {
                 name == "unsink" ? sink.reset() : session.reset();
+            } else if (name == "cancel") {
+                sink->readerCancelled = true;
             } else if (name == "request") {
                 streams.at(first)->request(std::stoul(second));
             } else if (name == "publish") {
@@ -176,6 +182,8 @@ INSTANTIATE_TEST_SUITE_P(Scripts, LongPollSessionScript, ::testing::ValuesIn(std
         // connect (a long poll whose connection broke: end to end, in the HTTP test).
         {{"sink c1", "unsink", "publish m1", "ms 5", "active", "connect c2", "seen c2"},
          {"active no", "c2: m1 response:c2 end"}},
+        {{"sink c1", "cancel", "publish m1", "ms 5", "active", "connect c2", "seen c2", "seen sink"},
+         {"active no", "c2: m1 response:c2 end", "sink:"}},
 }));
 
 // A pattern is "/..." not ending in "/", with a wildcard only at its very end. Only an accepted

@@ -75,8 +75,9 @@ std::unique_ptr<Message> answerBatch(BayeuxContainer& batch, const Address& addr
 // publisher's cache. Once its reader cancels, the session sees the connect gone.
 //
 // Ownership: the body keeps itself alive until its stream ends (read to its end, or cancelled),
-// as a session keeps a connect's queue: its reader need hold only the subscription. A host that
-// will not send an answer cancels its body.
+// as a session keeps a connect's queue: its reader need hold only the subscription, and the
+// publisher's destructor never finds the stream unfinished. A host that will not send an answer
+// cancels its body.
 //
 // Threading: deliver comes from the session, one call at a time, so `atArrayStart` needs no
 // lock; the publisher's mutex guards the rest, and `ended` is read from any thread. `self` is

@@ -35,7 +35,8 @@ class KORVANE_EXPORT ConnectSink {
 public:
     virtual ~ConnectSink();
     virtual void deliver(std::unique_ptr<Message>&& message) = 0;
-    // May be called from any thread.
+    // May be called from any thread, with the session's lock held: it answers at once and
+    // calls nothing of the session's.
     virtual bool cancelled() const;
 };
 

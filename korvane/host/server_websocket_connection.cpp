@@ -21,6 +21,7 @@
 #include "korvane/frame/logger.h"
 #include "korvane/frame/ring_queue.h"
 #include "korvane/host/deadline_timer.h"
+#include "korvane/host/edge_wait.h"
 #include "korvane/host/host_counters.h"
 #include "korvane/host/loop_link.h"
 #include "korvane/host/relay_subscriber.h"
@@ -82,7 +83,9 @@ DataBuffer closePayload(websocket::close_code code) {
 // tried at once without blocking, and only what the kernel does not take waits for the
 // socket. The peer's messages are read whole, only within the demand the service asked
 // for, and handed to `outbound` on the loop; a plain socket waits for readability and
-// is then read without blocking, so no read buffer is held while the peer is quiet.
+// is then read without blocking, so no read buffer is held while the peer is quiet. After
+// a read that emptied the socket, the wait is an EdgeWait, which starts without a system
+// call.
 //
 // Bounds: the frames waiting for the socket (`queuedBytes`) may not exceed the server's
 // wsBacklogBytes, and a socket write may not wait longer than its writeTimeout; past
@@ -157,6 +160,7 @@ public:
 
 private:
     friend class DeadlineTimer<ServerWebSocketConnection>;
+    friend class EdgeWait<ServerWebSocketConnection>;
     // The service's side of the peer's messages: demand and cancel come on any thread.
     class ReadSubscription : public reactive_streams::Subscription {
     public:
@@ -236,14 +240,20 @@ private:
     // peer's answer to it.
     bool wantsBytes() const { return (readDemand > 0 && !closeRequested) || (closeQueued && !peerClosed); }
 
-    void doRead() {
+    // `drainedJustNow`: a read in the handler now running found the socket empty, so no
+    // edge has gone by unseen.
+    void doRead(bool drainedJustNow = false) {
         if (reading || finished || !wantsBytes()) {
             return;
         }
         reading = true;
         if constexpr (plain) {
-            socket().async_wait(net::socket_base::wait_read,
-                                [self = this->shared_from_this()](beast::error_code error) { self->onReadable(error); });
+            if (drainedJustNow) {
+                readable.start(socket(), this->shared_from_this());
+            } else {
+                socket().async_wait(net::socket_base::wait_read,
+                                    [self = this->shared_from_this()](beast::error_code error) { self->onReadable(error); });
+            }
         } else {
             stream.async_read_some(readSpace(),
                                    [self = this->shared_from_this()](beast::error_code error, std::size_t bytes) {
@@ -258,19 +268,20 @@ private:
     }
 
     void onReadable(beast::error_code error) {
-        std::size_t bytes = 0;
-        if (!error && !finished) {
-            bytes = socket().read_some(readSpace(), error);
-            if (error == net::error::would_block) {
-                reading = false;
-                doRead();
-                return;
-            }
+        if (error || finished) {
+            return onRead(error, 0);
         }
-        onRead(error, bytes);
+        const net::mutable_buffer space = readSpace();
+        const std::size_t bytes = socket().read_some(space, error);
+        if (error == net::error::would_block) {
+            reading = false;
+            return doRead(true);
+        }
+        // A read that got less than it asked for emptied the socket.
+        onRead(error, bytes, !error && bytes < space.size());
     }
 
-    void onRead(beast::error_code error, std::size_t bytes) {
+    void onRead(beast::error_code error, std::size_t bytes, bool drained = false) {
         reading = false;
         if (finished) {
             return;
@@ -285,7 +296,7 @@ private:
         pingSent = false;
         takeFrames();
         reader.release();
-        doRead();
+        doRead(drained);
     }
 
     // Hands on the messages read so far, within the demand, and answers control frames.
@@ -705,6 +716,8 @@ private:
     std::shared_ptr<ReadSubscription> readSubscription;
 
     FrameReader reader;
+    // The wait for the peer's next bytes after a read that emptied the socket (plain sockets).
+    EdgeWait<ServerWebSocketConnection> readable;
     std::string fragments;  // of a message that came in several frames
     bool assembling = false;
     bool messageIsText = true;

@@ -18,6 +18,7 @@
 
 #include "load/link.h"
 #include "load/socket_setup.h"
+#include "korvane/host/edge_wait.h"
 #include "korvane/host/websocket_frames.h"
 
 namespace korvane::load {
@@ -58,6 +59,7 @@ public:
     }
 
 private:
+    friend class korvane::host::EdgeWait<WebSocketState>;
     void open() {
         active = true;
         upgrading = std::make_shared<websocket::stream<beast::tcp_stream>>(io);
@@ -121,25 +123,49 @@ private:
         }
     }
 
-    // Reads straight into the frame reader. Asio tries the read at once (it finds the
-    // socket empty after a wake-up's read) and otherwise queues the operation on the
-    // descriptor, already registered for readiness: a bare wait for readability would
-    // re-arm the descriptor with an epoll_ctl every time. The reader's buffer is not
-    // touched while the read is pending: only this handler uses it, and a failure closes
-    // the socket first. space() goes first: it moves a partial frame to the front and
-    // may grow the room.
-    void readNext() {
+    // Reads straight into the frame reader. Asio tries the read at once and otherwise
+    // queues the operation on the descriptor, already registered for readiness (a bare
+    // wait for readability would re-arm the descriptor with an epoll_ctl every time).
+    // After a read that emptied the socket, even that try would find nothing: the link
+    // then waits for the next edge with an EdgeWait and reads once it comes. The reader's
+    // buffer is not touched while a read is pending: only this handler uses it, and a
+    // failure closes the socket first. space() goes first: it moves a partial frame to
+    // the front and may grow the room.
+    void readNext(bool drainedJustNow = false) {
+        if (drainedJustNow) {
+            waitGeneration = generation;
+            readable.start(socket, shared_from_this());
+            return;
+        }
         char* space = reader.space();
-        socket.async_read_some(boost::asio::buffer(space, reader.spaceSize()),
-                               [self = shared_from_this(), generation = generation](beast::error_code ec,
-                                                                                   std::size_t bytes) {
+        const std::size_t size = reader.spaceSize();
+        socket.async_read_some(boost::asio::buffer(space, size),
+                               [self = shared_from_this(), generation = generation, size](beast::error_code ec,
+                                                                                         std::size_t bytes) {
                                    if (generation == self->generation) {
-                                       self->onRead(ec, bytes);
+                                       self->onRead(ec, bytes, !ec && bytes < size);
                                    }
                                });
     }
 
-    void onRead(beast::error_code ec, std::size_t bytes) {
+    void onReadable(beast::error_code ec) {
+        if (waitGeneration != generation || closed) {
+            return;
+        }
+        if (ec) {
+            return fail("read: " + ec.message());
+        }
+        char* space = reader.space();
+        const std::size_t size = reader.spaceSize();
+        const std::size_t bytes = socket.read_some(boost::asio::buffer(space, size), ec);
+        if (ec == boost::asio::error::would_block) {
+            return readNext(true);
+        }
+        onRead(ec, bytes, !ec && bytes < size);
+    }
+
+    // `drained`: the read got less than it asked for, so the socket is empty.
+    void onRead(beast::error_code ec, std::size_t bytes, bool drained) {
         if (closed) {
             return;
         }
@@ -162,7 +188,7 @@ private:
                 }
             }
         }
-        readNext();
+        readNext(drained);
     }
 
     // Hands every whole frame read so far on; false once the connection failed.
@@ -318,6 +344,10 @@ private:
     tcp::socket socket;
     // Bumped when a connection is dropped, so that the handlers of the old one do nothing.
     unsigned generation = 0;
+    // The wait for the next bytes after a read that emptied the socket, and the
+    // connection it was started for.
+    korvane::host::EdgeWait<WebSocketState> readable;
+    unsigned waitGeneration = 0;
     websocket::response_type upgrade;
     FrameReader reader{kMaxMessageBytes, false};
     std::string fragments;  // a message that came in several frames, so far

@@ -57,14 +57,8 @@ TEST(BrowserSessionTest, FindsOnlyWellFormedSessionIdsInTheCookieHeader) {
     EXPECT_THAT(id, ::testing::MatchesRegex("[0-9a-f]{32}"));
     EXPECT_NE(id, newBrowserSessionId());
     const std::pair<std::string, std::string> cases[] = {  // a Cookie header, the session id found in it
-        {"sid=" + id, id},
-        {"a=1; sid=" + id + "; b=2", id},
-        {"  sid = " + id + " ", id},
-        {"xsid=" + id, ""},
-        {"sid=" + id.substr(1), ""},
-        {"sid=" + id + "0", ""},
-        {"sid=" + std::string(32, 'G'), ""},
-        {"sid=bad; sid=" + id, id},
+        {"sid=" + id, id}, {"a=1; sid=" + id + "; b=2", id}, {"  sid = " + id + " ", id}, {"sid=bad; sid=" + id, id},
+        {"xsid=" + id, ""}, {"sid=" + id.substr(1), ""}, {"sid=" + id + "0", ""}, {"sid=" + std::string(32, 'G'), ""},
         {"", ""},
     };
     for (const auto& [header, found] : cases) {

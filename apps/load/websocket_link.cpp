@@ -123,29 +123,23 @@ private:
         }
     }
 
-    // Reads straight into the frame reader. Asio tries the read at once and otherwise
-    // queues the operation on the descriptor, already registered for readiness (a bare
-    // wait for readability would re-arm the descriptor with an epoll_ctl every time).
-    // After a read that emptied the socket, even that try would find nothing: the link
-    // then waits for the next edge with an EdgeWait and reads once it comes. The reader's
-    // buffer is not touched while a read is pending: only this handler uses it, and a
-    // failure closes the socket first. space() goes first: it moves a partial frame to
-    // the front and may grow the room.
+    // Waits for the server's bytes, then reads them straight into the frame reader in the
+    // same handler. After a read that emptied the socket, the next bytes raise a new edge:
+    // the link waits for it with an EdgeWait, which costs no system call. Any other time
+    // (the first read, one after a read that filled its room) it waits for readability,
+    // which re-arms the descriptor and so sees bytes already there; an Asio read instead
+    // would try the socket at once, and a completion it posts after that try comes in a
+    // later handler, too late to know that no edge went by. space() goes first: it moves
+    // a partial frame to the front and may grow the room.
     void readNext(bool drainedJustNow = false) {
+        waitGeneration = generation;
         if (drainedJustNow) {
-            waitGeneration = generation;
             readable.start(socket, shared_from_this());
-            return;
+        } else {
+            socket.async_wait(tcp::socket::wait_read, [self = shared_from_this(), generation = generation](beast::error_code ec) {
+                if (generation == self->generation) self->onReadable(ec);
+            });
         }
-        char* space = reader.space();
-        const std::size_t size = reader.spaceSize();
-        socket.async_read_some(boost::asio::buffer(space, size),
-                               [self = shared_from_this(), generation = generation, size](beast::error_code ec,
-                                                                                         std::size_t bytes) {
-                                   if (generation == self->generation) {
-                                       self->onRead(ec, bytes, !ec && bytes < size);
-                                   }
-                               });
     }
 
     void onReadable(beast::error_code ec) {

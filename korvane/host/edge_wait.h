@@ -43,8 +43,10 @@ public:
     EdgeWait(const EdgeWait&) = delete;
     EdgeWait& operator=(const EdgeWait&) = delete;
 
-    // Precondition: the caller's last read of `socket`, in the handler now running, found
-    // it drained (a short read or would_block), and no wait of this EdgeWait is queued.
+    // Precondition: the caller's last read of `socket`, made in the handler now running,
+    // found it drained (a short read or would_block), and no wait of this EdgeWait is
+    // queued. An Asio read whose immediate try succeeded does not count: its completion
+    // is posted, and the reactor may take an edge before it runs.
     template <class Executor>
     void start(boost::asio::basic_stream_socket<boost::asio::ip::tcp, Executor>& socket, std::shared_ptr<Owner> owner) {
         auto& implementation = SocketAccess<Executor>::implementationOf(socket);

@@ -204,6 +204,15 @@ std::vector<Flag> flags() {
              options.host.http.bayeuxPath = requirePath(name, value);
          }},
         {"--threads", "N", "one per usable CPU", "I/O threads", setNumber(&host::HttpServerOptions::threads, 1024)},
+        {"--batched-writes", "on|off", "on",
+         "a loop's WebSocket writes of one turn go in one io_uring submission, where the kernel allows; "
+         "off: a system call each",
+         [](Options& options, const std::string& name, const std::string& value) {
+             if (value != "on" && value != "off") {
+                 throw apps::invalidValue(name, value);
+             }
+             options.host.http.batchedWrites = value == "on";
+         }},
         {"--static", "DIR", "the installed page, share/korvane-bayeux/web", "files served for every other path",
          setText(&host::HttpServerOptions::staticRoot)},
         {"--log-levels", "[CHANNEL=]MASK", describe(defaultLogSettings),

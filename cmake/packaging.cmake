@@ -36,7 +36,7 @@ set(CPACK_DEBIAN_SERVER_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/packaging/co
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libkorvane-bayeux-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 # What the installed CMake package file asks for when a program builds against it.
-set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libboost-log1.74-dev, libboost-thread1.74-dev, libssl-dev")
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libboost-log1.74-dev, libboost-thread1.74-dev, libssl-dev, liburing-dev")
 set(CPACK_COMPONENT_SERVER_DESCRIPTION "Bayeux publish/subscribe server over long-polling and WebSocket")
 set(CPACK_COMPONENT_DEV_DESCRIPTION "Embeddable Bayeux server library: headers and CMake package")
 set(CPACK_COMPONENT_DEV_DEPENDS server)

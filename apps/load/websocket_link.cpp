@@ -1,7 +1,8 @@
 // The WebSocket link: one connection, one write at a time; messages queued while a
 // write is in flight go out together as one array once it completes. Beast makes
 // the HTTP upgrade; the frames that follow are read and written by hand over the
-// bare socket (see websocket_frames.h for why).
+// bare socket (see websocket_frames.h for why). Writes go with the other links' of the
+// loop's turn in one submission where the kernel allows (loop_writes.h).
 //
 // Threading: everything runs on the owning client's io_context, which one thread
 // runs. The state is shared with the pending handlers and outlives close().
@@ -19,6 +20,7 @@
 #include "load/link.h"
 #include "load/socket_setup.h"
 #include "korvane/host/edge_wait.h"
+#include "korvane/host/loop_writes.h"
 #include "korvane/host/websocket_frames.h"
 
 namespace korvane::load {
@@ -35,7 +37,7 @@ using tcp = boost::asio::ip::tcp;
 
 constexpr std::size_t kMaxMessageBytes = 64 * 1024 * 1024;
 
-class WebSocketState : public std::enable_shared_from_this<WebSocketState> {
+class WebSocketState : public host::LoopWriter, public std::enable_shared_from_this<WebSocketState> {
 public:
     WebSocketState(boost::asio::io_context& io, const LinkTarget& target, LinkEvents events)
         : io(io),
@@ -111,6 +113,7 @@ private:
         }
         socket = beast::get_lowest_layer(*upgrading).release_socket();
         upgrading.reset();
+        loopWrites = &host::LoopWrites::of(io, true);
         // Writes are tried at once and wait for the socket only for what it did not take.
         socket.non_blocking(true, ec);
         if (ec) {
@@ -247,16 +250,18 @@ private:
             flushAfterRead = true;
             return;
         }
-        if (flushPosted) {
-            return;
+        if (!flushPosted) {
+            flushPosted = true;
+            loopWrites->wake(shared_from_this());
         }
-        flushPosted = true;
-        boost::asio::post(io, [self = shared_from_this(), generation = generation] {
-            self->flushPosted = false;
-            if (generation == self->generation && self->isOpen && !self->writing && self->hasOutgoing()) {
-                self->writeQueued();
-            }
-        });
+    }
+
+    // The loop's turn after flushSoon(): on whichever connection is open by then.
+    void onWoken() override {
+        flushPosted = false;
+        if (isOpen && !writing && hasOutgoing()) {
+            writeQueued();
+        }
     }
 
     bool hasOutgoing() const { return !queued.empty() || !control.empty(); }
@@ -270,13 +275,32 @@ private:
             moveIntoArray(queued, array);
             appendMaskedFrame(outgoing, Opcode::text, array, nextMask());
         }
+        writeGeneration = generation;
+        const boost::asio::const_buffer whole = boost::asio::buffer(outgoing);
+        if (loopWrites->add(shared_from_this(), &whole, 1)) {
+            return;  // onBatchWritten goes on
+        }
         beast::error_code ec;
         const std::size_t sent = socket.write_some(boost::asio::buffer(outgoing), ec);
+        onTried(ec, sent);
+    }
+
+    // The socket of the connection the write was made for, -1 once it is dropped.
+    int batchedSocket() override { return writeGeneration == generation ? socket.native_handle() : -1; }
+
+    void onBatchWritten(boost::system::error_code error, std::size_t written) override {
+        if (writeGeneration == generation) {
+            onTried(error, written);
+        }
+    }
+
+    // After a write tried without blocking: what the socket did not take waits for it.
+    void onTried(beast::error_code ec, std::size_t sent) {
         if (ec != boost::asio::error::would_block && (ec || sent == outgoing.size())) {
             return onWritten(ec);
         }
         boost::asio::async_write(
-            socket, boost::asio::buffer(outgoing) + (ec ? 0 : sent),
+            socket, boost::asio::buffer(outgoing) + sent,
             [self = shared_from_this(), generation = generation](beast::error_code ec, std::size_t) {
                 if (generation == self->generation) {
                     self->onWritten(ec);
@@ -342,6 +366,8 @@ private:
     // connection it was started for.
     korvane::host::EdgeWait<WebSocketState> readable;
     unsigned waitGeneration = 0;
+    unsigned writeGeneration = 0;  // of the write under way
+    host::LoopWrites* loopWrites = nullptr;  // the loop's, from the upgrade on
     websocket::response_type upgrade;
     FrameReader reader{kMaxMessageBytes, false};
     std::string fragments;  // a message that came in several frames, so far

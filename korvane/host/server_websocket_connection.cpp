@@ -24,6 +24,7 @@
 #include "korvane/host/edge_wait.h"
 #include "korvane/host/host_counters.h"
 #include "korvane/host/loop_link.h"
+#include "korvane/host/loop_writes.h"
 #include "korvane/host/relay_subscriber.h"
 #include "korvane/host/server_state.h"
 #include "korvane/host/websocket_frames.h"
@@ -77,15 +78,16 @@ DataBuffer closePayload(websocket::close_code code) {
 //
 // The service's frames (`inbound`) come through `frameInbox` and are written in
 // order; those ready together (a delivery and the connect reply behind it) leave in one
-// gathered socket write. The inbox's first frame wakes the connection by a defer, which from
-// an I/O thread runs only once the handler that made the frame has returned, so that a
-// reply put in the inbox just after its message joins it. On a plain socket the write is
-// tried at once without blocking, and only what the kernel does not take waits for the
-// socket. The peer's messages are read whole, only within the demand the service asked
-// for, and handed to `outbound` on the loop; a plain socket waits for readability and
-// is then read without blocking, so no read buffer is held while the peer is quiet. After
-// a read that emptied the socket, the wait is an EdgeWait, which starts without a system
-// call.
+// gathered socket write. The inbox's first frame wakes the connection at the loop's next
+// turn (loop_writes.h), which from an I/O thread comes only once the handler that made
+// the frame has returned, so that a reply put in the inbox just after its message joins
+// it. On a plain socket the write is tried without blocking, with the turn's other writes
+// in one io_uring submission where the loop batches them, and only what the kernel does
+// not take waits for the socket. The peer's messages are read whole, only within the
+// demand the service asked for, and handed to `outbound` on the loop; a plain socket
+// waits for readability and is then read without blocking, so no read buffer is held
+// while the peer is quiet. After a read that emptied the socket, the wait is an EdgeWait,
+// which starts without a system call.
 //
 // Bounds: the frames waiting for the socket (`queuedBytes`) may not exceed the server's
 // wsBacklogBytes, and a socket write may not wait longer than its writeTimeout; past
@@ -98,9 +100,10 @@ DataBuffer closePayload(websocket::close_code code) {
 // connection's loop, whose one thread runs its handlers one at a time; signals from
 // the service's threads come through `frameInbox` and `link`. shutdown() posts; abandon()
 // runs on the stopping thread once no I/O thread is left. Nothing here takes a lock
-// but the relay's own.
+// but the relay's own and the loop's wake list's (LoopWrites::wake).
 template <class Stream>
 class ServerWebSocketConnection : public ConnectionTracker::Tracked,
+                                  public LoopWriter,
                                   public std::enable_shared_from_this<ServerWebSocketConnection<Stream>> {
 public:
     using Executor = typename Stream::executor_type;
@@ -207,12 +210,15 @@ private:
         if constexpr (plain) {
             socket().non_blocking(true, error);
         }
+        loopWrites = &LoopWrites::of(loopExecutor.context(), state->options.batchedWrites);
         lastRead = Clock::now();
         armDeadline(lastRead + state->options.wsIdle / 2);
-        // The service's frames on their way from its threads to the loop: one post carries
+        // The service's frames on their way from its threads to the loop: one wake carries
         // every frame that arrived before the connection took them.
         frameInbox = std::make_shared<RelaySubscriber<WebSocketFrame>>([link = link] {
-            link->defer([](ServerWebSocketConnection& connection) { connection.onInboxReady(); });
+            link->visit([](ServerWebSocketConnection& connection) {
+                connection.loopWrites->wake(connection.shared_from_this());
+            });
         });
         readSubscription = std::make_shared<ReadSubscription>(link);
         try {
@@ -412,7 +418,7 @@ private:
 
     // ---- to the peer -------------------------------------------------------------------
 
-    void onInboxReady() {
+    void onWoken() override {
         takeInbox();
         doWrite();
     }
@@ -490,33 +496,48 @@ private:
 
     void doWrite() {
         while (!writing && !finished && !writeQueue.empty()) {
-            const std::size_t bytes = gatherFrames();
+            gatherFrames();
             writing = true;
             if constexpr (plain) {
+                if (loopWrites->add(this->shared_from_this(), sendBuffers.data(), sendBuffers.size())) {
+                    return;  // onBatchWritten goes on
+                }
                 beast::error_code error;
                 const std::size_t written = socket().write_some(sendBuffers, error);
-                if (!error && written == bytes) {
-                    onWritten(error);
-                    continue;
-                }
-                if (error && error != net::error::would_block) {
-                    onWritten(error);
-                    return;
-                }
-                skipWritten(error ? 0 : written);
+                onTried(error, written);
+            } else {
+                writeRest();
             }
-            writeStarted = Clock::now();
-            if (state->options.writeTimeout.count() != 0) {
-                armDeadline(writeStarted + state->options.writeTimeout);
-            }
-            net::async_write(stream, sendBuffers, [self = this->shared_from_this()](beast::error_code error, std::size_t) {
-                self->onWritten(error);
-            });
         }
     }
 
-    // Lays the frames at the front of the queue out for one write; returns its length.
-    std::size_t gatherFrames() {
+    int batchedSocket() override { return socket().is_open() ? socket().native_handle() : -1; }
+
+    void onBatchWritten(boost::system::error_code error, std::size_t written) override { onTried(error, written); }
+
+    // After a write tried without blocking: what the socket did not take waits for it.
+    void onTried(beast::error_code error, std::size_t written) {
+        if ((!error && written == sendingBytes) || (error && error != net::error::would_block)) {
+            onWritten(error);
+            return;
+        }
+        skipWritten(written);
+        writeRest();
+    }
+
+    void writeRest() {
+        waitingForSocket = true;
+        writeStarted = Clock::now();
+        if (state->options.writeTimeout.count() != 0) {
+            armDeadline(writeStarted + state->options.writeTimeout);
+        }
+        net::async_write(stream, sendBuffers, [self = this->shared_from_this()](beast::error_code error, std::size_t) {
+            self->onWritten(error);
+        });
+    }
+
+    // Lays the frames at the front of the queue out for one write of `sendingBytes`.
+    void gatherFrames() {
         sendingFrames = std::min(writeQueue.size(), maxFramesPerWrite);
         sendBuffers.clear();
         std::size_t bytes = 0;
@@ -529,7 +550,7 @@ private:
             }
             bytes += headerBytes + frame.data.size;
         }
-        return bytes;
+        sendingBytes = bytes;
     }
 
     // Drops what a partial write took from the front of `sendBuffers`.
@@ -544,6 +565,7 @@ private:
 
     void onWritten(beast::error_code error) {
         writing = false;
+        waitingForSocket = false;
         const bool closeWasWritten = closeWritten;
         for (std::size_t i = 0; i < sendingFrames; ++i) {
             const WebSocketFrame& frame = writeQueue.front();
@@ -586,7 +608,7 @@ private:
         }
         const Clock::time_point now = Clock::now();
         const auto writeTimeout = state->options.writeTimeout;
-        const bool timingWrite = writing && writeTimeout.count() != 0;
+        const bool timingWrite = waitingForSocket && writeTimeout.count() != 0;
         if (timingWrite && now - writeStarted >= writeTimeout) {
             writeTimedOut = true;
             beast::error_code ignored;
@@ -693,6 +715,9 @@ private:
     // What every connect cycle reads or writes, together, beside the socket.
     bool reading = false;
     bool writing = false;
+    // The write under way waits for the socket, writeTimeout from writeStarted on; a write
+    // still in the loop's batch has not been tried yet.
+    bool waitingForSocket = false;
     bool flushPosted = false;
     bool writeTimedOut = false;
     bool pingSent = false;
@@ -704,6 +729,7 @@ private:
     unsigned long readDemand = 0;
     std::size_t queuedBytes = 0;
     std::size_t sendingFrames = 0;  // at the front of writeQueue, in the write under way
+    std::size_t sendingBytes = 0;
     Clock::time_point lastRead;
 
     const std::shared_ptr<ServerState> state;
@@ -723,6 +749,7 @@ private:
     bool messageIsText = true;
 
     common::RingQueue<WebSocketFrame> writeQueue;
+    LoopWrites* loopWrites = nullptr;  // the loop's; it wakes the connection and may make its writes
     std::array<std::array<std::uint8_t, maxFrameHeaderBytes>, maxFramesPerWrite> sendHeaders;
     std::vector<net::const_buffer> sendBuffers;
 

@@ -173,11 +173,14 @@ std::string framesUntilClose(boost::asio::ip::tcp::socket& socket) {
 }
 
 // Each row's frames come from a raw client after the upgrade; the server's frames up to
-// its close (or the end of the stream) are what the row expects.
+// its close (or the end of the stream) are what the row expects, whether the loop's
+// writes go in batches or one by one.
 TEST_F(HttpServerTest, AnswersWebSocketControlFramesAndClosesOnEachProtocolFault) {
     HttpServerOptions limited = options();
     limited.maxWsMessageBytes = 4096;  // a single frame at its bound and past it is the end-to-end tests' to send
     limited.wsIdle = 400ms;
+    for (const bool batched : {true, false}) {
+    limited.batchedWrites = batched;
     start(limited);
     const auto masked = [](Opcode opcode, const std::string& payload, bool final = true) {
         std::string frame;
@@ -212,7 +215,8 @@ TEST_F(HttpServerTest, AnswersWebSocketControlFramesAndClosesOnEachProtocolFault
         ASSERT_THAT(head, ::testing::StartsWith("HTTP/1.1 101"));
         ASSERT_EQ(head.size(), head.find("\r\n\r\n") + 4) << "read past the upgrade's answer";
         boost::asio::write(socket, boost::asio::buffer(frames));
-        EXPECT_EQ(framesUntilClose(socket), answer) << frames.substr(0, 12);
+        EXPECT_EQ(framesUntilClose(socket), answer) << frames.substr(0, 12) << (batched ? " batched" : "");
+    }
     }
 }
 

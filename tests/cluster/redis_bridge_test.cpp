@@ -201,17 +201,11 @@ TEST(BoundedQueueConcurrency, EveryProducersOrderSurvivesEveryItemIsTakenOrCount
             last[item->first] = item->second;
         }
     });
-    std::vector<std::thread> threads;
-    for (int p = 0; p < producers; ++p) {
-        threads.emplace_back([&, p] {
-            for (int i = 0; i < perProducer; ++i) {
-                refused += queue.push({p, i}) == Queue::Push::Dropped;
-            }
-        });
-    }
-    for (auto& thread : threads) {
-        thread.join();
-    }
+    test_support::onThreads(producers, [&](int p) {
+        for (int i = 0; i < perProducer; ++i) {
+            refused += queue.push({p, i}) == Queue::Push::Dropped;
+        }
+    });
     ASSERT_TRUE(test_support::eventually([&] { return queue.size() == 0; }));
     queue.close();
     consumer.join();
@@ -294,23 +288,20 @@ TEST(RedisBridgeConcurrency, ThreadsPublishingOnOneServerReachTheOtherOnceEachIn
 
     constexpr int threads = 4, perThread = 250;
     std::map<std::string, Texts> sent, received;  // "<channel> <id> <data>" by publisher's client id, in order
-    std::vector<std::thread> publishers;
+    std::vector<std::shared_ptr<bayeux::LocalBayeuxSession>> sessions;
     for (int t = 0; t < threads; ++t) {
-        auto session = east.participant();
-        const std::string channel = "/room/" + std::to_string(t);
+        sessions.push_back(east.participant());
         for (int n = 0; n < perThread; ++n) {
-            sent[session->getId()].push_back(channel + " " + std::to_string(n) + " " + std::to_string(n));
+            sent[sessions.back()->getId()].push_back("/room/" + std::to_string(t) + " " + std::to_string(n) + " " +
+                                                     std::to_string(n));
         }
-        publishers.emplace_back([session, channel] {
-            for (int n = 0; n < perThread; ++n) {
-                session->publish(makeMessage(channel, std::to_string(n), std::to_string(n)));
-            }
-            session->publish(makeMessage("/service/private", "1"));
-        });
     }
-    for (auto& publisher : publishers) {
-        publisher.join();
-    }
+    test_support::onThreads(threads, [&sessions](int t) {
+        for (int n = 0; n < perThread; ++n) {
+            sessions[t]->publish(makeMessage("/room/" + std::to_string(t), std::to_string(n), std::to_string(n)));
+        }
+        sessions[t]->publish(makeMessage("/service/private", "1"));
+    });
     ASSERT_TRUE(farSide->waitFor([](Inbox& i) { return i.seen().size() >= threads * perThread; }, 10s));
     std::this_thread::sleep_for(200ms);
     farSide->read([&](const auto& messages) {

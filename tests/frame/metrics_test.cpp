@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "korvane/frame/thread_counters.h"
+#include "support/test_helpers.h"
 
 namespace korvane::common {
 
@@ -35,16 +36,6 @@ TEST(MetricsWriter, EscapesLabelValues) {
 TEST(ThreadCountersConcurrency, TotalsGrowSteadilyWhileThreadsCountAndExit) {
     ThreadCounters& counters = ThreadCounters::process(2, 1);
     constexpr std::uint64_t threads = 4, adds = 20000;
-    std::vector<std::thread> workers;
-    for (std::uint64_t worker = 0; worker < threads; ++worker) {
-        workers.emplace_back([&counters, worker] {
-            for (std::uint64_t i = 0; i < adds; ++i) {
-                counters.add(0);
-                counters.add(1, 2);
-            }
-            counters.raise(2, 100 + worker);
-        });
-    }
     // Scraped while the threads count and exit, each folding its block into the retired totals.
     std::atomic<bool> joined{false};
     std::thread scraper([&counters, &joined] {
@@ -55,9 +46,13 @@ TEST(ThreadCountersConcurrency, TotalsGrowSteadilyWhileThreadsCountAndExit) {
             seen = now;
         }
     });
-    for (std::thread& worker : workers) {
-        worker.join();
-    }
+    test_support::onThreads(threads, [&counters](int worker) {
+        for (std::uint64_t i = 0; i < adds; ++i) {
+            counters.add(0);
+            counters.add(1, 2);
+        }
+        counters.raise(2, 100 + static_cast<std::uint64_t>(worker));
+    });
     joined = true;
     scraper.join();
     EXPECT_EQ(counters.totals(), (std::vector<std::uint64_t>{threads * adds, 2 * threads * adds, 100 + threads - 1}));

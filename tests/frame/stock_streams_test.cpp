@@ -166,16 +166,12 @@ TEST(CachedValuePublisherConcurrency, EveryValueArrivesOnceInPerThreadOrder) {
         }
     };
     publisher->subscribe(batches);
-    std::vector<std::thread> publishers;
-    for (int t = 0; t < threads; ++t) {
-        publishers.emplace_back([&publisher, t] {
-            for (int i = 0; i < perThread; ++i) {
-                publisher->publish(t * perThread + i);
-                std::this_thread::yield();  // lets the drain catch up, so the cache runs empty with demand left
-            }
-        });
-    }
-    std::for_each(publishers.begin(), publishers.end(), [](std::thread& thread) { thread.join(); });
+    test_support::onThreads(threads, [&publisher](int t) {
+        for (int i = 0; i < perThread; ++i) {
+            publisher->publish(t * perThread + i);
+            std::this_thread::yield();  // lets the drain catch up, so the cache runs empty with demand left
+        }
+    });
     // Batches may have run dry between a request and the next publish: top up until everything has arrived.
     while (received.load() < threads * perThread) {
         batches->request(1);

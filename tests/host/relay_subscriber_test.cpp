@@ -10,6 +10,8 @@
 #include <thread>
 #include <vector>
 
+#include "support/test_helpers.h"
+
 namespace korvane::host {
 namespace {
 
@@ -117,17 +119,11 @@ TEST(GatheringRelayConcurrency, SignalsFromTwoThreadsArriveOnceEachInTheirOrder)
             }
         }
     });
-    std::thread producers[2];
-    for (int which = 0; which < 2; ++which) {
-        producers[which] = std::thread([&relay, which] {
-            for (int index = 0; index < perThread; ++index) {
-                relay->onNext(which * perThread + index);
-            }
-        });
-    }
-    for (std::thread& producer : producers) {
-        producer.join();
-    }
+    test_support::onThreads(2, [&relay](int which) {
+        for (int index = 0; index < perThread; ++index) {
+            relay->onNext(which * perThread + index);
+        }
+    });
     producing = false;
     loop.join();
     ASSERT_EQ(arrived.size(), 2u * perThread);

@@ -21,6 +21,7 @@
 #include "korvane/frame/manual_timer_backend.h"
 #include "korvane/host/loop_timer_backend.h"
 #include "korvane/host/threaded_timer_backend.h"
+#include "support/test_helpers.h"
 
 namespace korvane::host {
 namespace {
@@ -31,33 +32,38 @@ using common::TimerHandle;
 using Names = std::vector<std::string>;
 using Ticks = std::vector<long long>;
 
-// The loop backend attached to a loop of its own, run by two threads as the server's I/O threads run it.
+// The loop backend attached to two loops, each run by a thread of its own inside its scope, as the HTTP server
+// runs them.
 class LoopDrivenTimers : public LoopTimerBackend {
 public:
     ~LoopDrivenTimers() override { stop(); }
     void start() {
-        attach({&loop});
-        work.emplace(loop.get_executor());
-        for (std::thread& thread : threads) {
-            thread = std::thread([this] { loop.run(); });
+        attach({&loops[0], &loops[1]});
+        for (std::size_t index = 0; index < 2; ++index) {
+            work[index].emplace(loops[index].get_executor());
+            threads[index] = std::thread([this, index] {
+                LoopScope scope(*this, index);
+                loops[index].run();
+            });
         }
     }
-    // The threads leave the loop only if nothing of the backend is left waiting on it.
+    // The threads leave their loops only if nothing of the backend is left waiting on them.
     void stop() {
         detach();
-        work.reset();
-        for (std::thread& thread : threads) {
-            if (thread.joinable()) {
-                thread.join();
+        for (std::size_t index = 0; index < 2; ++index) {
+            work[index].reset();
+            if (threads[index].joinable()) {
+                threads[index].join();
             }
+            loops[index].restart();
         }
-        loop.restart();
     }
 
-private:
-    boost::asio::io_context loop;
-    std::optional<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>> work;
+    boost::asio::io_context loops[2];
     std::thread threads[2];
+
+private:
+    std::optional<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>> work[2];
 };
 
 // Drives any backend and collects what its callbacks note. The generous wait guards against a hang, it is
@@ -249,38 +255,17 @@ TEST_F(ManualTimerTest, CallbacksArmTimersAndMoveTheClockWithinAnAdvanceWithoutD
     EXPECT_EQ(pass(200ms).back(), "after both");
 }
 
-// Half the timers are armed in due order, many falling due together, as batch timers are; the rest anywhere.
-TEST_F(ManualTimerTest, ManyTimersReleasedAtRandomPlacesInTheQueueLeaveTheRestInDueOrder) {
-    std::mt19937 random(42);
-    std::vector<TimerHandle> handles[2];  // kept, and released once all are armed
-    std::multimap<long long, std::string> kept;  // by due time, equal ones in the order they were armed
-    long long inOrderDue = 0;
-    for (int index = 0; index < 2000; ++index) {
-        inOrderDue += random() % 3;
-        const long long due = random() % 2 == 0 ? inOrderDue : random() % 5001;
-        const bool released = random() % 3 == 0;
-        handles[released].push_back(at(std::chrono::milliseconds(due), std::to_string(index)));
-        if (!released) {
-            kept.emplace(due, std::to_string(index));
-        }
-    }
-    handles[1].clear();
-    EXPECT_EQ(backend->armedCount(), kept.size());
-    Names expected(kept.size());
-    std::transform(kept.begin(), kept.end(), expected.begin(), [](const auto& timer) { return timer.second; });
-    EXPECT_EQ(pass(5000ms), expected);
-}
-
-// Rearmable timers moved about at random among plain ones, into the lane, out of it and within it, and some
-// released: each of the rest runs once, at its last arming's time, in due order with the plain ones.
-TEST_F(ManualTimerTest, RearmableTimersMovedAboutRunOnceAtTheirLastArmingInDueOrder) {
+// Rearmable timers moved about at random among plain ones, into the lane, out of it and within it, and some of
+// each released from random places in the queue once all are armed: each of the rest runs once, at its last
+// arming's time, in due order, equal times in the order they were armed.
+TEST_F(ManualTimerTest, TimersMovedAboutAndReleasedAtRandomRunOnceAtTheirLastArmingInDueOrder) {
     const auto noteWithTime = [this](const std::string& name) {
         return [this, name](long long) { note(name + " at " + std::to_string(backend->now().count())); };
     };
     std::mt19937 random(7);
     std::vector<std::unique_ptr<common::RearmableTimer>> rearmables;
     std::vector<std::pair<long long, int>> armedAt;  // each rearmable's (due, arming order); due -1: not armed
-    std::vector<TimerHandle> plain;
+    std::vector<TimerHandle> plain[2];  // kept, and released once all are armed
     std::map<std::pair<long long, int>, std::string> expected;  // run order: by due time, then by arming
     // Half of them rise slowly, as batch timers do, and join the lane; the others fall due no later, or beyond
     // the lane's reach (50 ms), and wait in the heap.
@@ -289,8 +274,11 @@ TEST_F(ManualTimerTest, RearmableTimersMovedAboutRunOnceAtTheirLastArmingInDueOr
         const long long due = random() % 2 == 0 ? rising : random() % 8 == 0 ? 60 + rising : random() % (rising + 1);
         if (random() % 4 == 0) {
             const std::string name = "plain " + std::to_string(order);
-            plain.push_back(backend->schedule(noteWithTime(name), std::chrono::milliseconds(due), 0ms));
-            expected.emplace(std::make_pair(due, order), name + " at " + std::to_string(due));
+            const bool released = random() % 3 == 0;
+            plain[released].push_back(backend->schedule(noteWithTime(name), std::chrono::milliseconds(due), 0ms));
+            if (!released) {
+                expected.emplace(std::make_pair(due, order), name + " at " + std::to_string(due));
+            }
             continue;
         }
         const std::size_t index = random() % 100;
@@ -305,6 +293,7 @@ TEST_F(ManualTimerTest, RearmableTimersMovedAboutRunOnceAtTheirLastArmingInDueOr
         rearmables[which]->arm(std::chrono::milliseconds(due));
         expected.emplace(armedAt[which], "rearmable " + std::to_string(which) + " at " + std::to_string(due));
     }
+    plain[1].clear();
     for (std::size_t which = 0; which < rearmables.size(); which += 3) {
         rearmables[which] = nullptr;
         expected.erase(armedAt[which]);
@@ -316,15 +305,6 @@ TEST_F(ManualTimerTest, RearmableTimersMovedAboutRunOnceAtTheirLastArmingInDueOr
     }
     EXPECT_EQ(pass(5000ms), inOrder);
     EXPECT_EQ(backend->armedCount(), 0u);
-}
-
-// A long wait stays in the heap, a short one armed later for the same time waits in the lane: the one armed
-// first runs first.
-TEST_F(ManualTimerTest, EqualDueTimesInTheHeapAndTheLaneRunInTheOrderTheyWereArmed) {
-    auto armedFirst = at(60ms, "armed first");
-    EXPECT_EQ(pass(20ms), Names{});
-    auto armedSecond = at(40ms, "armed second");
-    EXPECT_EQ(pass(40ms), (Names{"armed first", "armed second"}));
 }
 
 // A callback's exception reaches the advancing test and retires its timer; setTick runs nothing until the next
@@ -349,46 +329,6 @@ TEST_F(ManualTimerTest, ExceptionsSetTickAndTheMissingBackend) {
 
     common::installTimerBackend(nullptr);
     EXPECT_THROW(common::periodic([](long long) {}, 1), std::runtime_error) << "each call asks for the backend first";
-}
-
-// Threads arm timers through the free functions while the backend is replaced and removed: an install hands the
-// replaced backend back only once no call is inside it, and a call that finds none installed throws.
-TEST(TimerBackendInstall, HandsTheReplacedBackendBackOnceNoCallIsInsideIt) {
-    struct SlowBackend : ManualTimerBackend {
-        std::atomic<int> inside{0};
-        TimerHandle schedule(common::TimerCallback callback, std::chrono::milliseconds first,
-                             std::chrono::milliseconds period) override {
-            ++inside;
-            std::this_thread::sleep_for(20us);
-            TimerHandle handle = ManualTimerBackend::schedule(std::move(callback), first, period);
-            --inside;
-            return handle;
-        }
-    };
-    std::atomic<bool> stop{false};
-    std::atomic<int> armed{0}, refused{0}, stillInside{0};
-    auto arm = [&] {
-        while (!stop) {
-            try {
-                common::delay([](long long) {}, 1);
-                ++armed;
-            } catch (const std::runtime_error&) {
-                ++refused;
-            }
-        }
-    };
-    std::thread threads[] = {std::thread(arm), std::thread(arm), std::thread(arm)};
-    for (int round = 0; round < 100 || armed < 100 || refused < 10; ++round) {
-        auto replaced = common::installTimerBackend(round % 3 == 2 ? nullptr : std::make_shared<SlowBackend>());
-        if (auto* slow = dynamic_cast<SlowBackend*>(replaced.get())) {
-            stillInside += slow->inside.load();
-        }
-    }
-    stop = true;
-    for (auto& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(stillInside.load(), 0);
 }
 
 // The backends whose callbacks run on threads of their own, against the real clock.
@@ -422,33 +362,44 @@ TYPED_TEST(RealClockTimerConcurrency, EarlierTimersWakeTheWaitAndNothingRunsWhil
     EXPECT_EQ(this->waitFor(3), (Names{"refused", "10ms", "came due while stopped"}));
 }
 
-// Threads arm timers and release them, some while their callbacks run: a release waits for a callback running on
-// another thread and frees its captures, no callback starts after its release returned, and none overlaps another.
+// Threads arm timers and release them, some while their callbacks run, and arm one rearmable timer over and over
+// under the lock its callback takes, as a session's publishers do: a release waits for a callback running on another
+// thread and frees its captures, no callback starts after its release returned or overlaps another, and no arming
+// waits for the callback.
 TYPED_TEST(RealClockTimerConcurrency, ReleaseWaitsForItsRunningCallbackAndNoCallbackStartsAfterItOrOverlapsAnother) {
+    std::mutex jobMutex;
     std::atomic<int> ran{0}, ranAfterRelease{0}, returnedEarly{0}, running{0}, overlaps{0}, capturesKept{0};
+    const auto job = [&](const std::atomic<bool>& released) {
+        overlaps += running++ != 0 ? 1 : 0;
+        ranAfterRelease += released ? 1 : 0;
+        std::this_thread::sleep_for(++ran % 2 == 0 ? 300us : 0us);  // long enough for a release to come
+        returnedEarly += released ? 1 : 0;  // its release returned while it still ran
+        --running;
+    };
+    std::atomic<bool> rearmableReleased{false};
+    auto rearmable = this->backend->makeRearmableTimer([&](long long) {
+        std::lock_guard<std::mutex> guard(jobMutex);
+        job(rearmableReleased);
+    });
     auto armAndRelease = [&](int thread) {
         for (int round = 0; round < 300; ++round) {
             auto released = std::make_shared<std::atomic<bool>>(false);
-            auto handle = this->backend->schedule(
-                [&, released](long long) {
-                    overlaps += running++ != 0 ? 1 : 0;
-                    ranAfterRelease += *released ? 1 : 0;
-                    std::this_thread::sleep_for(++ran % 2 == 0 ? 300us : 0us);  // long enough for a release to come
-                    returnedEarly += *released ? 1 : 0;  // its release returned while it still ran
-                    --running;
-                },
-                std::chrono::milliseconds(round % 3), std::chrono::milliseconds(thread % 2));
+            auto handle = this->backend->schedule([&job, released](long long) { job(*released); },
+                                                  std::chrono::milliseconds(round % 3), std::chrono::milliseconds(thread % 2));
+            {
+                std::lock_guard<std::mutex> guard(jobMutex);
+                rearmable->arm(std::chrono::milliseconds(round % 2));
+            }
             std::this_thread::sleep_for(std::chrono::milliseconds(round % 3));  // about when it falls due
             handle = nullptr;
             capturesKept += released.use_count() != 1 ? 1 : 0;
             released->store(true);
         }
     };
-    std::thread threads[] = {std::thread(armAndRelease, 0), std::thread(armAndRelease, 1),
-                             std::thread(armAndRelease, 2), std::thread(armAndRelease, 3)};
-    for (auto& thread : threads) {
-        thread.join();
-    }
+    test_support::onThreads(4, armAndRelease);
+    rearmable = nullptr;
+    EXPECT_EQ(running.load(), 0) << "the rearmable timer's release returned while its callback ran";
+    rearmableReleased = true;
     EXPECT_EQ(this->pass(5ms), Names{});
     EXPECT_EQ(ranAfterRelease.load(), 0);
     EXPECT_EQ(returnedEarly.load() + capturesKept.load(), 0) << "a release returned before its callback, or kept its captures";
@@ -456,102 +407,36 @@ TYPED_TEST(RealClockTimerConcurrency, ReleaseWaitsForItsRunningCallbackAndNoCall
     EXPECT_GT(ran.load(), 0) << "no callback raced with its release";
 }
 
-// Two loops, each run by a thread of its own inside its scope, as the HTTP server runs them: a timer armed on a
-// loop's thread, plain or rearmable, runs on that thread, and a rearmable one stays there when armed elsewhere
-// later; one armed on any other thread runs on the first loop's. Nothing runs while detached.
-TEST(LoopTimerBackendLoops, TimersRunOnTheLoopWhoseThreadArmedThem) {
-    auto backend = std::make_shared<LoopTimerBackend>();
-    boost::asio::io_context loops[2];
-    backend->attach({&loops[0], &loops[1]});
-    std::optional<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>> work[2];
-    std::thread threads[2];
-    for (std::size_t index = 0; index < 2; ++index) {
-        work[index].emplace(loops[index].get_executor());
-        threads[index] = std::thread([&, index] {
-            LoopTimerBackend::LoopScope scope(*backend, index);
-            loops[index].run();
-        });
-    }
-    std::mutex mutex;
-    std::condition_variable ran;
-    std::vector<std::pair<std::string, std::thread::id>> runs;
-    auto record = [&](std::string name) {
-        return [&, name](long long) {
-            std::lock_guard<std::mutex> guard(mutex);
-            runs.emplace_back(name, std::this_thread::get_id());
-            ran.notify_all();
+// A timer armed on a loop's thread, plain or rearmable, runs on that thread, and a rearmable one stays there when
+// armed elsewhere later; one armed on any other thread runs on the first loop's. Nothing runs while detached.
+using LoopTimerBackendLoops = TimerBackendTest<LoopDrivenTimers>;
+TEST_F(LoopTimerBackendLoops, TimersRunOnTheLoopWhoseThreadArmedThem) {
+    const auto noteLoop = [this](const std::string& name) {
+        return [this, name](long long) {
+            const auto self = std::this_thread::get_id();
+            note(name + (self == backend->threads[0].get_id() ? " on 0" : self == backend->threads[1].get_id() ? " on 1" : ""));
         };
     };
-    auto waitForRuns = [&](std::size_t count) {
-        std::unique_lock<std::mutex> lock(mutex);
-        ran.wait_for(lock, 10s, [&] { return runs.size() >= count; });
-        return runs;
-    };
-    TimerHandle elsewhere = backend->schedule(record("elsewhere"), 1ms, 0ms), onSecond;
+    TimerHandle elsewhere = backend->schedule(noteLoop("elsewhere"), 1ms, 0ms), onSecond;
     std::unique_ptr<common::RearmableTimer> rearmable;
     std::promise<void> armed;
-    boost::asio::post(loops[1], [&] {
-        onSecond = backend->schedule(record("plain on the second"), 1ms, 0ms);
-        rearmable = backend->makeRearmableTimer(record("rearmable on the second"));
+    boost::asio::post(backend->loops[1], [&] {
+        onSecond = backend->schedule(noteLoop("plain"), 1ms, 0ms);
+        rearmable = backend->makeRearmableTimer(noteLoop("rearmable"));
         rearmable->arm(1ms);
         armed.set_value();
     });
     armed.get_future().wait();
-    std::map<std::string, std::thread::id> ranOn;
-    for (const auto& [name, thread] : waitForRuns(3)) {
-        ranOn[name] = thread;
-    }
-    EXPECT_EQ(ranOn, (std::map<std::string, std::thread::id>{{"elsewhere", threads[0].get_id()},
-                                                             {"plain on the second", threads[1].get_id()},
-                                                             {"rearmable on the second", threads[1].get_id()}}));
+    Names ran = waitFor(3);
+    std::sort(ran.begin(), ran.end());
+    EXPECT_EQ(ran, (Names{"elsewhere on 0", "plain on 1", "rearmable on 1"}));
     backend->detach();
     rearmable->arm(0ms);
     std::this_thread::sleep_for(20ms);
-    EXPECT_EQ(waitForRuns(0).size(), 3u) << "ran while detached";
-    backend->attach({&loops[0], &loops[1]});
-    EXPECT_EQ(waitForRuns(4).back(), std::make_pair(std::string("rearmable on the second"), threads[1].get_id()));
-    elsewhere = onSecond = nullptr;
+    EXPECT_EQ(waitFor(0).size(), 3u) << "ran while detached";
+    backend->attach({&backend->loops[0], &backend->loops[1]});
+    EXPECT_EQ(waitFor(4).back(), "rearmable on 1");
     rearmable = nullptr;
-    backend->detach();
-    for (std::size_t index = 0; index < 2; ++index) {
-        work[index].reset();
-        threads[index].join();
-    }
-}
-
-// Threads arm a rearmable timer over and over under the lock its callback takes, as a session's publishers do:
-// no arming waits for the callback, runs never overlap, and its release waits for a running callback and is
-// the last word.
-TYPED_TEST(RealClockTimerConcurrency, RearmableTimerArmedByManyThreadsRunsAloneAndNotAfterItsRelease) {
-    std::mutex jobMutex;
-    std::atomic<int> ran{0}, running{0}, overlaps{0}, ranAfterRelease{0};
-    std::atomic<bool> released{false};
-    auto timer = this->backend->makeRearmableTimer([&](long long) {
-        std::lock_guard<std::mutex> guard(jobMutex);
-        overlaps += running++ != 0 ? 1 : 0;
-        ranAfterRelease += released ? 1 : 0;
-        std::this_thread::sleep_for(++ran % 2 == 0 ? 300us : 0us);
-        --running;
-    });
-    auto arm = [&](int thread) {
-        for (int round = 0; round < 300; ++round) {
-            {
-                std::lock_guard<std::mutex> guard(jobMutex);
-                timer->arm(std::chrono::milliseconds(round % 2));
-            }
-            std::this_thread::sleep_for(std::chrono::microseconds(200 * (thread + 1)));
-        }
-    };
-    std::thread threads[] = {std::thread(arm, 0), std::thread(arm, 1), std::thread(arm, 2)};
-    for (auto& thread : threads) {
-        thread.join();
-    }
-    timer = nullptr;
-    EXPECT_EQ(running.load(), 0) << "the release returned while the callback ran";
-    released = true;
-    EXPECT_EQ(this->pass(5ms), Names{});
-    EXPECT_EQ(ranAfterRelease.load() + overlaps.load(), 0);
-    EXPECT_GT(ran.load(), 0);
 }
 
 }  // namespace

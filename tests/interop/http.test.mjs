@@ -11,7 +11,7 @@ import os from "node:os";
 import path from "node:path";
 import tls from "node:tls";
 
-import { startServer } from "../support/launch.mjs";
+import { startServer, withServer } from "../support/launch.mjs";
 import { sleep, until } from "../support/cometd.mjs";
 
 const request = (method, target, headers = {}, body = "") =>
@@ -157,9 +157,8 @@ test("each request is answered as its path, the files, the limits and its origin
     }
 });
 
-test("pipelined requests are answered in order, a held connect streams in chunks behind its headers", async () => {
-    const server = await startServer();
-    try {
+test("pipelined requests are answered in order, a held connect streams in chunks behind its headers", () =>
+    withServer({}, async (server) => {
         const post = (body) => request("POST", "/bayeux", { "Content-Type": "application/json" }, JSON.stringify(body));
         const steady = connect(server.port);
         steady.send(post([{ channel: "/meta/handshake", id: "1" }]) + post([{ channel: "/meta/handshake", id: "2" }]) + request("GET", "/bayeux?jsonp=x"));
@@ -192,14 +191,10 @@ test("pipelined requests are answered in order, a held connect streams in chunks
 
         // The server stops cleanly with a connect held and an idle connection open.
         connect(server.port).send(post(connectBody));
-    } finally {
-        await server.stop();
-    }
-});
+    }));
 
-test("connections beyond the limit are closed at once; once one goes, a new one is served", async () => {
-    const server = await startServer({ args: ["--max-connections", "2"] });
-    try {
+test("connections beyond the limit are closed at once; once one goes, a new one is served", () =>
+    withServer({ args: ["--max-connections", "2"] }, async (server) => {
         const [first, second] = [connect(server.port), connect(server.port)];
         for (const connection of [first, second]) {
             connection.send(request("GET", "/bayeux"));
@@ -214,10 +209,7 @@ test("connections beyond the limit are closed at once; once one goes, a new one 
             served = await Promise.race([retry.responses(1).then(() => true, () => false), retry.closed.then(() => false)]);
         }
         assert.equal(served, true);
-    } finally {
-        await server.stop();
-    }
-});
+    }));
 
 test("each browser gets a session cookie once, marked Secure over HTTPS", async () => {
     const folder = fs.mkdtempSync(path.join(os.tmpdir(), "korvane-tls-"));
@@ -244,9 +236,8 @@ test("each browser gets a session cookie once, marked Secure over HTTPS", async 
     }
 });
 
-test("a long-polling client whose held connect's connection broke loses nothing published meanwhile", async () => {
-    const server = await startServer();
-    try {
+test("a long-polling client whose held connect's connection broke loses nothing published meanwhile", () =>
+    withServer({}, async (server) => {
         const post = async (message, signal) =>
             (await fetch(server.bayeux, { method: "POST", headers: { "content-type": "application/json" }, body: JSON.stringify([message]), signal })).json();
         const [listener, talker] = [(await post({ channel: "/meta/handshake", version: "1.0" }))[0].clientId, (await post({ channel: "/meta/handshake", version: "1.0" }))[0].clientId];
@@ -269,7 +260,4 @@ test("a long-polling client whose held connect's connection broke loses nothing 
         const next = await post({ channel: "/meta/connect", clientId: listener, connectionType: "long-polling" });
         assert.deepEqual(next.map((message) => message.channel), ["/room", "/meta/connect"]);
         assert.deepEqual(next[0].data, { n: 1 });
-    } finally {
-        await server.stop();
-    }
-});
+    }));

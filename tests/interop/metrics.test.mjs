@@ -7,7 +7,7 @@ import { once } from "node:events";
 import http from "node:http";
 import WebSocket from "ws";
 
-import { startServer } from "../support/launch.mjs";
+import { startServer, withServer } from "../support/launch.mjs";
 import { sleep, until } from "../support/cometd.mjs";
 
 // What the scripted client sent and received, as the server counts it.
@@ -67,9 +67,8 @@ function upgradeFrom(origin, url) {
     return new Promise((resolve, reject) => http.get(new URL("/bayeux", url), { headers }, (response) => resolve(response.resume())).on("error", reject));
 }
 
-test("the counters move by exactly what a scripted client did", async () => {
-    const server = await startServer({ args: ["--max-pending", "1", "--max-body", "2000", "--max-ws-message", "2000"] });
-    try {
+test("the counters move by exactly what a scripted client did", () =>
+    withServer({ args: ["--max-pending", "1", "--max-body", "2000", "--max-ws-message", "2000"] }, async (server) => {
         const bayeux = server.bayeux;
         const before = await scrape(server.url);
 
@@ -135,10 +134,7 @@ test("the counters move by exactly what a scripted client did", async () => {
         assert.deepEqual(deltas.map(([name]) => [name, after.get(name) - before.get(name)]), deltas);
         assert.equal(after.get("korvane_pending_messages_high_water"), 2);
         assert.ok(after.get("process_resident_memory_bytes") > 0 && after.get("process_open_fds") > 0);
-    } finally {
-        await server.stop();
-    }
-});
+    }));
 
 test("a public listener shows metrics only on --metrics-listen", async () => {
     for (const [args, listened] of [[[], false], [["--metrics-listen", "127.0.0.1:0"], true]]) {

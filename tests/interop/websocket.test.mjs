@@ -8,7 +8,7 @@ import assert from "node:assert/strict";
 import { once } from "node:events";
 import WebSocket from "ws";
 
-import { startServer } from "../support/launch.mjs";
+import { withServer } from "../support/launch.mjs";
 
 const limit = 2000;
 const handshake = (padding = "") => JSON.stringify([{ channel: "/meta/handshake", version: "1.0", ext: { padding } }]);
@@ -29,9 +29,8 @@ async function open(server, headers = {}) {
     return { socket, response, reply };
 }
 
-test("each frame the server cannot take closes only its own socket, with the code of the fault", async () => {
-    const server = await startServer({ args: ["--max-ws-message", String(limit), "--allow-origin", "https://app.example"] });
-    try {
+test("each frame the server cannot take closes only its own socket, with the code of the fault", () =>
+    withServer({ args: ["--max-ws-message", String(limit), "--allow-origin", "https://app.example"] }, async (server) => {
         const bystander = await open(server);
         const bound = handshake("x".repeat(limit - handshake().length));
         const cases = [
@@ -66,7 +65,4 @@ test("each frame the server cannot take closes only its own socket, with the cod
         const closed = once(returning.socket, "close");
         await server.stop();
         assert.equal((await closed)[0], 1001, "a stopping server says it is going away");
-    } finally {
-        await server.stop();
-    }
-});
+    }));

@@ -17,7 +17,7 @@ const root = mkdtempSync(path.join(os.tmpdir(), "korvane-package-"));
 after(() => rmSync(root, { recursive: true, force: true }));
 execFileSync("dpkg-deb", ["-x", debOf("korvane-bayeux"), root]);
 process.env.KORVANE_SERVER = path.join(root, "usr/bin/korvane-bayeux");
-const { startServer } = await import("../support/launch.mjs");
+const { withServer } = await import("../support/launch.mjs");
 const { disconnect, handshake, newClient } = await import("../support/cometd.mjs");
 
 // Package, files it holds, paths it must not hold, a dependency it declares.
@@ -42,11 +42,10 @@ for (const [name, held, foreign, dependency] of packageTable) {
     });
 }
 
-test("the unpacked server serves its own page, the client library and a handshake, and stops on SIGTERM", async () => {
+test("the unpacked server serves its own page, the client library and a handshake, and stops on SIGTERM", () => {
     // A page of this root only: a server that found another one would not serve the mark.
     appendFileSync(path.join(root, "usr/share/korvane-bayeux/web/index.html"), "<!-- unpacked -->\n");
-    const server = await startServer();
-    try {
+    return withServer({}, async (server) => {
         for (const [page, content] of [["/", /<!-- unpacked -->/], ["/vendor/cometd/cometd.js", /export \* from "\.\/Client\.js"/]]) {
             const response = await fetch(new URL(page, server.url));
             assert.equal(response.status, 200, page);
@@ -55,9 +54,7 @@ test("the unpacked server serves its own page, the client library and a handshak
         const client = newClient(server.bayeux, "long-polling");
         await handshake(client);
         await disconnect(client);
-    } finally {
-        await server.stop();
-    }
+    });
 });
 
 test("the systemd unit passes systemd-analyze verify", () => {

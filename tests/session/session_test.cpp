@@ -293,13 +293,12 @@ TEST(SessionConcurrency, EveryAcceptedMessageReachesTheStreamsOnceAndInOrder) {
     std::vector<Texts> sent(publisherCount);  // by publisher, in order
     std::atomic<int> publishersDone{0};
     const auto running = [&publishersDone] { return publishersDone.load() < publisherCount; };
-    std::vector<std::thread> threads;
-    threads.emplace_back([&] {
+    const auto moveClock = [&] {
         for (; running(); std::this_thread::yield()) {
             clock->advance(1ms);
         }
-    });
-    threads.emplace_back([&] {
+    };
+    const auto churn = [&] {
         for (int round = 0; running(); ++round) {
             const std::string exact = "/load/" + std::to_string(round % publisherCount);
             for (const auto& session : sessions) {
@@ -313,33 +312,30 @@ TEST(SessionConcurrency, EveryAcceptedMessageReachesTheStreamsOnceAndInOrder) {
             round % 2 == 0 ? server->addSession(shortLived) : server->addPrioritySession(shortLived);
             dyingStreams.push_back(watch(shortLived->connectStream("dying", 300, true, true)));
         }
+    };
+    const auto publish = [&](int p) {
+        for (int sequence = 0; sequence < messagesEach; ++sequence) {
+            const std::string& text = sent[p].emplace_back(std::to_string(p) + "/" + std::to_string(sequence));
+            EXPECT_TRUE(server->deliver(makePublish("/load/" + std::to_string(p), text)));
+            if (sequence % 16 == 0) {
+                std::this_thread::sleep_for(50us);
+            }
+        }
+        ++publishersDone;
+    };
+    const auto connect = [&](int c) {
+        std::mt19937 random(static_cast<unsigned>(c));
+        for (int connects = 0; running(); ++connects) {
+            const std::size_t index = c * sessionsPerClient + random() % sessionsPerClient;
+            auto queue = sessions[index]->connectStream(std::to_string(connects), 1 + random() % 2, true, true);
+            streams[index].push_back(watch(queue));
+            std::this_thread::sleep_for(std::chrono::microseconds(100 + random() % 300));
+        }
+    };
+    test_support::onThreads(2 + publisherCount + clientCount, [&](int index) {
+        index < 2 ? (index == 0 ? moveClock() : churn())
+                  : index < 2 + publisherCount ? publish(index - 2) : connect(index - 2 - publisherCount);
     });
-    for (int p = 0; p < publisherCount; ++p) {
-        threads.emplace_back([&, p] {
-            for (int sequence = 0; sequence < messagesEach; ++sequence) {
-                const std::string& text = sent[p].emplace_back(std::to_string(p) + "/" + std::to_string(sequence));
-                EXPECT_TRUE(server->deliver(makePublish("/load/" + std::to_string(p), text)));
-                if (sequence % 16 == 0) {
-                    std::this_thread::sleep_for(50us);
-                }
-            }
-            ++publishersDone;
-        });
-    }
-    for (int c = 0; c < clientCount; ++c) {
-        threads.emplace_back([&, c] {
-            std::mt19937 random(static_cast<unsigned>(c));
-            for (int connects = 0; running(); ++connects) {
-                const std::size_t index = c * sessionsPerClient + random() % sessionsPerClient;
-                auto queue = sessions[index]->connectStream(std::to_string(connects), 1 + random() % 2, true, true);
-                streams[index].push_back(watch(queue));
-                std::this_thread::sleep_for(std::chrono::microseconds(100 + random() % 300));
-            }
-        });
-    }
-    for (auto& thread : threads) {
-        thread.join();
-    }
     for (const auto& stream : dyingStreams) {
         ASSERT_EQ(stream->completionCount(), 1) << "a dying session answers its connect";
     }

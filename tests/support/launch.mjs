@@ -69,6 +69,16 @@ export async function startServer({ listen = "127.0.0.1:0", args = [], env = {} 
     };
 }
 
+// Runs `body` with a server started with `options`, which is stopped however the body ends.
+export async function withServer(options, body) {
+    const server = await startServer(options);
+    try {
+        return await body(server);
+    } finally {
+        await server.stop();
+    }
+}
+
 function freePort() {
     return new Promise((resolve, reject) => {
         const probe = net.createServer().once("error", reject);

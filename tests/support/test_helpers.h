@@ -7,6 +7,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace korvane::test_support {
 
@@ -19,6 +20,18 @@ std::string errorOf(const std::function<void()>& action) {
         return error.what();
     }
     return "(no exception)";
+}
+
+// Runs `body(index)` for each index below `count`, each on a thread of its own, all at once;
+// returns once every one has returned.
+inline void onThreads(int count, const std::function<void(int)>& body) {
+    std::vector<std::thread> threads;
+    for (int index = 0; index < count; ++index) {
+        threads.emplace_back(body, index);
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
 }
 
 // Whether `done()` holds within `limit`, checked every millisecond: a bound against a hang, never a timing check.

@@ -84,11 +84,7 @@ TEST_F(TransportConcurrency, EveryMessageReachesEveryOtherWebSocketClientOnceInO
             std::this_thread::sleep_for(1ms);
         }
     });
-    std::thread clients[] = {std::thread(runClient, 0), std::thread(runClient, 1), std::thread(runClient, 2),
-                             std::thread(runClient, 3)};
-    for (auto& client : clients) {
-        client.join();
-    }
+    test_support::onThreads(kClients, runClient);
     running = false;
     clockThread.join();
     std::vector<int> inOrder(kMessages);

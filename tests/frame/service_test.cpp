@@ -92,8 +92,6 @@ TEST(ServiceDispatch, ContextHandleCastsTheReply) {
     EXPECT_EQ(failureOf<std::runtime_error>(upgrade("fail")), "connection refused");
 }
 
-// A disabled statement evaluates nothing; a channel's mask applies to its loggers old and new,
-// the mask for all to every logger.
 // A string property is read out or compared in place; an absent one reads as empty, one of another type throws.
 TEST(ContextState, StringPropertiesReadAndCompareInPlace) {
     common::ContextState state;
@@ -112,6 +110,8 @@ TEST(ContextState, StringPropertiesReadAndCompareInPlace) {
     EXPECT_THROW(state.getString("count"), boost::bad_any_cast);
 }
 
+// A disabled statement evaluates nothing; a channel's mask applies to its loggers old and new,
+// the mask for all to every logger.
 TEST(DiagnosticLogger, DisabledStatementEvaluatesNothingAndMasksApplyPerChannelOrToAll) {
     common::diagnostic_logger logger("korvane::test::first"), other("korvane::test::second");
     test_support::ChannelCapture capture("korvane::test::first");

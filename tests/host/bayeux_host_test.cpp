@@ -89,6 +89,7 @@ TEST_F(BayeuxHostTest, AnswersPostsAsTheDispatchWould) {
         EXPECT_EQ(direct, post(dispatching.port(), cookie + headers, body)) << headers << body;
     }
     const std::string refused = post(host->port(), cookie + websocket, connect);
+    EXPECT_THAT(refused, ::testing::StartsWith("HTTP/1.1 500"));
     EXPECT_THAT(refused, ::testing::EndsWith("A WebSocket cannot answer this request"));
 }
 

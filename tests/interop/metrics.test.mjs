@@ -7,7 +7,7 @@ import { once } from "node:events";
 import http from "node:http";
 import WebSocket from "ws";
 
-import { startServer, withServer } from "../support/launch.mjs";
+import { withServer } from "../support/launch.mjs";
 import { sleep, until } from "../support/cometd.mjs";
 
 // What the scripted client sent and received, as the server counts it.
@@ -138,8 +138,7 @@ test("the counters move by exactly what a scripted client did", () =>
 
 test("a public listener shows metrics only on --metrics-listen", async () => {
     for (const [args, listened] of [[[], false], [["--metrics-listen", "127.0.0.1:0"], true]]) {
-        const server = await startServer({ listen: ":0", args });
-        try {
+        await withServer({ listen: ":0", args }, async (server) => {
             assert.equal((await fetch(new URL("/metrics", server.url))).status, 404);
             if (listened) {
                 await until(() => /metrics at \S+/.test(server.output()), 5000, "the metrics address");
@@ -149,8 +148,6 @@ test("a public listener shows metrics only on --metrics-listen", async () => {
             } else {
                 assert.doesNotMatch(server.output(), /metrics at/);
             }
-        } finally {
-            await server.stop();
-        }
+        });
     }
 });

@@ -5,7 +5,7 @@
 import { test } from "node:test";
 import assert from "node:assert/strict";
 import { readFileSync } from "node:fs";
-import { startServer } from "../support/launch.mjs";
+import { withServer } from "../support/launch.mjs";
 
 // The GLIBC_TUNABLES the server was started with. glibc cuts the variable apart in place
 // as it parses it, so /proc shows each further tunable as an entry of its own.
@@ -26,12 +26,8 @@ test("the server limits glibc's per-thread cache unless told otherwise", async (
         { given: "glibc.malloc.tcache_count=7", running: "glibc.malloc.tcache_count=7" },
     ];
     for (const { given, running } of cases) {
-        const server = await startServer({ env: { GLIBC_TUNABLES: given } });
-        try {
-            // Started again under the same pid, it serves: startServer waited for its address.
-            assert.equal(tunablesOf(server.pid), running, `GLIBC_TUNABLES=${given}`);
-        } finally {
-            await server.stop();
-        }
+        // Started again under the same pid, it serves: withServer waited for its address.
+        await withServer({ env: { GLIBC_TUNABLES: given } }, async (server) =>
+            assert.equal(tunablesOf(server.pid), running, `GLIBC_TUNABLES=${given}`));
     }
 });

@@ -262,11 +262,16 @@ void printResults(const LoadOptions& options, const StatsSnapshot& total, std::i
     field("errors", count(c.errors));
     field("rehandshakes", count(c.rehandshakes));
     field("handshakes_per_s", jsonNumber(measuredHandshakes / duration));
+    // A subscriber's deliveries ride on its connect cycles: at low rates each cycle carries
+    // about one, and what a cycle costs changes far less with the rate than what a delivery does.
+    field("connects_per_s", jsonNumber(c.connects / duration));
+    field("deliveries_per_connect", jsonNumber(c.connects ? static_cast<double>(c.delivered) / c.connects : 0));
     if (figures.atMeasureStart && figures.atMeasureEnd && figures.atStart && figures.atEnd) {
         const double cpu = figures.atMeasureEnd->cpuSeconds - figures.atMeasureStart->cpuSeconds;
         field("server_cpu_s", jsonNumber(cpu));
         field("server_cpu_pct", jsonNumber(100 * cpu / duration));
         field("server_cpu_us_per_delivery", jsonNumber(c.delivered ? 1e6 * cpu / c.delivered : 0));
+        field("server_cpu_us_per_connect", jsonNumber(c.connects ? 1e6 * cpu / c.connects : 0));
         field("server_rss_start_kb", std::to_string(figures.atStart->rssKb));
         field("server_rss_end_kb", std::to_string(figures.atMeasureEnd->rssKb));
         field("server_peak_rss_kb", std::to_string(figures.atEnd->peakRssKb));

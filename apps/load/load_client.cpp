@@ -208,6 +208,9 @@ void LoadClient::onConnectReply(const MessageFields& message) {
         return;  // the answer to a connect of a session given up
     }
     connectOutstanding = false;
+    if (plan.isMeasured(nowMicros())) {
+        ++stats.counters().connects;
+    }
     // The interval and the reconnect rule are fields of the advice object; a reply
     // without a readable advice keeps the interval and has no rule.
     const auto advice = message.value("advice");

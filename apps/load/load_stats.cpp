@@ -11,6 +11,7 @@ void LoadCounters::add(const LoadCounters& other) {
     errors += other.errors;
     handshakes += other.handshakes;
     rehandshakes += other.rehandshakes;
+    connects += other.connects;
 }
 
 void StatsSnapshot::add(const StatsSnapshot& other) {

@@ -19,6 +19,7 @@ struct LoadCounters {
     std::uint64_t errors = 0;        // broken connections, error statuses, unsuccessful replies
     std::uint64_t handshakes = 0;    // successful ones
     std::uint64_t rehandshakes = 0;  // sessions the server dropped and the client made again
+    std::uint64_t connects = 0;      // connect replies received inside the measured window
 
     void add(const LoadCounters& other);
 };

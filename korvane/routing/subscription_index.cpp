@@ -172,17 +172,17 @@ void SubscriptionIndex::Bucket::store(std::size_t position, const Member& member
     chunk = std::move(copy);
 }
 
+// A stored chunk never grows in place, so each copy holds exactly its members: room for
+// a whole chunk in every bucket would cost a channel with one subscriber 1 KB.
 void SubscriptionIndex::Bucket::pushBack(const Member& member) {
     if (chunks.empty() || chunks.back()->size() == chunkCapacity) {
-        auto fresh = std::make_shared<Chunk>();
-        fresh->reserve(chunkCapacity);
-        fresh->push_back(member);
-        chunks.push_back(std::move(fresh));
+        chunks.push_back(std::make_shared<const Chunk>(1, member));
         return;
     }
+    const Chunk& last = *chunks.back();
     auto copy = std::make_shared<Chunk>();
-    copy->reserve(chunkCapacity);
-    *copy = *chunks.back();
+    copy->reserve(last.size() + 1);
+    copy->insert(copy->end(), last.begin(), last.end());
     copy->push_back(member);
     chunks.back() = std::move(copy);
 }

@@ -130,8 +130,7 @@ void LongPollSession::doDeliver(std::unique_lock<std::mutex>& lock,
         KORVANE_LOG(logger, common::logWarning) << "Delivering message with set id. JS client will ignore it: '"
                                                 << message->channel << "'";
     }
-    // The session's own copy, without the sender's id; the shared original stays untouched for the others.
-    pendingMessages.push_back(std::make_unique<PublishRequest>(message, PublishRequest::withoutSender));
+    pendingMessages.push_back(message);
     pendingBytes += pendingSize(*message);
     count(BayeuxCounter::deliveries);
     raisePendingHighWater(pendingMessages.size());
@@ -262,7 +261,7 @@ std::shared_ptr<BayeuxQueue> LongPollSession::korvaneShortPoll(const std::string
     doCompleteQueue(lock);
     doNotifyQueue(lock);
     std::string name = queueName(connectMessageId);
-    common::RingQueue<std::unique_ptr<PublishRequest>> taken;
+    common::RingQueue<std::shared_ptr<const PublishRequest>> taken;
     taken.swap(pendingMessages);
     pendingBytes = 0;
     lock.unlock();
@@ -271,7 +270,7 @@ std::shared_ptr<BayeuxQueue> LongPollSession::korvaneShortPoll(const std::string
     TempPublisher publisher = makeTempPublisher(std::move(name));
     const ConnectOutlet outlet{publisher.queue, nullptr};
     for (; !taken.empty(); taken.pop_front()) {
-        sendOut(outlet, std::move(taken.front()));
+        sendOut(outlet, taken.front());
     }
     auto response = std::make_unique<ConnectResponse>();
     response->id = messageId;
@@ -444,20 +443,22 @@ void LongPollSession::doAnswerOpenConnect(std::unique_lock<std::mutex>& lock) {
 void LongPollSession::doDrainPending(std::unique_lock<std::mutex>& lock, const ConnectOutlet& outlet) {
     // Messages that arrive while the lock is open join the back of the queue and go out in this same loop.
     while (!pendingMessages.empty()) {
-        std::unique_ptr<PublishRequest> message = std::move(pendingMessages.front());
+        std::shared_ptr<const PublishRequest> message = std::move(pendingMessages.front());
         pendingMessages.pop_front();
         pendingBytes -= pendingSize(*message);
         lock.unlock();
-        sendOut(outlet, std::move(message));
+        sendOut(outlet, message);
         lock.lock();
     }
 }
 
-void LongPollSession::sendOut(const ConnectOutlet& outlet, std::unique_ptr<PublishRequest>&& message) const {
-    if (outgoing && !outgoing(id, *message)) {
+void LongPollSession::sendOut(const ConnectOutlet& outlet, const std::shared_ptr<const PublishRequest>& message) const {
+    // The session's own copy, without the sender's id; the shared original stays untouched for the others.
+    auto copy = std::make_unique<PublishRequest>(message, PublishRequest::withoutSender);
+    if (outgoing && !outgoing(id, *copy)) {
         return;
     }
-    outlet.put(std::unique_ptr<Message>(std::move(message)));
+    outlet.put(std::unique_ptr<Message>(std::move(copy)));
 }
 
 void LongPollSession::ConnectOutlet::put(std::unique_ptr<Message>&& message) const {

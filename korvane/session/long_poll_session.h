@@ -146,14 +146,14 @@ private:
     void doCompleteQueue(std::unique_lock<std::mutex>& lock);
     void doSendConnectResponse(std::unique_lock<std::mutex>& lock);
     void doNotifyQueue(std::unique_lock<std::mutex>& lock);
-    // Queues the session's copy of a publish that matched it; `lock` is released on return.
+    // Queues a publish that matched the session; `lock` is released on return.
     void doDeliver(std::unique_lock<std::mutex>& lock, const std::shared_ptr<const PublishRequest>& message);
     // True the one time that the pending messages first exceed the limit.
     bool doCheckPendingLimit(std::unique_lock<std::mutex>& lock);
     void doDrainPending(std::unique_lock<std::mutex>& lock, const ConnectOutlet& outlet);
-    // Puts one message out to a connect, past the outgoing hook if there is one.
-    // Called with `mutex` released.
-    void sendOut(const ConnectOutlet& outlet, std::unique_ptr<PublishRequest>&& message) const;
+    // Puts the session's copy of one publish out to a connect, past the outgoing hook if
+    // there is one. Called with `mutex` released.
+    void sendOut(const ConnectOutlet& outlet, const std::shared_ptr<const PublishRequest>& message) const;
     // Answers the connect of `outlet`; its references are dropped with the lock released.
     void doEndConnect(std::unique_lock<std::mutex>& lock, ConnectOutlet outlet);
     // Clears `notifying` and wakes connects waiting for the drain to end.
@@ -185,7 +185,10 @@ private:
     std::string connectMessageId;
     bool bufferResponses = true;
     bool holdResponses = false;
-    common::RingQueue<std::unique_ptr<PublishRequest>> pendingMessages;
+    // The publishes themselves, shared with their other receivers: the session's copy is
+    // made as one goes out, so that a copy lives only while it is written (a copy per
+    // waiting message made a burst of allocations that outlived the allocator's caches).
+    common::RingQueue<std::shared_ptr<const PublishRequest>> pendingMessages;
     // The bytes of `pendingMessages`, as PendingLimit counts them.
     std::size_t pendingBytes = 0;
     // The open connect's queue, or the sink of a transport that takes the messages itself.

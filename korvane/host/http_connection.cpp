@@ -52,8 +52,13 @@ constexpr std::chrono::seconds lingerTimeout(1);
 // watches for the peer going away.
 constexpr std::size_t watchReadBytes = 4096;
 constexpr std::string_view continueLine = "HTTP/1.1 100 Continue\r\n\r\n";
-// Chunks of a streaming response asked for ahead of the socket.
-constexpr unsigned long bodyWindow = 16;
+// Chunks of a streaming response asked for ahead of the socket. A held connect's answer
+// comes as one chunk a message: the window is wide enough for a busy client's batch to
+// leave in one write (at 16, a batch of 20 took two), and one write takes no more than
+// `bodyWriteBytes` of chunks (at least one), so that a window of large chunks is not
+// copied whole.
+constexpr unsigned long bodyWindow = 64;
+constexpr std::size_t bodyWriteBytes = 64 * 1024;
 
 using Request = UpgradeRequest;
 using FullResponse = bhttp::response<bhttp::string_body, PooledFields>;
@@ -584,9 +589,9 @@ private:
         arrivedBody.clear();
     }
 
-    // Writes in one go the head, if it has not gone out, and every waiting chunk up to the
-    // end of the body; the head goes out alone when no chunk waits, so that a held response
-    // shows at once. A failure waiting behind the chunks is handled once they are written.
+    // Writes in one go the head, if it has not gone out, and the waiting chunks up to the
+    // end of the body or `bodyWriteBytes`; the head goes out alone when no chunk waits, so
+    // that a held response shows at once. A failure waiting behind the chunks is handled once they are written.
     void doPumpBody() {
         if (writing || closed || (pendingBody.empty() && !headPending)) {
             return;
@@ -600,6 +605,9 @@ private:
         bool ended = false;
         while (!pendingBody.empty() && !ended && !pendingBody.front().error) {
             BodySignal& signal = pendingBody.front();
+            if (signal.item && taken != 0 && outgoing.size() >= bodyWriteBytes) {
+                break;
+            }
             if (!signal.item) {
                 outgoing += lastChunk;
                 ended = true;

@@ -183,10 +183,13 @@ test("pipelined requests are answered in order, a held connect streams in chunks
         assert.match(held.text, /^HTTP\/1\.1 200 OK\r\n[^]*Content-Type: application\/json;charset=UTF-8\r\n[^]*Transfer-Encoding: chunked\r\n\r\n$/);
         steady.send(post([{ channel: "/meta/handshake" }]));
         const [{ clientId: publisher }] = JSON.parse((await steady.responses(8))[7].body);
-        steady.send(post([{ channel: "/room", clientId: publisher, data: { n: 1 } }]));
+        // More messages than the server asks for ahead of the socket, more bytes than one write takes.
+        const burst = Array.from({ length: 70 }, (_, n) => ({ channel: "/room", clientId: publisher, data: { n, pad: "p".repeat(1500) } }));
+        steady.send(post(burst));
         const [stream, next] = await held.responses(2);
-        assert.deepEqual(JSON.parse(stream.body).map((message) => message.channel), ["/room", "/meta/connect"]);
-        assert.equal(stream.chunks.length, 2, "one chunk per message");
+        const delivered = JSON.parse(stream.body);
+        assert.deepEqual(delivered.map((message) => message.data?.n ?? message.channel), [...burst.keys(), "/meta/connect"]);
+        assert.equal(stream.chunks.length, 71, "one chunk per message");
         assert.equal(next.status, 400);
 
         // The server stops cleanly with a connect held and an idle connection open.

@@ -16,7 +16,11 @@ long long millisecondsOf(Duration time) { return std::chrono::duration_cast<std:
 
 ManualTimerBackend::ManualTimerBackend(long long startTick)
     : timers(std::make_shared<TimerQueue>()),
-      elapsedMilliseconds(std::make_shared<std::atomic<long long>>(startTick * tickMilliseconds)) {}
+      elapsedMilliseconds(std::make_shared<std::atomic<long long>>(startTick * tickMilliseconds)) {
+    // Nothing waits on this clock: the test's next advance finds what became due.
+    timers->setRearmHooks(
+        [elapsed = elapsedMilliseconds] { return Duration(std::chrono::milliseconds(elapsed->load())); }, nullptr);
+}
 
 ManualTimerBackend::~ManualTimerBackend() = default;
 
@@ -28,10 +32,7 @@ TimerHandle ManualTimerBackend::schedule(TimerCallback callback, std::chrono::mi
 }
 
 std::unique_ptr<RearmableTimer> ManualTimerBackend::makeRearmableTimer(TimerCallback callback) {
-    // Nothing waits on this clock: the test's next advance finds what became due.
-    return timers->makeRearmable(
-        std::move(callback),
-        [elapsed = elapsedMilliseconds] { return Duration(std::chrono::milliseconds(elapsed->load())); }, nullptr);
+    return timers->makeRearmable(std::move(callback));
 }
 
 void ManualTimerBackend::advance(std::chrono::milliseconds duration) {

@@ -70,9 +70,8 @@ private:
 // The rearmable timer of makeRearmable: like a handle, its end releases the timer.
 class QueuedRearmableTimer final : public RearmableTimer {
 public:
-    QueuedRearmableTimer(std::weak_ptr<TimerQueue> queue, std::shared_ptr<TimerQueue::Entry> entry,
-                         std::function<TimerQueue::Duration()> now, std::function<void()> onEarliest)
-        : queue(std::move(queue)), entry(std::move(entry)), now(std::move(now)), onEarliest(std::move(onEarliest)) {}
+    QueuedRearmableTimer(std::weak_ptr<TimerQueue> queue, std::shared_ptr<TimerQueue::Entry> entry)
+        : queue(std::move(queue)), entry(std::move(entry)) {}
 
     ~QueuedRearmableTimer() override {
         if (auto owner = queue.lock()) {
@@ -81,14 +80,8 @@ public:
     }
 
     void arm(std::chrono::milliseconds delay) override {
-        auto owner = queue.lock();
-        if (!owner) {
-            return;
-        }
-        bool becameEarliest = false;
-        owner->rearm(entry, now(), delay, &becameEarliest);
-        if (becameEarliest && onEarliest) {
-            onEarliest();
+        if (auto owner = queue.lock()) {
+            owner->rearm(entry, delay);
         }
     }
 
@@ -100,8 +93,6 @@ public:
 private:
     std::weak_ptr<TimerQueue> queue;
     std::shared_ptr<TimerQueue::Entry> entry;
-    std::function<TimerQueue::Duration()> now;
-    std::function<void()> onEarliest;
 };
 
 // The order timers run in: by due time, those due together in the order they were armed.
@@ -152,30 +143,40 @@ TimerHandle TimerQueue::arm(TimerCallback callback, Duration now, Duration delay
     return std::make_shared<QueuedTimer>(weak_from_this(), std::move(entry));
 }
 
-std::unique_ptr<RearmableTimer> TimerQueue::makeRearmable(TimerCallback callback, std::function<Duration()> now,
-                                                          std::function<void()> onEarliest) {
+void TimerQueue::setRearmHooks(std::function<Duration()> now, std::function<void()> onEarliest) {
+    rearmNow = std::move(now);
+    onRearmedEarliest = std::move(onEarliest);
+}
+
+std::unique_ptr<RearmableTimer> TimerQueue::makeRearmable(TimerCallback callback) {
     auto entry = std::make_shared<Entry>();
     entry->callback = std::move(callback);
     entry->rearmable = true;
-    return std::make_unique<QueuedRearmableTimer>(weak_from_this(), std::move(entry), std::move(now),
-                                                  std::move(onEarliest));
+    return std::make_unique<QueuedRearmableTimer>(weak_from_this(), std::move(entry));
 }
 
-void TimerQueue::rearm(const std::shared_ptr<Entry>& entry, Duration now, Duration delay, bool* becameEarliest) {
-    std::lock_guard<std::mutex> guard(mutex);
-    if (entry->cancelled) {
-        return;
+void TimerQueue::rearm(const std::shared_ptr<Entry>& entry, Duration delay) {
+    const Duration now = rearmNow();
+    bool becameEarliest = false;
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        if (entry->cancelled) {
+            return;
+        }
+        if (entry->running) {
+            // The run's end queues it; the backend looks for the first due time after every run.
+            entry->armedInRun = true;
+            entry->rearmedAt = now;
+            entry->rearmDelay = delay;
+            return;
+        }
+        doUnqueue(entry);
+        doQueue(entry, now + delay, delay);
+        becameEarliest = *doFirst() == entry;
     }
-    if (entry->running) {
-        // The run's end queues it; the backend looks for the first due time after every run.
-        entry->armedInRun = true;
-        entry->rearmedAt = now;
-        entry->rearmDelay = delay;
-        return;
+    if (becameEarliest && onRearmedEarliest) {
+        onRearmedEarliest();
     }
-    doUnqueue(entry);
-    doQueue(entry, now + delay, delay);
-    *becameEarliest = *doFirst() == entry;
 }
 
 std::size_t TimerQueue::runDue(Duration now) {

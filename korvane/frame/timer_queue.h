@@ -89,14 +89,17 @@ public:
     // Releases a timer; called by the handle's destructor.
     void cancel(const std::shared_ptr<Entry>& entry);
 
+    // What the rearmable timers of this queue ask of their backend, the same for all of
+    // them and so kept here rather than in each: `now` reads the backend's clock;
+    // `onEarliest`, unless empty, shortens the backend's wait when an arming made a
+    // timer the first due. Set once, before any rearmable timer is made.
+    void setRearmHooks(std::function<Duration()> now, std::function<void()> onEarliest);
     // A rearmable timer kept in this queue, which must be held by a std::shared_ptr (the
-    // timer refers to it weakly, and may outlive it). `now` reads the backend's clock;
-    // `onEarliest`, unless empty, shortens the backend's wait when an arming made the
-    // timer the first due.
-    std::unique_ptr<RearmableTimer> makeRearmable(TimerCallback callback, std::function<Duration()> now,
-                                                  std::function<void()> onEarliest);
-    // Arms a rearmable entry `delay` after `now`; called by RearmableTimer::arm.
-    void rearm(const std::shared_ptr<Entry>& entry, Duration now, Duration delay, bool* becameEarliest);
+    // timer refers to it weakly, and may outlive it).
+    std::unique_ptr<RearmableTimer> makeRearmable(TimerCallback callback);
+    // Arms a rearmable entry `delay` from the hooks' `now`; called by RearmableTimer::arm
+    // with no lock held, and calls `onEarliest` with none.
+    void rearm(const std::shared_ptr<Entry>& entry, Duration delay);
     // RearmableTimer::isArmed of an entry.
     bool isArmed(const std::shared_ptr<Entry>& entry) const;
 
@@ -155,6 +158,9 @@ private:
     RingQueue<LaneSlot> lane;
     std::size_t laneArmed = 0;
     std::uint64_t nextSequence = 0;
+    // Written by setRearmHooks before the queue is shared, read only afterwards.
+    std::function<Duration()> rearmNow;
+    std::function<void()> onRearmedEarliest;
 };
 
 }  // namespace korvane::common

@@ -25,6 +25,19 @@ thread_local LoopTimerBackend::LoopState* scopeState = nullptr;
 }  // namespace
 
 struct LoopTimerBackend::LoopState : std::enable_shared_from_this<LoopState> {
+    // A state whose rearmable timers shorten its loop's wait. Weakly, as a handle holds
+    // its queue: the queue and its callbacks go with the backend.
+    static std::shared_ptr<LoopState> make() {
+        auto state = std::make_shared<LoopState>();
+        state->queue->setRearmHooks(&common::TimerQueue::steadyNow, [weakState = state->weak_from_this()] {
+            if (auto held = weakState.lock()) {
+                std::lock_guard<std::mutex> guard(held->mutex);
+                held->doArm();
+            }
+        });
+        return state;
+    }
+
     const std::shared_ptr<common::TimerQueue> queue = std::make_shared<common::TimerQueue>();
     std::mutex mutex;
     // The loop's timer while attached, waiting for `waitingFor`.
@@ -87,14 +100,14 @@ LoopTimerBackend::LoopScope::~LoopScope() {
     scopeState = nullptr;
 }
 
-LoopTimerBackend::LoopTimerBackend() : firstState(std::make_shared<LoopState>()) {}
+LoopTimerBackend::LoopTimerBackend() : firstState(LoopState::make()) {}
 
 LoopTimerBackend::~LoopTimerBackend() = default;
 
 void LoopTimerBackend::attach(const std::vector<boost::asio::io_context*>& loops) {
     std::lock_guard<std::mutex> statesGuard(statesMutex);
     while (moreStates.size() + 1 < loops.size()) {
-        moreStates.push_back(std::make_shared<LoopState>());
+        moreStates.push_back(LoopState::make());
     }
     for (std::size_t index = 0; index <= moreStates.size(); ++index) {
         LoopState& state = *doStateAt(index);
@@ -142,15 +155,7 @@ common::TimerHandle LoopTimerBackend::schedule(common::TimerCallback callback, s
 }
 
 std::unique_ptr<common::RearmableTimer> LoopTimerBackend::makeRearmableTimer(common::TimerCallback callback) {
-    LoopState& state = stateForThisThread();
-    // Weakly, as a handle holds its queue: the queue and its callbacks go with the backend.
-    return state.queue->makeRearmable(std::move(callback), &common::TimerQueue::steadyNow,
-                                      [weakState = state.weak_from_this()] {
-                                           if (auto held = weakState.lock()) {
-                                               std::lock_guard<std::mutex> guard(held->mutex);
-                                               held->doArm();
-                                           }
-                                       });
+    return stateForThisThread().queue->makeRearmable(std::move(callback));
 }
 
 }  // namespace korvane::host

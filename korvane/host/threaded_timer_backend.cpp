@@ -15,7 +15,14 @@ struct ThreadedTimerBackend::TimerThreadState {
     bool stopRequested = false;
 };
 
-ThreadedTimerBackend::ThreadedTimerBackend() : state(std::make_shared<TimerThreadState>()) {}
+ThreadedTimerBackend::ThreadedTimerBackend() : state(std::make_shared<TimerThreadState>()) {
+    // Weakly, as a handle holds its queue: the queue and its callbacks go with the backend.
+    state->queue->setRearmHooks(&common::TimerQueue::steadyNow, [weakState = std::weak_ptr<TimerThreadState>(state)] {
+        if (auto held = weakState.lock()) {
+            doWakeTimerThread(*held);
+        }
+    });
+}
 
 ThreadedTimerBackend::~ThreadedTimerBackend() {
     std::lock_guard<std::mutex> threadGuard(threadMutex);
@@ -90,13 +97,7 @@ common::TimerHandle ThreadedTimerBackend::schedule(common::TimerCallback callbac
 }
 
 std::unique_ptr<common::RearmableTimer> ThreadedTimerBackend::makeRearmableTimer(common::TimerCallback callback) {
-    // Weakly, as a handle holds its queue: the queue and its callbacks go with the backend.
-    return state->queue->makeRearmable(std::move(callback), &common::TimerQueue::steadyNow,
-                                       [weakState = std::weak_ptr<TimerThreadState>(state)] {
-                                           if (auto held = weakState.lock()) {
-                                               doWakeTimerThread(*held);
-                                           }
-                                       });
+    return state->queue->makeRearmable(std::move(callback));
 }
 
 void ThreadedTimerBackend::doRunTimerThread(std::shared_ptr<TimerThreadState> state) {

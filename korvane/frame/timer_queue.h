@@ -31,7 +31,9 @@
 // callback runs on another thread waits on `finished` for the callback to return;
 // released on the thread that runs the callback, it marks the timer cancelled and
 // returns at once. A callback's std::function, whose captures may own further
-// handles, is always destroyed with the mutex released.
+// handles, is always destroyed with the mutex released. setRearmHooks() is called by
+// the backend before the queue is shared; the hooks are only read afterwards, with the
+// mutex released, so a hook may call back into the queue.
 
 #include "korvane/frame/ring_queue.h"
 #include "korvane/frame/timers.h"

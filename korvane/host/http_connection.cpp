@@ -591,7 +591,8 @@ private:
 
     // Writes in one go the head, if it has not gone out, and the waiting chunks up to the
     // end of the body or `bodyWriteBytes`; the head goes out alone when no chunk waits, so
-    // that a held response shows at once. A failure waiting behind the chunks is handled once they are written.
+    // that a held response shows at once. A failure waiting behind the chunks is handled
+    // once they are written.
     void doPumpBody() {
         if (writing || closed || (pendingBody.empty() && !headPending)) {
             return;

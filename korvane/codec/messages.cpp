@@ -36,6 +36,14 @@ Future<std::unique_ptr<Message>> refuseResponse(const Message& response) {
 
 ConnectSink::~ConnectSink() = default;
 
+void ConnectSink::deliverPublish(const std::shared_ptr<const PublishRequest>& message) {
+    deliver(std::make_unique<PublishRequest>(message, PublishRequest::withoutSender));
+}
+
+void ConnectSink::deliverConnectReply(const std::string& messageId, const std::string& clientId) {
+    deliver(makeConnectReply(messageId, clientId));
+}
+
 bool ConnectSink::cancelled() const { return false; }
 
 BayeuxBase::BayeuxBase(std::string channel) : channel(std::move(channel)) {}
@@ -46,6 +54,13 @@ HandshakeRequest::HandshakeRequest() : BayeuxBase(handshakeChannel) {}
 HandshakeResponse::HandshakeResponse() : BayeuxResponse(handshakeChannel) {}
 ConnectRequest::ConnectRequest() : BayeuxBase(connectChannel) {}
 ConnectResponse::ConnectResponse() : BayeuxResponse(connectChannel) {}
+std::unique_ptr<ConnectResponse> makeConnectReply(const std::string& messageId, const std::string& clientId) {
+    auto reply = std::make_unique<ConnectResponse>();
+    reply->id = messageId;
+    reply->clientId = clientId;
+    reply->successful = true;
+    return reply;
+}
 ConnectStreamRequest::ConnectStreamRequest() : BayeuxBase(connectChannel) {}
 ConnectStreamResponse::ConnectStreamResponse() : BayeuxResponse(connectChannel) {}
 DisconnectRequest::DisconnectRequest() : BayeuxBase(disconnectChannel) {}

@@ -23,18 +23,28 @@ namespace korvane::bayeux {
 class KORVANE_EXPORT BayeuxServiceProvider;
 
 using BayeuxMessage = ServiceMessage<BayeuxServiceProvider>;
+class PublishRequest;
 using MessageStream = reactive_streams::PublisherAPI<std::unique_ptr<Message>>;
 
 // A transport's end of a client's held connects, for a transport that writes each message
 // as it comes and so needs no stream per connect: kept from one connect to the next
 // (WebSocket), or made for one connect (the body of a long poll's response). The session
-// calls deliver with none of its locks held, one call at a time, in order: each connect's
-// messages, then its ConnectResponse. A sink that is gone, or that says it is cancelled
-// (its client went away), takes no more: the session keeps the messages for the next connect.
+// calls the three deliver functions with none of its locks held, one call at a time, in
+// order: each connect's messages, then its ConnectResponse. A sink that is gone, or that
+// says it is cancelled (its client went away), takes no more: the session keeps the
+// messages for the next connect.
 class KORVANE_EXPORT ConnectSink {
 public:
     virtual ~ConnectSink();
     virtual void deliver(std::unique_ptr<Message>&& message) = 0;
+    // A publish as its receiver gets it: what deliver would take as the receiver's copy,
+    // PublishRequest(message, withoutSender). `message` is shared with the other receivers
+    // and never changed. The default makes that copy; a sink that writes the publish's
+    // delivered text needs none.
+    virtual void deliverPublish(const std::shared_ptr<const PublishRequest>& message);
+    // The connect's successful reply, its last message: what deliver would take as a
+    // ConnectResponse with only these two ids set. The default makes that response.
+    virtual void deliverConnectReply(const std::string& messageId, const std::string& clientId);
     // May be called from any thread, with the session's lock held: it answers at once and
     // calls nothing of the session's.
     virtual bool cancelled() const;
@@ -129,6 +139,10 @@ public:
 
     std::shared_ptr<BayeuxAdvice> advice;
 };
+
+// A connect's successful reply with only these two ids set.
+KORVANE_EXPORT std::unique_ptr<ConnectResponse> makeConnectReply(const std::string& messageId,
+                                                                 const std::string& clientId);
 
 // The real /meta/connect request. The two flags never reach the wire: the
 // transport sets them to say how the session is to answer.

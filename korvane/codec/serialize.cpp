@@ -200,14 +200,19 @@ void appendOptionalAdviceMember(DataBuffer& out, const std::shared_ptr<BayeuxAdv
     appendByte(out, '}');
 }
 
-void appendRequestHead(DataBuffer& out, const BayeuxBase& message, const std::string& clientId) {
-    appendStringMember(out, "{\"channel\":", message.channel);
-    appendOptionalStringMember(out, ",\"id\":", message.id);
+// The members that follow `channel` at the head of every message.
+void appendIds(DataBuffer& out, const std::string& id, const std::string& clientId) {
+    appendOptionalStringMember(out, ",\"id\":", id);
     if (clientId.empty()) {
         appendLiteral(out, ",\"clientId\":null");
     } else {
         appendStringMember(out, ",\"clientId\":", clientId);
     }
+}
+
+void appendRequestHead(DataBuffer& out, const BayeuxBase& message, const std::string& clientId) {
+    appendStringMember(out, "{\"channel\":", message.channel);
+    appendIds(out, message.id, clientId);
 }
 
 void appendRequestHead(DataBuffer& out, const BayeuxBase& message) { appendRequestHead(out, message, message.clientId); }
@@ -304,6 +309,12 @@ const PublishRequest* unchangedOriginal(const PublishRequest& request) {
 const DataBuffer& PublishRequest::deliveredText() const {
     std::call_once(deliveredOnce, [this] { writePublish(*this, std::string(), delivered); });
     return delivered;
+}
+
+void serializeConnectReply(const std::string& messageId, const std::string& clientId, DataBuffer& out) {
+    appendLiteral(out, "{\"channel\":\"/meta/connect\"");
+    appendIds(out, messageId, clientId);
+    appendLiteral(out, ",\"successful\":true}");
 }
 
 void serializePublishRequest(PublishRequest* request, DataBuffer& out) {

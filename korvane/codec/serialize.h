@@ -17,6 +17,10 @@ namespace korvane::bayeux {
 // "Unknown bayeux type: " and its type name; a null message throws std::bad_typeid.
 KORVANE_EXPORT void serializeBayeuxMessage(std::unique_ptr<Message>&& message, common::DataBuffer& out);
 
+// Appends what serializeBayeuxMessage writes for makeConnectReply(messageId, clientId).
+KORVANE_EXPORT void serializeConnectReply(const std::string& messageId, const std::string& clientId,
+                                          common::DataBuffer& out);
+
 // Appends a publish request, its `data` bytes unchanged; the busiest path, reserved once.
 KORVANE_EXPORT void serializePublishRequest(PublishRequest* request, common::DataBuffer& out);
 

@@ -453,9 +453,13 @@ void LongPollSession::doDrainPending(std::unique_lock<std::mutex>& lock, const C
 }
 
 void LongPollSession::sendOut(const ConnectOutlet& outlet, const std::shared_ptr<const PublishRequest>& message) const {
-    // The session's own copy, without the sender's id; the shared original stays untouched for the others.
+    if (!outgoing) {
+        outlet.putPublish(message);
+        return;
+    }
+    // The hook's own copy, without the sender's id; the shared original stays untouched for the others.
     auto copy = std::make_unique<PublishRequest>(message, PublishRequest::withoutSender);
-    if (outgoing && !outgoing(id, *copy)) {
+    if (!outgoing(id, *copy)) {
         return;
     }
     outlet.put(std::unique_ptr<Message>(std::move(copy)));
@@ -469,6 +473,22 @@ void LongPollSession::ConnectOutlet::put(std::unique_ptr<Message>&& message) con
     }
 }
 
+void LongPollSession::ConnectOutlet::putPublish(const std::shared_ptr<const PublishRequest>& message) const {
+    if (queue) {
+        queue->setValue(std::make_unique<PublishRequest>(message, PublishRequest::withoutSender));
+    } else if (sink) {
+        sink->deliverPublish(message);
+    }
+}
+
+void LongPollSession::ConnectOutlet::putConnectReply(const std::string& messageId, const std::string& clientId) const {
+    if (queue) {
+        queue->setValue(makeConnectReply(messageId, clientId));
+    } else if (sink) {
+        sink->deliverConnectReply(messageId, clientId);
+    }
+}
+
 void LongPollSession::ConnectOutlet::end() const {
     if (queue) {
         queue->doneWhenEmpty();
@@ -479,13 +499,10 @@ void LongPollSession::doEndConnect(std::unique_lock<std::mutex>& lock, ConnectOu
     sendResponse = false;
     activeConnect = false;
     connectDeadline.reset();
-    auto response = std::make_unique<ConnectResponse>();
-    response->id = connectMessageId;
-    response->clientId = id;
-    response->successful = true;
+    const std::string messageId = connectMessageId;
     lock.unlock();
     // The response is always the last message of the stream; the queue ends once the transport has taken it.
-    outlet.put(std::unique_ptr<Message>(std::move(response)));
+    outlet.putConnectReply(messageId, id);
     outlet.end();
     // A newer connect may have replaced this queue meanwhile: this may be its last reference.
     outlet = ConnectOutlet();

@@ -130,6 +130,10 @@ private:
         std::shared_ptr<BayeuxQueue> queue;
         std::shared_ptr<ConnectSink> sink;
         void put(std::unique_ptr<Message>&& message) const;
+        // A publish as the session's copy of it; a sink may write it without one.
+        void putPublish(const std::shared_ptr<const PublishRequest>& message) const;
+        // The connect's successful reply, its last message; end() follows.
+        void putConnectReply(const std::string& messageId, const std::string& clientId) const;
         // Called after the ConnectResponse was put.
         void end() const;
     };

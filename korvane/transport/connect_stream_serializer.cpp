@@ -46,22 +46,21 @@ common::DataBuffer ConnectStreamSerializer::doSerialize(std::unique_ptr<Message>
     return serializeConnectChunk(std::move(message), atArrayStart);
 }
 
-// The comma goes behind every message but a ConnectResponse, so the only thing that can close
-// the array is the connect reply.
-common::DataBuffer serializeConnectChunk(std::unique_ptr<Message>&& message, bool& atArrayStart) {
+namespace {
+
+common::DataBuffer openChunk(std::size_t room, bool& atArrayStart) {
     common::DataBuffer chunk;
-    chunk.reserve(chunkRoom(message.get()));
+    chunk.reserve(room);
     if (atArrayStart) {
         atArrayStart = false;
         chunk.push_back('[');
     }
-    const bool closesArray = message && typeid(*message) == typeid(ConnectResponse);
-    try {
-        serializeBayeuxMessage(std::move(message), chunk);
-    } catch (const std::exception& error) {
-        // The stream goes on: the client sees a gap, the reason goes to standard output only.
-        std::puts(error.what());
-    }
+    return chunk;
+}
+
+// The comma goes behind every message but a ConnectResponse, so the only thing that can close
+// the array is the connect reply.
+common::DataBuffer closeChunk(common::DataBuffer&& chunk, bool closesArray, bool& atArrayStart) {
     if (closesArray) {
         chunk.push_back(']');
         atArrayStart = true;
@@ -69,7 +68,35 @@ common::DataBuffer serializeConnectChunk(std::unique_ptr<Message>&& message, boo
         chunk.push_back(',');
     }
     KORVANE_LOG(logger, common::logTrace) << "Long poll serialize: " << chunk.view().substr(0, chunkLogLimit);
-    return chunk;
+    return std::move(chunk);
+}
+
+}  // namespace
+
+common::DataBuffer serializeConnectChunk(std::unique_ptr<Message>&& message, bool& atArrayStart) {
+    common::DataBuffer chunk = openChunk(chunkRoom(message.get()), atArrayStart);
+    const bool closesArray = message && typeid(*message) == typeid(ConnectResponse);
+    try {
+        serializeBayeuxMessage(std::move(message), chunk);
+    } catch (const std::exception& error) {
+        // The stream goes on: the client sees a gap, the reason goes to standard output only.
+        std::puts(error.what());
+    }
+    return closeChunk(std::move(chunk), closesArray, atArrayStart);
+}
+
+common::DataBuffer serializePublishChunk(const PublishRequest& message, bool& atArrayStart) {
+    const common::DataBuffer& delivered = message.deliveredText();
+    common::DataBuffer chunk = openChunk(delivered.size + 2, atArrayStart);
+    chunk.append(delivered.chars(), delivered.size);
+    return closeChunk(std::move(chunk), false, atArrayStart);
+}
+
+common::DataBuffer serializeConnectReplyChunk(const std::string& messageId, const std::string& clientId,
+                                              bool& atArrayStart) {
+    common::DataBuffer chunk = openChunk(envelopeRoom, atArrayStart);
+    serializeConnectReply(messageId, clientId, chunk);
+    return closeChunk(std::move(chunk), true, atArrayStart);
 }
 
 }  // namespace korvane::bayeux

@@ -11,6 +11,9 @@
 // its subscriber) and the HTTP response (as its body).
 
 #include <memory>
+#include <string>
+
+#include "korvane/codec/messages.h"
 
 #include "korvane/frame/data_buffer.h"
 #include "korvane/frame/message.h"
@@ -23,6 +26,11 @@ namespace korvane::bayeux {
 // every message but the ConnectResponse, whose "]" closes the array and makes the next chunk open
 // a new one. A message that cannot be written leaves a gap; the reason goes to standard output.
 KORVANE_EXPORT common::DataBuffer serializeConnectChunk(std::unique_ptr<Message>&& message, bool& atArrayStart);
+// serializeConnectChunk of the receiver's copy of `message`, written from the text its receivers share.
+KORVANE_EXPORT common::DataBuffer serializePublishChunk(const PublishRequest& message, bool& atArrayStart);
+// serializeConnectChunk of makeConnectReply(messageId, clientId).
+KORVANE_EXPORT common::DataBuffer serializeConnectReplyChunk(const std::string& messageId, const std::string& clientId,
+                                                             bool& atArrayStart);
 
 class KORVANE_EXPORT ConnectStreamSerializer
     : public reactive_streams::TransformProcessor<std::unique_ptr<Message>, common::DataBuffer> {

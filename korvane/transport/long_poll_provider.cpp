@@ -102,6 +102,15 @@ public:
         }
     }
 
+    void deliverPublish(const std::shared_ptr<const PublishRequest>& message) override {
+        publish(serializePublishChunk(*message, atArrayStart));
+    }
+
+    void deliverConnectReply(const std::string& messageId, const std::string& clientId) override {
+        publish(serializeConnectReplyChunk(messageId, clientId, atArrayStart));
+        finish();
+    }
+
     bool cancelled() const override { return ended.load(std::memory_order_acquire); }
 
 private:

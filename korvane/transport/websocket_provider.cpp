@@ -169,27 +169,60 @@ void WebSocketConnection::fillClientId(BayeuxBase* bayeux) {
 void WebSocketConnection::sendMessage(std::unique_ptr<Message>&& message) {
     // A reply that carries a client id (the handshake's) teaches the connection its id.
     BayeuxBase* bayeux = bayeuxFieldsOf(*message);
-    std::shared_ptr<FramePublisher> publisher;
-    {
-        std::lock_guard<std::mutex> guard(mutex);
-        publisher = framePublisher;
-        if (publisher && bayeux != nullptr && !bayeux->clientId.empty() && bayeux->clientId != clientId) {
-            clientId = bayeux->clientId;
-        }
-    }
+    std::shared_ptr<FramePublisher> publisher = framePublisherLearning(bayeux == nullptr ? nullptr : &bayeux->clientId);
     if (!publisher) {
         return;
     }
-    common::DataBuffer text;
-    text.reserve(typicalFrameBytes);
-    text.push_back('[');
+    common::DataBuffer text = frameStart(typicalFrameBytes);
     serializeBayeuxMessage(std::move(message), text);
-    text.push_back(']');
-    KORVANE_LOG(logger, common::logTrace) << "Websocket frame sent: " << text.view();
-    publisher->publish(http::WebSocketFrame(std::move(text), textFrame));
+    sendFrame(*publisher, std::move(text));
 }
 
 void WebSocketConnection::deliver(std::unique_ptr<Message>&& message) { sendMessage(std::move(message)); }
+
+void WebSocketConnection::deliverPublish(const std::shared_ptr<const PublishRequest>& message) {
+    std::shared_ptr<FramePublisher> publisher = framePublisherLearning(nullptr);
+    if (!publisher) {
+        return;
+    }
+    // The receiver's copy would write the text all receivers share.
+    const common::DataBuffer& delivered = message->deliveredText();
+    common::DataBuffer text = frameStart(delivered.size + 2);
+    text.append(delivered.chars(), delivered.size);
+    sendFrame(*publisher, std::move(text));
+}
+
+void WebSocketConnection::deliverConnectReply(const std::string& messageId, const std::string& replyClientId) {
+    std::shared_ptr<FramePublisher> publisher = framePublisherLearning(&replyClientId);
+    if (!publisher) {
+        return;
+    }
+    common::DataBuffer text = frameStart(typicalFrameBytes);
+    serializeConnectReply(messageId, replyClientId, text);
+    sendFrame(*publisher, std::move(text));
+}
+
+std::shared_ptr<WebSocketConnection::FramePublisher> WebSocketConnection::framePublisherLearning(
+    const std::string* replyClientId) {
+    std::lock_guard<std::mutex> guard(mutex);
+    if (framePublisher && replyClientId != nullptr && !replyClientId->empty() && *replyClientId != clientId) {
+        clientId = *replyClientId;
+    }
+    return framePublisher;
+}
+
+common::DataBuffer WebSocketConnection::frameStart(std::size_t room) {
+    common::DataBuffer text;
+    text.reserve(room);
+    text.push_back('[');
+    return text;
+}
+
+void WebSocketConnection::sendFrame(FramePublisher& publisher, common::DataBuffer&& text) {
+    text.push_back(']');
+    KORVANE_LOG(logger, common::logTrace) << "Websocket frame sent: " << text.view();
+    publisher.publish(http::WebSocketFrame(std::move(text), textFrame));
+}
 
 void WebSocketConnection::done(bool failed) {
     KORVANE_LOG(logger, common::logFailure) << "WebSocketConnection done";

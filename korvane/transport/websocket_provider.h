@@ -57,6 +57,10 @@ public:
     void sendMessage(std::unique_ptr<Message>&& message);
     // A held connect's message: written like any other.
     void deliver(std::unique_ptr<Message>&& message) override;
+    // A held connect's publish, framed from the text that all its receivers share.
+    void deliverPublish(const std::shared_ptr<const PublishRequest>& message) override;
+    // A held connect's reply, written without a message made for it.
+    void deliverConnectReply(const std::string& messageId, const std::string& replyClientId) override;
     // Ends the connection: cancels the connect's stream and, if `failed`, fails the
     // socket with the exception being handled.
     void done(bool failed);
@@ -67,6 +71,13 @@ private:
     void doHandleOne(std::unique_ptr<Message>&& message);
     void doHandleConnect(std::unique_ptr<Message>&& connect);
     std::unique_ptr<Message> doAskService(std::unique_ptr<Message>&& message);
+    // The publisher of the frames, null once done; a reply's client id, if given and not
+    // empty, becomes the connection's while the connection lasts.
+    std::shared_ptr<FramePublisher> framePublisherLearning(const std::string* replyClientId);
+    // A frame's text: its array opened, with room for `room` bytes.
+    static common::DataBuffer frameStart(std::size_t room);
+    // Closes the frame's array and writes it.
+    static void sendFrame(FramePublisher& publisher, common::DataBuffer&& text);
     // Bayeux fields with no clientId get the one the connection learned from a reply.
     void fillClientId(BayeuxBase* bayeux);
 

@@ -133,6 +133,18 @@ TEST(Serialize, ReceiversCopiesShareTheOriginalsTextUntilTheyDiffer) {
         << "the original itself still carries its sender";
 }
 
+TEST(Serialize, AConnectReplyWrittenFromItsIdsIsTheResponsesText) {
+    for (const std::string messageId : {"", "7", "a\"<b"}) {
+        for (const std::string clientId : {"", "k1", "\xC3("}) {
+            DataBuffer out;
+            serializeConnectReply(messageId, clientId, out);
+            EXPECT_EQ(out.str(), textOf(makeConnectReply(messageId, clientId))) << messageId << " " << clientId;
+        }
+    }
+    EXPECT_EQ(textOf(makeConnectReply("7", "k1")),
+              "{\"channel\":\"/meta/connect\",\"id\":\"7\",\"clientId\":\"k1\",\"successful\":true}");
+}
+
 TEST(Serialize, RefusesWhatIsNoSingleMessageAndKeepsTheBuffer) {
     DataBuffer out(std::string("[x"));
     auto batch = with<BayeuxContainer>([](auto& m) { m.messages.push_back(std::make_unique<DisconnectResponse>()); });

@@ -49,6 +49,21 @@ TEST(ConnectStreamSerializer, WritesOneChunkPerMessageWithTheArrayClosedByTheCon
     }
 }
 
+TEST(ConnectStreamSerializer, ChunksWrittenFromSharedPublishesAndReplyIdsAreThoseOfTheMessages) {
+    const std::shared_ptr<const PublishRequest> published = makePublish("/chat", "{\"n\":1}", "sender");
+    bool fromMessages = true, fromShared = true;
+    for (int round = 0; round < 2; ++round) {  // the second round opens a new array
+        for (int index = 0; index < 2; ++index) {
+            EXPECT_EQ(serializePublishChunk(*published, fromShared).str(),
+                      serializeConnectChunk(std::make_unique<PublishRequest>(published, PublishRequest::withoutSender),
+                                            fromMessages).str());
+        }
+        EXPECT_EQ(serializeConnectReplyChunk("c", "me", fromShared).str(),
+                  serializeConnectChunk(makeConnectReply("c", "me"), fromMessages).str());
+        EXPECT_TRUE(fromShared);
+    }
+}
+
 TEST(ConnectStreamSerializer, TakesNothingFromTheStreamUntilTheBodyAsksAndPassesAnErrorOn) {
     auto serializer = std::make_shared<ConnectStreamSerializer>();
     auto upstream = feed(serializer, {"1", "2"});

@@ -25,6 +25,9 @@ public:
     Message(const Message&) = default;
     Message& operator=(const Message&) = default;
     virtual ~Message();
+    // The type of the ServiceMessage base this message has, or null: a provider tells its
+    // own messages by it without a cast that walks the class graph.
+    virtual const std::type_info* serviceMessageType() const noexcept;
 };
 
 // `message` as a `Wanted`, or null when it is none (or null). The class itself is told
@@ -41,6 +44,8 @@ Wanted* messageAs(Message* message) {
 template <class T>
 class KORVANE_EXPORT ServiceMessage : public Message {
 public:
+    const std::type_info* serviceMessageType() const noexcept final { return &typeid(ServiceMessage); }
+
     // `self` owns this very message; the implementation moves it into T::handle.
     virtual Future<std::unique_ptr<Message>> dispatchTo(std::shared_ptr<T>&& service, std::unique_ptr<Message>&& self,
                                                         Address&& address, std::shared_ptr<Context>&& context) = 0;

@@ -6,6 +6,7 @@ namespace korvane {
 
 Message::Message() = default;
 Message::~Message() = default;
+const std::type_info* Message::serviceMessageType() const noexcept { return nullptr; }
 
 namespace common {
 

@@ -125,8 +125,8 @@ public:
             return makeErrorFuture<std::unique_ptr<Message>>(
                 std::make_exception_ptr(std::runtime_error("Service exists but is not running.")));
         }
-        auto* typed = dynamic_cast<ServiceMessage<T>*>(message.get());
-        if (typed == nullptr) {
+        const std::type_info* serviceType = message ? message->serviceMessageType() : nullptr;
+        if (serviceType == nullptr || *serviceType != typeid(ServiceMessage<T>)) {
             std::string found = "nullptr";
             if (message) {
                 const Message& received = *message;
@@ -136,6 +136,7 @@ public:
                 std::invalid_argument("Incorrect message type. Expected: " +
                                       common::mangledTypeName(typeid(ServiceMessage<T>)) + " but found " + found)));
         }
+        auto* typed = static_cast<ServiceMessage<T>*>(message.get());
         std::shared_ptr<T> self = std::static_pointer_cast<T>(shared_from_this());
         return typed->dispatchTo(std::move(self), std::move(message), std::move(address), std::move(context));
     }

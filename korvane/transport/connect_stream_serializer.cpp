@@ -32,22 +32,6 @@ std::size_t chunkRoom(const Message* message) {
            (publish.data ? publish.data->size : 0);
 }
 
-}  // namespace
-
-ConnectStreamSerializer::ConnectStreamSerializer()
-    : reactive_streams::TransformProcessor<std::unique_ptr<Message>, common::DataBuffer>(SerialFunc(this)) {
-    KORVANE_LOG(logger, common::logTrace) << "ConnectStreamSerializer constructor";
-}
-
-ConnectStreamSerializer::~ConnectStreamSerializer() { KORVANE_LOG(logger, common::logTrace) << "ConnectStreamSerializer destructor"; }
-
-// Runs under the base processor's lock.
-common::DataBuffer ConnectStreamSerializer::doSerialize(std::unique_ptr<Message>&& message) {
-    return serializeConnectChunk(std::move(message), atArrayStart);
-}
-
-namespace {
-
 common::DataBuffer openChunk(std::size_t room, bool& atArrayStart) {
     common::DataBuffer chunk;
     chunk.reserve(room);
@@ -72,6 +56,18 @@ common::DataBuffer closeChunk(common::DataBuffer&& chunk, bool closesArray, bool
 }
 
 }  // namespace
+
+ConnectStreamSerializer::ConnectStreamSerializer()
+    : reactive_streams::TransformProcessor<std::unique_ptr<Message>, common::DataBuffer>(SerialFunc(this)) {
+    KORVANE_LOG(logger, common::logTrace) << "ConnectStreamSerializer constructor";
+}
+
+ConnectStreamSerializer::~ConnectStreamSerializer() { KORVANE_LOG(logger, common::logTrace) << "ConnectStreamSerializer destructor"; }
+
+// Runs under the base processor's lock.
+common::DataBuffer ConnectStreamSerializer::doSerialize(std::unique_ptr<Message>&& message) {
+    return serializeConnectChunk(std::move(message), atArrayStart);
+}
 
 common::DataBuffer serializeConnectChunk(std::unique_ptr<Message>&& message, bool& atArrayStart) {
     common::DataBuffer chunk = openChunk(chunkRoom(message.get()), atArrayStart);

@@ -79,7 +79,7 @@ std::unique_ptr<Message> answerBatch(BayeuxContainer& batch, const Address& addr
 // publisher's destructor never finds the stream unfinished. A host that will not send an answer
 // cancels its body.
 //
-// Threading: deliver comes from the session, one call at a time, so `atArrayStart` needs no
+// Threading: the deliver calls come from the session, one at a time, so `atArrayStart` needs no
 // lock; the publisher's mutex guards the rest, and `ended` is read from any thread. `self` is
 // set before the body is shared and released by the end of the stream, which happens once.
 class ConnectBody final : public reactive_streams::CachedValuePublisher<common::DataBuffer, std::function<void()>>,

@@ -1,7 +1,6 @@
 #include "korvane/host/service_registry.h"
 
 #include <algorithm>
-#include <array>
 #include <mutex>
 #include <stdexcept>
 #include <typeinfo>
@@ -25,32 +24,14 @@ ServiceRegistry::Kind ServiceRegistry::kindOfProvider(const ServiceProvider& pro
 }
 
 ServiceRegistry::Kind ServiceRegistry::kindOfMessage(const Message* message) {
-    if (message == nullptr) {
+    const std::type_info* type = message == nullptr ? nullptr : message->serviceMessageType();
+    if (type == nullptr) {
         return Kind::Any;
     }
-    // Every message of a connect cycle asks, and a failed cross-cast walks the whole
-    // hierarchy: each thread remembers the kinds of the few classes it last saw.
-    struct Seen {
-        const std::type_info* type = nullptr;
-        Kind kind = Kind::Any;
-    };
-    thread_local std::array<Seen, 4> seen;
-    thread_local std::size_t nextSlot = 0;
-    const std::type_info& type = typeid(*message);
-    for (const Seen& entry : seen) {
-        if (entry.type == &type) {
-            return entry.kind;
-        }
+    if (*type == typeid(ServiceMessage<http::HttpServiceProvider>)) {
+        return Kind::Http;
     }
-    Kind kind = Kind::Any;
-    if (dynamic_cast<const ServiceMessage<http::HttpServiceProvider>*>(message) != nullptr) {
-        kind = Kind::Http;
-    } else if (dynamic_cast<const bayeux::BayeuxMessage*>(message) != nullptr) {
-        kind = Kind::Bayeux;
-    }
-    seen[nextSlot] = Seen{&type, kind};
-    nextSlot = (nextSlot + 1) % seen.size();
-    return kind;
+    return *type == typeid(bayeux::BayeuxMessage) ? Kind::Bayeux : Kind::Any;
 }
 
 void ServiceRegistry::add(const Address& address, std::shared_ptr<ServiceProvider> provider) {

@@ -14,7 +14,6 @@
 #include <string>
 
 #include "korvane/codec/messages.h"
-
 #include "korvane/frame/data_buffer.h"
 #include "korvane/frame/message.h"
 #include "korvane/frame/transform_processor.h"

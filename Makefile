@@ -10,10 +10,13 @@ ASAN_ENV = ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stac
 TSAN_ENV = TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(abspath tests/tsan.supp)
 ARGS ?=
 
-CONFIGURE = cmake -S . -DCMAKE_BUILD_TYPE=RelWithDebInfo -Wno-dev
-# The sanitizer builds trade optimisation and full debug info (line tables are enough
-# for their reports) for build time: their Beast translation units are the slowest. They
-# leave out the benchmarks and the load generator, which they never run.
+# Line tables only (-g1): backtraces, sanitizer reports and perf keep their file and line,
+# and a clean build of this tree takes 4m51s instead of 6m17s on two cores (the Beast
+# translation units spend a third of their time writing full debug info).
+CONFIGURE = cmake -S . -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O2 -g1 -DNDEBUG" -Wno-dev
+# The sanitizer builds trade optimisation for build time as well: their Beast translation
+# units are the slowest. They leave out the benchmarks and the load generator, which they
+# never run.
 SANITIZE_FLAGS = -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1" -DKORVANE_BUILD_BENCH=OFF -DKORVANE_BUILD_LOAD=OFF
 
 .PHONY: all deps build run test test-unit test-asan test-tsan test-interop test-interop-sanitized test-cluster test-browser test-load-smoke test-load-sanitized test-soak test-memory test-install fuzz fuzz-long bench bench-load bench-cluster soak install clean test-package

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <exception>
 #include <functional>
 #include <limits>
@@ -16,9 +17,11 @@ namespace korvane::reactive_streams {
 
 // Hands every item to a callback. Asks for unlimited demand once, on subscription.
 //
-// Locking: one mutex guards `finished`, `upstream` and `donePromise`. The callback
-// runs with no lock held, on the publisher's thread, and is serialised only as far
-// as the publisher serialises onNext. `donePromise` is resolved with the mutex held
+// Locking: one mutex guards `upstream` and `donePromise`, and every write of `finished`;
+// onNext reads `finished` without it (an item that races the end of the stream may or
+// may not be handed over, with the lock as without it). The callback runs with no lock
+// held, on the publisher's thread, and is serialised only as far as the publisher
+// serialises onNext. `donePromise` is resolved with the mutex held
 // (in onComplete and onError), so a continuation on getFuture() must not call back
 // into this subscriber.
 template <class T>
@@ -42,13 +45,9 @@ public:
     }
 
     void onNext(T&& value) override {
-        {
-            std::lock_guard<std::mutex> guard(mutex);
-            if (finished) {
-                return;
-            }
+        if (!finished.load(std::memory_order_acquire)) {
+            callback(std::move(value));
         }
-        callback(std::move(value));
     }
 
     void onComplete() override {
@@ -93,7 +92,7 @@ private:
     LazyPromise<bool> donePromise;
     std::function<void(T&&)> callback;
     std::weak_ptr<Subscription> upstream;
-    bool finished = false;
+    std::atomic<bool> finished{false};
 };
 
 }  // namespace korvane::reactive_streams

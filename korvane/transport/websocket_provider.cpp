@@ -2,6 +2,7 @@
 
 #include <exception>
 #include <stdexcept>
+#include <string_view>
 #include <typeinfo>
 #include <utility>
 
@@ -18,6 +19,7 @@ common::diagnostic_logger logger("korvane::bayeux::websocket");
 
 constexpr std::int64_t defaultConnectTimeoutMilliseconds = 14000;
 constexpr unsigned char textFrame = 129;
+constexpr std::string_view websocketConnectionType = "websocket";
 // Room for most frames at once: a delivery or a reply rarely needs more.
 constexpr std::size_t typicalFrameBytes = 256;
 
@@ -123,7 +125,10 @@ std::unique_ptr<Message> WebSocketConnection::doAskService(std::unique_ptr<Messa
 
 void WebSocketConnection::doHandleConnect(std::unique_ptr<Message>&& message) {
     auto& connect = static_cast<ConnectStreamRequest&>(*message);
-    connect.connectionType = "websocket";
+    // The client names its transport already, nearly always: the string is left as it is then.
+    if (connect.connectionType != websocketConnectionType) {
+        connect.connectionType = websocketConnectionType;
+    }
     connect.bufferResponses = true;
     connect.holdResponses = false;
     if (!connect.advice) {

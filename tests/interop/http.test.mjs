@@ -18,6 +18,7 @@ const request = (method, target, headers = {}, body = "") =>
     `${method} ${target} HTTP/1.1\r\nHost: 127.0.0.1\r\n` +
     Object.entries({ ...headers, ...(body ? { "Content-Length": body.length } : {}) }).map(([name, value]) => `${name}: ${value}\r\n`).join("") +
     `\r\n${body}`;
+const post = (body, headers = {}) => request("POST", "/bayeux", { "Content-Type": "application/json", ...headers }, JSON.stringify(body));
 const handshake = (id = "h", padding = "") => JSON.stringify([{ channel: "/meta/handshake", version: "1.0", id, ext: { padding } }]);
 
 // The whole responses at the start of `text`: status, headers by lower-case name, body, chunks.
@@ -159,7 +160,6 @@ test("each request is answered as its path, the files, the limits and its origin
 
 test("pipelined requests are answered in order, a held connect streams in chunks behind its headers", () =>
     withServer({}, async (server) => {
-        const post = (body) => request("POST", "/bayeux", { "Content-Type": "application/json" }, JSON.stringify(body));
         const steady = connect(server.port);
         steady.send(post([{ channel: "/meta/handshake", id: "1" }]) + post([{ channel: "/meta/handshake", id: "2" }]) + request("GET", "/bayeux?jsonp=x"));
         const [first, second, third] = await steady.responses(3);
@@ -263,4 +263,34 @@ test("a long-polling client whose held connect's connection broke loses nothing 
         const next = await post({ channel: "/meta/connect", clientId: listener, connectionType: "long-polling" });
         assert.deepEqual(next.map((message) => message.channel), ["/room", "/meta/connect"]);
         assert.deepEqual(next[0].data, { n: 1 });
+    }));
+
+test("one connection's held connects each get the head their own request calls for", () =>
+    withServer({ args: ["--allow-origin", "https://app.example"] }, async (server) => {
+        const connection = connect(server.port);
+        connection.send(post([{ channel: "/meta/handshake", version: "1.0" }]));
+        const [shaken] = await connection.responses(1);
+        const [cookie, { clientId }] = [shaken.headers["set-cookie"].split(";")[0], JSON.parse(shaken.body)[0]];
+        const connectFor = (timeout) => [{ channel: "/meta/connect", clientId, connectionType: "long-polling", advice: { timeout } }];
+        // [the connect's own headers, the fields its head must have (null: absent)]; each is held, then streamed.
+        const rows = [
+            [{}, { "set-cookie": /^korvane-browser=[0-9a-f]{32};/, "access-control-allow-origin": null }],
+            [{ Cookie: cookie }, { "set-cookie": null }],
+            [{ Cookie: cookie, Origin: "https://app.example" }, { "access-control-allow-origin": "https://app.example", vary: "Origin", "set-cookie": null }],
+            [{ Cookie: cookie }, { "access-control-allow-origin": null, vary: null }],
+            [{ Cookie: cookie }, { "access-control-allow-origin": null, vary: null }],
+            [{ Cookie: cookie, Connection: "close" }, { connection: "close" }],
+        ];
+        const heads = [];
+        for (const [index, [headers, expected]] of rows.entries()) {
+            connection.send(post(connectFor(100), headers));
+            heads.push((await connection.responses(index + 2))[index + 1].headers);
+            const head = heads[index];
+            for (const [name, value] of Object.entries({ "transfer-encoding": "chunked", ...expected })) {
+                const ok = value instanceof RegExp ? value.test(head[name] ?? "") : head[name] === (value ?? undefined);
+                assert.ok(ok, `connect ${index} with ${JSON.stringify(headers)}: ${name} is ${head[name]}`);
+            }
+        }
+        assert.deepEqual(heads[4], heads[3], "the same request, the same head");
+        assert.equal(await closedQuietly(connection, 5000), true, "closed after the connect that asked for it");
     }));

@@ -454,7 +454,7 @@ private:
     void doDescribeRequest(Context& context, const http::Headers& headers) {
         context.set("headers", boost::any(headers));
         boost::system::error_code error;
-        const auto peer = lowest().socket().remote_endpoint(error);
+        const auto peer = lowest().remote_endpoint(error);
         context.set("remoteAddress", boost::any(error ? std::string() : peer.address().to_string()));
     }
 
@@ -882,7 +882,7 @@ private:
             return;
         }
         beast::error_code ignored;
-        lowest().socket().shutdown(net::socket_base::shutdown_send, ignored);
+        lowest().shutdown(net::socket_base::shutdown_send, ignored);
         expiresAfter(lingerTimeout);
         doLinger();
     }
@@ -975,7 +975,7 @@ void serveHttpConnection(ConnectionSocket&& socket, const std::shared_ptr<Server
     if (state->tls != nullptr) {
         std::make_shared<HttpConnection<TlsStream>>(TlsStream(std::move(socket), *state->tls), state)->run();
     } else {
-        std::make_shared<HttpConnection<PlainStream>>(PlainStream(std::move(socket)), state)->run();
+        std::make_shared<HttpConnection<PlainStream>>(std::move(socket), state)->run();
     }
 }
 

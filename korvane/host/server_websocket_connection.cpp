@@ -108,14 +108,11 @@ class ServerWebSocketConnection : public ConnectionTracker::Tracked,
 public:
     using Executor = typename Stream::executor_type;
     static constexpr bool plain = std::is_same_v<Stream, PlainStream>;
-    // A plain connection keeps only its socket: the HTTP stream's timers and operation
-    // state (some 600 bytes) serve nothing once frames are read and written by hand.
-    using Carrier = std::conditional_t<plain, PlainStream::socket_type, Stream>;
 
     ServerWebSocketConnection(Stream&& stream, std::shared_ptr<ServerState> state,
                               std::shared_ptr<reactive_streams::PublisherAPI<WebSocketFrame>> inbound,
                               std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound)
-        : stream(carrierOf(std::move(stream))),
+        : stream(std::move(stream)),
           loopExecutor(this->stream.get_executor()),
           state(std::move(state)),
           inbound(std::move(inbound)),
@@ -135,10 +132,7 @@ public:
             return;
         }
         upgradeRequest = std::make_unique<UpgradeRequest>(std::move(upgrade));
-        if constexpr (!plain) {
-            beast::get_lowest_layer(stream).expires_never();
-        }
-        handshake = std::make_unique<websocket::stream<Carrier&>>(stream);
+        handshake = std::make_unique<websocket::stream<Stream&>>(stream);
         websocket::stream_base::timeout timeouts{};
         timeouts.handshake_timeout = state->options.headerTimeout;
         timeouts.idle_timeout = websocket::stream_base::none();
@@ -183,21 +177,7 @@ private:
         std::shared_ptr<LoopLink<ServerWebSocketConnection>> link;
     };
 
-    static Carrier carrierOf(Stream&& stream) {
-        if constexpr (plain) {
-            return stream.release_socket();
-        } else {
-            return std::move(stream);
-        }
-    }
-
-    auto& socket() {
-        if constexpr (plain) {
-            return stream;
-        } else {
-            return beast::get_lowest_layer(stream).socket();
-        }
-    }
+    PlainStream& socket() { return beast::get_lowest_layer(stream); }
 
     void onAccepted(beast::error_code error) {
         handshake.reset();
@@ -710,7 +690,7 @@ private:
         socket().close(ignored);
     }
 
-    Carrier stream;
+    Stream stream;
     const Executor loopExecutor;
     // What every connect cycle reads or writes, together, beside the socket.
     bool reading = false;
@@ -758,7 +738,7 @@ private:
     Clock::time_point closeWrittenAt;
     std::uint64_t trackerId = 0;
     // Only while the upgrade is answered.
-    std::unique_ptr<websocket::stream<Carrier&>> handshake;
+    std::unique_ptr<websocket::stream<Stream&>> handshake;
     std::unique_ptr<UpgradeRequest> upgradeRequest;
 };
 

@@ -9,7 +9,6 @@
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http/fields.hpp>
 #include <boost/beast/http/message.hpp>
 #include <boost/beast/http/string_body.hpp>
@@ -28,7 +27,7 @@ struct ServerState;
 // executor, every read and write copied and destroyed a type-erased one.
 using ConnectionExecutor = boost::asio::io_context::executor_type;
 using ConnectionSocket = boost::asio::basic_stream_socket<boost::asio::ip::tcp, ConnectionExecutor>;
-using PlainStream = boost::beast::basic_stream<boost::asio::ip::tcp, ConnectionExecutor>;
+using PlainStream = ConnectionSocket;
 using TlsStream = boost::beast::ssl_stream<PlainStream>;
 // Header fields on the I/O thread's block pool: each field of a request or a response is
 // an allocation, made and freed on the connection's loop once per request.

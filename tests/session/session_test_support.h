@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <numeric>
 
 #include "korvane/codec/messages.h"

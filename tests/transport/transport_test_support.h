@@ -9,7 +9,6 @@
 
 #include <functional>
 #include <string>
-#include <vector>
 
 #include "korvane/frame/cached_value_publisher.h"
 #include "korvane/frame/http.h"

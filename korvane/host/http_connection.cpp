@@ -118,8 +118,8 @@ void discardAnswer(Message* answer) {
 // service, whose answer (on any thread) comes back through `link`; a streaming
 // body's signals wait in `bodyRelay`, which wakes the connection through `link`.
 //
-// Timeouts follow the stream's own expiry rules, kept here with one timer for the
-// connection instead of a timer wait per operation: a limit set applies to the reads and
+// Timeouts are kept here with one timer for the connection, the socket having none
+// of its own, instead of a timer wait per operation: a limit set applies to the reads and
 // the writes started after it, except on a side with an operation under way, which keeps
 // its own; the first operation to pass its limit closes the socket. The timer is armed
 // for the earliest limit under way and, when a later one replaced it meanwhile, armed

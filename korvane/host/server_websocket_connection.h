@@ -27,6 +27,8 @@ struct ServerState;
 // executor, every read and write copied and destroyed a type-erased one.
 using ConnectionExecutor = boost::asio::io_context::executor_type;
 using ConnectionSocket = boost::asio::basic_stream_socket<boost::asio::ip::tcp, ConnectionExecutor>;
+// A plain connection's stream is its bare socket: its reads and writes need no wrapper,
+// and its deadlines are the connection's own.
 using PlainStream = ConnectionSocket;
 using TlsStream = boost::beast::ssl_stream<PlainStream>;
 // Header fields on the I/O thread's block pool: each field of a request or a response is

@@ -12,6 +12,7 @@
 #include <type_traits>
 #include <vector>
 
+#include <boost/asio/dispatch.hpp>
 #include <boost/asio/ssl.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
@@ -24,6 +25,7 @@
 #include "korvane/host/ascii_case.h"
 #include "korvane/host/browser_session.h"
 #include "korvane/host/deadline_timer.h"
+#include "korvane/host/edge_wait.h"
 #include "korvane/host/handler_pool.h"
 #include "korvane/host/host_context.h"
 #include "korvane/host/host_counters.h"
@@ -49,8 +51,10 @@ common::diagnostic_logger logger("korvane::host::http");
 // dropped for this long, so that closing does not reset the response away.
 constexpr std::chrono::seconds lingerTimeout(1);
 // How much a streaming response reads ahead of pipelined requests while it
-// watches for the peer going away.
+// watches for the peer going away (over TLS).
 constexpr std::size_t watchReadBytes = 4096;
+// The most a plain connection's read asks for, as Beast's reads do.
+constexpr std::size_t maxReadBytes = 64 * 1024;
 constexpr std::string_view continueLine = "HTTP/1.1 100 Continue\r\n\r\n";
 // Chunks of a streaming response asked for ahead of the socket. A held connect's answer
 // comes as one chunk a message: the window is wide enough for a busy client's batch to
@@ -118,6 +122,14 @@ void discardAnswer(Message* answer) {
 // service, whose answer (on any thread) comes back through `link`; a streaming
 // body's signals wait in `bodyRelay`, which wakes the connection through `link`.
 //
+// A plain connection reads its socket itself and parses with Beast's parser: one wait
+// for readability, started after the read that emptied the socket, stays queued from a
+// request through its response to the next request. Bytes that come while a response
+// is under way are kept for the next request, and the peer's close ends the connection
+// if a held response streams. A long poll thus costs one receive a request and no
+// cancelled read. Over TLS, Beast's reads do the same work: a read for the request, and
+// a read that watches while a response streams, cancelled when it ends.
+//
 // Timeouts are kept here with one timer for the connection, the socket having none
 // of its own, instead of a timer wait per operation: a limit set applies to the reads and
 // the writes started after it, except on a side with an operation under way, which keeps
@@ -125,10 +137,11 @@ void discardAnswer(Message* answer) {
 // for the earliest limit under way and, when a later one replaced it meanwhile, armed
 // again when it fires, so an operation costs a clock read.
 //
-// Threading: every member function but shutdown() and abandon() runs on the
-// connection's loop, whose one thread runs its handlers one at a time. shutdown()
-// posts; abandon() runs on the stopping thread once no I/O thread is left. Nothing
-// here takes a lock.
+// Threading: every member function but run(), shutdown() and abandon() runs on the
+// connection's loop, whose one thread runs its handlers one at a time. run() runs on
+// the accepting loop and starts only operations (a plain connection's first read goes
+// to the connection's loop); shutdown() posts; abandon() runs on the stopping thread
+// once no I/O thread is left. Nothing here takes a lock.
 template <class Stream>
 class HttpConnection : public ConnectionTracker::Tracked, public std::enable_shared_from_this<HttpConnection<Stream>> {
 public:
@@ -166,7 +179,16 @@ public:
                                         }
                                     });
         } else {
-            doReadHeader();
+            // Reads try the socket and answer "would block" rather than wait in the kernel.
+            beast::error_code error;
+            lowest().non_blocking(true, error);
+            if (error) {
+                doClose();
+                return;
+            }
+            // On the connection's loop: the wait a read leaves queued misses bytes whose
+            // readiness that loop takes between the read and the wait.
+            net::dispatch(loopExecutor, [self = this->shared_from_this()] { self->doReadHeader(); });
         }
     }
 
@@ -178,6 +200,7 @@ public:
 
 private:
     friend class DeadlineTimer<HttpConnection>;
+    friend class EdgeWait<HttpConnection>;
     const HttpServerOptions& options() const { return state->options; }
     PlainStream& lowest() { return beast::get_lowest_layer(stream); }
     // A peer that does not take a response within the write timeout is cut.
@@ -251,11 +274,16 @@ private:
         parser->body_limit(options().maxBodyBytes);
         expiresAfter(options().headerTimeout);
         begin(readSide);
-        bhttp::async_read_header(stream, buffer, *parser,
-                                 pooledHandler([self = this->shared_from_this()](beast::error_code error, std::size_t) {
-                                     self->end(readSide);
-                                     self->onHeader(error);
-                                 }));
+        if constexpr (isTls<Stream>) {
+            bhttp::async_read_header(stream, buffer, *parser,
+                                     pooledHandler([self = this->shared_from_this()](beast::error_code error, std::size_t) {
+                                         self->end(readSide);
+                                         self->onHeader(error);
+                                     }));
+        } else {
+            bodyStarted = false;
+            doReadRequestBytes();
+        }
     }
 
     void onHeader(beast::error_code error) {
@@ -267,36 +295,46 @@ private:
             onRequest();
             return;
         }
-        if (beast::iequals(parser->get()[bhttp::field::expect], "100-continue")) {
-            // The client waits for a go-ahead before it sends the body.
-            doArmWriteTimeout();
-            begin(writeSide);
-            net::async_write(stream, net::buffer(continueLine),
-                             [self = this->shared_from_this()](beast::error_code error, std::size_t) {
-                                 self->end(writeSide);
-                                 if (error) {
-                                     self->doClose();
-                                 } else {
-                                     self->doReadBody();
-                                 }
-                             });
+        if (expectsContinue()) {
+            doSendContinue();
             return;
         }
         doReadBody();
     }
 
+    bool expectsContinue() const { return beast::iequals(parser->get()[bhttp::field::expect], "100-continue"); }
+
+    // The client waits for a go-ahead before it sends the body.
+    void doSendContinue() {
+        doArmWriteTimeout();
+        begin(writeSide);
+        net::async_write(stream, net::buffer(continueLine),
+                         [self = this->shared_from_this()](beast::error_code error, std::size_t) {
+                             self->end(writeSide);
+                             if (error) {
+                                 self->doClose();
+                             } else {
+                                 self->doReadBody();
+                             }
+                         });
+    }
+
     void doReadBody() {
         expiresAfter(options().headerTimeout);
         begin(readSide);
-        bhttp::async_read(stream, buffer, *parser,
-                          pooledHandler([self = this->shared_from_this()](beast::error_code error, std::size_t) {
-                              self->end(readSide);
-                              if (error) {
-                                  self->doReadFailed(error);
-                              } else {
-                                  self->onRequest();
-                              }
-                          }));
+        if constexpr (isTls<Stream>) {
+            bhttp::async_read(stream, buffer, *parser,
+                              pooledHandler([self = this->shared_from_this()](beast::error_code error, std::size_t) {
+                                  self->end(readSide);
+                                  if (error) {
+                                      self->doReadFailed(error);
+                                  } else {
+                                      self->onRequest();
+                                  }
+                              }));
+        } else {
+            doReadRequestBytes();
+        }
     }
 
     void doReadFailed(beast::error_code error) {
@@ -316,6 +354,128 @@ private:
         } else {
             doClose();
         }
+    }
+
+    // ---- reading a plain connection -------------------------------------------------
+
+    // What the bytes read are for: the request being read, or, while a response is under
+    // way (or a 100 Continue goes out), the next request; they then wait in `buffer`.
+    enum class ReadMode { request, watch };
+
+    std::size_t watchLimit() const { return options().maxHeaderBytes + options().maxBodyBytes; }
+
+    // Parses what `buffer` holds; while the request needs more and no wait is queued, reads on.
+    void doReadRequestBytes() {
+        readMode = ReadMode::request;
+        if (doTakeRequestBytes(false) && !waitQueued) {
+            doReadAvailable();
+        }
+    }
+
+    // Reads until the socket is empty, then waits for its next bytes; while watching,
+    // stops once `buffer` holds as much as a request may.
+    void doReadAvailable() {
+        for (;;) {
+            if (readMode == ReadMode::watch && buffer.size() >= watchLimit()) {
+                return;
+            }
+            const std::size_t room = beast::read_size(buffer, maxReadBytes);
+            beast::error_code error;
+            const std::size_t bytes = lowest().read_some(buffer.prepare(room), error);
+            if (error == net::error::would_block) {
+                doWaitReadable();
+                return;
+            }
+            if (error) {
+                doReadEnded(error);
+                return;
+            }
+            buffer.commit(bytes);
+            // A read that got less than it asked for emptied the socket.
+            const bool drained = bytes < room;
+            if (readMode == ReadMode::request && !doTakeRequestBytes(drained)) {
+                return;
+            }
+            if (drained) {
+                doWaitReadable();
+                return;
+            }
+        }
+    }
+
+    // Parses `buffer` into the request being read. Returns true while the request needs
+    // more bytes; otherwise the request has been taken or refused. `drained`: the read
+    // just made emptied the socket, so the wait may start before the request is taken
+    // (never for an upgrade, whose socket goes to the WebSocket connection).
+    bool doTakeRequestBytes(bool drained) {
+        for (;;) {
+            if (buffer.size() == 0) {
+                return true;
+            }
+            beast::error_code error;
+            const std::size_t used = parser->put(buffer.data(), error);
+            buffer.consume(used);
+            if (error == bhttp::error::need_more) {
+                return true;
+            }
+            if (error) {
+                end(readSide);
+                doReadFailed(error);
+                return false;
+            }
+            if (parser->is_done()) {
+                end(readSide);
+                readMode = ReadMode::watch;
+                if (drained && !isUpgrade(parser->get())) {
+                    doWaitReadable();
+                }
+                onRequest();
+                return false;
+            }
+            if (parser->is_header_done() && !bodyStarted) {
+                bodyStarted = true;
+                parser->eager(true);
+                if (expectsContinue()) {
+                    end(readSide);
+                    readMode = ReadMode::watch;
+                    if (drained) {
+                        doWaitReadable();
+                    }
+                    doSendContinue();
+                    return false;
+                }
+            } else if (used == 0) {
+                return true;
+            }
+        }
+    }
+
+    // Precondition: a read made in the handler now running emptied the socket (EdgeWait).
+    void doWaitReadable() {
+        waitQueued = true;
+        readable.start(lowest(), this->shared_from_this());
+    }
+
+    void onReadable(beast::error_code error) {
+        waitQueued = false;
+        if (closed) {
+            return;
+        }
+        if (error) {
+            doReadEnded(error);
+            return;
+        }
+        doReadAvailable();
+    }
+
+    // The peer's end cuts a request short and ends a streaming response. A peer that ends
+    // its side while a whole response (or a 100 Continue) is written still gets it: the
+    // read after it sees the end again.
+    void doReadEnded(beast::error_code error) {
+        if (readMode == ReadMode::watch && !bodyRelay && error == net::error::eof) {
+            return;
+        }
+        doClose();
     }
 
     void onRequest() {
@@ -488,6 +648,11 @@ private:
         closed = true;
         link->cut();
         deadline.cancel();
+        if (waitQueued) {
+            // A pipelined upgrade, parsed while the wait watched: the wait ends before the socket moves.
+            beast::error_code ignored;
+            lowest().cancel(ignored);
+        }
         std::string cookie =
             freshSession ? browserSessionCookie(options().cookieName, sessionId, isTls<Stream>) : std::string();
         serveWebSocket<Stream>(std::move(stream), std::move(request), std::move(socket.inbound),
@@ -709,18 +874,24 @@ private:
     }
 
     // Reads ahead while a response streams, to see the peer go away. Pipelined
-    // requests that come meanwhile wait in `buffer`.
+    // requests that come meanwhile wait in `buffer`. Over TLS, a read that is cancelled
+    // when the response ends; a plain connection keeps its wait.
     void doWatch() {
-        if (watching || closed || buffer.size() >= options().maxHeaderBytes + options().maxBodyBytes) {
-            return;
+        if constexpr (isTls<Stream>) {
+            if (watching || closed || buffer.size() >= watchLimit()) {
+                return;
+            }
+            watching = true;
+            begin(readSide);
+            stream.async_read_some(buffer.prepare(watchReadBytes),
+                                   pooledHandler([self = this->shared_from_this()](beast::error_code error, std::size_t bytes) {
+                                       self->end(readSide);
+                                       self->onWatch(error, bytes);
+                                   }));
+        } else if (!waitQueued && !closed) {
+            // Normally the wait started with the request's last read is still queued.
+            doReadAvailable();
         }
-        watching = true;
-        begin(readSide);
-        stream.async_read_some(buffer.prepare(watchReadBytes),
-                               pooledHandler([self = this->shared_from_this()](beast::error_code error, std::size_t bytes) {
-                                   self->end(readSide);
-                                   self->onWatch(error, bytes);
-                               }));
     }
 
     void onWatch(beast::error_code error, std::size_t bytes) {
@@ -745,8 +916,8 @@ private:
 
     void doNextRequest() {
         if (!keepAlive) {
-            // A watch read still waiting has taken what the peer sent: nothing is left to linger for.
-            if (watching) {
+            // A read or wait still queued has taken what the peer sent: nothing is left to linger for.
+            if (watching || waitQueued) {
                 doClose();
             } else {
                 doLingerClose();
@@ -958,8 +1129,14 @@ private:
     } keptHead;
     bool headPending = false;
     bool writing = false;
+    // Over TLS: a watch read is under way, and the next request is read once it is cancelled.
     bool watching = false;
     bool resumeAfterWatch = false;
+    // A plain connection's reading: see "reading a plain connection".
+    ReadMode readMode = ReadMode::request;
+    bool waitQueued = false;
+    bool bodyStarted = false;
+    EdgeWait<HttpConnection> readable;
     bool closed = false;
     std::array<char, 4096> scratch{};
 

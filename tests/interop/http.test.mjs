@@ -148,6 +148,17 @@ test("each request is answered as its path, the files, the limits and its origin
             for (const [name, value] of Object.entries(expected)) assert.equal(response.headers[name], value ?? undefined, `${what}: ${name}`);
             if (expectedBody !== undefined) assert.equal(response.body, expectedBody, what);
         }
+        // A client that ends its side while a response too large for the socket's buffers is written still gets all of it.
+        const big = 16 << 20;
+        fs.writeFileSync(path.join(folder.root, "big.bin"), Buffer.alloc(big, "b"));
+        const halfClosed = connect(server.port);
+        halfClosed.socket.pause();
+        halfClosed.send(request("GET", "/big.bin"));
+        await sleep(200);
+        halfClosed.socket.end();
+        await sleep(200);
+        halfClosed.socket.resume();
+        assert.equal((await halfClosed.responses(1))[0].body.length, big);
         const malformed = connect(server.port);
         malformed.send("NOT A REQUEST\r\n\r\n");
         assert.equal((await malformed.responses(1))[0].status, 400);

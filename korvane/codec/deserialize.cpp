@@ -210,6 +210,8 @@ std::unique_ptr<Message> parseHandshakeResponse(std::uint64_t& cursor, const Dat
     return message;
 }
 
+// ConnectTemplate (connect_template.h) copies what this reads; a member read here is
+// one it must copy too.
 std::unique_ptr<Message> parseConnectRequest(std::uint64_t& cursor, const DataBuffer& buffer,
                                              const WalkedMembers& walked) {
     auto message = std::make_unique<ConnectStreamRequest>();

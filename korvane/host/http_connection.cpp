@@ -566,7 +566,8 @@ private:
             doDescribeRequest(*context, headers);
         }
         Future<std::unique_ptr<Message>> answer =
-            longPoll ? bayeux::answerLongPollBody(DataBuffer(request.body()), options().longPollAddress, context)
+            longPoll ? bayeux::answerLongPollBody(DataBuffer(request.body()), options().longPollAddress, context,
+                                                  &longPollConnects)
                      : doDispatch(std::move(headers), context);
         // Runs on whichever thread resolves the answer. An answer that is ready runs it
         // inside then(), on this thread, and is taken here instead of posted.
@@ -1093,6 +1094,8 @@ private:
     Request request;
     std::string sessionId;
     bool freshSession = false;
+    // The connection's last long-poll connect, so that the next ones are read without parsing.
+    bayeux::ConnectTemplate longPollConnects;
     std::string corsOrigin;
     bool keepAlive = false;
     bool upgrade = false;

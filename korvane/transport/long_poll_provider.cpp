@@ -160,12 +160,14 @@ MessageFuture answerConnect(std::unique_ptr<ConnectStreamRequest>&& connect, con
     });
 }
 
+// `connects`, when given, is the connection's: a connect like its last one is known unparsed.
 MessageFuture answerBody(Future<common::DataBuffer>&& read, const Address& address,
-                         const std::shared_ptr<Context>& context) {
+                         const std::shared_ptr<Context>& context, ConnectTemplate* connects) {
     try {
         common::DataBuffer body = read.get();
         // A body that is not UTF-8 is refused whole, so that none of it reaches another client.
-        std::unique_ptr<Message> message = deserializeUtf8Request(body);
+        std::unique_ptr<Message> message =
+            connects != nullptr ? connects->readRequest(body) : deserializeUtf8Request(body);
         KORVANE_LOG(logger, common::logFrequent) << "Finished parsing bayeux request";
         // The reader makes exactly these classes, so they are told by their type.
         const std::type_info& type = typeid(*message);
@@ -201,9 +203,9 @@ BayeuxLongPollServiceProvider::BayeuxLongPollServiceProvider() = default;
 BayeuxLongPollServiceProvider::~BayeuxLongPollServiceProvider() = default;
 
 MessageFuture answerLongPollBody(common::DataBuffer&& body, const Address& address,
-                                const std::shared_ptr<Context>& context) {
+                                const std::shared_ptr<Context>& context, ConnectTemplate* connects) {
     KORVANE_LOG(logger, common::logFrequent) << "Starting parsing bayeux request";
-    return answerBody(makeReadyFuture(std::move(body)), address, context);
+    return answerBody(makeReadyFuture(std::move(body)), address, context, connects);
 }
 
 MessageFuture BayeuxLongPollServiceProvider::handle(std::unique_ptr<http::HttpRequest>&& request, Address&& address,
@@ -213,7 +215,7 @@ MessageFuture BayeuxLongPollServiceProvider::handle(std::unique_ptr<http::HttpRe
         request->body, appendChunk, common::DataBuffer());
     Future<MessageFuture> answered =
         read.then([address = std::move(address), context = std::move(context)](Future<common::DataBuffer>&& body) {
-            return answerBody(std::move(body), address, context);
+            return answerBody(std::move(body), address, context, nullptr);
         });
     return unwrap(std::move(answered));
 }

@@ -14,6 +14,7 @@
 
 #include <memory>
 
+#include "korvane/codec/connect_template.h"
 #include "korvane/frame/data_buffer.h"
 #include "korvane/frame/http.h"
 #include "korvane/export.h"
@@ -32,8 +33,12 @@ public:
 
 // What handle() does with a body that is already read: for a host that holds the body
 // of a POST this transport would be given, so that the request need not be built and
-// sent to it. The same answer, log lines and threading as handle().
+// sent to it. The same answer, log lines and threading as handle(). A host may keep a
+// ConnectTemplate per connection and pass it with each body of that connection (one call
+// at a time): a connect like the connection's last one but for its id is then read
+// without parsing.
 KORVANE_EXPORT Future<std::unique_ptr<Message>> answerLongPollBody(common::DataBuffer&& body, const Address& address,
-                                                                   const std::shared_ptr<Context>& context);
+                                                                   const std::shared_ptr<Context>& context,
+                                                                   ConnectTemplate* connects = nullptr);
 
 }  // namespace korvane::bayeux

@@ -8,7 +8,6 @@
 
 #include "korvane/codec/messages.h"
 #include "korvane/codec/serialize.h"
-#include "korvane/codec/utf8.h"
 #include "korvane/frame/logger.h"
 
 namespace korvane::bayeux {
@@ -92,8 +91,9 @@ void WebSocketConnection::handleFrame(http::WebSocketFrame&& frame) {
             return;
         }
         // A text frame must hold UTF-8; one that does not fails the socket like any
-        // frame that cannot be handled.
-        doHandleOne(deserializeUtf8Request(frame.data));
+        // frame that cannot be handled. A connect like the last one but for its id is
+        // known without parsing.
+        doHandleOne(connectTemplate.readRequest(frame.data));
     } catch (...) {
         KORVANE_LOG(logger, common::logFailure) << "Error while processing frame: " << frame.data.view();
         done(true);

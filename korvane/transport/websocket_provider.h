@@ -26,6 +26,7 @@
 #include <mutex>
 #include <string>
 
+#include "korvane/codec/connect_template.h"
 #include "korvane/codec/messages.h"
 #include "korvane/frame/cached_value_publisher.h"
 #include "korvane/frame/callback_subscriber.h"
@@ -89,6 +90,8 @@ private:
     std::shared_ptr<Context> context;
     std::shared_ptr<reactive_streams::PublisherAPI<std::unique_ptr<Message>>> connectStream;
     std::shared_ptr<MessageSubscriber> messageSubscriber;
+    // Touched only by handleFrame, which takes one frame at a time.
+    ConnectTemplate connectTemplate;
 };
 
 // Stateless; deliver may run on any thread for any number of upgrades at once.

@@ -1,0 +1,58 @@
+#pragma once
+
+// A connection's last /meta/connect request, kept so that the next ones, which a client
+// sends alike but for their id, are read without parsing. A text equal to the kept one
+// around the id's value, whose new value is plain (printable ASCII without a quote or a
+// backslash), reads as the kept request with that id: exactly what a parse of it gives.
+//
+// A text is kept only when its id's value stands at one place that alone decides the
+// request's id, shown by parsing a probe with another id: nothing else of the text may
+// change with it. Texts with escapes or advice are never kept, nor is a connection's
+// first connect (it usually carries advice, and a connection that connects once would
+// keep its text for nothing). A connection whose connects keep differing (a counter in
+// an extension) stops keeping after a few.
+//
+// Threading: none of its own; one reader of one connection's frames uses it.
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "korvane/codec/messages.h"
+#include "korvane/frame/data_buffer.h"
+#include "korvane/export.h"
+
+namespace korvane::bayeux {
+
+class KORVANE_EXPORT ConnectTemplate {
+public:
+    // What deserializeUtf8Request(text) gives (or throws): read() when it knows the text,
+    // otherwise a parse, which learn() is told.
+    std::unique_ptr<Message> readRequest(common::DataBuffer& text);
+
+    // The request `text` holds when it is the kept text with another plain id; null otherwise.
+    std::unique_ptr<ConnectStreamRequest> read(const common::DataBuffer& text);
+
+private:
+    // `text`, which read() did not know, parsed as `parsed`: kept when it is a connect
+    // that can be kept (see above).
+    void learn(const common::DataBuffer& text, const Message& parsed);
+    bool keeps() const { return !text.empty(); }
+    void keep(const common::DataBuffer& candidate, const ConnectStreamRequest& parsed);
+
+    static constexpr std::uint8_t missesBeforeGivingUp = 3;
+
+    // The kept text, whose id's value runs from `idStart` up to the quote at `idEnd`, and
+    // the fields besides the id that its parse gave.
+    std::string text;
+    std::size_t idStart = 0;
+    std::size_t idEnd = 0;
+    std::string clientId;
+    std::string connectionType;
+    bool seenAConnect = false;
+    // Connects that read() did not know since it last knew one.
+    std::uint8_t missesInARow = 0;
+};
+
+}  // namespace korvane::bayeux

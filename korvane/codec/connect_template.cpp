@@ -39,25 +39,26 @@ std::unique_ptr<Message> ConnectTemplate::readRequest(common::DataBuffer& candid
 }
 
 std::unique_ptr<ConnectStreamRequest> ConnectTemplate::read(const common::DataBuffer& candidate) {
-    if (!keeps()) {
+    if (!kept || kept->text.empty()) {
         return nullptr;
     }
+    const Kept& known = *kept;
     const std::string_view now = candidate.view();
     // From the id's closing quote to the end.
-    const std::size_t tail = text.size() - idEnd;
-    if (now.size() < idStart + tail || std::memcmp(now.data(), text.data(), idStart) != 0) {
+    const std::size_t tail = known.text.size() - known.idEnd;
+    if (now.size() < known.idStart + tail || std::memcmp(now.data(), known.text.data(), known.idStart) != 0) {
         return nullptr;
     }
     const std::size_t end = now.size() - tail;
-    if (std::memcmp(now.data() + end, text.data() + idEnd, tail) != 0 ||
-        !isPlain(now.substr(idStart, end - idStart))) {
+    if (std::memcmp(now.data() + end, known.text.data() + known.idEnd, tail) != 0 ||
+        !isPlain(now.substr(known.idStart, end - known.idStart))) {
         return nullptr;
     }
     missesInARow = 0;
     auto request = std::make_unique<ConnectStreamRequest>();
-    request->id.assign(now.data() + idStart, end - idStart);
-    request->clientId = clientId;
-    request->connectionType = connectionType;
+    request->id.assign(now.data() + known.idStart, end - known.idStart);
+    request->clientId = known.clientId;
+    request->connectionType = known.connectionType;
     return request;
 }
 
@@ -77,7 +78,9 @@ void ConnectTemplate::learn(const common::DataBuffer& candidate, const Message& 
 }
 
 void ConnectTemplate::keep(const common::DataBuffer& candidate, const ConnectStreamRequest& parsed) {
-    text.clear();
+    if (kept) {
+        kept->text.clear();
+    }
     const std::string_view whole = candidate.view();
     if (parsed.advice || parsed.id.empty() || !isPlain(parsed.id) || whole.find('\\') != std::string_view::npos) {
         return;
@@ -109,11 +112,14 @@ void ConnectTemplate::keep(const common::DataBuffer& candidate, const ConnectStr
         again.advice) {
         return;
     }
-    text.assign(whole);
-    idStart = start;
-    idEnd = end;
-    clientId = parsed.clientId;
-    connectionType = parsed.connectionType;
+    if (!kept) {
+        kept = std::make_unique<Kept>();
+    }
+    kept->text.assign(whole);
+    kept->idStart = start;
+    kept->idEnd = end;
+    kept->clientId = parsed.clientId;
+    kept->connectionType = parsed.connectionType;
 }
 
 }  // namespace korvane::bayeux

@@ -38,18 +38,21 @@ private:
     // `text`, which read() did not know, parsed as `parsed`: kept when it is a connect
     // that can be kept (see above).
     void learn(const common::DataBuffer& text, const Message& parsed);
-    bool keeps() const { return !text.empty(); }
     void keep(const common::DataBuffer& candidate, const ConnectStreamRequest& parsed);
 
     static constexpr std::uint8_t missesBeforeGivingUp = 3;
 
     // The kept text, whose id's value runs from `idStart` up to the quote at `idEnd`, and
-    // the fields besides the id that its parse gave.
-    std::string text;
-    std::size_t idStart = 0;
-    std::size_t idEnd = 0;
-    std::string clientId;
-    std::string connectionType;
+    // the fields besides the id that its parse gave. Made at the first keep: a connection
+    // that connects once (an idle one) carries only the pointer.
+    struct Kept {
+        std::string text;
+        std::size_t idStart = 0;
+        std::size_t idEnd = 0;
+        std::string clientId;
+        std::string connectionType;
+    };
+    std::unique_ptr<Kept> kept;
     bool seenAConnect = false;
     // Connects that read() did not know since it last knew one.
     std::uint8_t missesInARow = 0;

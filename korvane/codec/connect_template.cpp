@@ -39,26 +39,26 @@ std::unique_ptr<Message> ConnectTemplate::readRequest(common::DataBuffer& candid
 }
 
 std::unique_ptr<ConnectStreamRequest> ConnectTemplate::read(const common::DataBuffer& candidate) {
-    if (!kept || kept->text.empty()) {
+    if (!kept || kept->size == 0) {
         return nullptr;
     }
     const Kept& known = *kept;
     const std::string_view now = candidate.view();
     // From the id's closing quote to the end.
-    const std::size_t tail = known.text.size() - known.idEnd;
-    if (now.size() < known.idStart + tail || std::memcmp(now.data(), known.text.data(), known.idStart) != 0) {
+    const std::size_t tail = known.size - known.idEnd;
+    if (now.size() < known.idStart + tail || std::memcmp(now.data(), known.text, known.idStart) != 0) {
         return nullptr;
     }
     const std::size_t end = now.size() - tail;
-    if (std::memcmp(now.data() + end, known.text.data() + known.idEnd, tail) != 0 ||
+    if (std::memcmp(now.data() + end, known.text + known.idEnd, tail) != 0 ||
         !isPlain(now.substr(known.idStart, end - known.idStart))) {
         return nullptr;
     }
     missesInARow = 0;
     auto request = std::make_unique<ConnectStreamRequest>();
     request->id.assign(now.data() + known.idStart, end - known.idStart);
-    request->clientId = known.clientId;
-    request->connectionType = known.connectionType;
+    request->clientId.assign(known.text + known.clientIdAt, known.clientIdSize);
+    request->connectionType.assign(known.text + known.typeAt, known.typeSize);
     return request;
 }
 
@@ -79,10 +79,11 @@ void ConnectTemplate::learn(const common::DataBuffer& candidate, const Message& 
 
 void ConnectTemplate::keep(const common::DataBuffer& candidate, const ConnectStreamRequest& parsed) {
     if (kept) {
-        kept->text.clear();
+        kept->size = 0;
     }
     const std::string_view whole = candidate.view();
-    if (parsed.advice || parsed.id.empty() || !isPlain(parsed.id) || whole.find('\\') != std::string_view::npos) {
+    if (parsed.advice || parsed.id.empty() || !isPlain(parsed.id) || whole.size() > Kept::capacity ||
+        whole.find('\\') != std::string_view::npos) {
         return;
     }
     const std::string shown = std::string(idOpening) + parsed.id + '"';
@@ -112,14 +113,23 @@ void ConnectTemplate::keep(const common::DataBuffer& candidate, const ConnectStr
         again.advice) {
         return;
     }
+    // Without escapes, the parse's strings are bytes of the text.
+    const std::size_t clientIdAt = whole.find(parsed.clientId);
+    const std::size_t typeAt = whole.find(parsed.connectionType);
+    if (clientIdAt == std::string_view::npos || typeAt == std::string_view::npos) {
+        return;
+    }
     if (!kept) {
         kept = std::make_unique<Kept>();
     }
-    kept->text.assign(whole);
-    kept->idStart = start;
-    kept->idEnd = end;
-    kept->clientId = parsed.clientId;
-    kept->connectionType = parsed.connectionType;
+    std::memcpy(kept->text, whole.data(), whole.size());
+    kept->size = static_cast<std::uint16_t>(whole.size());
+    kept->idStart = static_cast<std::uint16_t>(start);
+    kept->idEnd = static_cast<std::uint16_t>(end);
+    kept->clientIdAt = static_cast<std::uint16_t>(clientIdAt);
+    kept->clientIdSize = static_cast<std::uint16_t>(parsed.clientId.size());
+    kept->typeAt = static_cast<std::uint16_t>(typeAt);
+    kept->typeSize = static_cast<std::uint16_t>(parsed.connectionType.size());
 }
 
 }  // namespace korvane::bayeux

@@ -7,7 +7,7 @@
 //
 // A text is kept only when its id's value stands at one place that alone decides the
 // request's id, shown by parsing a probe with another id: nothing else of the text may
-// change with it. Texts with escapes or advice are never kept, nor is a connection's
+// change with it. Texts with escapes or advice, or longer than a few hundred bytes, are never kept, nor is a connection's
 // first connect (it usually carries advice, and a connection that connects once would
 // keep its text for nothing). A connection whose connects keep differing (a counter in
 // an extension) stops keeping after a few.
@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "korvane/codec/messages.h"
 #include "korvane/frame/data_buffer.h"
@@ -42,15 +43,22 @@ private:
 
     static constexpr std::uint8_t missesBeforeGivingUp = 3;
 
-    // The kept text, whose id's value runs from `idStart` up to the quote at `idEnd`, and
-    // the fields besides the id that its parse gave. Made at the first keep: a connection
-    // that connects once (an idle one) carries only the pointer.
+    // The kept text and what its parse gave besides the id, in one block that a read takes
+    // together: the id's value runs from `idStart` up to the quote at `idEnd`, and the client
+    // id and connection type are bytes of the text (which has no escapes). Made at the first
+    // keep: a connection that connects once (an idle one) carries only the pointer.
     struct Kept {
-        std::string text;
-        std::size_t idStart = 0;
-        std::size_t idEnd = 0;
-        std::string clientId;
-        std::string connectionType;
+        static constexpr std::size_t capacity = 224;
+        std::string_view view() const { return std::string_view(text, size); }
+
+        std::uint16_t size = 0;
+        std::uint16_t idStart = 0;
+        std::uint16_t idEnd = 0;
+        std::uint16_t clientIdAt = 0;
+        std::uint16_t clientIdSize = 0;
+        std::uint16_t typeAt = 0;
+        std::uint16_t typeSize = 0;
+        char text[capacity];
     };
     std::unique_ptr<Kept> kept;
     bool seenAConnect = false;

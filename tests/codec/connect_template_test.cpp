@@ -76,9 +76,10 @@ TEST(ConnectTemplate, KeepsOnlyAConnectWhoseIdAloneChangesWithItsPlace) {
     const std::pair<std::vector<std::string>, std::string> rows[] = {
         // A connection's first connect is not kept.
         {{connect("1")}, connect("2")},
-        // Advice, escapes, an id shown twice, an id shown only where it does not count.
+        // Advice, escapes, a text past the kept size, an id shown twice, an id shown only where it does not count.
         {{connect("1"), withAdvice}, "{\"id\":\"3\",\"channel\":\"/meta/connect\",\"advice\":{\"timeout\":0}}"},
         {{connect("1"), "{\"id\":\"2\",\"channel\":\"\\/meta\\/connect\"}"}, "{\"id\":\"3\",\"channel\":\"\\/meta\\/connect\"}"},
+        {{connect("1"), connect("2") + std::string(200, ' ')}, connect("3") + std::string(200, ' ')},
         {{connect("1"), "{\"id\":\"2\",\"channel\":\"/meta/connect\",\"ext\":{\"id\":\"2\"}}"},
          "{\"id\":\"3\",\"channel\":\"/meta/connect\",\"ext\":{\"id\":\"3\"}}"},
         {{connect("1"), "{\"id\" : \"2\",\"channel\":\"/meta/connect\",\"ext\":{\"id\":\"2\"}}"},

@@ -7,10 +7,10 @@
 //
 // A text is kept only when its id's value stands at one place that alone decides the
 // request's id, shown by parsing a probe with another id: nothing else of the text may
-// change with it. Texts with escapes or advice, or longer than a few hundred bytes, are never kept, nor is a connection's
-// first connect (it usually carries advice, and a connection that connects once would
-// keep its text for nothing). A connection whose connects keep differing (a counter in
-// an extension) stops keeping after a few.
+// change with it. Texts with escapes or advice, or longer than Kept::capacity bytes, are
+// never kept, nor is a connection's first connect (it usually carries advice, and a
+// connection that connects once would keep its text for nothing). A connection whose
+// connects keep differing (a counter in an extension) stops keeping after a few.
 //
 // Threading: none of its own; one reader of one connection's frames uses it.
 
@@ -18,7 +18,6 @@
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <string_view>
 
 #include "korvane/codec/messages.h"
 #include "korvane/frame/data_buffer.h"
@@ -49,7 +48,6 @@ private:
     // keep: a connection that connects once (an idle one) carries only the pointer.
     struct Kept {
         static constexpr std::size_t capacity = 224;
-        std::string_view view() const { return std::string_view(text, size); }
 
         std::uint16_t size = 0;
         std::uint16_t idStart = 0;

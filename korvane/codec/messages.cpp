@@ -35,6 +35,7 @@ Future<std::unique_ptr<Message>> refuseResponse(const Message& response) {
 }  // namespace
 
 ConnectSink::~ConnectSink() = default;
+ConnectSink::Note::~Note() = default;
 
 void ConnectSink::deliverPublish(const std::shared_ptr<const PublishRequest>& message) {
     deliver(std::make_unique<PublishRequest>(message, PublishRequest::withoutSender));
@@ -45,6 +46,8 @@ void ConnectSink::deliverConnectReply(const std::string& messageId, const std::s
 }
 
 bool ConnectSink::cancelled() const { return false; }
+
+bool ConnectSink::servesLaterConnects() const { return false; }
 
 BayeuxBase::BayeuxBase(std::string channel) : channel(std::move(channel)) {}
 BayeuxBase::~BayeuxBase() = default;

@@ -48,6 +48,19 @@ public:
     // May be called from any thread, with the session's lock held: it answers at once and
     // calls nothing of the session's.
     virtual bool cancelled() const;
+
+    // Whether the sink takes the connects that follow this one (a WebSocket's does), so that
+    // the service keeps a note on it; a sink made for one connect says no, the default.
+    virtual bool servesLaterConnects() const;
+
+    // What the protocol service found for the last connect through this sink, kept here so
+    // that the client's next connect through it needs no look-up. Only the service reads or
+    // writes it, under its own lock; the sink only owns it.
+    class KORVANE_EXPORT Note {
+    public:
+        virtual ~Note();
+    };
+    std::unique_ptr<Note> serviceNote;
 };
 
 // The four fields that all Bayeux messages share. Empty strings mean absent.

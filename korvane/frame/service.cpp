@@ -55,6 +55,7 @@ void ContextState::set(const std::string& key, boost::any value) {
     std::lock_guard<std::mutex> guard(mutex);
     startSmall(properties);
     properties[key] = std::move(value);
+    changes.fetch_add(1, std::memory_order_release);
 }
 
 }  // namespace common

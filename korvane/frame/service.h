@@ -9,6 +9,7 @@
 // property bag with its own mutex.
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -82,10 +83,14 @@ public:
     // copying it; throws boost::bad_any_cast when the value is of another type.
     bool isString(const std::string& key, const std::string& value) const;
     void set(const std::string& key, boost::any value);
+    // How many times set() has run: a reader that saw the state once can tell, without
+    // the lock, that it has not changed since. Any thread.
+    std::uint64_t changeCount() const noexcept { return changes.load(std::memory_order_acquire); }
 
 private:
     mutable std::mutex mutex;
     std::unordered_map<std::string, boost::any> properties;
+    std::atomic<std::uint64_t> changes{0};
 };
 
 }  // namespace common

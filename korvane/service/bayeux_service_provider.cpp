@@ -1,6 +1,8 @@
 #include "korvane/service/bayeux_service_provider.h"
 
+#include <array>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <utility>
 
@@ -137,6 +139,7 @@ std::shared_ptr<LongPollSession> BayeuxServiceProviderImpl::createSession(const 
     info.session = session;
     info.grant = std::move(grant);
     info.tick = common::getCurrentTick();
+    ++registryChanges;
     startSweeping(lock);
     KORVANE_LOG(logger, common::logLifecycle) << "New session with id: " << clientId;
     return session;
@@ -175,16 +178,84 @@ void BayeuxServiceProviderImpl::doRefresh(const std::string& clientId, ClientInf
     KORVANE_LOG(logger, common::logFrequent) << "Tick updated for client: " << clientId << " to " << info.tick;
 }
 
+// What a connect through a sink found: its client's record, for the connection type and the
+// context it came with, as the registry (`registryChanges`) and the context (its changeCount)
+// stood then, its browser below the type's limit. A connect with the same client id and type
+// in the same context, none of it changed, would find the same record and the same answer.
+struct BayeuxServiceProviderImpl::ConnectNote : ConnectSink::Note {
+    static constexpr std::size_t maxClientIdBytes = 32;
+
+    bool isFor(const std::string& id) const {
+        return id.size() == clientIdSize && std::memcmp(id.data(), clientId.data(), clientIdSize) == 0;
+    }
+    // The same context object, or no context for both: a weak pointer keeps the control block,
+    // which tells the object apart, in place while the note lives.
+    bool isIn(const std::shared_ptr<Context>& other) const {
+        return !context.owner_before(other) && !other.owner_before(context);
+    }
+
+    const BayeuxServiceProviderImpl* provider = nullptr;
+    std::uint64_t registryChanges = 0;
+    std::weak_ptr<Context> context;
+    std::uint64_t contextChanges = 0;
+    std::string connectionType;
+    // In the note itself, so that comparing it reads no other block.
+    std::array<char, maxClientIdBytes> clientId{};
+    std::size_t clientIdSize = 0;
+    ClientInfo* record = nullptr;
+};
+
+BayeuxServiceProviderImpl::ClientInfo* BayeuxServiceProviderImpl::doNotedRecord(
+    ConnectSink* sink, const std::string& clientId, const std::string& connectionType,
+    const std::shared_ptr<Context>& context) const {
+    const auto* note = sink == nullptr ? nullptr : dynamic_cast<const ConnectNote*>(sink->serviceNote.get());
+    if (note == nullptr || note->provider != this || note->registryChanges != registryChanges ||
+        !note->isFor(clientId) || note->connectionType != connectionType || !note->isIn(context) ||
+        (context && note->contextChanges != context->changeCount())) {
+        return nullptr;
+    }
+    return note->record;
+}
+
+void BayeuxServiceProviderImpl::doNote(ConnectSink& sink, ClientInfo& record, const std::string& clientId,
+                                       const std::string& connectionType, const std::shared_ptr<Context>& context,
+                                       std::uint64_t contextChanges) const {
+    if (clientId.size() > ConnectNote::maxClientIdBytes) {
+        return;
+    }
+    auto* note = dynamic_cast<ConnectNote*>(sink.serviceNote.get());
+    if (note == nullptr) {
+        auto made = std::make_unique<ConnectNote>();
+        note = made.get();
+        sink.serviceNote = std::move(made);
+    }
+    note->provider = this;
+    note->registryChanges = registryChanges;
+    note->context = context;
+    note->contextChanges = contextChanges;
+    note->connectionType = connectionType;
+    std::memcpy(note->clientId.data(), clientId.data(), clientId.size());
+    note->clientIdSize = clientId.size();
+    note->record = &record;
+}
+
 std::shared_ptr<LongPollSession> BayeuxServiceProviderImpl::sessionForConnect(const std::string& clientId,
                                                                               const std::string& connectionType,
                                                                               const std::shared_ptr<Context>& context,
-                                                                              bool& shortPoll) {
+                                                                              ConnectSink* sink, bool& shortPoll) {
     std::lock_guard<std::mutex> lock(mutex);
+    if (ClientInfo* noted = doNotedRecord(sink, clientId, connectionType, context)) {
+        doRefresh(clientId, *noted, connectionType);
+        shortPoll = false;
+        return noted->session;
+    }
     auto client = clients.find(clientId);
     if (client == clients.end()) {
         return nullptr;
     }
     ClientInfo* info = &client->second;
+    // Read before the context is asked: a change made meanwhile leaves the note stale.
+    const std::uint64_t contextChanges = context ? context->changeCount() : 0;
     // A client connects from the browser it shook hands from, almost always: the context is
     // asked whether that is so, which copies no id out of it. A context whose id is not a
     // string throws here, before the record is touched.
@@ -197,9 +268,12 @@ std::shared_ptr<LongPollSession> BayeuxServiceProviderImpl::sessionForConnect(co
     // Counting takes the lock of each of the browser's sessions; a browser with fewer clients
     // than the limit cannot reach it, so its connects are not counted.
     const std::size_t limit = getActiveConnectCountLimit(connectionType);
-    const std::size_t active =
-        browser == nullptr || browser->size() < limit ? 0 : doCountActiveConnects(*browser, connectionType);
+    const bool belowLimit = browser == nullptr || browser->size() < limit;
+    const std::size_t active = belowLimit ? 0 : doCountActiveConnects(*browser, connectionType);
     shortPoll = active >= limit;
+    if (sink != nullptr && belowLimit && !shortPoll && sink->servesLaterConnects()) {
+        doNote(*sink, *info, client->first, connectionType, context, contextChanges);
+    }
     return info->session;
 }
 
@@ -287,6 +361,7 @@ void BayeuxServiceProviderImpl::sweepClients(long long tick) {
 }
 
 BayeuxServiceProviderImpl::ClientInfo BayeuxServiceProviderImpl::doForget(ClientMap::iterator client) {
+    ++registryChanges;
     auto browser = clientsBySession.find(client->second.sessionId);
     if (browser != clientsBySession.end()) {
         BrowserClients& records = browser->second;
@@ -448,7 +523,9 @@ bool BayeuxServiceProviderImpl::openConnect(const ConnectStreamRequest& request,
                                             ConnectStreamResponse& response) {
     const std::string connectionType = request.connectionType.empty() ? "long-polling" : request.connectionType;
     bool shortPoll = false;
-    std::shared_ptr<LongPollSession> session = sessionForConnect(request.clientId, connectionType, context, shortPoll);
+    std::shared_ptr<ConnectSink> sink = request.sink.lock();
+    std::shared_ptr<LongPollSession> session =
+        sessionForConnect(request.clientId, connectionType, context, sink.get(), shortPoll);
     if (!session) {
         return false;
     }
@@ -461,7 +538,7 @@ bool BayeuxServiceProviderImpl::openConnect(const ConnectStreamRequest& request,
     }
     KORVANE_LOG(logger, common::logTrace) << "Connecting with stream response (long poll): " << request.clientId << ", "
                                                   << hostSessionIdOf(context);
-    if (std::shared_ptr<ConnectSink> sink = request.sink.lock()) {
+    if (sink) {
         session->connectTo(sink, request.id, connectHoldTicks(request), request.bufferResponses, request.holdResponses);
     } else {
         response.stream = session->connectStream(request.id, connectHoldTicks(request), request.bufferResponses,

@@ -11,13 +11,14 @@
 // for the same client; the sweep runs on the timers' thread. A successful subscribe
 // waits, with no lock held and for 100 ms at most, until the routing core's interest
 // listener has settled (see InterestListener::awaitSettled). `mutex` guards
-// `clients`, `sweeper` and every ClientInfo, and is held only for the map work and
-// for starting the sweep. Calls into a session are made with `mutex` released,
-// except in the count of a browser's active connects, flush and census, where `mutex` is the
-// outer lock and the session's own the inner one; a connect also asks the request's context
-// for its host session id under `mutex`, which is then the outer lock and the context's the
-// inner one (a context calls nothing back). A session calls back into the provider
-// only when its client exceeds the pending limit, from its deliver with no
+// `clients`, `sweeper`, every ClientInfo and the notes that connects leave on their
+// sinks, and is held only for the map work and for starting the sweep. Calls into a
+// session are made with `mutex` released, except in the count of a browser's active
+// connects, flush and census, where `mutex` is the outer lock and the session's own the
+// inner one; a connect that its sink's note does not answer also asks the request's
+// context for its host session id under `mutex`, which is then the outer lock and the
+// context's the inner one (a context calls nothing back). A session calls back into the
+// provider only when its client exceeds the pending limit, from its deliver with no
 // session lock held, through a callback that holds the provider weakly. The policy
 // and the incoming hook are called with no lock held (see bayeux_policy.h). Sessions
 // and the sweeper handle are always let go of after `mutex` is released. The sweep
@@ -26,6 +27,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -143,8 +145,21 @@ private:
     // The session of a connect, or null if its client is unknown, with `shortPoll` set when
     // the browser of `context` already holds as many connects of the type as it may: one
     // look into the registry under one lock, the browser's list reached from the record.
+    // A connect through a `sink` that serves later connects leaves a ConnectNote there when
+    // its browser is below the type's limit, and the same client's next connect through it,
+    // while the note holds, takes the record from the note instead of the map and asks the
+    // context nothing.
     std::shared_ptr<LongPollSession> sessionForConnect(const std::string& clientId, const std::string& connectionType,
-                                                       const std::shared_ptr<Context>& context, bool& shortPoll);
+                                                       const std::shared_ptr<Context>& context, ConnectSink* sink,
+                                                       bool& shortPoll);
+    struct ConnectNote;
+    // Entered with `mutex` held: the record that `sink`'s note names for this connect, or
+    // null when the sink has no note that still holds for it.
+    ClientInfo* doNotedRecord(ConnectSink* sink, const std::string& clientId, const std::string& connectionType,
+                              const std::shared_ptr<Context>& context) const;
+    // Entered with `mutex` held: leaves on `sink` a note of the record found for a connect.
+    void doNote(ConnectSink& sink, ClientInfo& record, const std::string& clientId, const std::string& connectionType,
+                const std::shared_ptr<Context>& context, std::uint64_t contextChanges) const;
     // Entered with `mutex` held (the lock is the proof); arms the sweep unless it runs.
     void startSweeping(std::unique_lock<std::mutex>& lock);
     // Entered with `mutex` held: hands the sweeper over to the caller once no client
@@ -186,6 +201,9 @@ private:
     const std::shared_ptr<BayeuxServer> server;
     ClientMap clients;
     ClientsBySession clientsBySession;
+    // Moves on with every record erased and every browser's list grown, so that a
+    // ConnectNote made before is known to be stale.
+    std::uint64_t registryChanges = 0;
     const std::unordered_map<std::string, std::size_t> activeConnectLimits;
     const std::vector<std::string> idClearPrefixes;
     const bool forceIdClear;

@@ -62,6 +62,8 @@ public:
     void deliverPublish(const std::shared_ptr<const PublishRequest>& message) override;
     // A held connect's reply, written without a message made for it.
     void deliverConnectReply(const std::string& messageId, const std::string& replyClientId) override;
+    // Every connect of the socket comes through this one connection.
+    bool servesLaterConnects() const override { return true; }
     // Ends the connection: cancels the connect's stream and, if `failed`, fails the
     // socket with the exception being handled.
     void done(bool failed);

@@ -80,13 +80,15 @@ protected:
         auto response = ask<HandshakeResponse>(std::make_unique<HandshakeRequest>(), std::move(context));
         return response ? response->clientId : std::string();
     }
+    // A connect with a sink takes its messages there rather than from a stream.
     std::unique_ptr<ConnectStreamResponse> connect(const std::string& clientId, std::string type = "long-polling",
                                                    std::optional<long long> adviceTimeout = {},
-                                                   ContextPtr context = nullptr) {
+                                                   ContextPtr context = nullptr, std::weak_ptr<ConnectSink> sink = {}) {
         auto request = from<ConnectStreamRequest>(clientId);
         request->id = "c-" + clientId;
         request->connectionType = std::move(type);
         request->bufferResponses = request->holdResponses = true;
+        request->sink = std::move(sink);
         if (adviceTimeout) {
             request->advice = std::make_shared<BayeuxAdvice>();
             request->advice->timeout = *adviceTimeout;
@@ -138,8 +140,6 @@ TEST_F(BayeuxServiceProviderTest, EveryReplyCarriesItsOutcomeItsTextAndItsReques
     EXPECT_NE(client, sender);
     std::string neighbour = client;  // a made-up id of the right shape
     neighbour.back() = neighbour.back() == 'a' ? 'b' : 'a';
-    auto badSessionId = std::make_shared<TestContext>();
-    badSessionId->set("sessionId", boost::any(42));
     auto subscribed = subscribe(client, "/**");
     auto held = connect(client);
     auto ack = publish(sender, "/chat/room", "7");
@@ -149,8 +149,6 @@ TEST_F(BayeuxServiceProviderTest, EveryReplyCarriesItsOutcomeItsTextAndItsReques
         {outcome(held) + " " + held->id + " " + held->clientId, "ok advice:none c-" + client + " " + client},
         {outcome(ack) + " " + ack->channel + " " + ack->id + " " + ack->clientId, "ok /chat/room 7 " + sender},
         {outcome(connect(neighbour)), "refused: No such clientId. advice:1/-1/-1"},
-        {outcome(connect(client, "long-polling", std::nullopt, badSessionId)),
-         "refused: Error while processing connect request advice:1/-1/-1"},
         {outcome(ask<ConnectResponse>(from<ConnectRequest>(client))),
          "refused: ConnectRequest isn't supported anymore. advice:none"},
         {outcome(disconnect(neighbour)), "refused: No such clientId."},
@@ -340,6 +338,59 @@ TEST_F(BayeuxServiceProviderTest, ConnectsBeyondTheLimitOfAHostSessionAndTypeBec
     const auto& [first, firstStream] = longPolls[0];
     expectAnswered(*open(connect(first)), first, retry);
     expectAnswered(*firstStream, first);
+}
+
+struct DroppingSink : ConnectSink {
+    void deliver(std::unique_ptr<Message>&&) override {}
+    bool servesLaterConnects() const override { return true; }
+};
+
+// A connect through a sink leaves a note there, and the client's next connect through it reads the
+// record from the note: each step changes what the note stands on and records the connect after it.
+TEST_F(BayeuxServiceProviderTest, AConnectThroughASinkTakesTheLastOnesFindingOnlyWhileNothingItReadChanged) {
+    auto sink = std::make_shared<DroppingSink>();
+    auto context = std::make_shared<TestContext>("browser-1"), stranger = std::make_shared<TestContext>();
+    stranger->set("sessionId", boost::any(42));  // as many changes behind it as `context`
+    const std::string client = handshake(context);
+    Texts seen;
+    auto step = [&](const std::string& name, const std::string& type = "websocket", ContextPtr in = nullptr) {
+        auto reply = connect(client, type, std::nullopt, in ? in : context, sink);
+        seen.push_back(name + ": " + (!reply->successful ? outcome(reply) : reply->stream ? "short poll" : "held") +
+                       " " + std::to_string(provider->getActiveConnectCountForSessionId("browser-1", "websocket")));
+    };
+    step("first");
+    step("stranger", "websocket", stranger);
+    step("other type", "short-polling");
+    step("back");
+    // The browser's list grows to the limit, each other client with its connect open; then shrinks.
+    std::vector<std::pair<std::string, std::shared_ptr<StreamRecorder>>> others;
+    for (int i = 0; i < 19; ++i) {
+        const std::string other = handshake(context);
+        others.emplace_back(other, open(connect(other, "websocket", std::nullopt, context)));
+    }
+    step("browser full");
+    EXPECT_EQ(outcome(disconnect(others.back().first)), "ok");
+    step("one left");
+    step("counted apart", "long-polling");
+    step("websocket again");
+    context->set("sessionId", boost::any(42));
+    step("context changed");
+    context->set("sessionId", boost::any(std::string("browser-1")));
+    step("changed back");
+    // Another client through the same sink: its new connect answers its own open one.
+    EXPECT_FALSE(connect(others[0].first, "websocket", std::nullopt, context, sink)->stream);
+    EXPECT_FALSE(others[0].second->isHeld());
+    // Connects through the note are contact: the sweep keeps the client and drops the silent others.
+    clock->advanceTicks(1000);
+    step("late");
+    clock->advanceTicks(1100);
+    EXPECT_EQ(outcome(disconnect(client)), "ok");
+    step("gone");
+    const std::string failed = "refused: Error while processing connect request advice:1/-1/-1 ";
+    EXPECT_EQ(seen, (Texts{"first: held 1", "stranger: " + failed + "1", "other type: short poll 0", "back: held 1",
+                           "browser full: short poll 19", "one left: held 19", "counted apart: held 18",
+                           "websocket again: held 19", "context changed: " + failed + "19", "changed back: held 19",
+                           "late: held 1", "gone: refused: No such clientId. advice:1/-1/-1 0"}));
 }
 
 // The sweep runs every 100 ticks while there are clients; the direct calls pin its boundary.

@@ -71,12 +71,12 @@ std::atomic<unsigned long> LongPollSession::publisherCounter{0};
 
 LongPollSession::LongPollSession(std::shared_ptr<BayeuxServer> server, std::shared_ptr<Context> context,
                                  PendingLimit pendingLimit, OutgoingHook outgoing)
-    : id(common::randomString(16)),
-      idHead(leadingWord(id)),
+    : pendingLimit(std::move(pendingLimit)),
+      outgoing(std::move(outgoing)),
+      id(common::randomString(16)),
       server(std::move(server)),
-      context(std::move(context)),
-      pendingLimit(std::move(pendingLimit)),
-      outgoing(std::move(outgoing)) {
+      context(std::move(context)) {
+    idHead = leadingWord(id);
     KORVANE_LOG(logger, common::logTrace) << "Create: " << id;
 }
 

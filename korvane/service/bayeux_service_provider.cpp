@@ -1,6 +1,7 @@
 #include "korvane/service/bayeux_service_provider.h"
 
 #include <array>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -31,6 +32,10 @@ bool readForceIdClear() {
 }
 
 const std::string hostSessionKey = "sessionId";
+
+// Numbers the providers of the process, so that a note left on a sink by one that is gone is
+// never taken by another made at its address.
+std::atomic<std::uint64_t> instanceCount{0};
 
 // The host session id that the context carries, or empty. A value of another type
 // than std::string throws boost::bad_any_cast.
@@ -90,6 +95,7 @@ BayeuxServiceProviderImpl::BayeuxServiceProviderImpl(std::shared_ptr<BayeuxServe
       activeConnectLimits{{"long-polling", 4}, {"short-polling", 0}, {"websocket", 20}},
       idClearPrefixes{"/torvex/Venthra", "/torvex/client/"},
       forceIdClear(readForceIdClear()),
+      instance(++instanceCount),
       options(options) {
     std::unique_lock<std::mutex> lock(mutex);
     startSweeping(lock);
@@ -194,7 +200,7 @@ struct BayeuxServiceProviderImpl::ConnectNote : ConnectSink::Note {
         return !context.owner_before(other) && !other.owner_before(context);
     }
 
-    const BayeuxServiceProviderImpl* provider = nullptr;
+    std::uint64_t provider = 0;  // its `instance`
     std::uint64_t registryChanges = 0;
     std::weak_ptr<Context> context;
     std::uint64_t contextChanges = 0;
@@ -209,7 +215,7 @@ BayeuxServiceProviderImpl::ClientInfo* BayeuxServiceProviderImpl::doNotedRecord(
     ConnectSink* sink, const std::string& clientId, const std::string& connectionType,
     const std::shared_ptr<Context>& context) const {
     const auto* note = sink == nullptr ? nullptr : dynamic_cast<const ConnectNote*>(sink->serviceNote.get());
-    if (note == nullptr || note->provider != this || note->registryChanges != registryChanges ||
+    if (note == nullptr || note->provider != instance || note->registryChanges != registryChanges ||
         !note->isFor(clientId) || note->connectionType != connectionType || !note->isIn(context) ||
         (context && note->contextChanges != context->changeCount())) {
         return nullptr;
@@ -229,7 +235,7 @@ void BayeuxServiceProviderImpl::doNote(ConnectSink& sink, ClientInfo& record, co
         note = made.get();
         sink.serviceNote = std::move(made);
     }
-    note->provider = this;
+    note->provider = instance;
     note->registryChanges = registryChanges;
     note->context = context;
     note->contextChanges = contextChanges;

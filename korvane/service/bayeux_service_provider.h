@@ -207,6 +207,8 @@ private:
     const std::unordered_map<std::string, std::size_t> activeConnectLimits;
     const std::vector<std::string> idClearPrefixes;
     const bool forceIdClear;
+    // This provider's number among the process's, which the notes it leaves carry.
+    const std::uint64_t instance;
     const BayeuxServiceOptions options;
     // Clients dropped over the pending-message limit since the last warning.
     std::size_t droppedSinceWarning = 0;

@@ -204,7 +204,8 @@ struct BayeuxServiceProviderImpl::ConnectNote : ConnectSink::Note {
     std::uint64_t registryChanges = 0;
     std::weak_ptr<Context> context;
     std::uint64_t contextChanges = 0;
-    std::string connectionType;
+    // The key of the type's entry in `activeConnectLimits`, which lives as long as the provider.
+    const std::string* connectionType = nullptr;
     // In the note itself, so that comparing it reads no other block.
     std::array<char, maxClientIdBytes> clientId{};
     std::size_t clientIdSize = 0;
@@ -216,7 +217,7 @@ BayeuxServiceProviderImpl::ClientInfo* BayeuxServiceProviderImpl::doNotedRecord(
     const std::shared_ptr<Context>& context) const {
     const auto* note = sink == nullptr ? nullptr : dynamic_cast<const ConnectNote*>(sink->serviceNote.get());
     if (note == nullptr || note->provider != instance || note->registryChanges != registryChanges ||
-        !note->isFor(clientId) || note->connectionType != connectionType || !note->isIn(context) ||
+        !note->isFor(clientId) || *note->connectionType != connectionType || !note->isIn(context) ||
         (context && note->contextChanges != context->changeCount())) {
         return nullptr;
     }
@@ -226,7 +227,8 @@ BayeuxServiceProviderImpl::ClientInfo* BayeuxServiceProviderImpl::doNotedRecord(
 void BayeuxServiceProviderImpl::doNote(ConnectSink& sink, ClientInfo& record, const std::string& clientId,
                                        const std::string& connectionType, const std::shared_ptr<Context>& context,
                                        std::uint64_t contextChanges) const {
-    if (clientId.size() > ConnectNote::maxClientIdBytes) {
+    const auto limit = activeConnectLimits.find(connectionType);
+    if (clientId.size() > ConnectNote::maxClientIdBytes || limit == activeConnectLimits.end()) {
         return;
     }
     auto* note = dynamic_cast<ConnectNote*>(sink.serviceNote.get());
@@ -239,7 +241,7 @@ void BayeuxServiceProviderImpl::doNote(ConnectSink& sink, ClientInfo& record, co
     note->registryChanges = registryChanges;
     note->context = context;
     note->contextChanges = contextChanges;
-    note->connectionType = connectionType;
+    note->connectionType = &limit->first;
     std::memcpy(note->clientId.data(), clientId.data(), clientId.size());
     note->clientIdSize = clientId.size();
     note->record = &record;

@@ -183,7 +183,7 @@ private:
 
     // What a delivery reads and writes (the flags, the pending count, the lock, the timer and
     // its deadlines, the queue of pending messages, the limit) comes first, so that the fan-out
-    // of a publish touches four or five cache lines of each receiver rather than eight; what a
+    // of a publish touches about four cache lines of each receiver rather than seven; what a
     // connect cycle adds follows, and what seldom changes comes last.
     //
     // The first eight bytes of `id`: hasId tells another session's id apart by them, without
@@ -219,7 +219,8 @@ private:
     // made as one goes out, so that a copy lives only while it is written (a copy per
     // waiting message made a burst of allocations that outlived the allocator's caches).
     common::RingQueue<std::shared_ptr<const PublishRequest>> pendingMessages;
-    // The open connect's queue, or the sink of a transport that takes the messages itself.
+    // The sink of a transport that takes the open connect's messages itself, or else
+    // `connectQueue`, the open connect's queue.
     std::weak_ptr<ConnectSink> connectSink;
     const PendingLimit pendingLimit;
     std::shared_ptr<BayeuxQueue> connectQueue;

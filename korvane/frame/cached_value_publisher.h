@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <exception>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <mutex>
@@ -9,6 +10,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "korvane/frame/collectable.h"
 #include "korvane/frame/future.h"
 #include "korvane/frame/lazy_promise.h"
 #include "korvane/frame/reactive_streams.h"
@@ -32,8 +34,15 @@ namespace korvane::reactive_streams {
 // so onNext calls never overlap, each thread's items arrive in order and the end
 // of the stream comes after the last item. `donePromise` is resolved with the
 // mutex held, so its continuations must not call back into this publisher.
+//
+// Instead of a subscriber, one taker may collect the values (collectable.h): they then
+// all wait in the cache, with no demand, the taker's `wake` is called under the mutex
+// for the first value (or the end) since its last take, and the stream completes when
+// the taker takes what a finish() left, so that the taker sees the end behind the last value.
 template <class T, class F>
-class KORVANE_EXPORT CachedValuePublisher : public PublisherAPI<T>, public std::enable_shared_from_this<CachedValuePublisher<T, F>> {
+class KORVANE_EXPORT CachedValuePublisher : public PublisherAPI<T>,
+                                            public Collectable<T>,
+                                            public std::enable_shared_from_this<CachedValuePublisher<T, F>> {
 public:
     enum class Status : std::int32_t { Active = 0, Finishing = 1, Completed = 2, Cancelled = 3, Failed = 4 };
 
@@ -64,6 +73,11 @@ public:
         if (status > Status::Finishing) {
             return;
         }
+        if (taker == Taker::collecting) {
+            doCache(std::move(value));
+            doWakeTaker();
+            return;
+        }
         if (subscriber && demand != 0 && cache.empty() && !delivering) {
             --demand;
             SubscriberAPI<T>* target = subscriber.get();
@@ -83,10 +97,7 @@ public:
             doDeliver(lock);
             return;
         }
-        while (!cache.empty() && cache.size() >= maxCached) {
-            cache.pop_front();
-        }
-        cache.push_back(std::move(value));
+        doCache(std::move(value));
         doDeliver(lock);
     }
 
@@ -97,6 +108,10 @@ public:
             return;
         }
         status = Status::Finishing;
+        if (taker == Taker::collecting) {
+            doWakeTaker();
+            return;
+        }
         doDeliver(lock);
     }
 
@@ -112,6 +127,7 @@ public:
         if (!target) {
             error = failure;
         }
+        doWakeTaker();
         lock.unlock();
         if (target) {
             target->onError(failure);
@@ -121,7 +137,7 @@ public:
 
     void subscribe(std::shared_ptr<SubscriberAPI<T>> newSubscriber) override {
         std::unique_lock<std::mutex> lock(mutex);
-        if (subscriber) {
+        if (subscriber || taker != Taker::none) {
             throw std::invalid_argument("Only one subscription allowed.");
         }
         subscription = std::make_shared<CachedValueSubscription>(this, this->shared_from_this());
@@ -147,6 +163,60 @@ public:
         return donePromise.getFuture();
     }
 
+    void collect(std::function<void()> wake) override {
+        std::lock_guard<std::mutex> guard(mutex);
+        if (subscriber || taker != Taker::none) {
+            throw std::invalid_argument("Only one subscription allowed.");
+        }
+        taker = Taker::collecting;
+        takerWake = std::move(wake);
+        if (!cache.empty() || status != Status::Active) {
+            doWakeTaker();
+        }
+    }
+
+    // The end is told once; the taker is then done, and its wake dropped.
+    typename Collectable<T>::Ending takeAll(common::RingQueue<T>& into) override {
+        std::function<void()> dropped;  // destroyed after the lock is released
+        std::unique_lock<std::mutex> lock(mutex);
+        if (taker != Taker::collecting) {
+            return {};
+        }
+        takerWoken = false;
+        if (into.empty()) {
+            into.swap(cache);
+        }
+        for (; !cache.empty(); cache.pop_front()) {
+            into.push_back(std::move(cache.front()));
+        }
+        if (status == Status::Finishing) {
+            doFinishing(lock);
+        }
+        if (status != Status::Completed && status != Status::Failed) {
+            return {};
+        }
+        taker = Taker::gone;
+        dropped.swap(takerWake);
+        return {true, status == Status::Failed ? error : nullptr};
+    }
+
+    void stopCollecting() override {
+        std::function<void()> dropped;  // destroyed after the lock is released
+        std::unique_lock<std::mutex> lock(mutex);
+        if (taker != Taker::collecting) {
+            return;
+        }
+        taker = Taker::gone;
+        dropped.swap(takerWake);
+        if (status != Status::Active && status != Status::Finishing) {
+            return;
+        }
+        status = Status::Cancelled;
+        donePromise.setValue(false);
+        lock.unlock();
+        doNotifyFinished();
+    }
+
     // The most values the cache keeps; all ones (the default) means no limit.
     void setMaxCached(std::uint64_t limit) {
         std::lock_guard<std::mutex> guard(mutex);
@@ -154,6 +224,8 @@ public:
     }
 
 private:
+    enum class Taker : std::uint8_t { none, collecting, gone };
+
     // Does nothing once the publisher is gone: `owner` is used only while `self` locks.
     class CachedValueSubscription : public Subscription {
     public:
@@ -190,6 +262,22 @@ private:
         CachedValuePublisher* owner;
         std::weak_ptr<CachedValuePublisher> alive;
     };
+
+    // Entered with the lock held: the oldest values go first past maxCached.
+    void doCache(T&& value) {
+        while (!cache.empty() && cache.size() >= maxCached) {
+            cache.pop_front();
+        }
+        cache.push_back(std::move(value));
+    }
+
+    // Entered with the lock held: the first value or end since the taker's last take wakes it.
+    void doWakeTaker() {
+        if (!takerWoken && takerWake) {
+            takerWoken = true;
+            takerWake();
+        }
+    }
 
     // Entered with the lock held. Only one thread at a time runs the drain; a call
     // that finds it running (another thread, or onNext calling back in) leaves its
@@ -259,9 +347,12 @@ private:
     std::mutex mutex;
     Status status = Status::Active;
     bool delivering = false;
+    Taker taker = Taker::none;
+    bool takerWoken = false;
     std::uint64_t demand = 0;
     std::shared_ptr<SubscriberAPI<T>> subscriber;
     common::RingQueue<T> cache;
+    std::function<void()> takerWake;
     std::uint64_t maxCached = std::numeric_limits<std::uint64_t>::max();
     F onFinished;
     LazyPromise<bool> donePromise;

@@ -69,19 +69,6 @@ public:
         return submit<true>(std::forward<Work>(work));
     }
 
-    // Calls `work(target)` here, on the calling thread and under the link's lock, unless
-    // the link is cut: for work that only hands the target to its loop by a thread-safe
-    // way of the loop's own. False when the link is cut.
-    template <class Work>
-    bool visit(Work&& work) {
-        std::lock_guard<std::mutex> guard(mutex);
-        if (!target) {
-            return false;
-        }
-        work(*target);
-        return true;
-    }
-
     // Drops the connection; the reference goes after the lock is released.
     void cut() {
         std::shared_ptr<Target> dropped;

@@ -9,6 +9,8 @@
 // until its first take: the host uses that to see whether a response body was complete
 // at once. detach() ends the relay for good: upstream is cancelled unless the stream
 // already ended, and `wake` (with whatever it holds) and the signals kept are dropped.
+// As a collectable stream (collectable.h) it hands a taker the items and the end:
+// collect() gives it its `wake`, stopCollecting() detaches.
 //
 // Locking: `mutex` guards every field; upstream is requested and cancelled with it
 // released. `donePromise` is resolved with it held.
@@ -21,6 +23,7 @@
 #include <utility>
 #include <vector>
 
+#include "korvane/frame/collectable.h"
 #include "korvane/frame/future.h"
 #include "korvane/frame/lazy_promise.h"
 #include "korvane/frame/reactive_streams.h"
@@ -36,10 +39,11 @@ struct StreamSignal {
 };
 
 template <class T>
-class RelaySubscriber : public reactive_streams::SubscriberAPI<T> {
+class RelaySubscriber : public reactive_streams::SubscriberAPI<T>, public reactive_streams::Collectable<T> {
 public:
     using Signal = StreamSignal<T>;
     using Wake = std::function<void()>;
+    using Ending = typename reactive_streams::Collectable<T>::Ending;
 
     explicit RelaySubscriber(Wake wake, bool collecting = false) : wake(std::move(wake)), collecting(collecting) {}
 
@@ -78,6 +82,35 @@ public:
         collecting = false;
         into.swap(collected);
     }
+
+    void collect(Wake taker) override {
+        std::lock_guard<std::mutex> guard(mutex);
+        if (detached) {
+            return;
+        }
+        wake = std::move(taker);
+        collecting = false;
+        if (!collected.empty() && wake) {
+            wake();
+        }
+    }
+
+    Ending takeAll(common::RingQueue<T>& into) override {
+        std::lock_guard<std::mutex> guard(mutex);
+        collecting = false;
+        Ending ending;
+        for (Signal& signal : collected) {
+            if (signal.item) {
+                into.push_back(std::move(*signal.item));
+            } else {
+                ending = Ending{true, signal.error};
+            }
+        }
+        collected.clear();
+        return ending;
+    }
+
+    void stopCollecting() override { detach(); }
 
     void detach() {
         Wake droppedWake;

@@ -18,6 +18,7 @@
 #include <boost/beast/websocket/ssl.hpp>
 
 #include "korvane/codec/utf8.h"
+#include "korvane/frame/collectable.h"
 #include "korvane/frame/logger.h"
 #include "korvane/frame/ring_queue.h"
 #include "korvane/host/deadline_timer.h"
@@ -54,7 +55,7 @@ constexpr std::uint8_t pongFrame = finalBit | static_cast<std::uint8_t>(Opcode::
 // Frames gathered into one socket write.
 constexpr std::size_t maxFramesPerWrite = 16;
 
-using FrameSignal = StreamSignal<WebSocketFrame>;
+using FrameSource = reactive_streams::Collectable<WebSocketFrame>;
 
 bool isControl(const WebSocketFrame& frame) { return (frame.firstByte & 0x08) != 0; }
 
@@ -76,9 +77,10 @@ DataBuffer closePayload(websocket::close_code code) {
 // and written by hand on the stream (websocket_frames.h), which keeps a delivery to one
 // socket write and no operation state of its own.
 //
-// The service's frames (`inbound`) come through `frameInbox` and are written in
+// The service's frames (`inbound`) are collected from `frameSource` (the publisher
+// itself where it can be collected, else a relay subscribed to it) and written in
 // order; those ready together (a delivery and the connect reply behind it) leave in one
-// gathered socket write. The inbox's first frame wakes the connection at the loop's next
+// gathered socket write. The source's first frame wakes the connection at the loop's next
 // turn (loop_writes.h), which from an I/O thread comes only once the handler that made
 // the frame has returned, so that a reply put in the inbox just after its message joins
 // it. On a plain socket the write is tried without blocking, with the turn's other writes
@@ -98,9 +100,11 @@ DataBuffer closePayload(websocket::close_code code) {
 //
 // Threading: every member function but shutdown() and abandon() runs on the
 // connection's loop, whose one thread runs its handlers one at a time; signals from
-// the service's threads come through `frameInbox` and `link`. shutdown() posts; abandon()
+// the service's threads come through `frameSource` and `link`. shutdown() posts; abandon()
 // runs on the stopping thread once no I/O thread is left. Nothing here takes a lock
-// but the relay's own and the loop's wake list's (LoopWrites::wake).
+// but the frame source's own and the loop's wake list's (LoopWrites::wake). The source
+// wakes the loop under its lock until the connection stops collecting, which every
+// way of ending does, and stop() ends every connection before the loops go.
 template <class Stream>
 class ServerWebSocketConnection : public ConnectionTracker::Tracked,
                                   public LoopWriter,
@@ -193,17 +197,12 @@ private:
         loopWrites = &LoopWrites::of(loopExecutor.context(), state->options.batchedWrites);
         lastRead = Clock::now();
         armDeadline(lastRead + state->options.wsIdle / 2);
-        // The service's frames on their way from its threads to the loop: one wake carries
-        // every frame that arrived before the connection took them.
-        frameInbox = std::make_shared<RelaySubscriber<WebSocketFrame>>([link = link] {
-            link->visit([](ServerWebSocketConnection& connection) {
-                connection.loopWrites->wake(connection.shared_from_this());
-            });
-        });
         readSubscription = std::make_shared<ReadSubscription>(link);
         try {
-            inbound->subscribe(frameInbox);
-            frameInbox->request(everyFrame);
+            // The service's frames on their way from its threads to the loop: one wake carries
+            // every frame that arrived before the connection took them.
+            frameSource = collectableFrames();
+            frameSource->collect([writes = loopWrites, self = this->shared_from_this()] { writes->wake(self); });
             outbound->onSubscribe(readSubscription);
         } catch (const std::exception& failure) {
             KORVANE_LOG(logger, common::logFailure) << "WebSocket streams failed to start: " << failure.what();
@@ -211,7 +210,18 @@ private:
         }
     }
 
-    bool accepted() const { return frameInbox != nullptr; }
+    // The publisher itself when it can be collected, else a relay subscribed to it for every frame.
+    std::shared_ptr<FrameSource> collectableFrames() {
+        if (auto* direct = dynamic_cast<FrameSource*>(inbound.get())) {
+            return std::shared_ptr<FrameSource>(inbound, direct);
+        }
+        auto relay = std::make_shared<RelaySubscriber<WebSocketFrame>>(nullptr);
+        inbound->subscribe(relay);
+        relay->request(everyFrame);
+        return relay;
+    }
+
+    bool accepted() const { return frameSource != nullptr; }
 
     // ---- from the peer ---------------------------------------------------------------
 
@@ -403,32 +413,30 @@ private:
         doWrite();
     }
 
+    // The service's frames go straight onto the write queue; its end closes the socket behind them.
     void takeInbox() {
-        if (!frameInbox) {
+        if (!frameSource || finished || closeRequested) {
             return;
         }
-        frameInbox->takeAll(arrived);
-        for (FrameSignal& signal : arrived) {
-            onFrameSignal(std::move(signal));
+        const std::size_t before = writeQueue.size();
+        const FrameSource::Ending ending = frameSource->takeAll(writeQueue);
+        std::size_t overLimit = 0;  // what waited when the first frame past the backlog bound came
+        for (std::size_t i = before; i < writeQueue.size(); ++i) {
+            queuedBytes += writeQueue[i].data.size;
+            if (overLimit == 0 && queuedBytes > state->options.wsBacklogBytes) {
+                overLimit = queuedBytes;
+            }
         }
-        arrived.clear();
-    }
-
-    void onFrameSignal(FrameSignal&& signal) {
-        if (finished || closeRequested) {
-            return;
-        }
-        if (!signal.item) {
-            doCloseSocket(closeCodeFor(signal.error));
-            return;
-        }
-        queueFrame(std::move(*signal.item));
-        if (queuedBytes > state->options.wsBacklogBytes) {
-            KORVANE_LOG(logger, common::logWarning) << "WebSocket cut: " << queuedBytes
+        if (overLimit != 0) {
+            KORVANE_LOG(logger, common::logWarning) << "WebSocket cut: " << overLimit
                                      << " bytes waiting for a peer that does not read, over the limit of "
                                      << state->options.wsBacklogBytes;
             count(HostCounter::webSocketCutForBacklog);
             doFinish();
+            return;
+        }
+        if (ending.ended) {
+            doCloseSocket(closeCodeFor(ending.error));
         }
     }
 
@@ -628,8 +636,8 @@ private:
         }
         takeInbox();  // what the service wrote before the close goes ahead of it
         closeRequested = true;
-        if (frameInbox) {
-            frameInbox->detach();
+        if (frameSource) {
+            frameSource->stopCollecting();
         }
         if (!accepted()) {
             doFinish();
@@ -675,8 +683,8 @@ private:
             KORVANE_LOG(logger, common::logWarning) << "WebSocket cut: a write took longer than "
                                      << state->options.writeTimeout.count() << " ms";
         }
-        if (frameInbox) {
-            frameInbox->detach();
+        if (frameSource) {
+            frameSource->stopCollecting();
         }
         dropQueuedFrames();
         link->cut();
@@ -717,8 +725,7 @@ private:
     std::shared_ptr<reactive_streams::SubscriberAPI<WebSocketFrame>> outbound;
     std::shared_ptr<LoopLink<ServerWebSocketConnection>> link;
 
-    std::shared_ptr<RelaySubscriber<WebSocketFrame>> frameInbox;
-    std::vector<FrameSignal> arrived;
+    std::shared_ptr<FrameSource> frameSource;
     std::shared_ptr<ReadSubscription> readSubscription;
 
     FrameReader reader;

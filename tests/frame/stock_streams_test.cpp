@@ -62,7 +62,7 @@ TEST(TransformProcessor, ScriptsOfDemandItemsAndEndings) {
     });
 }
 
-TEST(CachedValuePublisher, ScriptsOfCachingDemandAndEndings) {
+TEST(CachedValuePublisher, ScriptsOfCachingDemandEndingsAndCollecting) {
     using Run = test_support::StreamScript<Cached>;
     Run::runAll({
         // A value published while finishing is still taken; the end comes after the last value.
@@ -79,6 +79,24 @@ TEST(CachedValuePublisher, ScriptsOfCachingDemandAndEndings) {
          {"subscribe", "next 1", "threw write failed", "next 2"}},
         // Publishes, a finish and requests made from inside onNext keep the order.
         {{"subscribe 1", "chain", "publish 10"}, {"subscribe", "next 10", "next 11", "next 12", "end true", "complete", "finished"}},
+        // A taker instead of a subscriber: woken once a take, it gets the values in order and the end behind the
+        // last of them; it stops like a cancelled subscriber.
+        {{"publish 1", "collect", "publish 2", "take", "publish 3", "publish 4", "take", "take"},
+         {"wake", "took 1 2", "wake", "took 3 4", "took"}},
+        {{"limit 2", "collect", "publish 1", "publish 2", "publish 3", "take"}, {"wake", "took 2 3"}},
+        {{"collect", "publish 1", "finish", "publish 2", "take", "publish 3", "take"},
+         {"wake", "end true", "finished", "took 1 2 ended", "took"}},
+        {{"collect", "finish", "take"}, {"wake", "end true", "finished", "took ended"}},
+        {{"collect", "publish 1", "take", "publish 2", "error frame lost", "take"},
+         {"wake", "took 1", "wake", "end false", "finished", "took 2 failed frame lost"}},
+        {{"collect", "publish 1", "take", "error frame lost", "take"},
+         {"wake", "took 1", "end false", "wake", "finished", "took failed frame lost"}},
+        {{"error gone", "collect", "take"}, {"end false", "finished", "wake", "took failed gone"}},
+        {{"collect", "publish 1", "stop", "stop", "publish 2", "take", "subscribe 0"},
+         {"wake", "end false", "finished", "took", "threw Only one subscription allowed."}},
+        {{"subscribe 0", "collect"}, {"subscribe", "threw Only one subscription allowed."}},
+        {{"collect", "collect"}, {"threw Only one subscription allowed."}},
+        {{"collect", "publish 1", "destroy"}, {"wake", "end true", "finished"}},
     }, Run::publisherSteps({
         {"publish", [](Run& run, unsigned long n, auto&) { run.stage->publish(static_cast<int>(n)); }},
         {"limit", [](Run& run, unsigned long n, auto&) { run.stage->setMaxCached(n); }},
@@ -89,6 +107,18 @@ TEST(CachedValuePublisher, ScriptsOfCachingDemandAndEndings) {
                  value < 12 ? run.stage->publish(value + 1) : run.stage->finish();
                  run.downstream->request(1);
              };
+         }},
+        {"collect", [](Run& run, auto, auto&) { run.stage->collect([&log = run.log] { log.push_back("wake"); }); }},
+        {"stop", [](Run& run, auto, auto&) { run.stage->stopCollecting(); }},
+        {"take", [](Run& run, auto, auto&) {
+             common::RingQueue<int> values;
+             const Cached::Ending ending = run.stage->takeAll(values);
+             std::string text = "took";
+             for (; !values.empty(); values.pop_front()) {
+                 text += " " + std::to_string(values.front());
+             }
+             const std::string end = ending.error ? " failed " + errorOf([&] { std::rethrow_exception(ending.error); }) : " ended";
+             run.log.push_back(ending.ended ? text + end : text);
          }},
     }), [](Log& log) { return std::make_shared<Cached>([&log] { log.push_back("finished"); }); });
 }

@@ -19,6 +19,7 @@
 #include "korvane/frame/cached_value_publisher.h"
 #include "korvane/frame/callback_subscriber.h"
 #include "korvane/frame/http.h"
+#include "korvane/frame/transform_processor.h"
 #include "korvane/host/host.h"
 #include "korvane/host/websocket_frames.h"
 #include "support/recording_subscriber.h"
@@ -34,7 +35,8 @@ using FrameStream = reactive_streams::CachedValuePublisher<http::WebSocketFrame,
 
 // Stands in for the Bayeux transports: it answers each request with a WebSocket echoing each
 // message back ("finish" ends its frame stream, "fail" fails it), and records the upgrade's
-// headers and browser session; a target with "/fail" gets a failed answer. The HTTP side is checked end to end (interop).
+// headers and browser session; a target with "/fail" gets a failed answer, one with "/relayed"
+// frames that cannot be collected. The HTTP side is checked end to end (interop).
 // Threading: the server's I/O threads call handle and end the frame streams; `mutex` guards the upgrades.
 class FakeBayeuxService : public http::HttpServiceProvider {
 public:
@@ -59,7 +61,13 @@ public:
                     frames->publish(http::WebSocketFrame(std::move(frame.data), frame.firstByte));
                 }
             });
-        return makeReadyFuture(std::unique_ptr<Message>(std::make_unique<http::WebSocket>(frames, echo)));
+        if (request->target.find("/relayed") == std::string::npos) {
+            return makeReadyFuture(std::unique_ptr<Message>(std::make_unique<http::WebSocket>(frames, echo)));
+        }
+        auto relayed = std::make_shared<reactive_streams::TransformProcessor<http::WebSocketFrame, http::WebSocketFrame>>(
+            [](http::WebSocketFrame&& frame) { return std::move(frame); });
+        frames->subscribe(relayed);
+        return makeReadyFuture(std::unique_ptr<Message>(std::make_unique<http::WebSocket>(relayed, echo)));
     }
 
     // Whether the service's WebSocket frame streams ended `count` times.
@@ -171,9 +179,8 @@ std::string framesUntilClose(boost::asio::ip::tcp::socket& socket) {
     }
 }
 
-// Each row's frames come from a raw client after the upgrade; the server's frames up to
-// its close (or the end of the stream) are what the row expects, whether the loop's
-// writes go in batches or one by one.
+// Each row's frames come from a raw client after the upgrade; the server's frames up to its close (or the end of
+// the stream) are what the row expects, its writes batched or not, the service's frames collected or subscribed to.
 TEST_F(HttpServerTest, AnswersWebSocketControlFramesAndClosesOnEachProtocolFault) {
     HttpServerOptions limited = options();
     limited.maxWsMessageBytes = 4096;  // a single frame at its bound and past it is the end-to-end tests' to send
@@ -204,17 +211,20 @@ TEST_F(HttpServerTest, AnswersWebSocketControlFramesAndClosesOnEachProtocolFault
          "close:1009 "},
         {"", "ping: eof"},  // silent for half the idle time: pinged; for all of it: cut
     };
+    for (const char* path : {"/bayeux", "/bayeux/relayed"}) {
     for (const auto& [frames, answer] : rows) {
         boost::asio::io_context io;
         auto socket = test::sent(io, server->port(),
-                           "GET /bayeux HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: Upgrade\r\nUpgrade: websocket\r\n"
-                           "Sec-WebSocket-Version: 13\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n");
+                           "GET " + std::string(path) + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: Upgrade\r\n"
+                           "Upgrade: websocket\r\nSec-WebSocket-Version: 13\r\n"
+                           "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n");
         std::string head;
         boost::asio::read_until(socket, boost::asio::dynamic_buffer(head), "\r\n\r\n");
         ASSERT_THAT(head, ::testing::StartsWith("HTTP/1.1 101"));
         ASSERT_EQ(head.size(), head.find("\r\n\r\n") + 4) << "read past the upgrade's answer";
         boost::asio::write(socket, boost::asio::buffer(frames));
-        EXPECT_EQ(framesUntilClose(socket), answer) << frames.substr(0, 12) << (batched ? " batched" : "");
+        EXPECT_EQ(framesUntilClose(socket), answer) << frames.substr(0, 12) << path << (batched ? " batched" : "");
+    }
     }
     }
 }

@@ -2,14 +2,16 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <condition_variable>
+#include <algorithm>
+#include <functional>
 #include <memory>
-#include <mutex>
+#include <numeric>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "korvane/frame/cached_value_publisher.h"
 #include "support/test_helpers.h"
 
 namespace korvane::host {
@@ -65,6 +67,23 @@ TEST(GatheringRelay, WakesOncePerTakeAndHandsSignalsOverInOrder) {
     EXPECT_EQ(collectingWakes, 1);
 }
 
+// Collected, a relay wakes its taker at once for what waits and moves the items behind the taker's own; to stop
+// collecting is to detach. (Its end behind the items: the concurrency test and the host's frame table.)
+TEST(GatheringRelay, CollectedItWakesForWhatWaitsAndStopsAsADetach) {
+    auto relay = std::make_shared<Relay>(nullptr);
+    auto upstream = std::make_shared<RecordingSubscription>();
+    relay->onSubscribe(upstream);
+    relay->onNext(1);
+    int wakes = 0;
+    relay->collect([&wakes] { ++wakes; });
+    common::RingQueue<int> into;
+    into.push_back(0);
+    EXPECT_FALSE(relay->takeAll(into).ended);
+    EXPECT_EQ(wakes * 100 + into.size() * 10 + into[1], 121u);
+    relay->stopCollecting();
+    EXPECT_EQ(upstream->cancelled, 1);
+}
+
 // Detaching cancels upstream once, drops what waits and the wake's captures, and ends the relay for good.
 TEST(GatheringRelay, DetachCancelsUpstreamAndLetsGoOfTheWake) {
     auto token = std::make_shared<int>(0);
@@ -86,52 +105,40 @@ TEST(GatheringRelay, DetachCancelsUpstreamAndLetsGoOfTheWake) {
     EXPECT_FALSE(relay->getFuture().get());
 }
 
-// Two threads signal at once while a third takes whenever woken: every signal arrives once, each thread's in order.
-TEST(GatheringRelayConcurrency, SignalsFromTwoThreadsArriveOnceEachInTheirOrder) {
+// Two threads signal at once while a third takes, from a relay and from a publisher collected directly.
+TEST(CollectedStreamConcurrency, ValuesFromTwoThreadsArriveOnceEachInTheirOrder) {
+    using Direct = reactive_streams::CachedValuePublisher<int, std::function<void()>>;
     constexpr int perThread = 2000;
-    std::mutex mutex;
-    std::condition_variable woken;
-    bool pending = false;
-    auto relay = std::make_shared<Relay>([&] {
-        std::lock_guard<std::mutex> guard(mutex);
-        pending = true;
-        woken.notify_one();
-    });
-    std::vector<int> arrived;
-    std::atomic<bool> producing{true};
-    std::thread loop([&] {
-        std::vector<Relay::Signal> signals;
-        for (;;) {
-            {
-                std::unique_lock<std::mutex> lock(mutex);
-                woken.wait_for(lock, std::chrono::milliseconds(10), [&] { return pending; });
-                pending = false;
+    auto relay = std::make_shared<Relay>(nullptr);
+    auto direct = std::make_shared<Direct>(nullptr);
+    const std::vector<std::pair<reactive_streams::Collectable<int>*, std::function<void(int)>>> streams = {
+        {relay.get(), [&relay](int value) { value < 0 ? relay->onComplete() : relay->onNext(std::move(value)); }},
+        {direct.get(), [&direct](int value) { value < 0 ? direct->finish() : direct->publish(std::move(value)); }},
+    };
+    for (const auto& [stream, signal] : streams) {
+        stream->collect([] {});
+        std::vector<int> arrived;
+        std::thread loop([&arrived, stream = stream] {
+            common::RingQueue<int> values;
+            for (bool ended = false; !ended; std::this_thread::yield()) {
+                ended = stream->takeAll(values).ended;
+                for (; !values.empty(); values.pop_front()) {
+                    arrived.push_back(values.front());
+                }
             }
-            // Read before the take: once the producers are done, this take gets everything.
-            const bool finished = !producing;
-            relay->takeAll(signals);
-            for (const Relay::Signal& signal : signals) {
-                arrived.push_back(*signal.item);
+        });
+        test_support::onThreads(2, [&signal = signal](int which) {
+            for (int index = 0; index < perThread; ++index) {
+                signal(which * perThread + index);
             }
-            signals.clear();
-            if (finished) {
-                return;
-            }
-        }
-    });
-    test_support::onThreads(2, [&relay](int which) {
-        for (int index = 0; index < perThread; ++index) {
-            relay->onNext(which * perThread + index);
-        }
-    });
-    producing = false;
-    loop.join();
-    ASSERT_EQ(arrived.size(), 2u * perThread);
-    int last[2] = {-1, -1};
-    for (int value : arrived) {
-        const int which = value / perThread;
-        EXPECT_GT(value, last[which]);
-        last[which] = value;
+        });
+        signal(-1);
+        loop.join();
+        // Each thread's values, once each and in its order, with the end behind them all.
+        std::stable_partition(arrived.begin(), arrived.end(), [](int value) { return value < perThread; });
+        std::vector<int> expected(2 * perThread);
+        std::iota(expected.begin(), expected.end(), 0);
+        EXPECT_EQ(arrived, expected);
     }
 }
 

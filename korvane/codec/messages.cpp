@@ -45,6 +45,12 @@ void ConnectSink::deliverConnectReply(const std::string& messageId, const std::s
     deliver(makeConnectReply(messageId, clientId));
 }
 
+void ConnectSink::deliverPublishAndReply(const std::shared_ptr<const PublishRequest>& message,
+                                         const std::string& messageId, const std::string& clientId) {
+    deliverPublish(message);
+    deliverConnectReply(messageId, clientId);
+}
+
 bool ConnectSink::cancelled() const { return false; }
 
 bool ConnectSink::servesLaterConnects() const { return false; }

@@ -29,7 +29,7 @@ using MessageStream = reactive_streams::PublisherAPI<std::unique_ptr<Message>>;
 // A transport's end of a client's held connects, for a transport that writes each message
 // as it comes and so needs no stream per connect: kept from one connect to the next
 // (WebSocket), or made for one connect (the body of a long poll's response). The session
-// calls the three deliver functions with none of its locks held, one call at a time, in
+// calls the deliver functions with none of its locks held, one call at a time, in
 // order: each connect's messages, then its ConnectResponse. A sink that is gone, or that
 // says it is cancelled (its client went away), takes no more: the session keeps the
 // messages for the next connect.
@@ -45,6 +45,10 @@ public:
     // The connect's successful reply, its last message: what deliver would take as a
     // ConnectResponse with only these two ids set. The default makes that response.
     virtual void deliverConnectReply(const std::string& messageId, const std::string& clientId);
+    // A connect's last publish and its reply behind it, in one call: deliverPublish, then
+    // deliverConnectReply, by default; a sink may write both with one look-up of its own.
+    virtual void deliverPublishAndReply(const std::shared_ptr<const PublishRequest>& message,
+                                        const std::string& messageId, const std::string& clientId);
     // May be called from any thread, with the session's lock held: it answers at once and
     // calls nothing of the session's.
     virtual bool cancelled() const;

@@ -367,7 +367,9 @@ void LongPollSession::doNotifyQueue(std::unique_lock<std::mutex>& lock) {
         notifying = true;
         ConnectOutlet outlet{connectQueue, connectSink.lock()};
         drainingThread = std::this_thread::get_id();
-        doDrainPending(lock, outlet);
+        if (doDrainPending(lock, outlet)) {
+            return;
+        }
         if (!sendResponse) {
             KORVANE_LOG(logger, common::logTrace) << "Not sending connect response (yet)";
             doFinishDrain();
@@ -440,16 +442,23 @@ void LongPollSession::doAnswerOpenConnect(std::unique_lock<std::mutex>& lock) {
     }
 }
 
-void LongPollSession::doDrainPending(std::unique_lock<std::mutex>& lock, const ConnectOutlet& outlet) {
-    // Messages that arrive while the lock is open join the back of the queue and go out in this same loop.
+bool LongPollSession::doDrainPending(std::unique_lock<std::mutex>& lock, ConnectOutlet& outlet) {
+    // Messages that arrive while the lock is open join the back of the queue and go out in this same loop,
+    // unless the last one went out with the reply: those wait for the next connect, as they would had
+    // they come just after it.
     while (!pendingMessages.empty()) {
         std::shared_ptr<const PublishRequest> message = std::move(pendingMessages.front());
         pendingMessages.pop_front();
         pendingBytes -= pendingSize(*message);
+        if (pendingMessages.empty() && sendResponse && outlet.sink && !outlet.queue && !outgoing) {
+            doEndConnect(lock, std::move(outlet), &message);
+            return true;
+        }
         lock.unlock();
         sendOut(outlet, message);
         lock.lock();
     }
+    return false;
 }
 
 void LongPollSession::sendOut(const ConnectOutlet& outlet, const std::shared_ptr<const PublishRequest>& message) const {
@@ -489,20 +498,30 @@ void LongPollSession::ConnectOutlet::putConnectReply(const std::string& messageI
     }
 }
 
+void LongPollSession::ConnectOutlet::putPublishAndReply(const std::shared_ptr<const PublishRequest>& message,
+                                                       const std::string& messageId, const std::string& clientId) const {
+    sink->deliverPublishAndReply(message, messageId, clientId);
+}
+
 void LongPollSession::ConnectOutlet::end() const {
     if (queue) {
         queue->doneWhenEmpty();
     }
 }
 
-void LongPollSession::doEndConnect(std::unique_lock<std::mutex>& lock, ConnectOutlet outlet) {
+void LongPollSession::doEndConnect(std::unique_lock<std::mutex>& lock, ConnectOutlet outlet,
+                                   const std::shared_ptr<const PublishRequest>* last) {
     sendResponse = false;
     activeConnect = false;
     connectDeadline.reset();
     const std::string messageId = connectMessageId;
     lock.unlock();
     // The response is always the last message of the stream; the queue ends once the transport has taken it.
-    outlet.putConnectReply(messageId, id);
+    if (last != nullptr) {
+        outlet.putPublishAndReply(*last, messageId, id);
+    } else {
+        outlet.putConnectReply(messageId, id);
+    }
     outlet.end();
     // A newer connect may have replaced this queue meanwhile: this may be its last reference.
     outlet = ConnectOutlet();

@@ -134,6 +134,9 @@ private:
         void putPublish(const std::shared_ptr<const PublishRequest>& message) const;
         // The connect's successful reply, its last message; end() follows.
         void putConnectReply(const std::string& messageId, const std::string& clientId) const;
+        // A sink's last publish and the reply behind it, in one call.
+        void putPublishAndReply(const std::shared_ptr<const PublishRequest>& message, const std::string& messageId,
+                                const std::string& clientId) const;
         // Called after the ConnectResponse was put.
         void end() const;
     };
@@ -154,12 +157,15 @@ private:
     void doDeliver(std::unique_lock<std::mutex>& lock, const std::shared_ptr<const PublishRequest>& message);
     // True the one time that the pending messages first exceed the limit.
     bool doCheckPendingLimit(std::unique_lock<std::mutex>& lock);
-    void doDrainPending(std::unique_lock<std::mutex>& lock, const ConnectOutlet& outlet);
+    // True when the connect was answered with the last message: a sink with nothing between them
+    // takes both in one call, and the connect ends there.
+    bool doDrainPending(std::unique_lock<std::mutex>& lock, ConnectOutlet& outlet);
     // Puts the session's copy of one publish out to a connect, past the outgoing hook if
     // there is one. Called with `mutex` released.
     void sendOut(const ConnectOutlet& outlet, const std::shared_ptr<const PublishRequest>& message) const;
-    // Answers the connect of `outlet`; its references are dropped with the lock released.
-    void doEndConnect(std::unique_lock<std::mutex>& lock, ConnectOutlet outlet);
+    // Answers the connect of `outlet`, behind `last` if given; its references are dropped with the lock released.
+    void doEndConnect(std::unique_lock<std::mutex>& lock, ConnectOutlet outlet,
+                      const std::shared_ptr<const PublishRequest>* last = nullptr);
     // Clears `notifying` and wakes connects waiting for the drain to end.
     // The transport let go of the open connect (its client went away): it is forgotten
     // unanswered, and the messages wait for the next connect instead of reaching nobody.

@@ -190,11 +190,7 @@ void WebSocketConnection::deliverPublish(const std::shared_ptr<const PublishRequ
     if (!publisher) {
         return;
     }
-    // The receiver's copy would write the text all receivers share.
-    const common::DataBuffer& delivered = message->deliveredText();
-    common::DataBuffer text = frameStart(delivered.size + 2);
-    text.append(delivered.chars(), delivered.size);
-    sendFrame(*publisher, std::move(text));
+    sendFrame(*publisher, publishFrame(*message));
 }
 
 void WebSocketConnection::deliverConnectReply(const std::string& messageId, const std::string& replyClientId) {
@@ -202,9 +198,31 @@ void WebSocketConnection::deliverConnectReply(const std::string& messageId, cons
     if (!publisher) {
         return;
     }
+    sendFrame(*publisher, connectReplyFrame(messageId, replyClientId));
+}
+
+void WebSocketConnection::deliverPublishAndReply(const std::shared_ptr<const PublishRequest>& message,
+                                                 const std::string& messageId, const std::string& replyClientId) {
+    std::shared_ptr<FramePublisher> publisher = framePublisherLearning(&replyClientId);
+    if (!publisher) {
+        return;
+    }
+    sendFrame(*publisher, publishFrame(*message));
+    sendFrame(*publisher, connectReplyFrame(messageId, replyClientId));
+}
+
+// The receiver's copy would write the text all receivers share.
+common::DataBuffer WebSocketConnection::publishFrame(const PublishRequest& message) {
+    const common::DataBuffer& delivered = message.deliveredText();
+    common::DataBuffer text = frameStart(delivered.size + 2);
+    text.append(delivered.chars(), delivered.size);
+    return text;
+}
+
+common::DataBuffer WebSocketConnection::connectReplyFrame(const std::string& messageId, const std::string& replyClientId) {
     common::DataBuffer text = frameStart(typicalFrameBytes);
     serializeConnectReply(messageId, replyClientId, text);
-    sendFrame(*publisher, std::move(text));
+    return text;
 }
 
 std::shared_ptr<WebSocketConnection::FramePublisher> WebSocketConnection::framePublisherLearning(

@@ -62,6 +62,9 @@ public:
     void deliverPublish(const std::shared_ptr<const PublishRequest>& message) override;
     // A held connect's reply, written without a message made for it.
     void deliverConnectReply(const std::string& messageId, const std::string& replyClientId) override;
+    // Both, with one look-up of the frame publisher.
+    void deliverPublishAndReply(const std::shared_ptr<const PublishRequest>& message, const std::string& messageId,
+                                const std::string& replyClientId) override;
     // Every connect of the socket comes through this one connection.
     bool servesLaterConnects() const override { return true; }
     // Ends the connection: cancels the connect's stream and, if `failed`, fails the
@@ -79,6 +82,9 @@ private:
     std::shared_ptr<FramePublisher> framePublisherLearning(const std::string* replyClientId);
     // A frame's text: its array opened, with room for `room` bytes.
     static common::DataBuffer frameStart(std::size_t room);
+    // The texts of a publish's frame and of a connect reply's, their arrays still open.
+    static common::DataBuffer publishFrame(const PublishRequest& message);
+    static common::DataBuffer connectReplyFrame(const std::string& messageId, const std::string& replyClientId);
     // Closes the frame's array and writes it.
     static void sendFrame(FramePublisher& publisher, common::DataBuffer&& text);
     // Bayeux fields with no clientId get the one the connection learned from a reply.

@@ -55,10 +55,11 @@ std::unique_ptr<ConnectStreamRequest> ConnectTemplate::read(const common::DataBu
         return nullptr;
     }
     missesInARow = 0;
+    // Each string made whole and moved in: an assign to an empty string takes the general replace.
     auto request = std::make_unique<ConnectStreamRequest>();
-    request->id.assign(now.data() + known.idStart, end - known.idStart);
-    request->clientId.assign(known.text + known.clientIdAt, known.clientIdSize);
-    request->connectionType.assign(known.text + known.typeAt, known.typeSize);
+    request->id = std::string(now.data() + known.idStart, end - known.idStart);
+    request->clientId = std::string(known.text + known.clientIdAt, known.clientIdSize);
+    request->connectionType = std::string(known.text + known.typeAt, known.typeSize);
     return request;
 }
 

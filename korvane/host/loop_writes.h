@@ -18,9 +18,10 @@
 //
 // Threading: wake() may be called on any thread while the loop's io_context lives
 // (the host's connections call it under their frame source's lock, which they stop
-// collecting from as they end, and stop() ends them all before the contexts go). Everything else runs on the loop's one thread. `mutex`
-// guards `woken`, `turnPosted` and `shutDown` (set as the context goes, once no thread
-// runs the loop; the loop's own reads go without it). A context destroyed with a turn
+// collecting from as they end, and stop() ends them all before the contexts go).
+// Everything else runs on the loop's one thread. `mutex` guards `woken`, `turnPosted`
+// and `shutDown` (set as the context goes, once no thread runs the loop; the loop's own
+// reads go without it). A context destroyed with a turn
 // pending drops the writers it holds without a call.
 
 #include <cstddef>

@@ -82,7 +82,7 @@ DataBuffer closePayload(websocket::close_code code) {
 // order; those ready together (a delivery and the connect reply behind it) leave in one
 // gathered socket write. The source's first frame wakes the connection at the loop's next
 // turn (loop_writes.h), which from an I/O thread comes only once the handler that made
-// the frame has returned, so that a reply put in the inbox just after its message joins
+// the frame has returned, so that a reply made just after its message is taken with
 // it. On a plain socket the write is tried without blocking, with the turn's other writes
 // in one io_uring submission where the loop batches them, and only what the kernel does
 // not take waits for the socket. The peer's messages are read whole, only within the

@@ -5,6 +5,7 @@
 // it travels as std::unique_ptr; a fanned-out PublishRequest is shared as
 // std::shared_ptr<const PublishRequest> and never changed after that.
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -256,10 +257,20 @@ public:
     // The text every receiver gets (clientId written as null), built by the first
     // transport that writes a copy and kept for the others. Thread-safe.
     const common::DataBuffer& deliveredText() const;
+    // That text alone in a JSON array, a whole WebSocket message: built once, as the text is,
+    // and shared by the frames of every receiver that takes it as it is, which hold only it and
+    // not the message. Thread-safe.
+    const std::shared_ptr<const common::DataBuffer>& deliveredFrame() const;
 
 private:
+    // Each text is written once, under its once_flag; its flag, set behind it, spares the
+    // receivers that come later the once_flag's own cost.
     mutable std::once_flag deliveredOnce;
+    mutable std::atomic<bool> deliveredReady{false};
     mutable common::DataBuffer delivered;
+    mutable std::once_flag framedOnce;
+    mutable std::atomic<bool> framedReady{false};
+    mutable std::shared_ptr<const common::DataBuffer> framed;
 };
 
 class KORVANE_EXPORT PublishResponse : public BayeuxResponse, public BayeuxMessage {

@@ -307,8 +307,29 @@ const PublishRequest* unchangedOriginal(const PublishRequest& request) {
 }  // namespace
 
 const DataBuffer& PublishRequest::deliveredText() const {
-    std::call_once(deliveredOnce, [this] { writePublish(*this, std::string(), delivered); });
+    if (!deliveredReady.load(std::memory_order_acquire)) {
+        std::call_once(deliveredOnce, [this] {
+            writePublish(*this, std::string(), delivered);
+            deliveredReady.store(true, std::memory_order_release);
+        });
+    }
     return delivered;
+}
+
+const std::shared_ptr<const DataBuffer>& PublishRequest::deliveredFrame() const {
+    if (!framedReady.load(std::memory_order_acquire)) {
+        std::call_once(framedOnce, [this] {
+            const DataBuffer& text = deliveredText();
+            auto frame = std::make_shared<DataBuffer>();
+            frame->reserve(text.size + 2);
+            frame->push_back('[');
+            frame->append(text);
+            frame->push_back(']');
+            framed = std::move(frame);
+            framedReady.store(true, std::memory_order_release);
+        });
+    }
+    return framed;
 }
 
 void serializeConnectReply(const std::string& messageId, const std::string& clientId, DataBuffer& out) {

@@ -175,6 +175,12 @@ public:
         }
     }
 
+    // Whether a taker collects the values: from its collect() until it has taken the end or stopped.
+    bool isCollected() {
+        std::lock_guard<std::mutex> guard(mutex);
+        return taker == Taker::collecting;
+    }
+
     // The end is told once; the taker is then done, and its wake dropped.
     typename Collectable<T>::Ending takeAll(common::RingQueue<T>& into) override {
         std::function<void()> dropped;  // destroyed after the lock is released

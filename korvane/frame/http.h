@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 
 #include "korvane/frame/data_buffer.h"
@@ -56,11 +57,20 @@ public:
     std::shared_ptr<BodyPublisher> body;
 };
 
+// One frame's payload and first byte. Its bytes are its own (`data`), or, for a payload
+// written to many sockets alike, bytes it shares with other frames (`shared`, never
+// changed; `data` is then empty). Only a taker that collects a WebSocket's frames
+// (collectable.h) gets shared ones: frames handed to a subscriber carry their bytes in `data`.
 class KORVANE_EXPORT WebSocketFrame {
 public:
     WebSocketFrame(common::DataBuffer&& data, unsigned char firstByte) : data(std::move(data)), firstByte(firstByte) {}
+    WebSocketFrame(std::shared_ptr<const common::DataBuffer> shared, unsigned char firstByte)
+        : shared(std::move(shared)), firstByte(firstByte) {}
+
+    std::string_view bytes() const noexcept { return shared ? shared->view() : data.view(); }
 
     common::DataBuffer data;
+    std::shared_ptr<const common::DataBuffer> shared;
     unsigned char firstByte;  // 129: final fragment, text frame
 };
 

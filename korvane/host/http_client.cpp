@@ -590,7 +590,8 @@ private:
         // Deque elements stay in place while others are appended behind them.
         const http::WebSocketFrame& frame = writes.front();
         io->ws.text((frame.firstByte & 0x0F) != 0x02);
-        io->ws.async_write(asio::buffer(frame.data.data, frame.data.size),
+        const std::string_view payload = frame.bytes();
+        io->ws.async_write(asio::buffer(payload.data(), payload.size()),
                             [self = this->shared_from_this()](boost::system::error_code ec, std::size_t) {
                                 self->onWritten(ec);
                             });

@@ -422,7 +422,7 @@ private:
         const FrameSource::Ending ending = frameSource->takeAll(writeQueue);
         std::size_t overLimit = 0;  // what waited when the first frame past the backlog bound came
         for (std::size_t i = before; i < writeQueue.size(); ++i) {
-            queuedBytes += writeQueue[i].data.size;
+            queuedBytes += writeQueue[i].bytes().size();
             if (overLimit == 0 && queuedBytes > state->options.wsBacklogBytes) {
                 overLimit = queuedBytes;
             }
@@ -455,7 +455,7 @@ private:
     }
 
     void queueFrame(WebSocketFrame&& frame) {
-        queuedBytes += frame.data.size;
+        queuedBytes += frame.bytes().size();
         writeQueue.push_back(std::move(frame));
     }
 
@@ -531,12 +531,13 @@ private:
         std::size_t bytes = 0;
         for (std::size_t i = 0; i < sendingFrames; ++i) {
             const WebSocketFrame& frame = writeQueue[i];
-            const std::size_t headerBytes = writeFrameHeader(frame.firstByte, frame.data.size, sendHeaders[i].data());
+            const std::string_view payload = frame.bytes();
+            const std::size_t headerBytes = writeFrameHeader(frame.firstByte, payload.size(), sendHeaders[i].data());
             sendBuffers.emplace_back(sendHeaders[i].data(), headerBytes);
-            if (frame.data.size != 0) {
-                sendBuffers.emplace_back(frame.data.data, frame.data.size);
+            if (!payload.empty()) {
+                sendBuffers.emplace_back(payload.data(), payload.size());
             }
-            bytes += headerBytes + frame.data.size;
+            bytes += headerBytes + payload.size();
         }
         sendingBytes = bytes;
     }
@@ -559,10 +560,10 @@ private:
             const WebSocketFrame& frame = writeQueue.front();
             if (!error && !isControl(frame)) {
                 count(HostCounter::webSocketFramesOut);
-                count(HostCounter::webSocketBytesOut, frame.data.size);
+                count(HostCounter::webSocketBytesOut, frame.bytes().size());
             }
             closeWritten = closeWritten || frame.firstByte == closeFrame;
-            queuedBytes -= frame.data.size;
+            queuedBytes -= frame.bytes().size();
             writeQueue.pop_front();
         }
         sendingFrames = 0;
@@ -666,7 +667,7 @@ private:
     // Frames not yet under way are dropped; a write under way keeps its frames.
     void dropQueuedFrames() {
         while (writeQueue.size() > sendingFrames) {
-            queuedBytes -= writeQueue.back().data.size;
+            queuedBytes -= writeQueue.back().bytes().size();
             writeQueue.pop_back();
         }
     }

@@ -75,6 +75,7 @@ std::shared_ptr<reactive_streams::PublisherAPI<http::WebSocketFrame>> WebSocketC
     });
     std::lock_guard<std::mutex> guard(mutex);
     framePublisher = publisher;
+    framesCollected = false;
     return publisher;
 }
 
@@ -186,11 +187,12 @@ void WebSocketConnection::sendMessage(std::unique_ptr<Message>&& message) {
 void WebSocketConnection::deliver(std::unique_ptr<Message>&& message) { sendMessage(std::move(message)); }
 
 void WebSocketConnection::deliverPublish(const std::shared_ptr<const PublishRequest>& message) {
-    std::shared_ptr<FramePublisher> publisher = framePublisherLearning(nullptr);
+    bool collected = false;
+    std::shared_ptr<FramePublisher> publisher = framePublisherLearning(nullptr, &collected);
     if (!publisher) {
         return;
     }
-    sendFrame(*publisher, publishFrame(*message));
+    sendPublish(publisher, collected, message);
 }
 
 void WebSocketConnection::deliverConnectReply(const std::string& messageId, const std::string& replyClientId) {
@@ -203,12 +205,30 @@ void WebSocketConnection::deliverConnectReply(const std::string& messageId, cons
 
 void WebSocketConnection::deliverPublishAndReply(const std::shared_ptr<const PublishRequest>& message,
                                                  const std::string& messageId, const std::string& replyClientId) {
-    std::shared_ptr<FramePublisher> publisher = framePublisherLearning(&replyClientId);
+    bool collected = false;
+    std::shared_ptr<FramePublisher> publisher = framePublisherLearning(&replyClientId, &collected);
     if (!publisher) {
         return;
     }
-    sendFrame(*publisher, publishFrame(*message));
+    sendPublish(publisher, collected, message);
     sendFrame(*publisher, connectReplyFrame(messageId, replyClientId));
+}
+
+// Only a taker that collects understands shared bytes (http.h); one that subscribes gets its own copy.
+void WebSocketConnection::sendPublish(const std::shared_ptr<FramePublisher>& publisher, bool collected,
+                                      const std::shared_ptr<const PublishRequest>& message) {
+    if (!collected && publisher->isCollected()) {
+        std::lock_guard<std::mutex> guard(mutex);
+        framesCollected = framesCollected || framePublisher == publisher;
+        collected = true;
+    }
+    if (!collected) {
+        sendFrame(*publisher, publishFrame(*message));
+        return;
+    }
+    const std::shared_ptr<const common::DataBuffer>& frame = message->deliveredFrame();
+    KORVANE_LOG(logger, common::logTrace) << "Websocket frame sent: " << frame->view();
+    publisher->publish(http::WebSocketFrame(frame, textFrame));
 }
 
 // The receiver's copy would write the text all receivers share.
@@ -226,10 +246,13 @@ common::DataBuffer WebSocketConnection::connectReplyFrame(const std::string& mes
 }
 
 std::shared_ptr<WebSocketConnection::FramePublisher> WebSocketConnection::framePublisherLearning(
-    const std::string* replyClientId) {
+    const std::string* replyClientId, bool* collected) {
     std::lock_guard<std::mutex> guard(mutex);
     if (framePublisher && replyClientId != nullptr && !replyClientId->empty() && *replyClientId != clientId) {
         clientId = *replyClientId;
+    }
+    if (collected != nullptr) {
+        *collected = framesCollected;
     }
     return framePublisher;
 }

@@ -88,12 +88,18 @@ protected:
         return read(send(std::make_unique<http::HttpRequest>("post", "/bayeux", http::Headers(), makeBody(json)),
                          context ? context : browser()));
     }
-    // An upgrade that is not answered with a WebSocket fails the test with std::bad_cast.
-    Socket upgrade(std::shared_ptr<Context> context = nullptr) {
+    // The answer to an upgrade: a WebSocket, as webSocketOf checks.
+    std::unique_ptr<Message> open(std::shared_ptr<Context> context = nullptr) {
         http::Headers headers{{"upgrade", "websocket"}, {"connection", "Upgrade"}};
-        std::unique_ptr<Message> reply = send(
-            std::make_unique<http::HttpRequest>("get", "/bayeux", std::move(headers), nullptr), context ? context : browser());
-        auto& socket = dynamic_cast<http::WebSocket&>(*reply);
+        return send(std::make_unique<http::HttpRequest>("get", "/bayeux", std::move(headers), nullptr),
+                    context ? context : browser());
+    }
+    // An answer that is not a WebSocket fails the test with std::bad_cast.
+    static http::WebSocket& webSocketOf(const std::unique_ptr<Message>& reply) { return dynamic_cast<http::WebSocket&>(*reply); }
+    // An upgraded socket whose frames a recorder subscribes to.
+    Socket upgrade(std::shared_ptr<Context> context = nullptr) {
+        const std::unique_ptr<Message> reply = open(std::move(context));
+        http::WebSocket& socket = webSocketOf(reply);
         Socket opened{std::make_shared<FrameRecorder>(), std::make_shared<FrameFeed>(nullptr), socket.inbound};
         socket.inbound->subscribe(opened.written);
         opened.feed->subscribe(socket.outbound);

@@ -98,6 +98,41 @@ TEST_F(WebSocketTransport, OneConnectStreamsAnotherClientsPublishAsTwoFramesAndT
     EXPECT_EQ(bob.written->size(), 4u) << "bob saw his handshake and three publish replies, not his own messages";
 }
 
+// A host that collects the frames (as the reference host does) gets a publish's frame as the
+// bytes all its receivers share; a subscriber gets its own copy, in the frame's data.
+TEST_F(WebSocketTransport, ACollectingHostGetsAPublishAsSharedBytesAndASubscriberItsOwnCopy) {
+    using FrameSource = reactive_streams::Collectable<http::WebSocketFrame>;
+    Socket bob = upgrade(browser("browser-2")), alice = upgrade();
+    handshake(bob);
+    const std::string join[] = {R"({"channel":"/meta/handshake","id":"h"})",
+                                R"([{"channel":"/meta/subscribe","subscription":"/room"},{"channel":"/meta/connect","id":"c"}])"};
+    for (const std::string& frame : join) {
+        alice.send(frame);
+    }
+    std::unique_ptr<Message> collected[] = {open(), open()};
+    std::shared_ptr<FrameFeed> feeds[] = {std::make_shared<FrameFeed>(nullptr), std::make_shared<FrameFeed>(nullptr)};
+    for (std::size_t i = 0; i < 2; ++i) {
+        dynamic_cast<FrameSource&>(*webSocketOf(collected[i]).inbound).collect([] {});
+        feeds[i]->subscribe(webSocketOf(collected[i]).outbound);
+        for (const std::string& frame : join) {
+            feeds[i]->publish(http::WebSocketFrame(common::DataBuffer(frame), 129));
+        }
+    }
+    bob.send(R"({"channel":"/room","data":"hi"})");
+    clock->advance(5ms);
+    const std::string delivered = R"([{"channel":"/room","clientId":null,"data":"hi"}])";
+    EXPECT_EQ(alice.written->seen().at(2), delivered) << "the subscriber's copy is in the frame's data";
+    std::vector<const common::DataBuffer*> shared;
+    for (const std::unique_ptr<Message>& socket : collected) {
+        common::RingQueue<http::WebSocketFrame> frames;
+        dynamic_cast<FrameSource&>(*webSocketOf(socket).inbound).takeAll(frames);
+        ASSERT_EQ(frames.size(), 4u) << "handshake, subscribe, the publish and the connect's reply";
+        EXPECT_EQ(frames[2].bytes(), delivered);
+        shared.push_back(frames[2].shared.get());
+    }
+    EXPECT_TRUE(shared[0] != nullptr && shared[0] == shared[1]) << "one shared buffer for every receiver";
+}
+
 TEST_F(WebSocketTransport, UnreadableFrameAfterAGoodConnectFailsTheSocketWithoutAReplyAndEndsItsStream) {
     Socket bob = upgrade(browser("browser-2"));
     handshake(bob);

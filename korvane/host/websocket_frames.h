@@ -7,7 +7,8 @@
 // Doing this by hand rather than through a full WebSocket stream keeps the cost of a
 // frame to one pass over its bytes and no allocation.
 //
-// Threading: none; a FrameReader belongs to one connection.
+// Threading: none; a FrameReader belongs to one connection, read on one thread at a time.
+// Readers on one thread share a spare room (websocket_frames.cpp).
 
 #include <cstddef>
 #include <cstdint>
@@ -62,8 +63,8 @@ public:
         filled = consumed = wanted = 0;
         roomFilled = false;
     }
-    // Frees the storage when every byte read has been handed out: an idle connection
-    // holds no read buffer.
+    // Lets go of the storage when every byte read has been handed out: an idle connection
+    // holds no read buffer. A first-size one is kept for the next reader on this thread.
     void release();
 
 private:

@@ -101,10 +101,14 @@ TEST(Serialize, StringsAreEscapedForHtmlAndBrokenUtf8IsReplaced) {
         {"\xC3(\x80", bad + "(" + bad}, {"\xF4\x90\x80\x80", bad + bad + bad + bad}, {"\xED\xA0\x80", bad + bad + bad},
         {"\xE0\xA0\x80\xF0\x90\x80\x80", "\xE0\xA0\x80\xF0\x90\x80\x80"},
     };
-    for (const auto& [raw, escaped] : cases) {
-        EXPECT_EQ(textOf(with<DisconnectRequest>([&raw = raw](auto& m) { m.clientId = raw; })),
-                  "{\"channel\":\"/meta/disconnect\",\"clientId\":\"" + escaped + "\"}")
-            << "input of " << raw.size() << " bytes: " << raw;
+    // Each also behind and before plain text that fills the first sixteen-byte step and more.
+    for (const std::string padding : {"", "plain text, at le", "plain text, at least 32 bytes lon"}) {
+        for (const auto& [raw, escaped] : cases) {
+            const std::string padded = padding + raw + padding;
+            EXPECT_EQ(textOf(with<DisconnectRequest>([&padded](auto& m) { m.clientId = padded; })),
+                      "{\"channel\":\"/meta/disconnect\",\"clientId\":\"" + padding + escaped + padding + "\"}")
+                << "input of " << padded.size() << " bytes: " << padded;
+        }
     }
 }
 

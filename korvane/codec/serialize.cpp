@@ -327,31 +327,34 @@ const PublishRequest* unchangedOriginal(const PublishRequest& request) {
     return original;
 }
 
+// Runs `build` once, under `once`; `ready`, set behind it, spares later callers the once_flag's own cost.
+template <class Build>
+void buildOnce(std::once_flag& once, std::atomic<bool>& ready, Build build) {
+    if (!ready.load(std::memory_order_acquire)) {
+        std::call_once(once, [&] {
+            build();
+            ready.store(true, std::memory_order_release);
+        });
+    }
+}
+
 }  // namespace
 
 const DataBuffer& PublishRequest::deliveredText() const {
-    if (!deliveredReady.load(std::memory_order_acquire)) {
-        std::call_once(deliveredOnce, [this] {
-            writePublish(*this, std::string(), delivered);
-            deliveredReady.store(true, std::memory_order_release);
-        });
-    }
+    buildOnce(deliveredOnce, deliveredReady, [this] { writePublish(*this, std::string(), delivered); });
     return delivered;
 }
 
 const std::shared_ptr<const DataBuffer>& PublishRequest::deliveredFrame() const {
-    if (!framedReady.load(std::memory_order_acquire)) {
-        std::call_once(framedOnce, [this] {
-            const DataBuffer& text = deliveredText();
-            auto frame = std::make_shared<DataBuffer>();
-            frame->reserve(text.size + 2);
-            frame->push_back('[');
-            frame->append(text);
-            frame->push_back(']');
-            framed = std::move(frame);
-            framedReady.store(true, std::memory_order_release);
-        });
-    }
+    buildOnce(framedOnce, framedReady, [this] {
+        const DataBuffer& text = deliveredText();
+        auto frame = std::make_shared<DataBuffer>();
+        frame->reserve(text.size + 2);
+        frame->push_back('[');
+        frame->append(text);
+        frame->push_back(']');
+        framed = std::move(frame);
+    });
     return framed;
 }
 

@@ -175,10 +175,12 @@ public:
         }
     }
 
-    // Whether a taker collects the values: from its collect() until it has taken the end or stopped.
-    bool isCollected() {
+    // Who reads the values: nobody yet, a subscriber, or a taker that collects them (or did). An
+    // answer other than `none` never changes.
+    enum class Reader : std::uint8_t { none, subscriber, collector };
+    Reader reader() {
         std::lock_guard<std::mutex> guard(mutex);
-        return taker == Taker::collecting;
+        return subscriber ? Reader::subscriber : taker != Taker::none ? Reader::collector : Reader::none;
     }
 
     // The end is told once; the taker is then done, and its wake dropped.

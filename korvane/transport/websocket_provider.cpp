@@ -75,7 +75,7 @@ std::shared_ptr<reactive_streams::PublisherAPI<http::WebSocketFrame>> WebSocketC
     });
     std::lock_guard<std::mutex> guard(mutex);
     framePublisher = publisher;
-    framesCollected = false;
+    frameReader = FramePublisher::Reader::none;
     return publisher;
 }
 
@@ -187,12 +187,12 @@ void WebSocketConnection::sendMessage(std::unique_ptr<Message>&& message) {
 void WebSocketConnection::deliver(std::unique_ptr<Message>&& message) { sendMessage(std::move(message)); }
 
 void WebSocketConnection::deliverPublish(const std::shared_ptr<const PublishRequest>& message) {
-    bool collected = false;
-    std::shared_ptr<FramePublisher> publisher = framePublisherLearning(nullptr, &collected);
+    FramePublisher::Reader reader = FramePublisher::Reader::none;
+    std::shared_ptr<FramePublisher> publisher = framePublisherLearning(nullptr, &reader);
     if (!publisher) {
         return;
     }
-    sendPublish(publisher, collected, message);
+    sendPublish(publisher, reader, message);
 }
 
 void WebSocketConnection::deliverConnectReply(const std::string& messageId, const std::string& replyClientId) {
@@ -205,24 +205,27 @@ void WebSocketConnection::deliverConnectReply(const std::string& messageId, cons
 
 void WebSocketConnection::deliverPublishAndReply(const std::shared_ptr<const PublishRequest>& message,
                                                  const std::string& messageId, const std::string& replyClientId) {
-    bool collected = false;
-    std::shared_ptr<FramePublisher> publisher = framePublisherLearning(&replyClientId, &collected);
+    FramePublisher::Reader reader = FramePublisher::Reader::none;
+    std::shared_ptr<FramePublisher> publisher = framePublisherLearning(&replyClientId, &reader);
     if (!publisher) {
         return;
     }
-    sendPublish(publisher, collected, message);
+    sendPublish(publisher, reader, message);
     sendFrame(*publisher, connectReplyFrame(messageId, replyClientId));
 }
 
 // Only a taker that collects understands shared bytes (http.h); one that subscribes gets its own copy.
-void WebSocketConnection::sendPublish(const std::shared_ptr<FramePublisher>& publisher, bool collected,
+void WebSocketConnection::sendPublish(const std::shared_ptr<FramePublisher>& publisher,
+                                      FramePublisher::Reader reader,
                                       const std::shared_ptr<const PublishRequest>& message) {
-    if (!collected && publisher->isCollected()) {
+    if (reader == FramePublisher::Reader::none) {
+        reader = publisher->reader();
         std::lock_guard<std::mutex> guard(mutex);
-        framesCollected = framesCollected || framePublisher == publisher;
-        collected = true;
+        if (framePublisher == publisher) {
+            frameReader = reader;
+        }
     }
-    if (!collected) {
+    if (reader != FramePublisher::Reader::collector) {
         sendFrame(*publisher, publishFrame(*message));
         return;
     }
@@ -246,13 +249,13 @@ common::DataBuffer WebSocketConnection::connectReplyFrame(const std::string& mes
 }
 
 std::shared_ptr<WebSocketConnection::FramePublisher> WebSocketConnection::framePublisherLearning(
-    const std::string* replyClientId, bool* collected) {
+    const std::string* replyClientId, FramePublisher::Reader* reader) {
     std::lock_guard<std::mutex> guard(mutex);
     if (framePublisher && replyClientId != nullptr && !replyClientId->empty() && *replyClientId != clientId) {
         clientId = *replyClientId;
     }
-    if (collected != nullptr) {
-        *collected = framesCollected;
+    if (reader != nullptr) {
+        *reader = frameReader;
     }
     return framePublisher;
 }

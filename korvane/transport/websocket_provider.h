@@ -78,14 +78,14 @@ private:
     void doHandleConnect(std::unique_ptr<Message>&& connect);
     std::unique_ptr<Message> doAskService(std::unique_ptr<Message>&& message);
     // The publisher of the frames, null once done; a reply's client id, if given and not
-    // empty, becomes the connection's while the connection lasts. `collected`, if given, is
-    // set when the publisher is known to be collected.
+    // empty, becomes the connection's while the connection lasts. `reader`, if given, is set
+    // to the publisher's reader as far as the connection knows it.
     std::shared_ptr<FramePublisher> framePublisherLearning(const std::string* replyClientId,
-                                                           bool* collected = nullptr);
+                                                           FramePublisher::Reader* reader = nullptr);
     // Writes a publish's frame: the bytes all its receivers share when the host collects the
-    // frames (`collected` as framePublisherLearning told, or else asked of the publisher), a
-    // copy of them otherwise.
-    void sendPublish(const std::shared_ptr<FramePublisher>& publisher, bool collected,
+    // frames (`reader` as framePublisherLearning told, or else asked of the publisher), a copy
+    // of them otherwise.
+    void sendPublish(const std::shared_ptr<FramePublisher>& publisher, FramePublisher::Reader reader,
                      const std::shared_ptr<const PublishRequest>& message);
     // A frame's text: its array opened, with room for `room` bytes.
     static common::DataBuffer frameStart(std::size_t room);
@@ -100,8 +100,8 @@ private:
     // What every frame written reads comes first, beside the mutex.
     std::mutex mutex;
     std::shared_ptr<FramePublisher> framePublisher;
-    // `framePublisher` was seen collected; a publisher collected stays so until it ends.
-    bool framesCollected = false;
+    // Who reads `framePublisher`, once known (it never changes then).
+    FramePublisher::Reader frameReader = FramePublisher::Reader::none;
     std::string clientId;
     Address address;
     std::shared_ptr<Context> context;
